@@ -1,0 +1,27 @@
+#include "daemon/state.h"
+
+namespace tavik {
+namespace {
+
+Settings gSettings;
+Paths gPaths;
+Listener gListener;
+
+}  // namespace
+
+void Paths::deriveFrom(const std::string& home) {
+    homeDir = home;
+    logDir = homeDir + "LOG";
+    cntlPath = homeDir + "tvk.cntl";
+    followMarkerPath = homeDir + "follow.symlink";
+    logPath = logDir + "/tvk.log";
+    oldLogPath = logPath + ".old";
+    ipcPath = logDir + "/tvk.ipc";
+    pidPath = logDir + "/tavikd.pid";
+}
+
+Settings& settings() { return gSettings; }
+Paths& paths() { return gPaths; }
+Listener& listener() { return gListener; }
+
+}  // namespace tavik

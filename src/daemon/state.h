@@ -1,0 +1,93 @@
+// Process-wide state of the agent, in three named records.
+//
+// The daemon fills these at start-up; every job process inherits them at
+// fork and from then on owns its private copy. Settings and Paths are
+// read-only once the daemon serves (a job changes only its own copy, e.g. the
+// ack interval of its start command). Listener is owned by the listener loop
+// and read by cleanup and the job code (peer name, sockets to close).
+// Job-scoped state lives with the job (request/), not here.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace tavik {
+
+inline constexpr uint16_t kDefaultTcpPort = 6050;
+inline constexpr int kDefaultIoBufferSize = 2048;
+inline constexpr int kMinIoBufferSize = 1024;
+inline constexpr int kMaxIoBufferSize = 8192;
+inline constexpr uint16_t kDefaultIoBufferCount = 100;
+inline constexpr uint16_t kMinIoBufferCount = 10;
+inline constexpr uint16_t kMaxIoBufferCount = 1024;
+inline constexpr int kMinSocketBufferSize = 4096;
+inline constexpr int kMaxSocketBufferSize = 65535;
+// The longest home directory, including its final "/".
+inline constexpr size_t kMaxHomeDir = 255;
+
+struct Settings {
+    bool verbose = false;
+    int ioBufferSize = kDefaultIoBufferSize;
+    uint16_t ioBufferCount = kDefaultIoBufferCount;
+    bool skipNfs = true;
+    bool resetAccessTime = true;
+    int socketBufferSize = 0;  // 0: system's size; -1: the largest granted
+    bool singleUser = false;
+    int reconnectKB = 0;
+    int reconnectFiles = 0;
+    uint16_t waitSleepMs = 0;  // becomes 1 at start-up when -c gave none
+    bool boundedWait = false;
+    bool noCrossFs = false;
+    uint16_t tcpPort = kDefaultTcpPort;
+    bool checkLocks = false;
+    bool followLinks = false;
+    uint16_t ackInterval = 0;
+    bool blockingIo = true;
+
+    // Which options were present, for the confirmation lines.
+    bool ioBufferSizeGiven = false;
+    bool ioBufferCountGiven = false;
+    bool socketBufferSizeGiven = false;
+    bool tcpPortGiven = false;
+
+    // Nine tenths of ioBufferCount, fixed when the packet queue is sized.
+    int sleepScale = 0;
+
+    // Test support only: every long time-out (the 120 s request receive,
+    // the 180 s acknowledgement wait, the queue waits, the 30 s watchdog) is
+    // divided by this. Set from the environment variable TAVIK_TIME_DIVISOR
+    // at start-up; 1 in production.
+    int timeDivisor = 1;
+};
+
+struct Paths {
+    std::string homeDir;           // ends in "/"; at most kMaxHomeDir characters
+    std::string logDir;            // homeDir + "LOG"
+    std::string cntlPath;          // homeDir + "tvk.cntl"
+    std::string followMarkerPath;  // homeDir + "follow.symlink"
+    std::string logPath;           // logDir + "/tvk.log"
+    std::string oldLogPath;        // logPath + ".old"
+    std::string ipcPath;           // logDir + "/tvk.ipc"
+    std::string pidPath;           // logDir + "/tavikd.pid"
+
+    // Derives every path from homeDir.
+    void deriveFrom(const std::string& home);
+};
+
+struct Listener {
+    int udpSocket = -1;
+    int listenSocket = -1;  // -1 in a job process: how cleanup tells them apart
+    int jobSocket = -1;
+    char peerAddress[16] = {};
+    bool peerKnown = false;
+    std::string peerName;
+
+    // The caller as messages show it: the host name when known, else the address.
+    const char* caller() const { return peerKnown ? peerName.c_str() : peerAddress; }
+};
+
+Settings& settings();
+Paths& paths();
+Listener& listener();
+
+}  // namespace tavik

@@ -1,0 +1,132 @@
+#include "log/ulog.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "daemon/state.h"
+#include "platform/fd.h"
+
+namespace tavik {
+namespace {
+
+constexpr const char* kPrefix = "(ulog) ";
+
+// Writes all of `len` bytes, retrying after interruptions.
+bool writeAll(int fd, const char* data, size_t len) {
+    while (len > 0) {
+        ssize_t n = ::write(fd, data, len);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        data += n;
+        len -= size_t(n);
+    }
+    return true;
+}
+
+int rotate() {
+    const Paths& p = paths();
+    int rc = copyFile(p.logPath.c_str(), p.oldLogPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    if (rc != 0) {
+        switch (rc) {
+        case -1: printf(MSG_FAIED_OPEN, kPrefix, p.logPath.c_str(), errText()); break;
+        case -2: printf(MSG_FAIED_OPEN, kPrefix, p.oldLogPath.c_str(), errText()); break;
+        case -3: printf(MSG_FAILED_READING, kPrefix, p.logPath.c_str(), errText()); break;
+        default: printf(MSG_FAILED_WRITING, kPrefix, p.oldLogPath.c_str(), errText()); break;
+        }
+        fflush(stdout);
+        return -1;
+    }
+    platform::UniqueFd emptied(::open(p.logPath.c_str(), O_WRONLY | O_TRUNC));
+    if (!emptied) {
+        printf(MSG_FAIED_OPEN, kPrefix, p.logPath.c_str(), errText());
+        fflush(stdout);
+        return -1;
+    }
+    return 0;
+}
+
+int writeLine(const char* message) {
+    char line[kLogBufferSize];
+    int len = snprintf(line, sizeof line, "%s(%d) - %s\n", formatLogDate(time(nullptr)), int(getpid()), message);
+    if (len < 0) return -1;
+    if (size_t(len) >= sizeof line) {
+        len = int(sizeof line) - 1;
+        line[len - 1] = '\n';  // a cut line still ends the line
+    }
+    const Paths& p = paths();
+    platform::UniqueFd fd(::open(p.logPath.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0666));
+    if (!fd) {
+        printf(MSG_FAIED_OPEN, kPrefix, p.logPath.c_str(), errText());
+        printf("\n%s", line);
+        fflush(stdout);
+        return 0;
+    }
+    if (!writeAll(fd.get(), line, size_t(len))) {
+        printf(MSG_FAILED_WRITING, kPrefix, p.logPath.c_str(), errText());
+        printf("\n%s", line);
+        fflush(stdout);
+        return -1;
+    }
+    off_t size = ::lseek(fd.get(), 0, SEEK_END);
+    fd.reset();
+    if (size <= kLogRotateSize) return 0;
+    return rotate();
+}
+
+}  // namespace
+
+int vulog(const char* format, va_list args) {
+    int savedErrno = errno;
+    char message[kLogBufferSize];
+    if (vsnprintf(message, sizeof message, format, args) < 0) message[0] = '\0';
+    int rc = writeLine(message);
+    errno = savedErrno;
+    return rc;
+}
+
+int ulog(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    int rc = vulog(format, args);
+    va_end(args);
+    return rc;
+}
+
+int ulogText(const char* text) { return ulog("%s", text); }
+
+const char* formatLogDate(time_t when) {
+    static char buffer[48];
+    struct tm tm {};
+    localtime_r(&when, &tm);
+    snprintf(buffer, sizeof buffer, "%02d/%02d/%02d %02d:%02d:%02d", tm.tm_mon + 1, tm.tm_mday, tm.tm_year,
+             tm.tm_hour, tm.tm_min, tm.tm_sec);
+    return buffer;
+}
+
+int copyFile(const char* source, const char* destination, int openFlags, mode_t mode) {
+    platform::UniqueFd in(::open(source, O_RDONLY));
+    if (!in) return -1;
+    platform::UniqueFd out(::open(destination, openFlags, mode));
+    if (!out) return -2;
+    char buffer[2048];
+    for (;;) {
+        ssize_t n = ::read(in.get(), buffer, sizeof buffer);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return -3;
+        }
+        if (!writeAll(out.get(), buffer, size_t(n))) return -4;
+        if (size_t(n) < sizeof buffer) break;
+    }
+    return 0;
+}
+
+const char* errText() { return strerror(errno); }
+
+}  // namespace tavik

@@ -1,0 +1,45 @@
+// ulog: the one writer of the agent's log.
+//
+// Every process of the agent appends its lines to paths().logPath with
+// ulog(); each call opens, appends one line with a single write and closes,
+// so processes never share log state. A log that grows past kLogRotateSize
+// bytes is copied to paths().oldLogPath and emptied. When the log cannot be
+// opened or written the line goes to standard output instead; no failure of
+// the log ever ends a process. Messages are formatted with bounds: a message
+// longer than kLogMessageMax characters is cut.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdarg>
+#include <ctime>
+
+#include "log/messages.h"
+
+namespace tavik {
+
+inline constexpr long kLogRotateSize = 102400;
+inline constexpr size_t kLogBufferSize = 2048;
+inline constexpr size_t kLogMessageMax = kLogBufferSize - 1;
+
+// Appends "<date>(<pid>) - <message>\n". Returns 0 when the line was written
+// or sent to standard output because the log could not be opened, -1 when
+// writing or rotation failed. Callers need not test it.
+int ulog(const char* format, ...) __attribute__((format(printf, 1, 2)));
+int vulog(const char* format, va_list args) __attribute__((format(printf, 1, 0)));
+// Writes a finished text unchanged (a "%" in it stays a "%").
+int ulogText(const char* text);
+
+// "MM/DD/YY hh:mm:ss" of local time, the year counted from 1900 (three
+// digits from 2000 on). Returns a static buffer that the next call reuses.
+const char* formatLogDate(time_t when);
+
+// Copies source to destination in 2048-byte reads. Returns 0, or -1 (source
+// cannot be opened), -2 (destination cannot be opened), -3 (read failed),
+// -4 (write failed). Both descriptors are closed on every path.
+int copyFile(const char* source, const char* destination, int openFlags, mode_t mode);
+
+// The C library's text for the current errno.
+const char* errText();
+
+}  // namespace tavik

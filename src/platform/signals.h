@@ -1,0 +1,55 @@
+// The one place that installs signal handlers.
+//
+// Handlers are installed with sigaction and never with SA_RESTART, so a
+// blocking call that a signal interrupts returns EINTR to its caller, as the
+// agent's time-outs and wake-ups expect. OneShot handlers fall back to the
+// default action after one delivery; Persistent ones stay installed, which is
+// what a handler that "installs itself again" amounts to, without the window
+// in which a second signal would find the default action.
+//
+// Deferred signals: the handler only records the signal (async-signal-safe);
+// the work runs later, in normal context, when the process next calls
+// dispatchPendingSignals(). Every place that sees EINTR, and every long loop,
+// calls it. This is how SIGTERM reaches cleanup without running stdio,
+// malloc or the log inside a handler.
+#pragma once
+
+#include <csignal>
+
+namespace tavik::platform {
+
+enum class HandlerMode { Persistent, OneShot };
+
+using SignalHandler = void (*)(int);
+
+// Installs `handler` for `sig` with no SA_RESTART. Returns false on failure.
+bool installHandler(int sig, SignalHandler handler, HandlerMode mode = HandlerMode::Persistent);
+bool ignoreSignal(int sig);
+bool defaultSignal(int sig);
+
+// A handler that does nothing but interrupt the call in progress (alarms).
+void interruptOnly(int sig);
+
+// Records `sig` when it arrives; `action` runs from dispatchPendingSignals().
+bool deferSignal(int sig, SignalHandler action);
+bool signalPending(int sig);
+// Runs the action of every recorded deferred signal once, clearing it.
+void dispatchPendingSignals();
+// Forgets a recorded signal without running its action.
+void clearPendingSignal(int sig);
+
+// Blocks the given signal for the lifetime of the object.
+class SignalBlock {
+public:
+    explicit SignalBlock(int sig);
+    ~SignalBlock();
+    SignalBlock(const SignalBlock&) = delete;
+    SignalBlock& operator=(const SignalBlock&) = delete;
+    // The mask in force before the block, for sigsuspend.
+    const sigset_t& previousMask() const { return old_; }
+
+private:
+    sigset_t old_;
+};
+
+}  // namespace tavik::platform

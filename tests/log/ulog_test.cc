@@ -1,0 +1,129 @@
+#include "log/ulog.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+
+#include "daemon/state.h"
+
+namespace {
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+class UlogTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/tavik-ulog-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        tavik::paths().deriveFrom(dir_ + "/");
+        ASSERT_EQ(mkdir(tavik::paths().logDir.c_str(), 0777), 0);
+    }
+    void TearDown() override { std::system(("rm -rf '" + dir_ + "'").c_str()); }
+    const std::string& log() const { return tavik::paths().logPath; }
+    std::string dir_;
+};
+
+TEST_F(UlogTest, LineHasDatePidAndMessage) {
+    ASSERT_EQ(tavik::ulog(MSG_FAILED_CREATE, "(cleanup) ", "/x", "No such file"), 0);
+    std::string text = readFile(log());
+    std::regex line(R"(^\d\d/\d\d/\d{2,3} \d\d:\d\d:\d\d\((\d+)\) - \(cleanup\) Failed to create /x \(No such file\)\n$)");
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(text, m, line)) << text;
+    EXPECT_EQ(std::stoi(m[1]), getpid());
+}
+
+TEST_F(UlogTest, PreformattedPercentIsWrittenUnchanged) {
+    tavik::ulogText("100% of %s done");
+    EXPECT_NE(readFile(log()).find(" - 100% of %s done\n"), std::string::npos);
+}
+
+TEST_F(UlogTest, LongMessageIsCutNotOverflowed) {
+    std::string huge(10000, 'x');
+    tavik::ulog("%s", huge.c_str());
+    std::string text = readFile(log());
+    EXPECT_LT(text.size(), tavik::kLogBufferSize);
+    EXPECT_EQ(text.back(), '\n');
+}
+
+TEST_F(UlogTest, RotatesOnlyAbove102400Bytes) {
+    // Fill the log so that one more line of known length lands exactly on the limit.
+    tavik::ulog("probe");
+    const size_t lineLen = readFile(log()).size();  // every "probe" line has this length
+    {
+        std::ofstream out(log(), std::ios::binary | std::ios::trunc);
+        out << std::string(tavik::kLogRotateSize - lineLen, 'a');
+    }
+    tavik::ulog("probe");
+    ASSERT_EQ(readFile(log()).size(), size_t(tavik::kLogRotateSize)) << "exactly at the limit: not rotated";
+    EXPECT_EQ(access(tavik::paths().oldLogPath.c_str(), F_OK), -1);
+
+    tavik::ulog("crossing");
+    EXPECT_EQ(readFile(log()).size(), 0u) << "the new log begins empty";
+    std::string old = readFile(tavik::paths().oldLogPath);
+    EXPECT_EQ(old.size(), size_t(tavik::kLogRotateSize) + lineLen + 3);
+    EXPECT_NE(old.rfind(" - crossing\n"), std::string::npos) << "the crossing line ends the old log";
+    struct stat st;
+    ASSERT_EQ(stat(tavik::paths().oldLogPath.c_str(), &st), 0);
+    tavik::ulog("after");
+    EXPECT_NE(readFile(log()).find(" - after\n"), std::string::npos);
+}
+
+TEST_F(UlogTest, UnopenableLogFallsBackToStandardOutput) {
+    tavik::paths().deriveFrom(dir_ + "/missing/");
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(tavik::ulog("hello %d", 7), 0);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out.rfind("(ulog) Faied to open " + log() + " (No such file or directory)\n", 0), 0u) << out;
+    EXPECT_NE(out.find(" - hello 7\n"), std::string::npos);
+}
+
+TEST(LogDate, ThreeDigitYearFrom2000) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    // 7 June 2026 14:05:09 UTC and 7 June 1996 14:05:09 UTC.
+    EXPECT_STREQ(tavik::formatLogDate(1780841109), "06/07/126 14:05:09");
+    EXPECT_STREQ(tavik::formatLogDate(834156309), "06/07/96 14:05:09");
+}
+
+TEST(CopyFile, ReportsWhichSideFailed) {
+    EXPECT_EQ(tavik::copyFile("/nonexistent/a", "/tmp/x", O_WRONLY | O_CREAT, 0666), -1);
+    EXPECT_EQ(tavik::copyFile("/etc/hostname", "/nonexistent/b", O_WRONLY | O_CREAT, 0666), -2);
+    char tmpl[] = "/tmp/tavik-copy-XXXXXX";
+    int fd = mkstemp(tmpl);
+    ASSERT_GE(fd, 0);
+    std::string data(5000, 'q');
+    ASSERT_EQ(write(fd, data.data(), data.size()), ssize_t(data.size()));
+    close(fd);
+    std::string dest = std::string(tmpl) + ".copy";
+    EXPECT_EQ(tavik::copyFile(tmpl, dest.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666), 0);
+    EXPECT_EQ(readFile(dest), data);
+    unlink(tmpl);
+    unlink(dest.c_str());
+}
+
+TEST(MessageTable, HoldsTheFormatsInTableOrder) {
+    EXPECT_EQ(tavik::kMessageCount, 197);
+    EXPECT_STREQ(tavik::logMessage(1), "Tavik stopped");
+    EXPECT_STREQ(tavik::logMessage(6), "%sFaied to open %s (%s)");
+    EXPECT_STREQ(tavik::logMessage(155), "Tavik v%d.%d%c %sstarted on %s (%s %s %s %s)");
+    EXPECT_STREQ(tavik::logMessage(185), "Usage:\n  %s [options]\n");
+    EXPECT_STREQ(tavik::logMessage(197), "Dec");
+    EXPECT_EQ(tavik::logMessage(0), nullptr);
+    EXPECT_EQ(tavik::logMessage(198), nullptr);
+}
+
+}  // namespace

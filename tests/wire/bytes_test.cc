@@ -1,0 +1,90 @@
+#include "wire/bytes.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <vector>
+
+using tavik::wire::ByteReader;
+using tavik::wire::ByteWriter;
+
+TEST(ByteCodec, RoundTripBothByteOrders) {
+    std::array<uint8_t, 16> buf{};
+    ByteWriter w(buf);
+    ASSERT_TRUE(w.putU8(0xAB));
+    ASSERT_TRUE(w.putLe16(0x1234));
+    ASSERT_TRUE(w.putBe16(0x1234));
+    ASSERT_TRUE(w.putLe32(0xA1B2C3D4));
+    ASSERT_TRUE(w.putBe32(0xA1B2C3D4));
+    EXPECT_EQ(w.position(), 13u);
+    const std::array<uint8_t, 13> golden = {0xAB, 0x34, 0x12, 0x12, 0x34, 0xD4, 0xC3,
+                                            0xB2, 0xA1, 0xA1, 0xB2, 0xC3, 0xD4};
+    EXPECT_TRUE(std::equal(golden.begin(), golden.end(), buf.begin()));
+
+    ByteReader r(buf.data(), 13);
+    uint8_t u8;
+    uint16_t a, b;
+    uint32_t c, d;
+    ASSERT_TRUE(r.getU8(u8) && r.getLe16(a) && r.getBe16(b) && r.getLe32(c) && r.getBe32(d));
+    EXPECT_EQ(u8, 0xAB);
+    EXPECT_EQ(a, 0x1234);
+    EXPECT_EQ(b, 0x1234);
+    EXPECT_EQ(c, 0xA1B2C3D4u);
+    EXPECT_EQ(d, 0xA1B2C3D4u);
+    EXPECT_TRUE(r.empty());
+}
+
+TEST(ByteCodec, TruncationAtEveryLengthConsumesNothing) {
+    const std::vector<uint8_t> bytes = {1, 2, 3, 4, 5, 6, 7, 8};
+    for (size_t len = 0; len < 4; ++len) {
+        ByteReader r(bytes.data(), len);
+        uint32_t v;
+        EXPECT_FALSE(r.getLe32(v)) << len;
+        EXPECT_FALSE(r.getBe32(v)) << len;
+        EXPECT_EQ(r.position(), 0u);
+        if (len < 2) {
+            uint16_t s;
+            EXPECT_FALSE(r.getLe16(s));
+            EXPECT_EQ(r.position(), 0u);
+        }
+        std::string text;
+        EXPECT_FALSE(r.getFixedText(len + 1, text));
+        EXPECT_FALSE(r.skip(len + 1));
+        EXPECT_EQ(r.position(), 0u);
+    }
+}
+
+TEST(ByteCodec, FixedTextKeepsItsNul) {
+    std::array<uint8_t, 8> buf;
+    buf.fill(0xEE);
+    ByteWriter w(buf);
+    EXPECT_FALSE(w.putFixedText("12345678", 8)) << "no room for the NUL";
+    EXPECT_EQ(w.position(), 0u);
+    EXPECT_EQ(buf[0], 0xEE) << "a failed put writes nothing";
+    ASSERT_TRUE(w.putFixedText("1234567", 8));
+    EXPECT_EQ(buf[7], 0);
+
+    const uint8_t unterminated[4] = {'a', 'b', 'c', 'd'};
+    ByteReader r(unterminated, 4);
+    std::string text;
+    ASSERT_TRUE(r.getFixedText(4, text));
+    EXPECT_EQ(text, "abcd");
+    const uint8_t padded[6] = {'x', 'y', 0, 'z', 0, 0};
+    ByteReader r2(padded, 6);
+    ASSERT_TRUE(r2.getFixedText(6, text));
+    EXPECT_EQ(text, "xy");
+    EXPECT_TRUE(r2.empty());
+}
+
+TEST(ByteCodec, WriterRefusesOverflow) {
+    std::array<uint8_t, 3> buf{};
+    ByteWriter w(buf);
+    EXPECT_FALSE(w.putLe32(1));
+    ASSERT_TRUE(w.putLe16(1));
+    EXPECT_FALSE(w.putBe16(1));
+    EXPECT_FALSE(w.putZeros(2));
+    ASSERT_TRUE(w.putU8(9));
+    EXPECT_FALSE(w.putU8(9));
+    EXPECT_FALSE(w.seek(4));
+    EXPECT_TRUE(w.seek(3));
+}

@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets with clang and runs each for a short fixed time.
+#   tools/fuzz.sh [seconds-per-target]   (default 20)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds=${1:-20}
+CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DTAVIK_FUZZ=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build-fuzz -j"$(nproc)"
+status=0
+for target in build-fuzz/fuzz/fuzz_*; do
+  [ -x "$target" ] || continue
+  name=$(basename "$target")
+  corpus=build-fuzz/corpus/$name
+  mkdir -p "$corpus"
+  if "$target" -max_total_time="$seconds" -max_len=4096 -print_final_stats=0 "$corpus" >"build-fuzz/$name.log" 2>&1; then
+    echo "fuzz: $name ok (${seconds}s)"
+  else
+    echo "fuzz: $name FAILED"; tail -40 "build-fuzz/$name.log"; status=1
+  fi
+done
+exit $status
