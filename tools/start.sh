@@ -14,7 +14,11 @@ if [ -f run/LOG/tavikd.pid ] && kill -0 "$(cat run/LOG/tavikd.pid)" 2>/dev/null;
 fi
 cp build/src/daemon/tavikd build/src/frontend/tavikctl run/
 port=${TAVIK_PORT:-6050}
-"$PWD/run/tavikd" -p "$port" "$@"
+# The daemon keeps its standard output (it reports there when its log cannot
+# be opened): give it a file, so that a pipe reading this script's output
+# is not held open by the detached daemon.
+"$PWD/run/tavikd" -p "$port" "$@" >run/tavikd.out 2>&1 || { cat run/tavikd.out; exit 1; }
+cat run/tavikd.out
 echo "tavikd started on port $port (pid $(cat run/LOG/tavikd.pid)); log: run/LOG/tvk.log"
 echo "try:  run/tavikctl query 127.0.0.1:$port"
 echo "stop: kill \$(cat run/LOG/tavikd.pid)"
