@@ -11,6 +11,7 @@
 
 #include "filter/filter.h"
 #include "filter_test_support.h"
+#include "reference_match.h"
 
 namespace {
 
@@ -127,6 +128,34 @@ TEST(MatchName, ManyStarsStayFast) {
     EXPECT_EQ(MatchName(name, pattern), 1);
     EXPECT_EQ(MatchName(name + "b", pattern + "*b"), 1);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
+// Every pattern of up to four characters from "ab*?[]-!" against every name
+// of up to four characters from "ab-]", compared with the plain recursion.
+TEST(MatchName, AgreesWithTheRecursionOnEverySmallCase) {
+    const std::string patternAlphabet = "ab*?[]-!";
+    const std::string nameAlphabet = "ab-]";
+    auto all = [](const std::string& alphabet, size_t maxLen) {
+        std::vector<std::string> out = {""};
+        for (size_t begin = 0, len = 1; len <= maxLen; ++len) {
+            const size_t end = out.size();
+            for (size_t i = begin; i < end; ++i)
+                for (char c : alphabet) out.push_back(out[i] + c);
+            begin = end;
+        }
+        return out;
+    };
+    const std::vector<std::string> patterns = all(patternAlphabet, 4);
+    const std::vector<std::string> names = all(nameAlphabet, 4);
+    size_t disagreements = 0;
+    for (const std::string& p : patterns) {
+        for (const std::string& n : names) {
+            if (MatchName(n, p) != filtertest::referenceMatchName(n, p) && ++disagreements <= 10) {
+                ADD_FAILURE() << "name [" << n << "] pattern [" << p << "]";
+            }
+        }
+    }
+    EXPECT_EQ(disagreements, 0u);
 }
 
 // A filter on root /home/ from pattern texts, stored as the items would.
