@@ -319,7 +319,9 @@ int RecordGrooming(const char* path, const struct stat& status) {
         if (s.ageLimit == 0) s.ageLimit = GroomAgeLimit(s.startTime, s.record.nMonths);
         if (!(status.st_atime < s.ageLimit && status.st_mtime < s.ageLimit)) return 0;
     }
+    // Flushed line by line, so that the file on disk always holds whole lines.
     fprintf(s.candidates, "%d %s\n", s.sequence++, path);
+    fflush(s.candidates);
     return 0;
 }
 
