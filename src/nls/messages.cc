@@ -61,6 +61,12 @@ bool tryOpen(Catalogue& c, const std::string& home, const char* name, std::strin
 
 void OpenMessages(const char* home, const char* name) {
     Catalogue& c = catalogue();
+    // Opened again: the earlier catalogue is closed (its cached texts stay).
+    if (c.open) {
+        catclose(c.descriptor);
+        c.open = false;
+        c.descriptor = reinterpret_cast<nl_catd>(-1);
+    }
     const char* lang = getenv("LANG");
     c.locale = (lang && *lang) ? lang : "C";
     if (!setlocale(LC_ALL, c.locale.c_str())) {
