@@ -21,6 +21,7 @@
 #include "nls/dates.h"
 #include "nls/mbstring.h"
 #include "nls/messages.h"
+#include "platform/fd.h"
 #include "platform/signals.h"
 
 namespace tavik::groom {
@@ -152,19 +153,46 @@ int lastDayOfMonth(int month, int year) {
     return kDays[month];
 }
 
-// True when `path` reached through its resolved directory is protected or
-// lies directly under "/": a symbolic link on the way must not lead a
-// deletion into a protected place.
-bool protectedWhenResolved(const char* path, const GroomElement* list) {
+// Where a directory descriptor really is: the kernel's name for it, or
+// realpath of the name used when /proc is not mounted.
+bool actualDirectory(int dirFd, const std::string& used, std::string& out) {
+    char link[64];
+    snprintf(link, sizeof link, "/proc/self/fd/%d", dirFd);
+    char buf[PATH_MAX];
+    ssize_t n = readlink(link, buf, sizeof buf - 1);
+    if (n > 0) {
+        buf[n] = '\0';
+        out = buf;
+        return true;
+    }
+    if (!realpath(used.c_str(), buf)) return false;
+    out = buf;
+    return true;
+}
+
+enum class Removal { Skipped, Removed, Failed };
+
+// Removes one candidate that is not a directory. The file is reached through
+// a descriptor of its directory, and the protected test is made again on the
+// directory's real name: a symbolic link on the way, or one swapped in since
+// the recording, cannot lead the deletion into a protected place or directly
+// under "/". `st` receives the file's status.
+Removal removeCandidate(const char* path, const GroomElement* list, struct stat& st) {
+    if (IsProtected(path, list) != 0) return Removal::Skipped;
     const char* slash = strrchr(path, '/');
-    if (!slash) return false;
-    std::string dir(path, size_t(slash - path));
+    std::string dir = slash ? std::string(path, size_t(slash - path)) : std::string(".");
     if (dir.empty()) dir = "/";
-    char resolved[PATH_MAX];
-    if (!realpath(dir.c_str(), resolved)) return false;
-    std::string full = std::string(resolved) + (strcmp(resolved, "/") == 0 ? "" : "/") + (slash + 1);
-    if (strcmp(resolved, "/") == 0) return true;
-    return IsProtected(full.c_str(), list) != 0;
+    const char* base = slash ? slash + 1 : path;
+    if (*base == '\0' || strcmp(base, ".") == 0 || strcmp(base, "..") == 0) return Removal::Skipped;
+    platform::UniqueFd dirFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dirFd) return Removal::Skipped;
+    std::string real;
+    if (!actualDirectory(dirFd.get(), dir, real) || real == "/") return Removal::Skipped;
+    std::string full = real + "/" + base;
+    if (IsProtected(full.c_str(), list) != 0) return Removal::Skipped;
+    if (fstatat(dirFd.get(), base, &st, AT_SYMLINK_NOFOLLOW) != 0 || S_ISDIR(st.st_mode)) return Removal::Skipped;
+    if (unlinkat(dirFd.get(), base, 0) != 0) return Removal::Failed;
+    return Removal::Removed;
 }
 
 // Reads one line of at most size-1 bytes; a longer line is read to its end
@@ -354,12 +382,10 @@ int EndGrooming() {
         char* path = space + 1;
         path[strcspn(path, "\n")] = '\0';
         if (*path == '\0') continue;
-        // Checked again at deletion, through the real directory as well.
-        if (IsProtected(path, s.protectedList.get()) != 0) continue;
-        if (protectedWhenResolved(path, s.protectedList.get())) continue;
         struct stat st;
-        if (lstat(path, &st) != 0 || S_ISDIR(st.st_mode)) continue;
-        if (remove(path) != 0) {
+        Removal done = removeCandidate(path, s.protectedList.get(), st);
+        if (done == Removal::Skipped) continue;
+        if (done == Removal::Failed) {
             grlog(nls::GetMessage(kGroomSet, kMsgCannotRemove), kEndPrefix, path, errText());
             continue;
         }

@@ -290,6 +290,20 @@ TEST_F(GroomingLibrary, SymbolicLinkIntoProtectedDirectoryIsNotFollowed) {
     EXPECT_EQ(GroomedCount(), 0);
 }
 
+TEST_F(GroomingLibrary, DirectorySwappedForALinkAfterRecordingIsNotFollowed) {
+    writeFile(home_ + "/groom.cntl", tree_ + "/keep\n");
+    std::string precious = makeFile("keep/f", 3);
+    std::string plain = makeFile("plain/f", 3);
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
+    record(plain);
+    fs::rename(tree_ + "/plain", tree_ + "/plain-moved");
+    fs::create_directory_symlink(tree_ + "/keep", tree_ + "/plain");
+    ASSERT_EQ(endGrooming(), 0);
+    EXPECT_TRUE(fs::exists(precious));
+    EXPECT_TRUE(fs::exists(tree_ + "/plain-moved/f"));
+    EXPECT_EQ(GroomedCount(), 0);
+}
+
 TEST_F(GroomingLibrary, ControlFileIsReadForEveryGrooming) {
     writeFile(home_ + "/groom.cntl", tree_ + "/keep/\n");
     std::string a = makeFile("keep/a", 1);
