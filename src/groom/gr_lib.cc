@@ -274,6 +274,7 @@ int BeginGrooming(const char* logDir, const char* groomSet, const GroomingRecord
     s.protectedList.reset();
 
     // 1. The work file and the copy file.
+    s.owner = getpid();
     s.workFile = makeTemp("tvkgr");
     if (s.workFile.empty()) return -1;
     char copy[kCopyFileSize];
@@ -421,6 +422,19 @@ int MigrateLog(const char* workFile) {
 
 void RemoveGroomingTempFiles() {
     GroomState& s = state();
+    if (s.owner != getpid()) {
+        // A child forked during grooming: the files are its parent's. It
+        // only forgets them.
+        if (s.candidates) fclose(s.candidates);
+        s.candidates = nullptr;
+        if (s.workFd >= 0) close(s.workFd);
+        s.workFd = -1;
+        s.workFile.clear();
+        s.candidatesFile.clear();
+        s.sortedFile.clear();
+        s.startTime = 0;
+        return;
+    }
     if (sortPid > 0) {
         kill(sortPid, SIGTERM);
         while (waitpid(sortPid, nullptr, 0) < 0 && errno == EINTR) {

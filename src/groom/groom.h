@@ -88,7 +88,9 @@ int MigrateLog(const char* workFile);
 
 // Removes grooming's temporary files (work file, candidates file, and the
 // sorted list if one is in progress) and closes what is open. Safe to call
-// at any time and more than once; a missing file is no error.
+// at any time and more than once; a missing file is no error. In a process
+// forked after BeginGrooming it removes nothing: the files belong to the
+// process that began grooming, and the child only forgets them.
 void RemoveGroomingTempFiles();
 
 // What the job reads once grooming has ended.

@@ -1,6 +1,8 @@
 // Grooming's process state, shared by gr_lib and gr_cntl only.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdio>
 #include <ctime>
 #include <string>
@@ -24,6 +26,7 @@ struct GroomState {
     int groomedCount = 0;
     time_t controlFileTime = 0;
     GroomingRecord record;
+    pid_t owner = -1;               // the process whose temporary files these are
 };
 
 GroomState& state();

@@ -279,6 +279,25 @@ TEST_F(GroomingLibrary, RecordingPassesOverWhatIsNotEligible) {
     EXPECT_TRUE(tempFiles().empty());
 }
 
+TEST_F(GroomingLibrary, ForkedChildLeavesTheParentsFilesAlone) {
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
+    std::string candidates = GroomingCandidatesFile();
+    std::string work = GroomingWorkFile();
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        RemoveGroomingTempFiles();  // what cleanup does in any process
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(fs::exists(candidates));
+    EXPECT_TRUE(fs::exists(work));
+    RemoveGroomingTempFiles();
+    EXPECT_FALSE(fs::exists(candidates));
+    EXPECT_FALSE(fs::exists(work));
+}
+
 TEST_F(GroomingLibrary, SymbolicLinkIntoProtectedDirectoryIsNotFollowed) {
     writeFile(home_ + "/groom.cntl", tree_ + "/keep\n");
     std::string precious = makeFile("keep/precious", 3);
