@@ -51,14 +51,14 @@ std::string withoutNewline(const std::string& line) {
 GroomList new_element(const char* text) {
     GroomList element(new (std::nothrow) GroomElement);
     if (!element) {
-        grlog(nls::GetMessage(kGroomSet, kMsgNoMemory), kElementPrefix, kElementSize, errText());
+        grlog(GroomText(kMsgNoMemory), kElementPrefix, kElementSize, errText());
         return nullptr;
     }
     size_t len = strlen(text);
     try {
         element->name.assign(text, len > 0 ? len - 1 : 0);
     } catch (const std::bad_alloc&) {
-        grlog(nls::GetMessage(kGroomSet, kMsgNoMemory), kElementPrefix, int(len), errText());
+        grlog(GroomText(kMsgNoMemory), kElementPrefix, int(len), errText());
         return nullptr;
     }
     return element;
@@ -72,7 +72,7 @@ int dir_cntl(const char* controlFile, GroomList& list) {
     if (st.st_mtime <= s.controlFileTime) return 0;
     FILE* in = fopen(controlFile, "r");
     if (!in) {
-        grlog(nls::GetMessage(kGroomSet, kMsgCannotOpen), kCntlPrefix, controlFile, errText());
+        grlog(GroomText(kMsgCannotOpen), kCntlPrefix, controlFile, errText());
         return -1;
     }
     std::string line;

@@ -251,7 +251,7 @@ void grlog(const char* format, ...) {
     if (s.workFd == -1 && !s.workFile.empty()) {
         s.workFd = open(s.workFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
         if (s.workFd < 0) {
-            fprintf(stderr, nls::GetMessage(kGroomSet, kMsgWorkFileOpen), kLogPrefix, s.workFile.c_str(), errText());
+            fprintf(stderr, GroomText(kMsgWorkFileOpen), kLogPrefix, s.workFile.c_str(), errText());
             s.workFd = -2;
         }
     }
@@ -290,8 +290,8 @@ int BeginGrooming(const char* logDir, const char* groomSet, const GroomingRecord
     // 2, 3. The control file, and the work file's head.
     std::string control = ControlFileOf(logDir);
     grlog("\n");
-    grlog(nls::GetMessage(kGroomSet, kMsgTapeName), tape.tapeName.c_str());
-    grlog(nls::GetMessage(kGroomSet, kMsgSessionNumber), tape.sessionNumber.c_str());
+    grlog(GroomText(kMsgTapeName), tape.tapeName.c_str());
+    grlog(GroomText(kMsgSessionNumber), tape.sessionNumber.c_str());
     grlog("\n");
 
     // 4. groom.cntl. It is read afresh for every grooming: its list is
@@ -299,7 +299,7 @@ int BeginGrooming(const char* logDir, const char* groomSet, const GroomingRecord
     // the file "unchanged" and lose its protected paths.
     s.controlFileTime = 0;
     if (dir_cntl(control.c_str(), s.protectedList) != 0) {
-        grlog("%s", nls::GetMessage(kGroomSet, kMsgControlFile));
+        grlog("%s", GroomText(kMsgControlFile));
         return -1;
     }
 
@@ -312,7 +312,7 @@ int BeginGrooming(const char* logDir, const char* groomSet, const GroomingRecord
     for (const std::string& name : names) {
         GroomList element = new_element(name.c_str());
         if (!element) {
-            grlog("%s", nls::GetMessage(kGroomSet, kMsgProtectedList));
+            grlog("%s", GroomText(kMsgProtectedList));
             return -1;
         }
         element->next = std::move(s.protectedList);
@@ -361,7 +361,7 @@ int EndGrooming() {
 
     s.sortedFile = makeTemp("tvkgs");
     if (s.sortedFile.empty()) {
-        grlog(nls::GetMessage(kGroomSet, kMsgNoSortedName), kEndPrefix, errText());
+        grlog(GroomText(kMsgNoSortedName), kEndPrefix, errText());
         removeFile(s.candidatesFile);
         return 2;
     }
@@ -370,7 +370,7 @@ int EndGrooming() {
 
     FILE* sorted = fopen(s.sortedFile.c_str(), "r");
     if (!sorted) {
-        grlog(nls::GetMessage(kGroomSet, kMsgCannotOpen), kEndPrefix, s.sortedFile.c_str(), errText());
+        grlog(GroomText(kMsgCannotOpen), kEndPrefix, s.sortedFile.c_str(), errText());
         removeFile(s.sortedFile);
         return 2;
     }
@@ -387,7 +387,7 @@ int EndGrooming() {
         Removal done = removeCandidate(path, s.protectedList.get(), st);
         if (done == Removal::Skipped) continue;
         if (done == Removal::Failed) {
-            grlog(nls::GetMessage(kGroomSet, kMsgCannotRemove), kEndPrefix, path, errText());
+            grlog(GroomText(kMsgCannotRemove), kEndPrefix, path, errText());
             continue;
         }
         grlog("%s %s %12lld %s\n", nls::DateTextOf(st.st_mtime, 1), nls::TimeTextOf(st.st_mtime, 1),
@@ -397,7 +397,7 @@ int EndGrooming() {
     fclose(sorted);
     removeFile(s.sortedFile);
     grlog("\n");
-    grlog(nls::GetMessage(kGroomSet, kMsgDeletedCount), s.groomedCount);
+    grlog(GroomText(kMsgDeletedCount), s.groomedCount);
     closeWorkFile(s);
     return 0;
 }
@@ -412,7 +412,7 @@ int MigrateLog(const char* workFile) {
     bool whole = true;
     while (readBoundedLine(in, line, sizeof line, whole)) {
         if (!whole) continue;
-        static char words[4][kMigrateLine];
+        char words[4][kMigrateLine];
         int n = sscanf(line, "%1053s %1053s %1053s %1053s", words[0], words[1], words[2], words[3]);
         if (n == 4 && words[3][0] == '/') ulog(MSG_DELETE, words[3]);
     }

@@ -47,6 +47,11 @@ enum GroomMessage : int {
     kMsgDeletedCount = 11,     // count
 };
 
+// The catalogue text of set 13 `number`, or "catgetsErr" when its
+// conversions do not fit the arguments grooming passes for that number (a
+// damaged catalogue must not crash the job).
+const char* GroomText(int number);
+
 // Grooming kinds.
 inline constexpr int kKindRotation = 1;
 inline constexpr int kKindDelete = 2;

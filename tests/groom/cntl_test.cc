@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "groom/groom.h"
+#include "nls/messages.h"
 #include "scratch.h"
 
 namespace {
@@ -86,6 +87,34 @@ TEST_F(GroomControlFile, PackageValues) {
     writeFile(info, "TVKBIN=/opt/bin");
     ASSERT_TRUE(PackageValue(info.c_str(), "TVKBIN", value));
     EXPECT_EQ(value, "/opt/bin") << "a last line without its newline keeps all its text";
+}
+
+}  // namespace
+
+namespace {
+
+TEST(GroomTexts, DamagedCatalogueTextsAreNotUsedAsFormats) {
+    std::string dir = "/tmp/groomtext-" + std::to_string(getpid());
+    std::filesystem::create_directories(dir + "/nls/C");
+    groomtest::writeFile(dir + "/bad.msg", "$quote \"\n$set 13\n"
+                                           "1 \"%sok %s (%s)\\n\"\n"
+                                           "4 \"%s %s %s\\n\"\n"
+                                           "5 \"%n\\n\"\n"
+                                           "9 \"%s%s\\n\"\n"
+                                           "11 \"%ld\\n\"\n");
+    ASSERT_EQ(std::system(("gencat " + dir + "/nls/C/tavik.cat " + dir + "/bad.msg").c_str()), 0);
+    setenv("LANG", "C", 1);
+    setenv("NLSPATH", "/nonexistent/%N", 1);
+    tavik::nls::CloseMessages();
+    tavik::nls::OpenMessages(dir.c_str(), "tavik");
+    EXPECT_STREQ(tavik::groom::GroomText(1), "%sok %s (%s)\n");
+    EXPECT_STREQ(tavik::groom::GroomText(4), "catgetsErr") << "three texts for one argument";
+    EXPECT_STREQ(tavik::groom::GroomText(5), "catgetsErr");
+    EXPECT_STREQ(tavik::groom::GroomText(9), "%s%s\n") << "fewer conversions are harmless";
+    EXPECT_STREQ(tavik::groom::GroomText(11), "catgetsErr");
+    EXPECT_STREQ(tavik::groom::GroomText(2), "catgetsErr") << "absent";
+    tavik::nls::CloseMessages();
+    std::filesystem::remove_all(dir);
 }
 
 }  // namespace
