@@ -123,6 +123,7 @@ void runSort(const std::string& sorted, const std::string& candidates) {
     pid_t pid = fork();
     if (pid < 0) return;
     if (pid == 0) {
+        sigprocmask(SIG_SETMASK, &block.previousMask(), nullptr);
         execlp("sort", "sort", "-n", "-r", "-o", sorted.c_str(), candidates.c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
