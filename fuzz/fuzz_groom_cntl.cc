@@ -1,0 +1,66 @@
+// Arbitrary bytes as groom.cntl and as a package information file, then the
+// protected test over paths taken from the same bytes; and the same bytes as
+// a GROOMING payload and tape record.
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "groom/groom.h"
+#include "groom/record.h"
+#include "wire/bytes.h"
+
+namespace {
+
+char scratchName[] = "/tmp/fuzz-groom-cntl-XXXXXX";
+
+void removeScratch() { unlink(scratchName); }
+
+std::string scratchFile() {
+    static bool made = [] {
+        int fd = mkstemp(scratchName);
+        if (fd < 0) abort();
+        close(fd);
+        atexit(removeScratch);
+        return true;
+    }();
+    (void)made;
+    return scratchName;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    using namespace tavik::groom;
+    std::string file = scratchFile();
+    FILE* out = fopen(file.c_str(), "w");
+    if (!out) return 0;
+    fwrite(data, 1, size, out);
+    fclose(out);
+
+    ResetGrooming();  // forgets the control file's time, so it is read again
+    GroomList list;
+    if (dir_cntl(file.c_str(), list) != 0) abort();
+    std::string value;
+    (void)PackageValue(file.c_str(), "KRV_HOME", value);
+    if (value.size() > size) abort();
+
+    std::string text(reinterpret_cast<const char*>(data), size);
+    for (size_t start = 0; start < text.size();) {
+        size_t nl = text.find('\n', start);
+        std::string path = text.substr(start, nl == std::string::npos ? std::string::npos : nl - start);
+        int r = IsProtected(path.c_str(), list.get());
+        if (r != 0 && r != -1) abort();
+        if (nl == std::string::npos) break;
+        start = nl + 1;
+    }
+
+    tavik::wire::ByteReader in(data, size);
+    GroomingRecord record = DecodeGroomingRecord(in);
+    if (record.rotationSet.size() > kGroomSetWidth) abort();
+    TapeRecord tape;
+    size_t before = in.position();
+    if (!DecodeTapeRecord(in, tape) && in.position() != before) abort();
+    return 0;
+}

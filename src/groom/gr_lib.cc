@@ -1,0 +1,472 @@
+// Grooming's life cycle: BeginGrooming, RecordGrooming, EndGrooming, its
+// work file writer grlog, and MigrateLog.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "groom/groom.h"
+#include "groom/internal.h"
+#include "log/ulog.h"
+#include "nls/dates.h"
+#include "nls/mbstring.h"
+#include "nls/messages.h"
+#include "platform/fd.h"
+#include "platform/signals.h"
+
+namespace tavik::groom {
+
+namespace detail {
+GroomState& state() {
+    static GroomState s;
+    return s;
+}
+}  // namespace detail
+
+namespace {
+
+using detail::GroomState;
+using detail::state;
+
+constexpr const char* kEndPrefix = "(EndGrooming) ";
+constexpr const char* kLogPrefix = "(grlog) ";
+constexpr const char* kMigratePrefix = "(MigrateLog) ";
+constexpr size_t kGrlogMax = 2048;
+// A candidates line is read into 1034 bytes ("%d %s\n" and the NUL); a path
+// that could not fit whole is never recorded, so no line is ever split.
+constexpr size_t kCandidateLine = 1034;
+constexpr size_t kMaxCandidatePath = 1020;
+// MigrateLog reads lines of up to 1053 characters.
+constexpr size_t kMigrateLine = 1054;
+// The copy file name is a text of 1024 bytes.
+constexpr size_t kCopyFileSize = 1024;
+
+// The built-in protected names, each with the final newline that
+// new_element removes.
+constexpr const char* kBuiltinProtected[] = {
+    "/bin\n", "/etc\n", "/usr/bin\n", "/dev\n", "/lib\n", "/usr/lib\n", "/sbin\n", "/usr/sbin\n",
+    "tavik\n", "Korvane\n", "/kernel\n", "/usr/kernel\n", "/devices\n", "/var/sadm/pkg\n",
+};
+// Room for the built-in names, the two package values and the end mark.
+constexpr size_t kProtectedTableSize = 32;
+static_assert(sizeof kBuiltinProtected / sizeof kBuiltinProtected[0] + 2 + 1 <= kProtectedTableSize);
+
+constexpr const char* kServerPkgInfo = "/var/sadm/pkg/Korvane/pkginfo";
+constexpr const char* kAgentPkgInfo = "/var/sadm/pkg/TAVIK/pkginfo";
+
+// Makes an empty temporary file "<tempDir>/<stem>XXXXXX" and returns its
+// name, or "" (errno set) when none could be made. mkstemp replaces the
+// name-only tmpnam of older systems: no other process can take the name
+// between choosing and opening it.
+std::string makeTemp(const char* stem, int* fdOut = nullptr) {
+    std::string pattern = groomingEnvironment().tempDir + "/" + stem + "XXXXXX";
+    std::vector<char> name(pattern.begin(), pattern.end());
+    name.push_back('\0');
+    int fd = mkstemp(name.data());
+    if (fd < 0) return std::string();
+    if (fdOut) *fdOut = fd; else close(fd);
+    return std::string(name.data());
+}
+
+void removeFile(std::string& name) {
+    if (!name.empty()) unlink(name.c_str());
+    name.clear();
+}
+
+void closeCandidates(GroomState& s) {
+    if (s.candidates) fclose(s.candidates);
+    s.candidates = nullptr;
+}
+
+void closeWorkFile(GroomState& s) {
+    if (s.workFd >= 0) close(s.workFd);
+    s.workFd = -1;
+}
+
+bool writeAll(int fd, const char* data, size_t len) {
+    while (len > 0) {
+        ssize_t n = write(fd, data, len);
+        if (n < 0) {
+            if (errno == EINTR) {
+                platform::dispatchPendingSignals();
+                continue;
+            }
+            return false;
+        }
+        data += n;
+        len -= size_t(n);
+    }
+    return true;
+}
+
+// The pid of the running "sort", for RemoveGroomingTempFiles.
+pid_t sortPid = -1;
+
+// Runs "sort -n -r -o <sorted> <candidates>": the candidates by descending
+// sequence number. The command's result is not looked at; a missing sorted
+// list shows when it is read. The child is started without a shell (the
+// names never pass through one), with SIGCHLD blocked so that its end is not
+// taken for the death of another child of the job; a SIGCHLD that another
+// child raised meanwhile is raised again.
+void runSort(const std::string& sorted, const std::string& candidates) {
+    platform::SignalBlock block(SIGCHLD);
+    pid_t pid = fork();
+    if (pid < 0) return;
+    if (pid == 0) {
+        sigprocmask(SIG_SETMASK, &block.previousMask(), nullptr);
+        execlp("sort", "sort", "-n", "-r", "-o", sorted.c_str(), candidates.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    sortPid = pid;
+    int status;
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) break;
+        platform::dispatchPendingSignals();
+    }
+    sortPid = -1;
+    sigset_t only;
+    sigemptyset(&only);
+    sigaddset(&only, SIGCHLD);
+    struct timespec zero = {0, 0};
+    int consumed = sigtimedwait(&only, nullptr, &zero);
+    siginfo_t other = {};
+    if (consumed == SIGCHLD &&
+        waitid(P_ALL, 0, &other, WEXITED | WSTOPPED | WNOHANG | WNOWAIT) == 0 && other.si_pid != 0) {
+        raise(SIGCHLD);
+    }
+}
+
+bool isLeapYear(int year) { return (year % 400 == 0) || (year % 4 == 0 && year % 100 != 0); }
+
+int lastDayOfMonth(int month, int year) {
+    static const int kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    if (month == 1 && isLeapYear(year)) return 29;
+    return kDays[month];
+}
+
+// Where a directory descriptor really is: the kernel's name for it, or
+// realpath of the name used when /proc is not mounted.
+bool actualDirectory(int dirFd, const std::string& used, std::string& out) {
+    char link[64];
+    snprintf(link, sizeof link, "/proc/self/fd/%d", dirFd);
+    char buf[PATH_MAX];
+    ssize_t n = readlink(link, buf, sizeof buf - 1);
+    if (n > 0) {
+        buf[n] = '\0';
+        out = buf;
+        return true;
+    }
+    if (!realpath(used.c_str(), buf)) return false;
+    out = buf;
+    return true;
+}
+
+enum class Removal { Skipped, Removed, Failed };
+
+// Removes one candidate that is not a directory. The file is reached through
+// a descriptor of its directory, and the protected test is made again on the
+// directory's real name: a symbolic link on the way, or one swapped in since
+// the recording, cannot lead the deletion into a protected place or directly
+// under "/". `st` receives the file's status.
+Removal removeCandidate(const char* path, const GroomElement* list, struct stat& st) {
+    if (IsProtected(path, list) != 0) return Removal::Skipped;
+    const char* slash = strrchr(path, '/');
+    std::string dir = slash ? std::string(path, size_t(slash - path)) : std::string(".");
+    if (dir.empty()) dir = "/";
+    const char* base = slash ? slash + 1 : path;
+    if (*base == '\0' || strcmp(base, ".") == 0 || strcmp(base, "..") == 0) return Removal::Skipped;
+    platform::UniqueFd dirFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dirFd) return Removal::Skipped;
+    std::string real;
+    if (!actualDirectory(dirFd.get(), dir, real) || real == "/") return Removal::Skipped;
+    std::string full = real + "/" + base;
+    if (IsProtected(full.c_str(), list) != 0) return Removal::Skipped;
+    if (fstatat(dirFd.get(), base, &st, AT_SYMLINK_NOFOLLOW) != 0 || S_ISDIR(st.st_mode)) return Removal::Skipped;
+    if (unlinkat(dirFd.get(), base, 0) != 0) return Removal::Failed;
+    return Removal::Removed;
+}
+
+// Reads one line of at most size-1 bytes; a longer line is read to its end
+// and dropped. False at the end of the file.
+bool readBoundedLine(FILE* in, char* buf, size_t size, bool& whole) {
+    if (!fgets(buf, int(size), in)) return false;
+    size_t len = strlen(buf);
+    whole = len > 0 && buf[len - 1] == '\n';
+    if (!whole && len == size - 1) {
+        int c;
+        while ((c = fgetc(in)) != EOF && c != '\n') {
+        }
+    } else if (!whole) {
+        whole = true;  // the last line of the file, without its newline
+    }
+    return true;
+}
+
+}  // namespace
+
+GroomingEnvironment& groomingEnvironment() {
+    static GroomingEnvironment e;
+    return e;
+}
+
+time_t GroomAgeLimit(time_t start, int nMonths) {
+    struct tm when;
+    localtime_r(&start, &when);
+    int startDay = when.tm_mday;
+    when.tm_mon -= nMonths;
+    when.tm_isdst = -1;
+    mktime(&when);
+    if (when.tm_mday < startDay) {
+        // The target month was shorter and the day ran into the next month.
+        when.tm_mon -= 1;
+        if (when.tm_mon < 0) {
+            when.tm_mon += 12;
+            when.tm_year -= 1;
+        }
+        when.tm_mday = lastDayOfMonth(when.tm_mon, when.tm_year + 1900);
+    }
+    when.tm_hour = when.tm_min = when.tm_sec = 0;
+    when.tm_isdst = -1;
+    return mktime(&when);
+}
+
+void grlog(const char* format, ...) {
+    char text[kGrlogMax];
+    va_list args;
+    va_start(args, format);
+    int n = vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    if (n < 0) return;
+    size_t len = size_t(n) < sizeof text ? size_t(n) : sizeof text - 1;
+    GroomState& s = state();
+    if (s.workFd == -1 && !s.workFile.empty()) {
+        s.workFd = open(s.workFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+        if (s.workFd < 0) {
+            fprintf(stderr, GroomText(kMsgWorkFileOpen), kLogPrefix, s.workFile.c_str(), errText());
+            s.workFd = -2;
+        }
+    }
+    if (s.workFd >= 0) {
+        if (writeAll(s.workFd, text, len)) return;
+    }
+    fwrite(text, 1, len, stderr);
+}
+
+int BeginGrooming(const char* logDir, const char* groomSet, const GroomingRecord& record, const TapeRecord& tape) {
+    GroomState& s = state();
+    // A grooming left unfinished by this process gives way to the new one.
+    closeCandidates(s);
+    removeFile(s.candidatesFile);
+    closeWorkFile(s);
+    s.startTime = 0;
+    s.ageLimit = 0;
+    s.sequence = 1;
+    s.groomedCount = 0;
+    s.protectedList.reset();
+
+    // 1. The work file and the copy file.
+    s.owner = getpid();
+    s.workFile = makeTemp("tvkgr");
+    if (s.workFile.empty()) return -1;
+    char copy[kCopyFileSize];
+    if (record.fOptions & kGroomDelete) {
+        s.kind = kKindDelete;
+        snprintf(copy, sizeof copy, "%s/migrate.log", logDir);
+    } else {
+        s.kind = kKindRotation;
+        snprintf(copy, sizeof copy, "%s/%.*s.grm", logDir, int(kGroomSetTextSize), groomSet);
+    }
+    s.copyFile = copy;
+
+    // 2, 3. The control file, and the work file's head.
+    std::string control = ControlFileOf(logDir);
+    grlog("\n");
+    grlog(GroomText(kMsgTapeName), tape.tapeName.c_str());
+    grlog(GroomText(kMsgSessionNumber), tape.sessionNumber.c_str());
+    grlog("\n");
+
+    // 4. groom.cntl. It is read afresh for every grooming: its list is
+    // rebuilt each time, so a second grooming in one process must not find
+    // the file "unchanged" and lose its protected paths.
+    s.controlFileTime = 0;
+    if (dir_cntl(control.c_str(), s.protectedList) != 0) {
+        grlog("%s", GroomText(kMsgControlFile));
+        return -1;
+    }
+
+    // 5. The built-in names and the package homes, each put at the front.
+    std::vector<std::string> names(std::begin(kBuiltinProtected), std::end(kBuiltinProtected));
+    const std::string& root = groomingEnvironment().packageRoot;
+    std::string value;
+    if (PackageValue((root + kServerPkgInfo).c_str(), "KRV_HOME", value)) names.push_back(value + "\n");
+    if (PackageValue((root + kAgentPkgInfo).c_str(), "TVKBIN", value)) names.push_back(value + "/tavik\n");
+    for (const std::string& name : names) {
+        GroomList element = new_element(name.c_str());
+        if (!element) {
+            grlog("%s", GroomText(kMsgProtectedList));
+            return -1;
+        }
+        element->next = std::move(s.protectedList);
+        s.protectedList = std::move(element);
+    }
+
+    // 6. The record, the candidates file, the start time.
+    s.record = record;
+    int fd = -1;
+    s.candidatesFile = makeTemp("tvkgc", &fd);
+    if (s.candidatesFile.empty()) return -1;
+    s.candidates = fdopen(fd, "w+");
+    if (!s.candidates) {
+        close(fd);
+        removeFile(s.candidatesFile);
+        return -1;
+    }
+    s.startTime = time(nullptr);
+    return 0;
+}
+
+int RecordGrooming(const char* path, const struct stat& status) {
+    GroomState& s = state();
+    if (!s.candidates || s.startTime == 0) return 0;
+    // A name that could break its candidates line is never recorded: a
+    // newline in it, or a length that would split the line, would let the
+    // rest of the name read as a candidate of its own.
+    size_t len = strlen(path);
+    if (len == 0 || len > kMaxCandidatePath || memchr(path, '\n', len)) return 0;
+    if (IsProtected(path, s.protectedList.get()) != 0) return 0;
+    if (!S_ISDIR(status.st_mode) && !nls::MbStrChr(path + 1, '/')) return 0;
+    if (s.kind == kKindRotation) {
+        if (s.ageLimit == 0) s.ageLimit = GroomAgeLimit(s.startTime, s.record.nMonths);
+        if (!(status.st_atime < s.ageLimit && status.st_mtime < s.ageLimit)) return 0;
+    }
+    // Flushed line by line, so that the file on disk always holds whole lines.
+    fprintf(s.candidates, "%d %s\n", s.sequence++, path);
+    fflush(s.candidates);
+    return 0;
+}
+
+int EndGrooming() {
+    GroomState& s = state();
+    if (!s.candidates) return -1;
+    closeCandidates(s);
+
+    s.sortedFile = makeTemp("tvkgs");
+    if (s.sortedFile.empty()) {
+        grlog(GroomText(kMsgNoSortedName), kEndPrefix, errText());
+        removeFile(s.candidatesFile);
+        return 2;
+    }
+    runSort(s.sortedFile, s.candidatesFile);
+    removeFile(s.candidatesFile);
+
+    FILE* sorted = fopen(s.sortedFile.c_str(), "r");
+    if (!sorted) {
+        grlog(GroomText(kMsgCannotOpen), kEndPrefix, s.sortedFile.c_str(), errText());
+        removeFile(s.sortedFile);
+        return 2;
+    }
+    char line[kCandidateLine];
+    bool whole = true;
+    while (readBoundedLine(sorted, line, sizeof line, whole)) {
+        if (!whole) continue;
+        char* space = strchr(line, ' ');
+        if (!space) continue;
+        char* path = space + 1;
+        path[strcspn(path, "\n")] = '\0';
+        if (*path == '\0') continue;
+        struct stat st;
+        Removal done = removeCandidate(path, s.protectedList.get(), st);
+        if (done == Removal::Skipped) continue;
+        if (done == Removal::Failed) {
+            grlog(GroomText(kMsgCannotRemove), kEndPrefix, path, errText());
+            continue;
+        }
+        grlog("%s %s %12lld %s\n", nls::DateTextOf(st.st_mtime, 1), nls::TimeTextOf(st.st_mtime, 1),
+              static_cast<long long>(st.st_size), path);
+        ++s.groomedCount;
+    }
+    fclose(sorted);
+    removeFile(s.sortedFile);
+    grlog("\n");
+    grlog(GroomText(kMsgDeletedCount), s.groomedCount);
+    closeWorkFile(s);
+    return 0;
+}
+
+int MigrateLog(const char* workFile) {
+    FILE* in = fopen(workFile, "r");
+    if (!in) {
+        ulog(MSG_FAIED_OPEN, kMigratePrefix, workFile, errText());
+        return -1;
+    }
+    char line[kMigrateLine];
+    bool whole = true;
+    while (readBoundedLine(in, line, sizeof line, whole)) {
+        if (!whole) continue;
+        char words[4][kMigrateLine];
+        int n = sscanf(line, "%1053s %1053s %1053s %1053s", words[0], words[1], words[2], words[3]);
+        if (n == 4 && words[3][0] == '/') ulog(MSG_DELETE, words[3]);
+    }
+    fclose(in);
+    return 0;
+}
+
+void RemoveGroomingTempFiles() {
+    GroomState& s = state();
+    if (s.owner != getpid()) {
+        // A child forked during grooming: the files are its parent's. It
+        // only forgets them.
+        if (s.candidates) fclose(s.candidates);
+        s.candidates = nullptr;
+        if (s.workFd >= 0) close(s.workFd);
+        s.workFd = -1;
+        s.workFile.clear();
+        s.candidatesFile.clear();
+        s.sortedFile.clear();
+        s.startTime = 0;
+        return;
+    }
+    if (sortPid > 0) {
+        kill(sortPid, SIGTERM);
+        while (waitpid(sortPid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+        sortPid = -1;
+    }
+    closeCandidates(s);
+    closeWorkFile(s);
+    removeFile(s.workFile);
+    removeFile(s.candidatesFile);
+    removeFile(s.sortedFile);
+    s.startTime = 0;
+}
+
+void ResetGrooming() {
+    RemoveGroomingTempFiles();
+    GroomState& s = state();
+    s.kind = 0;
+    s.copyFile.clear();
+    s.sequence = 1;
+    s.ageLimit = 0;
+    s.protectedList.reset();
+    s.groomedCount = 0;
+    s.controlFileTime = 0;
+    s.record = GroomingRecord{};
+}
+
+const char* GroomingWorkFile() { return state().workFile.c_str(); }
+const char* GroomingCopyFile() { return state().copyFile.c_str(); }
+int GroomedCount() { return state().groomedCount; }
+int GroomingKind() { return state().kind; }
+const char* GroomingCandidatesFile() { return state().candidatesFile.c_str(); }
+
+}  // namespace tavik::groom

@@ -1,0 +1,392 @@
+// The grooming library end to end in scratch trees: what is deleted, in
+// which order, what is kept, and the files it writes.
+#include "groom/groom.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <cstdlib>
+#include <ctime>
+#include <regex>
+
+#include "daemon/state.h"
+#include "nls/messages.h"
+#include "scratch.h"
+
+namespace {
+
+using namespace tavik::groom;
+using groomtest::lines;
+using groomtest::readFile;
+using groomtest::writeFile;
+namespace fs = std::filesystem;
+
+// 2020-01-02 03:00:00 UTC; tests that print dates run with TZ=UTC.
+constexpr time_t kJan2 = 1577934000;
+
+class GroomingLibrary : public groomtest::GroomScratch {
+protected:
+    void SetUp() override {
+        setenv("TZ", "UTC", 1);
+        tzset();
+        GroomScratch::SetUp();
+    }
+    void TearDown() override {
+        GroomScratch::TearDown();
+        unsetenv("TZ");
+        tzset();
+    }
+};
+
+TEST_F(GroomingLibrary, DeletesFiftyRecordedFilesLatestFirst) {
+    // Protected: a directory listed in groom.cntl, a "tavik" component, the
+    // server package's home and the agent's program file from the package
+    // information files.
+    writeFile(home_ + "/groom.cntl", "# kept by the administrator\nnot/a/path\n" + tree_ + "/keep\n");
+    writeFile(root_ + "/pkg/var/sadm/pkg/Korvane/pkginfo", "PKG=Korvane\nKRV_HOME=" + tree_ + "/server\n");
+    writeFile(root_ + "/pkg/var/sadm/pkg/TAVIK/pkginfo", "TVKBIN=" + tree_ + "/agent\nKRV_HOME=/elsewhere\n");
+    std::vector<std::string> kept = {makeFile("keep/a.dat", 10), makeFile("keep/deep/b.dat", 11),
+                                     makeFile("app/tavik/c.dat", 12), makeFile("server/d.db", 13),
+                                     makeFile("agent/tavik", 14)};
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
+    EXPECT_EQ(GroomingKind(), kKindDelete);
+    EXPECT_EQ(std::string(GroomingCopyFile()), logDir() + "/migrate.log");
+
+    std::vector<std::string> recorded;
+    for (int i = 0; i < 50; ++i) {
+        std::string path = makeFile("d" + std::to_string(i / 10) + "/f" + std::to_string(i % 10) + ".dat",
+                                    size_t(i * 37 + 1));
+        setTimes(path, kJan2, kJan2 + i * 60);
+        recorded.push_back(path);
+    }
+    for (int i = 0; i < 50; ++i) {
+        int d = i / 10;
+        if (i % 10 == 0) record(tree_ + "/d" + std::to_string(d));  // directories are recorded, never removed
+        if (d == 0) record(tree_ + "/d0");  // recording a directory again is harmless
+        record(recorded[size_t(i)]);
+        if (i % 10 == 4) record(kept[size_t(d)]);
+    }
+    for (const std::string& path : recorded) ASSERT_TRUE(fs::exists(path));
+
+    ASSERT_EQ(endGrooming(), 0);
+    EXPECT_EQ(GroomedCount(), 50);
+    for (const std::string& path : recorded) EXPECT_FALSE(fs::exists(path)) << path;
+    for (const std::string& path : kept) EXPECT_TRUE(fs::exists(path)) << path;
+    for (int d = 0; d < 5; ++d) EXPECT_TRUE(fs::is_directory(tree_ + "/d" + std::to_string(d)));
+
+    // The work file: blank line, the two tape texts (the agent has no
+    // catalogue open, so both read "catgetsErr"), blank line, one line per
+    // deleted file latest recorded first, blank line, the count's text.
+    std::string expected = "\ncatgetsErrcatgetsErr\n";
+    for (int i = 49; i >= 0; --i) {
+        char line[2048];
+        snprintf(line, sizeof line, "01/02/20 03:%02d %12d %s\n", i, i * 37 + 1, recorded[size_t(i)].c_str());
+        expected += line;
+    }
+    expected += "\ncatgetsErr";
+    std::string work = readFile(GroomingWorkFile());
+    EXPECT_EQ(work, expected);
+    std::regex shape(R"(^\d\d/\d\d/\d\d \d\d:\d\d [ \d]{11}\d /\S+$)");
+    EXPECT_TRUE(std::regex_match(lines(work)[3], shape)) << lines(work)[3];
+
+    // Only the work file is left of grooming's temporary files.
+    EXPECT_EQ(tempFiles(), std::vector<std::string>{GroomingWorkFile()});
+
+    // MigrateLog puts one "Delete" line per deleted file into the agent log.
+    ASSERT_EQ(MigrateLog(GroomingWorkFile()), 0);
+    std::vector<std::string> logLines = lines(readFile(tavik::paths().logPath));
+    ASSERT_EQ(logLines.size(), 50u);
+    for (int i = 0; i < 50; ++i) {
+        const std::string& line = logLines[size_t(i)];
+        std::string want = " - Delete " + recorded[size_t(49 - i)];
+        EXPECT_EQ(line.substr(line.size() - want.size()), want);
+    }
+
+    RemoveGroomingTempFiles();
+    EXPECT_TRUE(tempFiles().empty());
+}
+
+TEST_F(GroomingLibrary, WorkFileWithCatalogueTexts) {
+    setenv("LANG", "C", 1);
+    setenv("NLSPATH", "/nonexistent/%N", 1);
+    tavik::nls::CloseMessages();  // set 13 may be cached as missing from an earlier look-up
+    tavik::nls::OpenMessages(TAVIK_CATALOGUE_HOME, "tavik");
+    std::string a = makeFile("x/a", 5);
+    std::string b = makeFile("x/b", 6);
+    setTimes(a, kJan2, kJan2);
+    setTimes(b, kJan2, kJan2 + 3600);
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
+    record(a);
+    record(b);
+    ASSERT_EQ(endGrooming(), 0);
+    std::string work = readFile(GroomingWorkFile());
+    tavik::nls::CloseMessages();
+    EXPECT_EQ(work, "\nTape name: WEEKLY-07\nSession number: 0042\n\n"
+                    "01/02/20 04:00            6 " + b + "\n"
+                    "01/02/20 03:00            5 " + a + "\n"
+                    "\nFiles deleted in all: 2\n");
+    ASSERT_EQ(MigrateLog(GroomingWorkFile()), 0);
+    std::vector<std::string> logLines = lines(readFile(tavik::paths().logPath));
+    ASSERT_EQ(logLines.size(), 2u) << "only the file lines carry a path as the fourth word";
+}
+
+TEST_F(GroomingLibrary, UnremovableFileIsLoggedAndSkipped) {
+    // The grooming runs in a child without the right to remove under ro/:
+    // as root the child becomes nobody, otherwise ro/ is made read-only.
+    std::string ro1 = makeFile("ro/one", 3);
+    std::string ro2 = makeFile("ro/two", 4);
+    std::string ok = makeFile("ok/three", 5);
+    setTimes(ok, kJan2, kJan2);
+    const uid_t nobody = 65534;
+    if (geteuid() == 0) {
+        ASSERT_EQ(chown((tree_ + "/ok").c_str(), nobody, nobody), 0);
+    } else {
+        ASSERT_EQ(chmod((tree_ + "/ro").c_str(), 0555), 0);
+    }
+    setenv("LANG", "C", 1);
+    setenv("NLSPATH", "/nonexistent/%N", 1);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        tavik::nls::CloseMessages();
+        tavik::nls::OpenMessages(TAVIK_CATALOGUE_HOME, "tavik");
+        if (geteuid() == 0 && (setgid(nobody) != 0 || setuid(nobody) != 0)) _exit(3);
+        if (BeginGrooming(logDir().c_str(), "", deleting(), tape()) != 0) _exit(4);
+        for (const std::string& p : {ro1, ok, ro2}) {
+            struct stat st;
+            if (lstat(p.c_str(), &st) != 0 || RecordGrooming(p.c_str(), st) != 0) _exit(5);
+        }
+        int rc = EndGrooming();
+        _exit(rc == 0 && GroomedCount() == 1 ? 0 : 6);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    ASSERT_EQ(WEXITSTATUS(status), 0);
+    chmod((tree_ + "/ro").c_str(), 0755);
+    EXPECT_TRUE(fs::exists(ro1));
+    EXPECT_TRUE(fs::exists(ro2));
+    EXPECT_FALSE(fs::exists(ok));
+    std::vector<std::string> left = tempFiles();
+    ASSERT_EQ(left.size(), 1u) << "the child leaves only its work file";
+    EXPECT_EQ(readFile(left[0]), "\nTape name: WEEKLY-07\nSession number: 0042\n\n"
+                                 "(EndGrooming) Could not remove " + ro2 + " (Permission denied)\n"
+                                 "01/02/20 03:00            5 " + ok + "\n"
+                                 "(EndGrooming) Could not remove " + ro1 + " (Permission denied)\n"
+                                 "\nFiles deleted in all: 1\n");
+    ASSERT_EQ(MigrateLog(left[0].c_str()), 0);
+    std::vector<std::string> logLines = lines(readFile(tavik::paths().logPath));
+    ASSERT_EQ(logLines.size(), 1u);
+    EXPECT_NE(logLines[0].find(" - Delete " + ok), std::string::npos);
+}
+
+TEST_F(GroomingLibrary, RotationSetHonoursAgeOnBothTimes) {
+    time_t now = time(nullptr);
+    time_t old = now - 400 * 86400;
+    std::string stale = makeFile("r/stale", 7);
+    std::string read = makeFile("r/read-recently", 8);
+    std::string written = makeFile("r/written-recently", 9);
+    setTimes(stale, old, old);
+    setTimes(read, now - 3600, old);
+    setTimes(written, old, now - 3600);
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "WEEKSET", rotation(1), tape()), 0);
+    EXPECT_EQ(GroomingKind(), kKindRotation);
+    EXPECT_EQ(std::string(GroomingCopyFile()), logDir() + "/WEEKSET.grm");
+    record(stale);
+    record(read);
+    record(written);
+    record(tree_ + "/r");  // a new directory: too young to be listed
+    EXPECT_EQ(readFile(GroomingCandidatesFile()), "1 " + stale + "\n");
+    ASSERT_EQ(endGrooming(), 0);
+    EXPECT_EQ(GroomedCount(), 1);
+    EXPECT_FALSE(fs::exists(stale));
+    EXPECT_TRUE(fs::exists(read));
+    EXPECT_TRUE(fs::exists(written));
+}
+
+TEST_F(GroomingLibrary, AgeLimitStepsBackToTheEndOfShorterMonths) {
+    auto at = [](int y, int m, int d, int h) {
+        struct tm t = {};
+        t.tm_year = y - 1900;
+        t.tm_mon = m - 1;
+        t.tm_mday = d;
+        t.tm_hour = h;
+        t.tm_isdst = -1;
+        return mktime(&t);
+    };
+    struct Case {
+        time_t start;
+        int months;
+        time_t limit;
+    } cases[] = {
+        {at(2024, 3, 31, 12), 1, at(2024, 2, 29, 0)},   // leap year
+        {at(2023, 3, 31, 12), 1, at(2023, 2, 28, 0)},
+        {at(2000, 3, 31, 12), 1, at(2000, 2, 29, 0)},   // divisible by 400
+        {at(2100, 3, 31, 12), 1, at(2100, 2, 28, 0)},   // divisible by 100
+        {at(2024, 3, 30, 23), 1, at(2024, 2, 29, 0)},
+        {at(2024, 5, 31, 1), 1, at(2024, 4, 30, 0)},
+        {at(2024, 5, 15, 10), 3, at(2024, 2, 15, 0)},
+        {at(2024, 1, 31, 10), 1, at(2023, 12, 31, 0)},
+        {at(2024, 2, 10, 10), 14, at(2022, 12, 10, 0)},
+        {at(2024, 7, 4, 18), 0, at(2024, 7, 4, 0)},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(ctime(&c.start));
+        EXPECT_EQ(GroomAgeLimit(c.start, c.months), c.limit);
+    }
+}
+
+TEST_F(GroomingLibrary, RecordingPassesOverWhatIsNotEligible) {
+    // Nothing recorded here is ever deleted: grooming is abandoned below.
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
+    struct stat file = {};
+    file.st_mode = S_IFREG | 0644;
+    struct stat dir = {};
+    dir.st_mode = S_IFDIR | 0755;
+    struct {
+        const char* path;
+        const struct stat& st;
+    } cases[] = {
+        {"/core", file},                // a file directly under "/"
+        {"/tmp", dir},                  // a directory directly under "/": recorded
+        {"/usr/lib/x", file},           // under /usr/lib
+        {"/usr/library/x", file},       // not under /usr/lib: recorded
+        {"/opt/tavik/bin/x", file},     // a "tavik" component
+        {"/opt/tavikd/x", file},        // not a "tavik" component: recorded
+        {"/home/u/Korvane", file},
+        {"/etc", dir},
+        {"/var/sadm/pkg/x", file},
+        {"/a/b\n9 /c/d", file},         // a newline would split the line
+        {"", file},
+        {"core", file},
+    };
+    for (const auto& c : cases) EXPECT_EQ(RecordGrooming(c.path, c.st), 0);
+    std::string longPath = "/long/" + std::string(1100, 'x');
+    EXPECT_EQ(RecordGrooming(longPath.c_str(), file), 0);
+    EXPECT_EQ(readFile(GroomingCandidatesFile()), "1 /tmp\n2 /usr/library/x\n3 /opt/tavikd/x\n");
+
+    std::string candidates = GroomingCandidatesFile();
+    std::string work = GroomingWorkFile();
+    RemoveGroomingTempFiles();
+    EXPECT_FALSE(fs::exists(candidates));
+    EXPECT_FALSE(fs::exists(work));
+    RemoveGroomingTempFiles();  // twice is harmless
+    EXPECT_EQ(EndGrooming(), -1) << "grooming was abandoned";
+    EXPECT_EQ(RecordGrooming("/usr/library/y", file), 0);
+    EXPECT_TRUE(tempFiles().empty());
+}
+
+TEST_F(GroomingLibrary, ForkedChildLeavesTheParentsFilesAlone) {
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
+    std::string candidates = GroomingCandidatesFile();
+    std::string work = GroomingWorkFile();
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        RemoveGroomingTempFiles();  // what cleanup does in any process
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(fs::exists(candidates));
+    EXPECT_TRUE(fs::exists(work));
+    RemoveGroomingTempFiles();
+    EXPECT_FALSE(fs::exists(candidates));
+    EXPECT_FALSE(fs::exists(work));
+}
+
+TEST_F(GroomingLibrary, SymbolicLinkIntoProtectedDirectoryIsNotFollowed) {
+    writeFile(home_ + "/groom.cntl", tree_ + "/keep\n");
+    std::string precious = makeFile("keep/precious", 3);
+    fs::create_directory_symlink(tree_ + "/keep", tree_ + "/link");
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
+    record(tree_ + "/link/precious");
+    ASSERT_EQ(endGrooming(), 0);
+    EXPECT_TRUE(fs::exists(precious));
+    EXPECT_EQ(GroomedCount(), 0);
+}
+
+TEST_F(GroomingLibrary, DirectorySwappedForALinkAfterRecordingIsNotFollowed) {
+    writeFile(home_ + "/groom.cntl", tree_ + "/keep\n");
+    std::string precious = makeFile("keep/f", 3);
+    std::string plain = makeFile("plain/f", 3);
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
+    record(plain);
+    fs::rename(tree_ + "/plain", tree_ + "/plain-moved");
+    fs::create_directory_symlink(tree_ + "/keep", tree_ + "/plain");
+    ASSERT_EQ(endGrooming(), 0);
+    EXPECT_TRUE(fs::exists(precious));
+    EXPECT_TRUE(fs::exists(tree_ + "/plain-moved/f"));
+    EXPECT_EQ(GroomedCount(), 0);
+}
+
+TEST_F(GroomingLibrary, ControlFileIsReadForEveryGrooming) {
+    writeFile(home_ + "/groom.cntl", tree_ + "/keep/\n");
+    std::string a = makeFile("keep/a", 1);
+    std::string b = makeFile("keep/b", 1);
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
+    record(a);
+    ASSERT_EQ(endGrooming(), 0);
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
+    record(b);
+    ASSERT_EQ(endGrooming(), 0);
+    EXPECT_TRUE(fs::exists(a));
+    EXPECT_TRUE(fs::exists(b)) << "the second grooming kept the control file's names";
+}
+
+TEST_F(GroomingLibrary, MissingControlFileStopsNothing) {
+    std::string a = makeFile("a/a", 1);
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
+    record(a);
+    ASSERT_EQ(endGrooming(), 0);
+    EXPECT_FALSE(fs::exists(a));
+}
+
+TEST_F(GroomingLibrary, SortedListThatCannotBeMadeFailsWithTwo) {
+    std::string a = makeFile("a/a", 1);
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
+    record(a);
+    // The temporary directory goes away: no name for the sorted list.
+    fs::rename(tmp_, root_ + "/tmp-moved");
+    EXPECT_EQ(endGrooming(), 2);
+    EXPECT_TRUE(fs::exists(a));
+}
+
+TEST_F(GroomingLibrary, WithoutTemporaryDirectoryGroomingDoesNotBegin) {
+    tavik::groom::groomingEnvironment().tempDir = root_ + "/missing";
+    EXPECT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), -1);
+    struct stat file = {};
+    file.st_mode = S_IFREG;
+    EXPECT_EQ(RecordGrooming((tree_ + "/x/y").c_str(), file), 0);
+    EXPECT_EQ(EndGrooming(), -1);
+    testing::internal::CaptureStderr();
+    grlog("to standard error %d\n", 7);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "to standard error 7\n");
+}
+
+TEST_F(GroomingLibrary, MigrateLogReadsTheFourthWord) {
+    std::string work = root_ + "/work";
+    writeFile(work, "\n"
+                    "Tape name: /not/a/deletion\n"
+                    "01/02/20 03:00            5 /a/b\n"
+                    "(EndGrooming) Could not remove /c (Permission denied)\n"
+                    "w x y /p q\n"
+                    "1 2 3 relative\n"
+                    "01/02/20 03:00 7 /last");
+    ASSERT_EQ(MigrateLog(work.c_str()), 0);
+    std::vector<std::string> logLines = lines(readFile(tavik::paths().logPath));
+    ASSERT_EQ(logLines.size(), 3u);
+    EXPECT_NE(logLines[0].find(" - Delete /a/b"), std::string::npos);
+    EXPECT_NE(logLines[1].find(" - Delete /p"), std::string::npos);
+    EXPECT_NE(logLines[2].find(" - Delete /last"), std::string::npos);
+
+    EXPECT_EQ(MigrateLog((root_ + "/none").c_str()), -1);
+    std::string last = lines(readFile(tavik::paths().logPath)).back();
+    EXPECT_NE(last.find(" - (MigrateLog) Faied to open " + root_ + "/none (No such file or directory)"),
+              std::string::npos) << last;
+}
+
+}  // namespace
