@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "daemon/state.h"
+#include "groom/groom.h"
 #include "log/ulog.h"
 #include "platform/signals.h"
 
@@ -35,6 +36,7 @@ void closeIfOpen(int& fd) {
         ulog(MSG_TAVIK_STOPPED);
         ::unlink(paths().pidPath.c_str());
     }
+    groom::RemoveGroomingTempFiles();
     std::exit(1);
 }
 
