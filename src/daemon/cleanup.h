@@ -12,8 +12,10 @@ namespace tavik {
 
 [[noreturn]] void cleanup(int sig);
 
-// For a backup process: SIGCHLD reaches cleanup as well, and childPid names
-// the process whose death it reports. -1 when there is none.
+// For a backup process: SIGCHLD is deferred to cleanupOnChildSignal, which
+// ends the process through cleanup when the child named here has died
+// (logging its death) and returns when another child changed state.
 void setCleanupChild(int pid);
+void cleanupOnChildSignal(int sig);
 
 }  // namespace tavik

@@ -1,0 +1,61 @@
+#include "daemon/cleanup.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+
+#include "daemon/state.h"
+#include "log/ulog.h"
+#include "platform/signals.h"
+
+namespace tavik {
+namespace {
+
+constexpr const char* kPrefix = "(cleanup) ";
+int gChildPid = -1;
+
+void closeIfOpen(int& fd) {
+    if (fd >= 0) ::close(fd);
+    fd = -1;
+}
+
+[[noreturn]] void finish() {
+    platform::ignoreSignal(SIGCHLD);
+    platform::ignoreSignal(SIGTERM);
+
+    Listener& l = listener();
+    bool daemon = l.listenSocket >= 0;
+    closeIfOpen(l.jobSocket);
+    closeIfOpen(l.listenSocket);
+    closeIfOpen(l.udpSocket);
+
+    if (daemon) {
+        ulog(MSG_TAVIK_STOPPED);
+        ::unlink(paths().pidPath.c_str());
+    }
+    std::exit(1);
+}
+
+}  // namespace
+
+void setCleanupChild(int pid) { gChildPid = pid; }
+
+void cleanupOnChildSignal(int) {
+    int status;
+    pid_t pid = waitpid(gChildPid, &status, WNOHANG);
+    if (pid >= 0 && pid != gChildPid) return;  // not our child, or not yet: go on
+    if (pid == gChildPid)
+        ulog(MSG_CHILD_PROCESS_DIED, kPrefix, gChildPid);
+    else
+        ulog(MSG_FAILED_WAIT_PID, kPrefix, gChildPid, errText());
+    finish();
+}
+
+void cleanup(int sig) {
+    if (sig == SIGTERM && listener().listenSocket == -1) ulog(MSG_PROCESS_KILLED, kPrefix);
+    finish();
+}
+
+}  // namespace tavik

@@ -1,0 +1,154 @@
+#include "daemon/startup.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "backup/queue_size.h"
+#include "daemon/cleanup.h"
+#include "daemon/options.h"
+#include "daemon/state.h"
+#include "log/ulog.h"
+#include "platform/fd.h"
+#include "platform/signals.h"
+#include "platform/uname.h"
+#include "transport/endpoints.h"
+
+namespace tavik {
+namespace {
+
+constexpr int kVersionMajor = 3;
+constexpr int kVersionMinor = 1;
+constexpr char kVersionLetter = '0';
+constexpr const char* kPlatformText = "UnixWare 1.1 (UNIX System V/386 R4.2)";
+
+// Creates an empty file with mode 0666 when none exists.
+int ensureFile(const std::string& path) {
+    if (access(path.c_str(), F_OK) == 0) return 0;
+    platform::UniqueFd fd(creat(path.c_str(), 0666));
+    if (!fd) {
+        ulog(MSG_FAILED_CREATE, "", path.c_str(), errText());
+        return -1;
+    }
+    fd.reset();
+    if (chmod(path.c_str(), 0666) != 0) {
+        ulog(MSG_FAILED_CHMOD, "", path.c_str(), errText());
+        return -1;
+    }
+    return 0;
+}
+
+void writePidFile(pid_t pid) {
+    platform::UniqueFd fd(open(paths().pidPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
+    if (!fd) return;
+    std::string text = std::to_string(pid) + "\n";
+    if (write(fd.get(), text.data(), text.size()) != ssize_t(text.size()))
+        ulog(MSG_FAILED_WRITING, "", paths().pidPath.c_str(), errText());
+}
+
+// Test support: long time-outs divided by TAVIK_TIME_DIVISOR.
+int timeDivisorFromEnvironment() {
+    const char* text = getenv("TAVIK_TIME_DIVISOR");
+    if (!text || !isDigits(text) || !*text) return 1;
+    long value = strtol(text, nullptr, 10);
+    return value >= 1 && value <= 1000000 ? int(value) : 1;
+}
+
+}  // namespace
+
+int daemonize() {
+    if (getppid() == 1) {
+        writePidFile(getpid());
+        return 0;
+    }
+    fflush(stdout);
+    pid_t pid = fork();
+    if (pid < 0) return -1;
+    if (pid > 0) {
+        writePidFile(pid);
+        exit(0);
+    }
+    if (setsid() < 0) return -1;
+    platform::ignoreSignal(SIGHUP);
+    platform::ignoreSignal(SIGCHLD);
+    if (chdir("/") != 0) return -1;
+    umask(0);
+    return 0;
+}
+
+void startDaemon(int argc, char* argv[]) {
+    Settings& s = settings();
+    Paths& p = paths();
+    Listener& l = listener();
+
+    char cwd[4096];
+    auto home = programDirectory(argv[0], getcwd(cwd, sizeof cwd));
+    if (!home) {
+        printf("The program's directory is longer than %zu characters: %s\n", kMaxHomeDir, argv[0]);
+        exit(1);
+    }
+    platform::deferSignal(SIGTERM, cleanup);
+
+    if (!parseOptions(argc, argv, s)) {
+        fputs(usageText(argv[0]).c_str(), stdout);
+        exit(1);
+    }
+    s.timeDivisor = timeDivisorFromEnvironment();
+    printf(MSG_BANNER, kVersionMajor, kVersionMinor, kVersionLetter, "", kPlatformText);
+
+    p.deriveFrom(*home);
+    if (s.followLinks) {
+        platform::UniqueFd marker(creat(p.followMarkerPath.c_str(), 0700));
+        if (!marker) {
+            printf(MSG_FAILED_CREATE, "", p.followMarkerPath.c_str(), errText());
+            printf("\n");
+        }
+    } else {
+        unlink(p.followMarkerPath.c_str());
+    }
+    if (!s.tcpPortGiven) s.tcpPort = kDefaultTcpPort;
+
+    umask(0);
+    if (mkdir(p.logDir.c_str(), 0777) != 0 && errno != EEXIST) {
+        printf(MSG_FAILED_MAKE_DIRECTORY, "", p.logDir.c_str(), errText());
+        printf("\n");
+        exit(255);
+    }
+    ensureFile(p.oldLogPath);
+    ensureFile(p.ipcPath);
+    {
+        platform::UniqueFd log(open(p.logPath.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0666));
+        if (!log) ulog(MSG_FAIED_OPEN, "", p.logPath.c_str(), errText());
+    }
+    if (chmod(p.logPath.c_str(), 0666) != 0) ulog(MSG_FAILED_CHMOD, "", p.logPath.c_str(), errText());
+
+    platform::MachineName name;
+    if (platform::nuname(name) != 0) ulog(MSG_FAILED_UNAME, "", errText());
+    ulog(MSG_STARTED_ON, kVersionMajor, kVersionMinor, kVersionLetter, "", name.nodename, name.sysname,
+         name.release, name.version, name.machine);
+    logSettings(s);
+
+    if (backup::DecideShmBuf() != 0) exit(1);
+
+    l.listenSocket = l.jobSocket = -1;
+    l.udpSocket = transport::udpOpen(s.tcpPort);
+    if (l.udpSocket < 0) cleanup(0);
+    uint16_t port = s.tcpPort;
+    l.listenSocket = transport::tcpOpen(port);
+    if (l.listenSocket < 0) cleanup(0);
+    s.tcpPort = port;
+    if (s.verbose) ulog("%s: listen on socket %d", "Tavik", int(port));
+
+    if (daemonize() != 0) {
+        ulog(MSG_FAILED_START_TAVIK, "");
+        cleanup(0);
+    }
+}
+
+}  // namespace tavik

@@ -1,0 +1,9 @@
+// The commands of tavikctl. Each takes the arguments after its own name and
+// returns the process exit status; usage errors return 2.
+#pragma once
+
+namespace tavik::frontend {
+
+int commandQuery(int argc, char* argv[]);
+
+}  // namespace tavik::frontend

@@ -1,0 +1,37 @@
+// tavikctl: the command-line front-end of the agent.
+#include <cstdio>
+#include <cstring>
+
+#include "frontend/commands.h"
+
+namespace {
+
+struct Command {
+    const char* name;
+    int (*run)(int argc, char* argv[]);
+    const char* synopsis;
+};
+
+const Command kCommands[] = {
+    {"query", tavik::frontend::commandQuery, "query HOST[:PORT]        show the agent's system name, release, version, machine"},
+};
+
+int usage() {
+    fprintf(stderr, "usage: tavikctl COMMAND [ARGS]\n\ncommands:\n");
+    for (const Command& c : kCommands) fprintf(stderr, "  %s\n", c.synopsis);
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    if (argc < 2) return usage();
+    for (const Command& c : kCommands)
+        if (std::strcmp(argv[1], c.name) == 0) return c.run(argc - 2, argv + 2);
+    if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "help") == 0) {
+        usage();
+        return 0;
+    }
+    fprintf(stderr, "tavikctl: unknown command '%s'\n", argv[1]);
+    return usage();
+}

@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Builds tavikd and tavikctl and starts the agent from run/ (its home
+# directory: log in run/LOG/). Port: $TAVIK_PORT, default 6050. Extra
+# arguments are passed to tavikd (e.g. -v).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash tools/deps.sh
+cmake -S . -B build -G Ninja -DTAVIK_WERROR=ON >/dev/null
+cmake --build build -j"$(nproc)" --target tavikd tavikctl
+mkdir -p run
+if [ -f run/LOG/tavikd.pid ] && kill -0 "$(cat run/LOG/tavikd.pid)" 2>/dev/null; then
+  echo "stopping the agent already running from run/ (pid $(cat run/LOG/tavikd.pid))"
+  kill "$(cat run/LOG/tavikd.pid)"; sleep 0.5
+fi
+cp build/src/daemon/tavikd build/src/frontend/tavikctl run/
+port=${TAVIK_PORT:-6050}
+"$PWD/run/tavikd" -p "$port" "$@"
+echo "tavikd started on port $port (pid $(cat run/LOG/tavikd.pid)); log: run/LOG/tvk.log"
+echo "try:  run/tavikctl query 127.0.0.1:$port"
+echo "stop: kill \$(cat run/LOG/tavikd.pid)"
