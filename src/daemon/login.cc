@@ -30,32 +30,7 @@ void lookupUser(JobUser& user, const char* login) {
     ::endpwent();
 }
 
-// Overwrites a secret so that the compiler cannot drop the stores.
-void wipe(void* data, size_t size) {
-    volatile unsigned char* p = static_cast<volatile unsigned char*>(data);
-    while (size--) *p++ = 0;
-}
-
 }  // namespace
-
-void descramblePassword(char (&plain)[kPasswordSize], const uint8_t* scrambled) {
-    std::memset(plain, 0, sizeof plain);
-    size_t len = strnlen(reinterpret_cast<const char*>(scrambled), kPasswordSize);
-    for (size_t i = 0; i < len + 1 && i < kPasswordSize; ++i) {
-        plain[i] = static_cast<char>(scrambled[i] ^ static_cast<uint8_t>(kScrambleKey[i]));
-    }
-    plain[kPasswordSize - 1] = '\0';
-}
-
-std::array<uint8_t, kPasswordSize> scramblePassword(const char* plain) {
-    std::array<uint8_t, kPasswordSize> out{};
-    size_t len = strnlen(plain, kPasswordSize - 1);
-    for (size_t i = 0; i <= len; ++i) {
-        char c = i < len ? plain[i] : '\0';
-        out[i] = static_cast<uint8_t>(c ^ kScrambleKey[i]);
-    }
-    return out;
-}
 
 int isSuperuser(JobUser& user, const char* login) {
     lookupUser(user, login);
@@ -80,7 +55,7 @@ int ckpasswd(JobUser& user, const char* login, const char* plain) {
     const char* hashed = ::crypt_r(plain, shadow->sp_pwdp, &data);
     bool equal = hashed && hashed[0] != '*' && std::strcmp(hashed, shadow->sp_pwdp) == 0;
     ::endspent();
-    wipe(&data, sizeof data);
+    wipeSecret(&data, sizeof data);
     if (!equal) {
         ulog(MSG_INCORRECT_PASSWORD, kPasswordPrefix);
         return -1;
@@ -93,7 +68,7 @@ int checkLogin(JobContext& ctx) {
     descramblePassword(plain, ctx.request.paswd());
     std::string login = ctx.request.loginID();
     int r = ckpasswd(ctx.jobUser, login.c_str(), plain);
-    wipe(plain, sizeof plain);
+    wipeSecret(plain, sizeof plain);
     if (r == 0) return 0;
     Listener& l = listener();
     int8_t refusal = (ctx.serverVersion >= transport::kNewServerVersion && r == -2) ? transport::code::kUnknownUser

@@ -16,17 +16,9 @@
 #include <cstdint>
 
 #include "request/job_context.h"
+#include "request/password.h"
 
 namespace tavik {
-
-inline constexpr size_t kPasswordSize = 24;
-// Only the first 24 characters of the key take part.
-inline constexpr const char kScrambleKey[] = "Kemub7,rd(5,90);QGBcnn_cHc[r];NBSdhuUSBssmBHBreJ";
-
-// `scrambled` is the request's 24-byte field.
-void descramblePassword(char (&plain)[kPasswordSize], const uint8_t* scrambled);
-// The server's side: scrambles a password of at most 23 characters.
-std::array<uint8_t, kPasswordSize> scramblePassword(const char* plain);
 
 // 0 right password; -1 wrong; -2 login unknown in the password or shadow file.
 int ckpasswd(JobUser& user, const char* login, const char* plain);
