@@ -8,6 +8,9 @@ void descramblePassword(char (&plain)[kPasswordSize], const uint8_t* scrambled) 
     std::memset(plain, 0, sizeof plain);
     size_t len = strnlen(reinterpret_cast<const char*>(scrambled), kPasswordSize);
     for (size_t i = 0; i < len + 1 && i < kPasswordSize; ++i) {
+        // The position past the text holds its NUL: it stays a NUL, so an
+        // all-zero field is the empty password.
+        if (scrambled[i] == 0) break;
         plain[i] = static_cast<char>(scrambled[i] ^ static_cast<uint8_t>(kScrambleKey[i]));
     }
     plain[kPasswordSize - 1] = '\0';
