@@ -24,7 +24,7 @@ EstimateHandler gEstimate = nullptr;
 template <size_t N>
 std::array<uint8_t, N> padded(std::span<const uint8_t> payload) {
     std::array<uint8_t, N> out{};
-    std::memcpy(out.data(), payload.data(), payload.size() < N ? payload.size() : N);
+    if (!payload.empty()) std::memcpy(out.data(), payload.data(), payload.size() < N ? payload.size() : N);
     return out;
 }
 

@@ -174,6 +174,20 @@ TEST_F(JobSessionTest, RightPasswordReachesReadyAndTheStartCommand) {
     EXPECT_EQ(log.find(kPassword), std::string::npos);
 }
 
+TEST_F(JobSessionTest, NonBlockingIoServesTheWholeExchange) {
+    REQUIRE_ROOT();
+    TestUser user;
+    ASSERT_TRUE(user.ok());
+    ASSERT_TRUE(startDaemon({"-v", "-s", "nonblocking"}));
+    ASSERT_EQ(ask(spec(user, user.home(), 0)), 4);
+    std::array<uint8_t, 512> options{};
+    ASSERT_TRUE(client_.sendRaw(options));
+    EXPECT_EQ(client_.diskItem({"a"}), 4);
+    ASSERT_TRUE(client_.start(2));
+    EXPECT_TRUE(agentCloses());
+    EXPECT_TRUE(daemon_.waitForLog("RCV_OK: AckCount=2"));
+}
+
 TEST_F(JobSessionTest, Sha512PasswordsWorkToo) {
     REQUIRE_ROOT();
     TestUser user("SHA512");
