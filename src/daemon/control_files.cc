@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <cstring>
 #include <cstdio>
 #include <memory>
 #include <new>
@@ -24,7 +26,7 @@ std::optional<std::string> new_element(const std::string& line) {
         if (!name.empty() && name.back() == '\n') name.pop_back();
         return name;
     } catch (const std::bad_alloc&) {
-        ulog(MSG_FAILED_MALLOC_DIRECTORY_NAME, "(new_element) ", "out of memory");
+        ulog(MSG_FAILED_MALLOC_DIRECTORY_NAME, "(new_element) ", std::strerror(ENOMEM));
         return std::nullopt;
     }
 }
@@ -58,7 +60,7 @@ int dir_cntl(const char* path, DirList& list) {
         try {
             list.names.push_front(std::move(*name));
         } catch (const std::bad_alloc&) {
-            ulog(MSG_FAILED_MALLOC_DIR_LIST, "(new_element) ", "out of memory");
+            ulog(MSG_FAILED_MALLOC_DIR_LIST, "(new_element) ", std::strerror(ENOMEM));
             result = -1;
             break;
         }

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -48,7 +49,7 @@ int diskItem(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload
     try {
         text.resize(size);
     } catch (const std::bad_alloc&) {
-        ulog(MSG_FAILED_ALLOCATE_MEMORY, kPrefix, "out of memory");
+        ulog(MSG_FAILED_ALLOCATE_MEMORY, kPrefix, std::strerror(ENOMEM));
         return -1;
     }
     if (channel.recv(reinterpret_cast<uint8_t*>(text.data()), text.size()) != 0) {
@@ -115,7 +116,7 @@ int dbFile(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) 
     try {
         ctx.dbFileList.resize(length);
     } catch (const std::bad_alloc&) {
-        ulog(MSG_FAILED_ALLOCATE_MEMORY, kPrefix, "out of memory");
+        ulog(MSG_FAILED_ALLOCATE_MEMORY, kPrefix, std::strerror(ENOMEM));
         return -1;
     }
     if (channel.recv(ctx.dbFileList.data(), ctx.dbFileList.size()) != 0) {
@@ -220,7 +221,7 @@ int GetPattern(Channel& channel, JobContext& ctx) {
     try {
         f.items.reserve(nItems);
     } catch (const std::bad_alloc&) {
-        ulog(MSG_FAILED_ALLOCATE_MEMORY, kPatternPrefix, "out of memory");
+        ulog(MSG_FAILED_ALLOCATE_MEMORY, kPatternPrefix, std::strerror(ENOMEM));
         return kFailed;
     }
     for (uint16_t i = 0; i < nItems; ++i) {
@@ -260,7 +261,7 @@ int GetCommands(Channel& channel, JobContext& ctx) {
             try {
                 payload.resize(h.length);
             } catch (const std::bad_alloc&) {
-                ulog(MSG_FAILED_ALLOCATE_MEMORY, kPrefix, "out of memory");
+                ulog(MSG_FAILED_ALLOCATE_MEMORY, kPrefix, std::strerror(ENOMEM));
                 return -1;
             }
             if (channel.recv(payload.data(), payload.size()) != 0) {
