@@ -66,6 +66,7 @@ public:
         ok_ = true;
     }
     ~TestUser() {
+        if (!hiddenShadowLine_.empty()) editShadow(hiddenShadowLine_);
         // Forced: a job process of the login may still be ending.
         run("userdel -f " + name_);
         if (!group_.empty()) run("groupdel " + group_);
@@ -92,7 +93,37 @@ public:
         chmod(path.c_str(), 0600);
     }
 
+    // Takes the login's line out of the shadow file (the password file keeps
+    // it), under the account files' lock; the destructor puts it back.
+    bool hideFromShadow() { return editShadow(""); }
+
 private:
+    // Without `restore`: removes the login's line. With it: appends it.
+    bool editShadow(const std::string& restore) {
+        if (lckpwdf() != 0) return false;
+        std::ifstream in("/etc/shadow");
+        std::string text, line;
+        while (std::getline(in, line)) {
+            if (restore.empty() && line.rfind(name_ + ":", 0) == 0) {
+                hiddenShadowLine_ = line;
+                continue;
+            }
+            text += line + "\n";
+        }
+        if (!restore.empty()) {
+            text += restore + "\n";
+            hiddenShadowLine_.clear();
+        }
+        std::string tmp = "/etc/shadow.tavik-test";
+        bool ok = static_cast<bool>(std::ofstream(tmp) << text) && chmod(tmp.c_str(), 0640) == 0;
+        const group* shadowGroup = getgrnam("shadow");
+        if (shadowGroup) ok = ok && chown(tmp.c_str(), 0, shadowGroup->gr_gid) == 0;
+        ok = ok && rename(tmp.c_str(), "/etc/shadow") == 0;
+        ulckpwdf();
+        return ok;
+    }
+
+    std::string hiddenShadowLine_;
     std::string name_, group_, home_;
     uid_t uid_ = 0;
     gid_t gid_ = 0;
@@ -223,6 +254,20 @@ TEST_F(JobSessionTest, UnknownUserGets115FromNewServersAnd113FromOld) {
     s.serverVersion = 49;  // the digit "1"
     EXPECT_EQ(ask(s), 113);
     EXPECT_TRUE(daemon_.waitForLog("(ckpasswd) User tvk-nobody-here is not defined in the password file"));
+}
+
+TEST_F(JobSessionTest, LoginMissingFromTheShadowFileGets115Or113) {
+    REQUIRE_ROOT();
+    TestUser user;
+    ASSERT_TRUE(user.ok());
+    ASSERT_TRUE(user.hideFromShadow());
+    ASSERT_TRUE(startDaemon());
+    JobRequestSpec s = spec(user, user.home());
+    s.serverVersion = 50;
+    EXPECT_EQ(ask(s), 115);
+    s.serverVersion = 49;
+    EXPECT_EQ(ask(s), 113);
+    EXPECT_TRUE(daemon_.waitForLog("(ckpasswd) User " + user.name() + " is not defined in the shadow file"));
 }
 
 TEST_F(JobSessionTest, HostEquivalenceAdmitsWithoutPasswordUnlessAcceptEaIsE) {
