@@ -217,6 +217,9 @@ TEST_F(JobSessionTest, NonBlockingIoServesTheWholeExchange) {
     ASSERT_TRUE(client_.start(2));
     EXPECT_TRUE(agentCloses());
     EXPECT_TRUE(daemon_.waitForLog("RCV_OK: AckCount=2"));
+    // The non-blocking receive traces every call on standard output.
+    EXPECT_NE(tavik::test::readFile(daemon_.home() + "launcher.out").find("(nonblockRecv)  connfd="),
+              std::string::npos);
 }
 
 TEST_F(JobSessionTest, Sha512PasswordsWorkToo) {
