@@ -42,34 +42,34 @@ std::vector<uint8_t> buildCommand(int8_t code, uint16_t value, std::span<const u
     return packet;
 }
 
-std::vector<uint8_t> buildRequestPacket(const JobRequestSpec& spec) {
+std::vector<uint8_t> buildRequestPacket(const RequestFields& fields) {
     using namespace request_layout;
-    bool longRoot = spec.root.size() > kRecordRootMax;
-    if (spec.root.size() + 1 > kJobRootSize - 1) return {};
-    size_t length = kSize + (longRoot ? spec.root.size() + 1 : 0);
+    bool longRoot = fields.root.size() > kRecordRootMax;
+    if (fields.root.size() + 1 > kJobRootSize - 1) return {};
+    size_t length = kSize + (longRoot ? fields.root.size() + 1 : 0);
     std::vector<uint8_t> packet(kHeaderSize + length, 0);
     uint8_t versionByte = 0;
     uint8_t flags = 0;
-    versionBytes(spec.serverVersion, versionByte, flags);
+    versionBytes(fields.serverVersion, versionByte, flags);
     packet[0] = flags;
     wire::storeLe16(&packet[6], static_cast<uint16_t>(length));
 
     uint8_t* r = packet.data() + kHeaderSize;
-    std::memcpy(r + kRootAt, spec.root.data(), longRoot ? kRecordRootMax : spec.root.size());
-    std::memcpy(r + kLoginAt, spec.login.data(), spec.login.size() < kLoginWidth ? spec.login.size() : kLoginWidth - 1);
-    std::array<uint8_t, kPasswordSize> scrambled = scramblePassword(spec.password.c_str());
+    std::memcpy(r + kRootAt, fields.root.data(), longRoot ? kRecordRootMax : fields.root.size());
+    std::memcpy(r + kLoginAt, fields.login.data(), fields.login.size() < kLoginWidth ? fields.login.size() : kLoginWidth - 1);
+    std::array<uint8_t, kPasswordSize> scrambled = scramblePassword(fields.password.c_str());
     std::memcpy(r + kPasswordAt, scrambled.data(), scrambled.size());
     wipeSecret(scrambled.data(), scrambled.size());
-    wire::storeLe16(r + kTpSizeAt, spec.tpSize);
-    r[kAcceptEaAt] = spec.acceptEA;
-    r[kOpModeAt] = spec.opMode;
-    wire::storeLe32(r + kTimeThreshAt, static_cast<uint32_t>(spec.timeThresh));
-    if (spec.runUnswitched) r[kNoSwitchAt] |= 0x80;
-    r[kMethodAt] = spec.method;
-    r[kFollowAt] = spec.follow;
+    wire::storeLe16(r + kTpSizeAt, fields.tpSize);
+    r[kAcceptEaAt] = fields.acceptEA;
+    r[kOpModeAt] = fields.opMode;
+    wire::storeLe32(r + kTimeThreshAt, static_cast<uint32_t>(fields.timeThresh));
+    if (fields.runUnswitched) r[kNoSwitchAt] |= 0x80;
+    r[kMethodAt] = fields.method;
+    r[kFollowAt] = fields.follow;
     r[kVersionAt] = versionByte;
-    r[kConflictAt] = spec.conflict;
-    if (longRoot) std::memcpy(r + kSize, spec.root.c_str(), spec.root.size() + 1);
+    r[kConflictAt] = fields.conflict;
+    if (longRoot) std::memcpy(r + kSize, fields.root.c_str(), fields.root.size() + 1);
     return packet;
 }
 
@@ -136,8 +136,8 @@ int JobClient::readAnswer() {
     return static_cast<int8_t>(h[2]);
 }
 
-int JobClient::request(const JobRequestSpec& spec) {
-    std::vector<uint8_t> packet = buildRequestPacket(spec);
+int JobClient::request(const RequestFields& fields) {
+    std::vector<uint8_t> packet = buildRequestPacket(fields);
     if (packet.empty()) {
         error_ = "root path too long";
         return kNoAnswer;

@@ -20,7 +20,7 @@ namespace tavik::frontend {
 inline constexpr int kNoAnswer = -1000;
 inline constexpr int kNewestServerVersion = 52;
 
-struct JobRequestSpec {
+struct RequestFields {
     std::string root;
     std::string login;
     std::string password;  // plain; scrambled into the request
@@ -42,7 +42,7 @@ void versionBytes(int serverVersion, uint8_t& versionByte, uint8_t& flags);
 // Header, the 680-byte record and, for a root longer than 175 characters,
 // the root text with its NUL after the record. Empty when the root is longer
 // than 1022 characters.
-std::vector<uint8_t> buildRequestPacket(const JobRequestSpec& spec);
+std::vector<uint8_t> buildRequestPacket(const RequestFields& fields);
 
 // One command packet: header (code, value, payload length) and payload.
 std::vector<uint8_t> buildCommand(int8_t code, uint16_t value, std::span<const uint8_t> payload);
@@ -63,7 +63,7 @@ public:
     void close();
 
     // Sends the request and reads the answer (4 when the job may go on).
-    int request(const JobRequestSpec& spec);
+    int request(const RequestFields& fields);
     // Reads one 8-byte answer; `value` and `version` of it are kept.
     int readAnswer();
     uint16_t lastValue() const { return lastValue_; }

@@ -22,7 +22,7 @@
 namespace {
 
 using tavik::frontend::JobClient;
-using tavik::frontend::JobRequestSpec;
+using tavik::frontend::RequestFields;
 using tavik::frontend::kNoAnswer;
 using tavik::test::Daemon;
 
@@ -165,8 +165,8 @@ protected:
         chmod(daemon_.home().c_str(), 0755);
         return true;
     }
-    JobRequestSpec spec(const TestUser& user, const std::string& root, uint8_t opMode = 2) const {
-        JobRequestSpec s;
+    RequestFields fields(const TestUser& user, const std::string& root, uint8_t opMode = 2) const {
+        RequestFields s;
         s.root = root;
         s.login = user.name();
         s.password = kPassword;
@@ -174,7 +174,7 @@ protected:
         s.acceptEA = 'e';  // password check even from an equivalent host
         return s;
     }
-    int ask(const JobRequestSpec& s) {
+    int ask(const RequestFields& s) {
         client_.close();
         if (!client_.connect("127.0.0.1", daemon_.port())) return kNoAnswer;
         return client_.request(s);
@@ -192,7 +192,7 @@ TEST_F(JobSessionTest, RightPasswordReachesReadyAndTheStartCommand) {
     ASSERT_TRUE(user.ok());
     EXPECT_EQ(user.shadowHash().rfind("$y$", 0), 0u) << "Debian's default hash is yescrypt";
     ASSERT_TRUE(startDaemon({"-v", "-a", "10"}));
-    JobRequestSpec s = spec(user, user.home(), 7);
+    RequestFields s = fields(user, user.home(), 7);
     ASSERT_EQ(ask(s), 4) << client_.lastError();
     EXPECT_EQ(client_.lastVersion(), 52);
     EXPECT_EQ(client_.lastValue(), 10);  // the -a interval is offered
@@ -210,7 +210,7 @@ TEST_F(JobSessionTest, NonBlockingIoServesTheWholeExchange) {
     TestUser user;
     ASSERT_TRUE(user.ok());
     ASSERT_TRUE(startDaemon({"-v", "-s", "nonblocking"}));
-    ASSERT_EQ(ask(spec(user, user.home(), 0)), 4);
+    ASSERT_EQ(ask(fields(user, user.home(), 0)), 4);
     std::array<uint8_t, 512> options{};
     ASSERT_TRUE(client_.sendRaw(options));
     EXPECT_EQ(client_.diskItem({"a"}), 4);
@@ -228,7 +228,7 @@ TEST_F(JobSessionTest, Sha512PasswordsWorkToo) {
     ASSERT_TRUE(user.ok());
     EXPECT_EQ(user.shadowHash().rfind("$6$", 0), 0u);
     ASSERT_TRUE(startDaemon());
-    EXPECT_EQ(ask(spec(user, user.home())), 4);
+    EXPECT_EQ(ask(fields(user, user.home())), 4);
 }
 
 TEST_F(JobSessionTest, WrongPasswordGets113) {
@@ -236,19 +236,19 @@ TEST_F(JobSessionTest, WrongPasswordGets113) {
     TestUser user;
     ASSERT_TRUE(user.ok());
     ASSERT_TRUE(startDaemon());
-    JobRequestSpec s = spec(user, user.home());
+    RequestFields s = fields(user, user.home());
     s.password = "wrong";
     EXPECT_EQ(ask(s), 113);
     EXPECT_TRUE(agentCloses());
     EXPECT_TRUE(daemon_.waitForLog("(ckpasswd) Incorrect password"));
     // The daemon goes on serving: the right password is admitted.
-    EXPECT_EQ(ask(spec(user, user.home())), 4);
+    EXPECT_EQ(ask(fields(user, user.home())), 4);
 }
 
 TEST_F(JobSessionTest, UnknownUserGets115FromNewServersAnd113FromOld) {
     REQUIRE_ROOT();
     ASSERT_TRUE(startDaemon());
-    JobRequestSpec s;
+    RequestFields s;
     s.root = "/tmp";
     s.login = "tvk-nobody-here";
     s.password = "x";
@@ -265,7 +265,7 @@ TEST_F(JobSessionTest, LoginMissingFromTheShadowFileGets115Or113) {
     ASSERT_TRUE(user.ok());
     ASSERT_TRUE(user.hideFromShadow());
     ASSERT_TRUE(startDaemon());
-    JobRequestSpec s = spec(user, user.home());
+    RequestFields s = fields(user, user.home());
     s.serverVersion = 50;
     EXPECT_EQ(ask(s), 115);
     s.serverVersion = 49;
@@ -279,7 +279,7 @@ TEST_F(JobSessionTest, HostEquivalenceAdmitsWithoutPasswordUnlessAcceptEaIsE) {
     ASSERT_TRUE(user.ok());
     user.trustHost("localhost");
     ASSERT_TRUE(startDaemon());
-    JobRequestSpec s = spec(user, user.home());
+    RequestFields s = fields(user, user.home());
     s.password = "wrong";
     s.acceptEA = 0;
     EXPECT_EQ(ask(s), 4);
@@ -292,7 +292,7 @@ TEST_F(JobSessionTest, SingleUserModeAdmitsAnyoneAndRunsAsTheDaemonsUser) {
     Scratch scratch;
     std::string rootOnly = scratch.make("rootonly", 0700);
     ASSERT_TRUE(startDaemon({"-v", "-S"}));
-    JobRequestSpec s;
+    RequestFields s;
     s.root = rootOnly;
     s.login = "tvk-nobody-here";
     s.password = "anything";
@@ -312,15 +312,15 @@ TEST_F(JobSessionTest, JobRunsWithTheLoginsUidGidAndGroups) {
     ASSERT_TRUE(startDaemon());
 
     // Backup: root could read it, the login cannot.
-    EXPECT_EQ(ask(spec(user, rootOnly, 0)), 118);
+    EXPECT_EQ(ask(fields(user, rootOnly, 0)), 118);
     EXPECT_TRUE(daemon_.waitForLog("Failed to Access Directory [" + rootOnly + "/] (Permission denied)"));
     // Compare: the login cannot enter it.
-    EXPECT_EQ(ask(spec(user, rootOnly, 2)), 105);
+    EXPECT_EQ(ask(fields(user, rootOnly, 2)), 105);
     EXPECT_TRUE(daemon_.waitForLog("Failed to change directory to " + rootOnly + "/ (Permission denied), Job Abort"));
     // The primary group and the supplementary group both count.
-    EXPECT_EQ(ask(spec(user, viaPrimary, 2)), 4);
-    EXPECT_EQ(ask(spec(user, viaGroup, 2)), 4);
-    EXPECT_EQ(ask(spec(user, viaGroup, 0)), 4);
+    EXPECT_EQ(ask(fields(user, viaPrimary, 2)), 4);
+    EXPECT_EQ(ask(fields(user, viaGroup, 2)), 4);
+    EXPECT_EQ(ask(fields(user, viaGroup, 0)), 4);
 }
 
 TEST_F(JobSessionTest, NewestServerMayRunTheJobUnswitched) {
@@ -330,7 +330,7 @@ TEST_F(JobSessionTest, NewestServerMayRunTheJobUnswitched) {
     Scratch scratch;
     std::string rootOnly = scratch.make("rootonly", 0700);
     ASSERT_TRUE(startDaemon());
-    JobRequestSpec s = spec(user, rootOnly, 2);
+    RequestFields s = fields(user, rootOnly, 2);
     s.runUnswitched = true;
     EXPECT_EQ(ask(s), 4);  // version 52: the bit is honoured
     s.serverVersion = 51;
@@ -342,7 +342,7 @@ TEST_F(JobSessionTest, RelativeRootGets116) {
     TestUser user;
     ASSERT_TRUE(user.ok());
     ASSERT_TRUE(startDaemon());
-    EXPECT_EQ(ask(spec(user, "usr/lib", 0)), 116);
+    EXPECT_EQ(ask(fields(user, "usr/lib", 0)), 116);
     EXPECT_TRUE(daemon_.waitForLog("Invalid Unix Path, Job Abort"));
 }
 
@@ -352,10 +352,10 @@ TEST_F(JobSessionTest, ProtectedBackupRootGets114) {
     ASSERT_TRUE(user.ok());
     ASSERT_TRUE(startDaemon());
     std::ofstream(daemon_.home() + "tvk.cntl") << "# protected\n" << user.home() << "\n";
-    EXPECT_EQ(ask(spec(user, user.home(), 0)), 114);
+    EXPECT_EQ(ask(fields(user, user.home(), 0)), 114);
     EXPECT_TRUE(daemon_.waitForLog("Protected Directory [" + user.home() + "/] in " + daemon_.home() + "tvk.cntl"));
     // A compare of the same root is not a backup: no protection applies.
-    EXPECT_EQ(ask(spec(user, user.home(), 2)), 4);
+    EXPECT_EQ(ask(fields(user, user.home(), 2)), 4);
 }
 
 TEST_F(JobSessionTest, EveryCommandOfTheParameterPhase) {
@@ -363,7 +363,7 @@ TEST_F(JobSessionTest, EveryCommandOfTheParameterPhase) {
     TestUser user;
     ASSERT_TRUE(user.ok());
     ASSERT_TRUE(startDaemon());
-    JobRequestSpec s = spec(user, user.home(), 0);
+    RequestFields s = fields(user, user.home(), 0);
     s.tpSize = 1;
     ASSERT_EQ(ask(s), 4);
     // Backup: the options record and one filter item, unanswered.
@@ -418,7 +418,7 @@ TEST_F(JobSessionTest, BrokenCallersEndTheirConnectionAndTheNextIsServed) {
     EXPECT_TRUE(daemon_.waitForLog("Failed to get Request Packet, Job Abort"));
 
     // A request that stops half way.
-    std::vector<uint8_t> packet = tavik::frontend::buildRequestPacket(spec(user, user.home()));
+    std::vector<uint8_t> packet = tavik::frontend::buildRequestPacket(fields(user, user.home()));
     ASSERT_TRUE(client_.connect("127.0.0.1", daemon_.port()));
     ASSERT_TRUE(client_.sendRaw(std::span<const uint8_t>(packet.data(), 300)));
     client_.close();
@@ -429,7 +429,7 @@ TEST_F(JobSessionTest, BrokenCallersEndTheirConnectionAndTheNextIsServed) {
     EXPECT_TRUE(agentCloses());
     EXPECT_TRUE(daemon_.waitForLog("(blockRecv) Timed out in Receive, expected = 8 rcved = 0"));
 
-    EXPECT_EQ(ask(spec(user, user.home())), 4);
+    EXPECT_EQ(ask(fields(user, user.home())), 4);
     EXPECT_TRUE(daemon_.alive());
 }
 

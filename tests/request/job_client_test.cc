@@ -29,7 +29,7 @@ TEST(JobClient, VersionBytesAndFlags) {
 }
 
 TEST(JobClient, RequestPacketLayout) {
-    JobRequestSpec s;
+    RequestFields s;
     s.root = "/srv";
     s.login = "bob";
     s.password = "Pw0rd-42";

@@ -18,7 +18,7 @@ namespace {
 
 using namespace tavik;
 using tavik::frontend::buildRequestPacket;
-using tavik::frontend::JobRequestSpec;
+using tavik::frontend::RequestFields;
 using tavik::testing::ScratchHome;
 
 class RequestTest : public ::testing::Test {
@@ -36,8 +36,8 @@ protected:
     JobContext ctx_;
 };
 
-JobRequestSpec spec(const std::string& root, int version = 52) {
-    JobRequestSpec s;
+RequestFields fields(const std::string& root, int version = 52) {
+    RequestFields s;
     s.root = root;
     s.login = "alice";
     s.password = "Pw0rd-42";
@@ -51,7 +51,7 @@ JobRequestSpec spec(const std::string& root, int version = 52) {
 }
 
 TEST_F(RequestTest, RecordFieldsAndRootFromTheRecord) {
-    std::vector<uint8_t> packet = buildRequestPacket(spec("/home/alice"));
+    std::vector<uint8_t> packet = buildRequestPacket(fields("/home/alice"));
     ASSERT_EQ(packet.size(), 8u + 680u);
     EXPECT_EQ(wire::loadLe16(&packet[6]), 680);
     ASSERT_EQ(read(packet), 0);
@@ -67,7 +67,7 @@ TEST_F(RequestTest, RecordFieldsAndRootFromTheRecord) {
 }
 
 TEST_F(RequestTest, RecordRootIsCutAt176Bytes) {
-    std::vector<uint8_t> packet = buildRequestPacket(spec("/x"));
+    std::vector<uint8_t> packet = buildRequestPacket(fields("/x"));
     std::fill(packet.begin() + 8, packet.begin() + 8 + 176, 'r');  // no NUL in the field
     ASSERT_EQ(read(packet), 0);
     EXPECT_EQ(ctx_.jobRoot, std::string(176, 'r'));
@@ -75,7 +75,7 @@ TEST_F(RequestTest, RecordRootIsCutAt176Bytes) {
 
 TEST_F(RequestTest, LongRootFollowsTheRecord) {
     std::string root = "/" + std::string(299, 'd');
-    std::vector<uint8_t> packet = buildRequestPacket(spec(root));
+    std::vector<uint8_t> packet = buildRequestPacket(fields(root));
     EXPECT_EQ(wire::loadLe16(&packet[6]), 680 + 301);
     ASSERT_EQ(read(packet), 0);
     EXPECT_EQ(ctx_.jobRoot, root);
@@ -89,7 +89,7 @@ TEST_F(RequestTest, ServerVersionFromVersionByteAndFlags) {
     } cases[] = {{'2', 0x40, '4'}, {'2', 0x80, '3'}, {'2', 0xC0, '4'}, {'2', 0, '2'},
                  {'3', 0x40, '3'}, {'1', 0xC0, '1'}};
     for (const Case& c : cases) {
-        std::vector<uint8_t> packet = buildRequestPacket(spec("/"));
+        std::vector<uint8_t> packet = buildRequestPacket(fields("/"));
         packet[0] = c.flags;
         packet[8 + 678] = c.version;
         ASSERT_EQ(read(packet), 0);
@@ -99,7 +99,7 @@ TEST_F(RequestTest, ServerVersionFromVersionByteAndFlags) {
 
 TEST_F(RequestTest, ConflictFiveMeansOverwrite) {
     for (auto [sent, kept] : {std::pair{5, 3}, {0, 0}, {1, 1}}) {
-        JobRequestSpec s = spec("/");
+        RequestFields s = fields("/");
         s.conflict = static_cast<uint8_t>(sent);
         ASSERT_EQ(read(buildRequestPacket(s)), 0);
         EXPECT_EQ(ctx_.conflictPolicy, kept);
@@ -108,7 +108,7 @@ TEST_F(RequestTest, ConflictFiveMeansOverwrite) {
 
 TEST_F(RequestTest, VerboseDumpNeverShowsThePassword) {
     settings().verbose = true;
-    JobRequestSpec s = spec("/data", 49);
+    RequestFields s = fields("/data", 49);
     std::vector<uint8_t> packet = buildRequestPacket(s);
     packet[8 + 256] = 2;  // two file patterns, include
     packet[8 + 257] = 1;
@@ -133,14 +133,14 @@ TEST_F(RequestTest, HeaderWithoutRecordKeepsThePreviousRoot) {
 }
 
 TEST_F(RequestTest, ShortLengthStillReadsAWholeRecord) {
-    std::vector<uint8_t> packet = buildRequestPacket(spec("/short"));
+    std::vector<uint8_t> packet = buildRequestPacket(fields("/short"));
     wire::storeLe16(&packet[6], 10);
     ASSERT_EQ(read(packet), 0);
     EXPECT_EQ(ctx_.jobRoot, "/short");
 }
 
 TEST_F(RequestTest, LengthBeyondTheRootBufferFailsBeforeReading) {
-    std::vector<uint8_t> packet = buildRequestPacket(spec("/"));
+    std::vector<uint8_t> packet = buildRequestPacket(fields("/"));
     wire::storeLe16(&packet[6], 680 + 1024);
     packet.resize(8 + 680 + 1024, 'x');
     EXPECT_EQ(read(packet), transport::kFailed);
@@ -153,7 +153,7 @@ TEST_F(RequestTest, LengthBeyondTheRootBufferFailsBeforeReading) {
 }
 
 TEST_F(RequestTest, EveryTruncationFails) {
-    std::vector<uint8_t> packet = buildRequestPacket(spec("/" + std::string(400, 'a')));
+    std::vector<uint8_t> packet = buildRequestPacket(fields("/" + std::string(400, 'a')));
     for (size_t cut = 0; cut < 8; ++cut) {
         std::vector<uint8_t> part(packet.begin(), packet.begin() + static_cast<long>(cut));
         EXPECT_EQ(read(part), transport::kFailed) << cut;
@@ -168,7 +168,7 @@ TEST_F(RequestTest, EveryTruncationFails) {
 
 TEST_F(RequestTest, RealSocketClosedHalfWay) {
     tavik::testing::SocketPair sp;
-    std::vector<uint8_t> packet = buildRequestPacket(spec("/half"));
+    std::vector<uint8_t> packet = buildRequestPacket(fields("/half"));
     ASSERT_EQ(::send(sp.server, packet.data(), 300, 0), 300);
     sp.closeServer();
     Channel channel(sp.agent);
