@@ -63,3 +63,15 @@ SignalBlock::SignalBlock(int sig) {
 SignalBlock::~SignalBlock() { sigprocmask(SIG_SETMASK, &old_, nullptr); }
 
 }  // namespace tavik::platform
+
+namespace tavik::platform {
+
+SavedDisposition::SavedDisposition(int sig) : sig_(sig) {
+    saved_ = sigaction(sig, nullptr, &old_) == 0;
+}
+
+SavedDisposition::~SavedDisposition() {
+    if (saved_) sigaction(sig_, &old_, nullptr);
+}
+
+}  // namespace tavik::platform

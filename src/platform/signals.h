@@ -53,3 +53,22 @@ private:
 };
 
 }  // namespace tavik::platform
+
+namespace tavik::platform {
+
+// Remembers the disposition of `sig` and puts it back when it goes away
+// (a routine that installs a handler of its own for the time it runs).
+class SavedDisposition {
+public:
+    explicit SavedDisposition(int sig);
+    ~SavedDisposition();
+    SavedDisposition(const SavedDisposition&) = delete;
+    SavedDisposition& operator=(const SavedDisposition&) = delete;
+
+private:
+    int sig_;
+    struct sigaction old_ {};
+    bool saved_ = false;
+};
+
+}  // namespace tavik::platform

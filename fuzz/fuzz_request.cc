@@ -1,0 +1,29 @@
+// Arbitrary bytes as a server's side of a job connection: the job request,
+// then (as the job process would) the options record with the filter items
+// and the command loop, all read from the same buffer.
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "daemon/state.h"
+#include "request/channel.h"
+#include "request/commands.h"
+#include "request/job_context.h"
+#include "request/request.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static bool once = [] {
+        tavik::paths().logPath = "/dev/null";
+        tavik::paths().oldLogPath = "/dev/null";
+        tavik::settings().verbose = true;
+        return true;
+    }();
+    (void)once;
+    tavik::JobContext ctx;
+    tavik::prepareForConnection(ctx);
+    tavik::Channel channel{std::span<const uint8_t>(data, size)};
+    if (tavik::GetRequest(channel, ctx) != 0) return 0;
+    if (ctx.request.opMode() == tavik::kOpBackup && tavik::GetPattern(channel, ctx) != 0) return 0;
+    (void)tavik::GetCommands(channel, ctx);
+    return 0;
+}

@@ -1,0 +1,187 @@
+#include "daemon/job_session.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "daemon/control_files.h"
+#include "daemon/login.h"
+#include "daemon/state.h"
+#include "log/ulog.h"
+#include "request/channel.h"
+#include "request/commands.h"
+#include "transport/packet.h"
+
+namespace tavik {
+namespace {
+
+constexpr int kJobOver = 1;
+
+// Sends a status code before the job starts; a failed send has been logged
+// and changes nothing: the job ends either way.
+void answer(Channel& channel, const JobContext& ctx, int8_t code) {
+    if (channel.sendCode(code, ctx) != 0) return;
+}
+
+bool switchIdentity(const JobContext& ctx) {
+    if (!ctx.jobUser.present) {
+        ulog("%sNo user to switch to", "(chuid) ");
+        return false;
+    }
+    return chuid(ctx.jobUser.name.c_str(), ctx.jobUser.uid, ctx.jobUser.gid) == 0;
+}
+
+// The data phases, one dispatch point per job type. Each runs after the
+// start command and returns when its job is over; until a job type's data
+// phase exists, its job consists of the command exchange alone.
+int backupPhase(Channel&, JobContext&) { return kJobOver; }
+int restorePhase(Channel&, JobContext&) { return kJobOver; }
+int comparePhase(Channel&, JobContext&) { return kJobOver; }
+int browsePhase(int, JobContext&) { return kJobOver; }
+
+// Makes the restore's root under the login's identity: 0 made, 1 the
+// identity switch failed, other values the root could not be made. Until
+// the restore path builder exists the root must already exist; the common
+// directory change then tests it.
+int prepareRestoreRoot(JobContext&) { return 0; }
+
+void logStartLine(const JobContext& ctx) {
+    const char* format = MSG_START_COMPARE_JOB_FROM_DESTINATION;
+    if (ctx.request.opMode() == kOpBackup) format = MSG_START_BACKUP_JOB_FROM_SOURCE;
+    if (ctx.request.opMode() == kOpRestore) format = MSG_START_RESTORE_JOB_FROM_DESTINATION;
+    // Built first and written as text, so a "%" in the path stays as it is.
+    char line[kLogBufferSize];
+    std::snprintf(line, sizeof line, format, "", listener().caller(), ctx.request.loginID().c_str(),
+                  ctx.jobRoot.c_str());
+    ulogText(line);
+}
+
+int changeToRoot(Channel& channel, const JobContext& ctx) {
+    if (::chdir(ctx.jobRoot.c_str()) != 0) {
+        ulog(MSG_FAILED_CHANGE_DIRECTORY_JOB_ABORT, "", ctx.jobRoot.c_str(), errText());
+        answer(channel, ctx, transport::code::kPathFailed);
+        return -1;
+    }
+    return 0;
+}
+
+// The checks before code 4; 0 when the job may go on.
+int prepare(Channel& channel, JobContext& ctx) {
+    switch (ctx.request.opMode()) {
+        case kOpBackup:
+            if (!identitySwitchExempt(ctx, false) && !switchIdentity(ctx)) {
+                answer(channel, ctx, transport::code::kIdentityFailed);
+                return -1;
+            }
+            if (::access(ctx.jobRoot.c_str(), R_OK | X_OK) != 0) {
+                ulog(MSG_FAILED_ACCESS_DIRECTORY, "", ctx.jobRoot.c_str(), errText());
+                answer(channel, ctx, transport::code::kNoAccess);
+                return -1;
+            }
+            // An unreadable file has been logged; what was read of it applies.
+            if (dir_cntl(paths().cntlPath.c_str(), ctx.protectedDirs) != 0 && ctx.protectedDirs.names.empty()) {
+                return 0;
+            }
+            if (isProtected(ctx.jobRoot, ctx.protectedDirs) != 0) {
+                ulog(MSG_PROTECTED_DIRECTORY, "", ctx.jobRoot.c_str(), paths().cntlPath.c_str());
+                answer(channel, ctx, transport::code::kProtectedDir);
+                return -1;
+            }
+            return 0;  // a backup keeps its working directory
+        case kOpRestore: {
+            int r = prepareRestoreRoot(ctx);
+            if (r != 0) {
+                bool identity = ctx.serverVersion >= transport::kNewServerVersion && r == 1;
+                answer(channel, ctx, identity ? transport::code::kIdentityFailed : transport::code::kPathFailed);
+                return -1;
+            }
+            return changeToRoot(channel, ctx);
+        }
+        case kOpCompare:
+            if (!identitySwitchExempt(ctx, false) && !switchIdentity(ctx)) {
+                answer(channel, ctx, transport::code::kIdentityFailed);
+                return -1;
+            }
+            settings().followLinks = ctx.request.follow() != 0;
+            if (settings().followLinks) ulogText(MSG_SYMBOLIC_LINKS_FOLLOWED);
+            return changeToRoot(channel, ctx);
+        default:
+            return changeToRoot(channel, ctx);
+    }
+}
+
+}  // namespace
+
+bool identitySwitchExempt(const JobContext& ctx, bool browse) {
+    if (settings().singleUser) return true;
+    if (browse) return false;
+    return ctx.serverVersion > 51 && ctx.request.noSwitchBit();
+}
+
+int serveJob(JobContext& ctx) {
+    Listener& l = listener();
+    Channel channel(l.jobSocket);
+
+    if (ctx.request.opMode() == kOpBrowse) {
+        if (settings().verbose) ulogText("enter Browser()...");
+        if (!identitySwitchExempt(ctx, true) && !switchIdentity(ctx)) {
+            ::close(l.jobSocket);
+            l.jobSocket = -1;
+            return kJobOver;
+        }
+        browsePhase(l.jobSocket, ctx);
+        ::close(l.jobSocket);
+        l.jobSocket = -1;
+        return kJobOver;
+    }
+
+    logStartLine(ctx);
+    if (ctx.jobRoot.empty() || ctx.jobRoot[0] != '/') {
+        answer(channel, ctx, transport::code::kNotAbsolute);
+        ulog(MSG_INVALID_UNIX_PATH_JOB_ABORT, "");
+        return kJobOver;
+    }
+    if (ctx.jobRoot.back() != '/') ctx.jobRoot += '/';
+
+    if (prepare(channel, ctx) != 0) return kJobOver;
+    if (channel.sendCode(transport::code::kReady, ctx) != 0) return kJobOver;
+
+    if (ctx.request.opMode() == kOpBackup && GetPattern(channel, ctx) != 0) {
+        ulog(MSG_FAILED_RECEIVE_PATTERNS_FILTER, "");
+        return kJobOver;
+    }
+    int r = GetCommands(channel, ctx);
+    if (r == transport::kFailed) {
+        ulog(MSG_FAILED_RECEIVE_STARTING_SIGNAL, "", "");
+        return kJobOver;
+    }
+    if (r != 0) return kJobOver;
+
+    switch (ctx.request.opMode()) {
+        case kOpBackup: return backupPhase(channel, ctx);
+        case kOpRestore: return restorePhase(channel, ctx);
+        case kOpCompare: return comparePhase(channel, ctx);
+        default: return kJobOver;  // the command exchange was the whole job
+    }
+}
+
+int runJob(JobContext& ctx) {
+    Listener& l = listener();
+    pid_t pid = ::fork();
+    if (pid < 0) {
+        ulog(MSG_FAILED_FORK_JOB_ABORT, "", errText());
+        return -1;
+    }
+    if (pid > 0) {
+        ::close(l.jobSocket);
+        l.jobSocket = -1;
+        return 0;
+    }
+    if (l.listenSocket >= 0) ::close(l.listenSocket);
+    if (l.udpSocket >= 0) ::close(l.udpSocket);
+    l.listenSocket = -1;
+    l.udpSocket = -1;
+    return serveJob(ctx);
+}
+
+}  // namespace tavik

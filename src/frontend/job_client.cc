@@ -1,0 +1,199 @@
+#include "frontend/job_client.h"
+
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "frontend/net.h"
+#include "request/job_context.h"
+#include "request/password.h"
+#include "wire/bytes.h"
+
+namespace tavik::frontend {
+namespace {
+
+constexpr size_t kHeaderSize = 8;
+constexpr size_t kRecordRootMax = request_layout::kRootWidth - 1;
+
+}  // namespace
+
+void versionBytes(int serverVersion, uint8_t& versionByte, uint8_t& flags) {
+    flags = 0;
+    versionByte = static_cast<uint8_t>(serverVersion);
+    if (serverVersion >= 52) {
+        versionByte = '2';
+        flags = 0x40;
+    } else if (serverVersion == 51) {
+        versionByte = '2';
+        flags = 0x80;
+    }
+}
+
+std::vector<uint8_t> buildCommand(int8_t code, uint16_t value, std::span<const uint8_t> payload) {
+    std::vector<uint8_t> packet(kHeaderSize + payload.size());
+    packet[2] = static_cast<uint8_t>(code);
+    wire::storeLe16(&packet[4], value);
+    wire::storeLe16(&packet[6], static_cast<uint16_t>(payload.size()));
+    if (!payload.empty()) std::memcpy(packet.data() + kHeaderSize, payload.data(), payload.size());
+    return packet;
+}
+
+std::vector<uint8_t> buildRequestPacket(const RequestFields& fields) {
+    using namespace request_layout;
+    bool longRoot = fields.root.size() > kRecordRootMax;
+    if (fields.root.size() + 1 > kJobRootSize - 1) return {};
+    size_t length = kSize + (longRoot ? fields.root.size() + 1 : 0);
+    std::vector<uint8_t> packet(kHeaderSize + length, 0);
+    uint8_t versionByte = 0;
+    uint8_t flags = 0;
+    versionBytes(fields.serverVersion, versionByte, flags);
+    packet[0] = flags;
+    wire::storeLe16(&packet[6], static_cast<uint16_t>(length));
+
+    uint8_t* r = packet.data() + kHeaderSize;
+    std::memcpy(r + kRootAt, fields.root.data(), longRoot ? kRecordRootMax : fields.root.size());
+    std::memcpy(r + kLoginAt, fields.login.data(), fields.login.size() < kLoginWidth ? fields.login.size() : kLoginWidth - 1);
+    std::array<uint8_t, kPasswordSize> scrambled = scramblePassword(fields.password.c_str());
+    std::memcpy(r + kPasswordAt, scrambled.data(), scrambled.size());
+    wipeSecret(scrambled.data(), scrambled.size());
+    wire::storeLe16(r + kTpSizeAt, fields.tpSize);
+    r[kAcceptEaAt] = fields.acceptEA;
+    r[kOpModeAt] = fields.opMode;
+    wire::storeLe32(r + kTimeThreshAt, static_cast<uint32_t>(fields.timeThresh));
+    if (fields.runUnswitched) r[kNoSwitchAt] |= 0x80;
+    r[kMethodAt] = fields.method;
+    r[kFollowAt] = fields.follow;
+    r[kVersionAt] = versionByte;
+    r[kConflictAt] = fields.conflict;
+    if (longRoot) std::memcpy(r + kSize, fields.root.c_str(), fields.root.size() + 1);
+    return packet;
+}
+
+JobClient::~JobClient() { close(); }
+
+void JobClient::close() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+}
+
+bool JobClient::connect(const std::string& host, uint16_t port) {
+    close();
+    auto addr = resolveIpv4(host, port, error_);
+    if (!addr) return false;
+    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (fd_ < 0 || ::connect(fd_, reinterpret_cast<const sockaddr*>(&*addr), sizeof *addr) != 0) {
+        error_ = std::string("cannot connect: ") + std::strerror(errno);
+        close();
+        return false;
+    }
+    return true;
+}
+
+bool JobClient::sendRaw(std::span<const uint8_t> bytes) {
+    size_t sent = 0;
+    while (sent < bytes.size()) {
+        ssize_t n = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            error_ = std::string("send failed: ") + std::strerror(errno);
+            return false;
+        }
+        sent += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool JobClient::recvRaw(std::span<uint8_t> bytes) {
+    size_t got = 0;
+    while (got < bytes.size()) {
+        pollfd p{fd_, POLLIN, 0};
+        int ready = ::poll(&p, 1, timeoutMs_);
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) {
+            error_ = "no answer from the agent";
+            return false;
+        }
+        ssize_t n = ::recv(fd_, bytes.data() + got, bytes.size() - got, 0);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            error_ = n == 0 ? "the agent closed the connection" : std::string("receive failed: ") + std::strerror(errno);
+            return false;
+        }
+        got += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+int JobClient::readAnswer() {
+    std::array<uint8_t, kHeaderSize> h{};
+    if (!recvRaw(h)) return kNoAnswer;
+    lastVersion_ = h[3];
+    lastValue_ = wire::loadLe16(&h[4]);
+    return static_cast<int8_t>(h[2]);
+}
+
+int JobClient::request(const RequestFields& fields) {
+    std::vector<uint8_t> packet = buildRequestPacket(fields);
+    if (packet.empty()) {
+        error_ = "root path too long";
+        return kNoAnswer;
+    }
+    bool ok = sendRaw(packet);
+    wipeSecret(packet.data(), packet.size());
+    if (!ok) return kNoAnswer;
+    return readAnswer();
+}
+
+int JobClient::command(int8_t code, std::span<const uint8_t> payload, uint16_t value) {
+    if (payload.size() > 0xFFFF) {
+        error_ = "payload too long";
+        return kNoAnswer;
+    }
+    if (!sendRaw(buildCommand(code, value, payload))) return kNoAnswer;
+    return readAnswer();
+}
+
+int JobClient::option(std::span<const uint8_t> record) { return command(12, record); }
+
+int JobClient::diskItem(const std::vector<std::string>& names) {
+    std::vector<uint8_t> text;
+    for (const std::string& n : names) {
+        text.insert(text.end(), n.begin(), n.end());
+        text.push_back(0);
+    }
+    std::array<uint8_t, 8> payload{};
+    wire::storeLe32(&payload[0], static_cast<uint32_t>(names.size()));
+    wire::storeLe32(&payload[4], static_cast<uint32_t>(text.size()));
+    int answer = command(11, payload);
+    if (answer != 4) return answer;
+    return sendRaw(text) ? answer : kNoAnswer;
+}
+
+int JobClient::grooming(std::span<const uint8_t> record, std::span<const uint8_t> tapeRecord) {
+    int answer = command(13, record);
+    if (answer != 4) return answer;
+    return sendRaw(tapeRecord) ? answer : kNoAnswer;
+}
+
+int JobClient::dbFile(std::span<const uint8_t> list) {
+    std::array<uint8_t, 4> payload{};
+    wire::storeLe32(payload.data(), static_cast<uint32_t>(list.size()));
+    int answer = command(15, payload);
+    if (answer != 4) return answer;
+    return sendRaw(list) ? answer : kNoAnswer;
+}
+
+int JobClient::continueAt(uint32_t offset, const std::string& path) {
+    std::vector<uint8_t> payload(4 + path.size() + 1, 0);
+    wire::storeLe32(payload.data(), offset);
+    std::memcpy(payload.data() + 4, path.data(), path.size());
+    return command(16, payload);
+}
+
+bool JobClient::start(uint16_t ackInterval) { return sendRaw(buildCommand(0, ackInterval, {})); }
+
+}  // namespace tavik::frontend

@@ -1,0 +1,420 @@
+#include "transport/packet.h"
+
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
+#include "daemon/state.h"
+#include "log/ulog.h"
+#include "platform/signals.h"
+#include "wire/bytes.h"
+
+namespace tavik::transport {
+namespace {
+
+// Flags set by the SIGALRM handlers of this module; the routines act on them
+// in normal context.
+volatile sig_atomic_t gSendStalled = 0;    // 180 s without progress
+volatile sig_atomic_t gSpanTapeFailed = 0;  // the 72-hour alarm fired
+volatile sig_atomic_t gRecvTimedOut = 0;
+
+void spanTapeAlarm(int) { gSendStalled = 1; }
+void spanTapeExpired(int) { gSpanTapeFailed = 1; }
+void recvAlarm(int) { gRecvTimedOut = 1; }
+
+QueueNotFullTest gQueueNotFull = nullptr;
+
+int divisor() {
+    int d = settings().timeDivisor;
+    return d > 0 ? d : 1;
+}
+
+void sleepMicros(long long micros) {
+    if (micros < 0) micros = 0;
+    timeval tv{};
+    tv.tv_sec = static_cast<time_t>(micros / 1000000);
+    tv.tv_usec = static_cast<suseconds_t>(micros % 1000000);
+    if (::select(0, nullptr, nullptr, nullptr, &tv) < 0) {
+        if (errno == EINTR) {
+            platform::dispatchPendingSignals();
+        } else {
+            ulog("%sfailed in select, %s", "(nmseleep) ", errText());
+        }
+    }
+}
+
+}  // namespace
+
+HeaderBytes encodeHeader(const PacketHeader& h) {
+    HeaderBytes b{};
+    b[kHeaderFlagsAt] = h.flags;
+    b[kHeaderReservedAt] = h.reserved;
+    b[kHeaderCodeAt] = static_cast<uint8_t>(h.code);
+    b[kHeaderVersionAt] = h.version;
+    wire::storeLe16(&b[kHeaderValueAt], h.value);
+    wire::storeLe16(&b[kHeaderLengthAt], h.length);
+    return b;
+}
+
+PacketHeader decodeHeader(const HeaderBytes& b) {
+    PacketHeader h;
+    h.flags = b[kHeaderFlagsAt];
+    h.reserved = b[kHeaderReservedAt];
+    h.code = static_cast<int8_t>(b[kHeaderCodeAt]);
+    h.version = b[kHeaderVersionAt];
+    h.value = wire::loadLe16(&b[kHeaderValueAt]);
+    h.length = wire::loadLe16(&b[kHeaderLengthAt]);
+    return h;
+}
+
+TransportState& transport() {
+    static TransportState state{blockSend, blockRecv};
+    return state;
+}
+
+void useNonblockingIo() {
+    transport().sendRoutine = nonblockSend;
+    transport().recvRoutine = nonblockRecv;
+}
+
+void useBlockingIo() {
+    transport().sendRoutine = blockSend;
+    transport().recvRoutine = blockRecv;
+}
+
+int sendRoutine(int fd, const uint8_t* buffer, size_t length) {
+    return transport().sendRoutine(fd, buffer, length);
+}
+
+int recvRoutine(int fd, uint8_t* buffer, size_t length) {
+    return transport().recvRoutine(fd, buffer, length);
+}
+
+void armAlarm(unsigned seconds) {
+    itimerval it{};
+    if (seconds != 0) {
+        long long micros = static_cast<long long>(seconds) * 1000000 / divisor();
+        if (micros < 1000) micros = 1000;
+        it.it_value.tv_sec = static_cast<time_t>(micros / 1000000);
+        it.it_value.tv_usec = static_cast<suseconds_t>(micros % 1000000);
+    }
+    setitimer(ITIMER_REAL, &it, nullptr);
+}
+
+void scaledSleep(unsigned seconds) {
+    sleepMicros(static_cast<long long>(seconds) * 1000000 / divisor());
+}
+
+int nmseleep(int milliseconds) {
+    sleepMicros(static_cast<long long>(milliseconds) * 1000);
+    return 0;
+}
+
+int timeOut(int count, int limit) {
+    constexpr const char* kPrefix = "(timeOut) ";
+    int n = count + 1;
+    if (n > limit) return -1;
+    if (n > 1000) {
+        int wait = (n - 1000) / 100 + 1;
+        TransportState& t = transport();
+        if (settings().verbose && wait != t.lastReportedSleep) {
+            ulog("%sTimeCount=%d, sleep(%d)...", kPrefix, n, wait);
+            t.lastReportedSleep = wait;
+        }
+        scaledSleep(static_cast<unsigned>(wait));
+    } else {
+        // nmseleep(10), shortened by the time divisor.
+        sleepMicros(10000 / divisor());
+    }
+    return n;
+}
+
+int signalBackupProcess(bool wake) {
+    pid_t parent = getppid();
+    if (::kill(parent, SIGUSR1) != 0) {
+        ulog(MSG_FAILED_SEND_SIGNAL_PROCESS, "", static_cast<int>(parent), errText());
+        return -1;
+    }
+    if (wake) {
+        ulog(MSG_WAKE_BACKUP_PROCESS_UP, "", static_cast<int>(parent));
+        transport().backupAsleep = false;
+    } else {
+        ulog(MSG_PUT_BACKUP_PROCESS_INTO_SLEEP, "", static_cast<int>(parent));
+        transport().backupAsleep = true;
+    }
+    return 0;
+}
+
+void setQueueNotFullTest(QueueNotFullTest test) { gQueueNotFull = test; }
+
+int blockSend(int fd, const uint8_t* buffer, size_t length) {
+    constexpr const char* kPrefix = "(blockSend) ";
+    platform::SavedDisposition saved(SIGALRM);
+    gSendStalled = 0;
+    gSpanTapeFailed = 0;
+    platform::installHandler(SIGALRM, spanTapeAlarm);
+    armAlarm(kSendStallSeconds);
+    int result = 0;
+    size_t sent = 0;
+    while (sent < length) {
+        ssize_t n = ::send(fd, buffer + sent, length - sent, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) {
+            platform::dispatchPendingSignals();
+            if (gSpanTapeFailed) {
+                ulog(MSG_SPAN_TAPE_FAILED, kPrefix);
+                result = kFailed;
+                break;
+            }
+            if (gSendStalled) {
+                // The server stopped reading (a tape change): put the backup
+                // process to sleep, then allow 72 hours for progress. Only the
+                // backup's sender has a backup process as its parent.
+                gSendStalled = 0;
+                platform::ignoreSignal(SIGALRM);
+                if (transport().senderProcess && !transport().backupAsleep) signalBackupProcess(false);
+                platform::installHandler(SIGALRM, spanTapeExpired, platform::HandlerMode::OneShot);
+                armAlarm(kSpanTapeSeconds);
+            }
+            continue;
+        }
+        if (n < 0) {
+            ulog(MSG_FAILED_SEND, kPrefix, errText());
+            result = kFailed;
+            break;
+        }
+        if (transport().backupAsleep && signalBackupProcess(true) != 0) {
+            result = kFailed;
+            break;
+        }
+        platform::installHandler(SIGALRM, spanTapeAlarm);
+        armAlarm(kSendStallSeconds);
+        sent += static_cast<size_t>(n);
+    }
+    armAlarm(0);
+    return result;  // `saved` puts the previous SIGALRM disposition back
+}
+
+int nonblockSend(int fd, const uint8_t* buffer, size_t length) {
+    constexpr const char* kPrefix = "(nonblockSend) ";
+    if (length == 0) return 0;
+    size_t sent = 0;
+    int zeroCount = 0;
+    int busyCount = 0;
+    while (sent < length) {
+        ssize_t n = ::send(fd, buffer + sent, length - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOMEM)) {
+            busyCount = timeOut(busyCount, kBusySendRetryLimit);
+            if (busyCount == -1) {
+                ulog(MSG_SPAN_TAPE_FAILED, kPrefix);
+                return kFailed;
+            }
+            if (busyCount == 1001 && transport().senderProcess) {
+                if (gQueueNotFull && gQueueNotFull()) scaledSleep(2);
+                if (signalBackupProcess(false) != 0) return kFailed;
+            }
+            continue;
+        }
+        if (n < 0 && errno == EINTR) {
+            platform::dispatchPendingSignals();
+            continue;
+        }
+        if (n < 0) {
+            ulog(MSG_FAILED_SEND, kPrefix, errText());
+            return kFailed;
+        }
+        if (n == 0) {
+            if (zeroCount == 0) ulog("%ssend() return 0!", kPrefix);
+            zeroCount = timeOut(zeroCount, kZeroSendRetryLimit);
+            if (zeroCount == -1) {
+                ulog("%ssend() return 0 time out!", kPrefix);
+                return kFailed;
+            }
+            continue;
+        }
+        if (transport().backupAsleep && signalBackupProcess(true) != 0) return kFailed;
+        zeroCount = 0;
+        busyCount = 0;
+        sent += static_cast<size_t>(n);
+    }
+    return 0;
+}
+
+int blockRecv(int fd, uint8_t* buffer, size_t length) {
+    constexpr const char* kPrefix = "(blockRecv) ";
+    unsigned timeout = transport().recvTimeout;
+    platform::SavedDisposition saved(SIGALRM);
+    if (timeout != 0) {
+        gRecvTimedOut = 0;
+        platform::installHandler(SIGALRM, recvAlarm);
+        armAlarm(timeout);
+    }
+    if (length > 0) std::memset(buffer, 0, length);
+    int result = 0;
+    size_t got = 0;
+    while (got < length) {
+        ssize_t n = ::recv(fd, buffer + got, length - got, 0);
+        if (n < 0 && errno == EINTR) {
+            platform::dispatchPendingSignals();
+            if (timeout != 0 && gRecvTimedOut) {
+                ulog(MSG_TIMED_OUT_RECEIVE_EXPECTED_RCVED, kPrefix, static_cast<int>(length),
+                     static_cast<int>(got));
+                result = kFailed;
+                break;
+            }
+            continue;
+        }
+        if (n < 0) {
+            ulog(MSG_FAILED_RECV, kPrefix, errText());
+            result = kFailed;
+            break;
+        }
+        if (n == 0) {
+            ulog("%sEOF received", kPrefix);
+            result = kFailed;
+            break;
+        }
+        got += static_cast<size_t>(n);
+        if (timeout != 0) armAlarm(timeout);
+    }
+    if (timeout != 0) armAlarm(0);
+    return result;
+}
+
+int nonblockRecv(int fd, uint8_t* buffer, size_t length) {
+    constexpr const char* kPrefix = "(nonblockRecv) ";
+    std::printf("%s connfd=%d, torecv=%d\n", kPrefix, fd, static_cast<int>(length));
+    std::fflush(stdout);
+    if (length == 0) return 0;
+    std::memset(buffer, 0, length);
+    size_t got = 0;
+    int count = 0;
+    while (got < length) {
+        ssize_t n = ::recv(fd, buffer + got, length - got, MSG_DONTWAIT);
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            count = timeOut(count, kRecvRetryLimit);
+            if (count == -1) {
+                ulog(MSG_TIMED_OUT_RECEIVE_EXPECTED_RCVED, kPrefix, static_cast<int>(length),
+                     static_cast<int>(got));
+                return kFailed;
+            }
+            continue;
+        }
+        if (n < 0 && errno == EINTR) {
+            platform::dispatchPendingSignals();
+            continue;
+        }
+        if (n < 0) {
+            ulog(MSG_FAILED_RECV, kPrefix, errText());
+            return kFailed;
+        }
+        if (n == 0) {
+            ulog("%sEOF received", kPrefix);
+            return kFailed;
+        }
+        count = 0;
+        got += static_cast<size_t>(n);
+    }
+    return 0;
+}
+
+int syncSendCode(int fd, int8_t packetCode, const ReadyInfo& ready) {
+    PacketHeader h;
+    h.code = packetCode;
+    if (packetCode == code::kReady) {
+        h.value = ready.ackInterval;
+        h.version = ready.serverVersion >= kNewServerVersion ? static_cast<uint8_t>(ready.serverVersion)
+                                                             : kOldReadyVersion;
+    }
+    HeaderBytes bytes = encodeHeader(h);
+    if (sendRoutine(fd, bytes.data(), bytes.size()) != 0) {
+        ulog(MSG_SEND_COMMAND_0X_FAILED, "(sync_send_code) ", static_cast<unsigned>(static_cast<uint8_t>(packetCode)));
+        return kFailed;
+    }
+    return 0;
+}
+
+int GetReply(int fd, int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fileData) {
+    constexpr const char* kPrefix = "(GetReply) ";
+    HeaderBytes bytes{};
+    if (recvRoutine(fd, bytes.data(), bytes.size()) != 0) {
+        ulog(MSG_FAILED_RECEIVE_HEADER_PACKET, kPrefix);
+        return kFailed;
+    }
+    PacketHeader h = decodeHeader(bytes);
+    codeOut = h.code;
+    if (h.length == 0) return 0;
+    uint8_t* target = nullptr;
+    bool fits = false;
+    if ((h.code == code::kMof || h.code == code::kEndf) && fileData) {
+        size_t room = fileData->fill <= fileData->area.size() ? fileData->area.size() - fileData->fill : 0;
+        fits = h.length <= room;
+        if (fits) target = fileData->area.data() + fileData->fill;
+    } else {
+        fits = h.length <= record.size();
+        target = record.data();
+    }
+    if (!fits || recvRoutine(fd, target, h.length) != 0) {
+        ulog(MSG_FAILED_RECEIVE_DATA_PACKET, kPrefix);
+        return kFailed;
+    }
+    if ((h.code == code::kMof || h.code == code::kEndf) && fileData) fileData->fill += h.length;
+    return 0;
+}
+
+int ackIfDue(int fd, uint16_t ackInterval) {
+    if (ackInterval == 0) return 0;
+    TransportState& t = transport();
+    if (ackInterval != 1) {
+        t.ackCounter = static_cast<uint16_t>((t.ackCounter + 1) % ackInterval);
+        if (t.ackCounter != 0) return 0;
+    }
+    return syncSendCode(fd, code::kOk) == 0 ? 0 : kFailed;
+}
+
+int usbSend(int fd, const uint8_t* buffer, size_t length) {
+    constexpr const char* kPrefix = "(usbSend) ";
+    platform::SavedDisposition saved(SIGALRM);
+    platform::installHandler(SIGALRM, platform::interruptOnly);
+    armAlarm(kUsbSendAlarm);
+    ssize_t n = ::send(fd, buffer, length, MSG_NOSIGNAL);
+    int savedErrno = errno;
+    armAlarm(0);
+    if (n >= 0 && static_cast<size_t>(n) == length) return 0;
+    if (n >= 0) {
+        ulog(MSG_FAILED_SEND_BYTES_LENGTH, kPrefix, static_cast<int>(length), static_cast<int>(n));
+        return -1;
+    }
+    errno = savedErrno;
+    if (errno == EINTR) ulog(MSG_SEND_TIMEOUT, kPrefix);
+    errno = savedErrno;
+    ulog(MSG_FAILED_SEND, kPrefix, errText());
+    return -1;
+}
+
+int usbReceive(int fd, uint8_t* buffer, size_t length) {
+    constexpr const char* kPrefix = "(usbReceive) ";
+    platform::SavedDisposition saved(SIGALRM);
+    platform::installHandler(SIGALRM, platform::interruptOnly);
+    armAlarm(kUsbRecvAlarm);
+    ssize_t n = ::recv(fd, buffer, length, 0);
+    int savedErrno = errno;
+    armAlarm(0);
+    if (n >= 0 && static_cast<size_t>(n) == length) return 0;
+    if (n >= 0) {
+        ulog(MSG_FAILED_RECV_BYTES_LENGTH, kPrefix, static_cast<int>(length), static_cast<int>(n));
+        return -1;
+    }
+    errno = savedErrno;
+    if (errno == EINTR) ulog(MSG_RECV_TIMEOUT, kPrefix);
+    errno = savedErrno;
+    ulog(MSG_FAILED_RECV, kPrefix, errText());
+    return -1;
+}
+
+}  // namespace tavik::transport

@@ -1,0 +1,161 @@
+// Packet exchange on a job connection: the 8-byte header, the whole-buffer
+// send and receive pairs, the retry waits, status packets, one server packet,
+// the acknowledgement rule and the sender's sleep/wake signal to the backup
+// process.
+//
+// Requires: the process-wide transport state (transport()) is chosen once at
+// start-up (useNonblockingIo) and inherited by job processes.
+// Fails: the whole-buffer operations, syncSendCode, GetReply and ackIfDue
+// return kFailed (100) after logging with their prefix; timeOut returns -1 at
+// its limit; signalBackupProcess and the usb pair return -1. Every long wait
+// (the 180 s and 72 h send alarms, the receive time-out, timeOut's sleeps, the
+// usb alarms) is divided by settings().timeDivisor.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace tavik::transport {
+
+inline constexpr int kFailed = 100;
+
+// PacketHeader layout.
+inline constexpr size_t kHeaderSize = 8;
+inline constexpr size_t kHeaderFlagsAt = 0;
+inline constexpr size_t kHeaderReservedAt = 1;
+inline constexpr size_t kHeaderCodeAt = 2;
+inline constexpr size_t kHeaderVersionAt = 3;
+inline constexpr size_t kHeaderValueAt = 4;
+inline constexpr size_t kHeaderLengthAt = 6;
+static_assert(kHeaderLengthAt + 2 == kHeaderSize);
+
+struct PacketHeader {
+    uint8_t flags = 0;
+    uint8_t reserved = 0;
+    int8_t code = 0;
+    uint8_t version = 0;
+    uint16_t value = 0;
+    uint16_t length = 0;
+};
+
+using HeaderBytes = std::array<uint8_t, kHeaderSize>;
+HeaderBytes encodeHeader(const PacketHeader& header);
+PacketHeader decodeHeader(const HeaderBytes& bytes);
+
+// The packet codes shared by every job.
+namespace code {
+inline constexpr int8_t kOk = 0;
+inline constexpr int8_t kAbort = 2;
+inline constexpr int8_t kEnd = 3;
+inline constexpr int8_t kReady = 4;
+inline constexpr int8_t kRejected = 5;
+inline constexpr int8_t kFileHeader = 6;
+inline constexpr int8_t kMof = 7;
+inline constexpr int8_t kEndf = 8;
+inline constexpr int8_t kEndDir = 9;
+inline constexpr int8_t kNfsSkip = 13;
+inline constexpr int8_t kGroomCount = 14;
+inline constexpr int8_t kUnlink = 15;
+inline constexpr int8_t kNewPort = 16;
+inline constexpr int8_t kFsSkip = 18;
+inline constexpr int8_t kMkdir = 20;
+inline constexpr int8_t kOpenFile = 22;
+inline constexpr int8_t kWatchDog = 47;
+inline constexpr int8_t kNoDir = 101;
+inline constexpr int8_t kNoFile = 102;
+inline constexpr int8_t kReadErr = 103;
+inline constexpr int8_t kPathFailed = 105;      // root could not be made or entered
+inline constexpr int8_t kLoginFailed = 113;     // wrong password (or unknown login, old servers)
+inline constexpr int8_t kProtectedDir = 114;
+inline constexpr int8_t kUnknownUser = 115;     // servers of version 50 or more
+inline constexpr int8_t kNotAbsolute = 116;
+inline constexpr int8_t kNoAccess = 118;
+inline constexpr int8_t kIdentityFailed = 119;
+inline constexpr int8_t kLinkErr = static_cast<int8_t>(200);
+inline constexpr int8_t kLocked = static_cast<int8_t>(201);
+inline constexpr int8_t kLockErr = static_cast<int8_t>(202);
+}  // namespace code
+
+// The version byte of the newer servers starts at the digit "2".
+inline constexpr int kNewServerVersion = 50;
+inline constexpr uint8_t kOldReadyVersion = 5;
+
+using IoRoutine = int (*)(int fd, uint8_t* buffer, size_t length);
+using SendIoRoutine = int (*)(int fd, const uint8_t* buffer, size_t length);
+
+// Process-wide transport state; a forked child inherits a copy.
+struct TransportState {
+    SendIoRoutine sendRoutine = nullptr;  // blockSend unless non-blocking mode
+    IoRoutine recvRoutine = nullptr;      // blockRecv unless non-blocking mode
+    unsigned recvTimeout = 0;             // seconds; blockRecv only; 0 = none
+    uint16_t ackCounter = 0;
+    bool backupAsleep = false;
+    bool senderProcess = false;  // only the backup's sender signals its parent
+    int lastReportedSleep = 0;
+};
+TransportState& transport();
+
+void useNonblockingIo();
+void useBlockingIo();
+
+int blockSend(int fd, const uint8_t* buffer, size_t length);
+int nonblockSend(int fd, const uint8_t* buffer, size_t length);
+int blockRecv(int fd, uint8_t* buffer, size_t length);
+int nonblockRecv(int fd, uint8_t* buffer, size_t length);
+
+// The chosen pair.
+int sendRoutine(int fd, const uint8_t* buffer, size_t length);
+int recvRoutine(int fd, uint8_t* buffer, size_t length);
+
+// The timeOut limits.
+inline constexpr int kRecvRetryLimit = 1300;
+inline constexpr int kZeroSendRetryLimit = 2200;
+inline constexpr int kBusySendRetryLimit = 8200;
+inline constexpr int kFullQueueRetryLimit = 8201;
+
+int timeOut(int count, int limit);
+int nmseleep(int milliseconds);
+// Sleeps `seconds` divided by the time divisor.
+void scaledSleep(unsigned seconds);
+// Arms the real-time alarm for `seconds` divided by the time divisor (at
+// least one millisecond); 0 cancels it.
+void armAlarm(unsigned seconds);
+
+// Data of a code-4 reply: the offered acknowledgement interval and the
+// server's version byte.
+struct ReadyInfo {
+    uint16_t ackInterval = 0;
+    int serverVersion = 0;
+};
+int syncSendCode(int fd, int8_t code, const ReadyInfo& ready = {});
+
+// Where GetReply puts the payload of data packets (codes 7 and 8).
+struct FileDataBuffer {
+    std::span<uint8_t> area;
+    size_t fill = 0;
+};
+// Receives one packet; other codes' payloads go to `record`. A payload larger
+// than the space it goes to is a failed receive.
+int GetReply(int fd, int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fileData = nullptr);
+
+int ackIfDue(int fd, uint16_t ackInterval);
+
+int signalBackupProcess(bool wake);
+
+// The sender's hook for the queue fill test of nonblockSend: true when the
+// packet queue holds fewer packets than its capacity. Unset outside a backup.
+using QueueNotFullTest = bool (*)();
+void setQueueNotFullTest(QueueNotFullTest test);
+
+inline constexpr unsigned kUsbSendAlarm = 601;
+inline constexpr unsigned kUsbRecvAlarm = 1801;
+int usbSend(int fd, const uint8_t* buffer, size_t length);
+int usbReceive(int fd, uint8_t* buffer, size_t length);
+
+// The span-tape alarm periods of blockSend.
+inline constexpr unsigned kSendStallSeconds = 180;
+inline constexpr unsigned kSpanTapeSeconds = 259200;
+
+}  // namespace tavik::transport

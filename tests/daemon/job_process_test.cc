@@ -1,0 +1,155 @@
+// The job process and the identity switch, run in forked processes over a
+// real socket pair: chuid's order and its check that root cannot come back,
+// code 119 when the switch fails (backup, compare), browse closing without an
+// answer, and the refusal codes of the preparation step.
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/stat.h>
+#include <pwd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <string>
+
+#include "daemon/job_session.h"
+#include "daemon/login.h"
+#include "daemon/scratch_home.h"
+#include "request/job_context.h"
+
+namespace {
+
+using namespace tavik;
+
+constexpr uid_t kNobody = 65534;
+
+#define REQUIRE_ROOT()                                                                 \
+    do {                                                                               \
+        if (geteuid() != 0) GTEST_SKIP() << "needs root: switches to another user id"; \
+    } while (0)
+
+class JobProcessTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        settings() = Settings{};
+        ::chmod(paths().logDir.c_str(), 0777);
+        // The job processes below write the log as an unprivileged user.
+        int fd = ::open(paths().logPath.c_str(), O_WRONLY | O_CREAT, 0666);
+        ::fchmod(fd, 0666);
+        ::close(fd);
+        prepareForConnection(ctx_);
+        ctx_.jobUser = JobUser{true, "nobody", kNobody, kNobody};
+    }
+    // Runs the job process in a child that has become `asUser` first (root
+    // when 0); returns the first answer code, or -1 when the connection closed
+    // without one.
+    int serve(uint8_t opMode, const std::string& root, uid_t asUser = 0) {
+        ctx_.request.raw[request_layout::kOpModeAt] = opMode;
+        ctx_.jobRoot = root;
+        tavik::testing::SocketPair sp;
+        pid_t child = ::fork();
+        if (child == 0) {
+            if (asUser != 0 && (::setgroups(0, nullptr) != 0 || ::setgid(asUser) != 0 || ::setuid(asUser) != 0)) _exit(3);
+            sp.closeServer();
+            listener().jobSocket = sp.agent;
+            serveJob(ctx_);
+            _exit(0);
+        }
+        sp.closeAgent();
+        std::array<uint8_t, 8> h{};
+        ssize_t n = ::recv(sp.server, h.data(), h.size(), MSG_WAITALL);
+        sp.closeServer();  // the job waits for its parameters: end it
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        return n == 8 ? h[2] : -1;
+    }
+    tavik::testing::ScratchHome home_;
+    JobContext ctx_;
+};
+
+TEST_F(JobProcessTest, ChuidSwitchesGroupsGidUidAndRootCannotComeBack) {
+    REQUIRE_ROOT();
+    pid_t child = ::fork();
+    if (child == 0) {
+        if (chuid("nobody", kNobody, kNobody) != 0) _exit(1);
+        if (::getuid() != kNobody || ::geteuid() != kNobody || ::getgid() != kNobody) _exit(2);
+        gid_t groups[64];
+        int n = ::getgroups(64, groups);
+        for (int i = 0; i < n; ++i)
+            if (groups[i] == 0) _exit(3);  // root's groups are gone
+        if (::setuid(0) == 0) _exit(4);
+        _exit(0);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST_F(JobProcessTest, FailedSwitchIsLoggedAndAnswered119) {
+    REQUIRE_ROOT();
+    // An unprivileged process cannot set its group list.
+    EXPECT_EQ(serve(kOpBackup, "/tmp", kNobody), 119);
+    EXPECT_TRUE(home_.logHas("(chuid) Failed to initialize the group access list in initgroups(nobody,65534) ("));
+    EXPECT_EQ(serve(kOpCompare, "/tmp", kNobody), 119);
+    // Browse answers nothing: the connection is closed.
+    EXPECT_EQ(serve(kOpBrowse, "/tmp", kNobody), -1);
+}
+
+TEST_F(JobProcessTest, SingleUserModeNeedsNoSwitch) {
+    REQUIRE_ROOT();
+    settings().singleUser = true;
+    ctx_.jobUser = JobUser{};
+    EXPECT_EQ(serve(kOpBackup, "/tmp"), 4);
+    EXPECT_EQ(serve(kOpCompare, "/tmp"), 4);
+}
+
+TEST_F(JobProcessTest, PreparationRefusals) {
+    settings().singleUser = true;
+    EXPECT_EQ(serve(kOpBackup, "tmp"), 116);
+    EXPECT_EQ(serve(kOpBackup, ""), 116);
+    EXPECT_EQ(serve(kOpRestore, "/no/such/dir"), 105);
+    EXPECT_EQ(serve(7, "/no/such/dir"), 105);
+    EXPECT_EQ(serve(7, "/tmp"), 4);
+    EXPECT_TRUE(home_.logHas("Start Restore Job From (), Destination = /no/such/dir"));
+    EXPECT_TRUE(home_.logHas("Failed to change directory to /no/such/dir/ (No such file or directory), Job Abort"));
+    EXPECT_TRUE(home_.logHas("Invalid Unix Path, Job Abort"));
+}
+
+TEST_F(JobProcessTest, StartLineKeepsPercentSigns) {
+    settings().singleUser = true;
+    EXPECT_EQ(serve(kOpBackup, "/no/%s%d"), 118);
+    EXPECT_TRUE(home_.logHas("Start Backup Job From (), Source = /no/%s%d"));
+}
+
+TEST_F(JobProcessTest, SwitchExemptions) {
+    ctx_.serverVersion = '4';
+    ctx_.request.raw[request_layout::kNoSwitchAt] = 0x80;
+    EXPECT_TRUE(identitySwitchExempt(ctx_, false));
+    EXPECT_FALSE(identitySwitchExempt(ctx_, true));  // browse knows only single-user mode
+    ctx_.serverVersion = '3';
+    EXPECT_FALSE(identitySwitchExempt(ctx_, false));
+    settings().singleUser = true;
+    EXPECT_TRUE(identitySwitchExempt(ctx_, true));
+}
+
+TEST(Login, SuperuserAndUnknownLogins) {
+    tavik::testing::ScratchHome home;
+    JobUser user;
+    EXPECT_EQ(isSuperuser(user, "root"), 1);
+    EXPECT_TRUE(user.present);
+    EXPECT_EQ(isSuperuser(user, "nobody"), 0);
+    EXPECT_TRUE(user.present);
+    EXPECT_EQ(isSuperuser(user, "tvk-no-such-login"), 0);
+    EXPECT_FALSE(user.present);
+    EXPECT_EQ(ckpasswd(user, "tvk-no-such-login", "x"), -2);
+    EXPECT_TRUE(home.logHas("(ckpasswd) User tvk-no-such-login is not defined in the password file"));
+    if (geteuid() == 0) {
+        // nobody has no usable password: "*" never matches.
+        EXPECT_EQ(ckpasswd(user, "nobody", ""), -1);
+        EXPECT_TRUE(home.logHas("(ckpasswd) Incorrect password"));
+    }
+}
+
+}  // namespace

@@ -1,0 +1,265 @@
+// Packet exchange over real socket pairs: header bytes, whole-buffer
+// transfers and their failures with their log lines, the retry waits, status
+// packets, GetReply bounds, the acknowledgement rule and the stalled sender.
+#include "transport/packet.h"
+
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <vector>
+
+#include "daemon/scratch_home.h"
+#include "log/ulog.h"
+
+namespace {
+
+using namespace tavik;
+using namespace tavik::transport;
+using tavik::testing::ScratchHome;
+using tavik::testing::SocketPair;
+
+class PacketTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        settings() = Settings{};
+        tavik::transport::transport() = TransportState{blockSend, blockRecv};
+    }
+    void TearDown() override { settings().timeDivisor = 1; }
+    ScratchHome home_;
+};
+
+void writeAll(int fd, const std::vector<uint8_t>& bytes) {
+    ASSERT_EQ(::send(fd, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+}
+
+std::array<uint8_t, 8> readHeader(int fd) {
+    std::array<uint8_t, 8> b{};
+    EXPECT_EQ(::recv(fd, b.data(), b.size(), MSG_WAITALL), 8);
+    return b;
+}
+
+TEST_F(PacketTest, HeaderGoldenBytesAndRoundTrip) {
+    PacketHeader h{0xC0, 0, code::kReady, 52, 0x1234, 0xABCD};
+    HeaderBytes b = encodeHeader(h);
+    EXPECT_EQ(b, (HeaderBytes{0xC0, 0x00, 0x04, 0x34, 0x34, 0x12, 0xCD, 0xAB}));
+    PacketHeader back = decodeHeader(b);
+    EXPECT_EQ(back.flags, 0xC0);
+    EXPECT_EQ(back.code, 4);
+    EXPECT_EQ(back.version, 52);
+    EXPECT_EQ(back.value, 0x1234);
+    EXPECT_EQ(back.length, 0xABCD);
+    EXPECT_EQ(decodeHeader(HeaderBytes{0, 0, 200, 0, 0, 0, 0, 0}).code, -56);
+}
+
+TEST_F(PacketTest, WholeBufferTransfersAndZeroLengths) {
+    SocketPair sp;
+    std::vector<uint8_t> data(100000);
+    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7);
+    pid_t child = fork();
+    if (child == 0) {
+        _exit(blockSend(sp.server, data.data(), data.size()) == 0 ? 0 : 1);
+    }
+    std::vector<uint8_t> got(data.size(), 0xFF);
+    EXPECT_EQ(blockRecv(sp.agent, got.data(), got.size()), 0);
+    EXPECT_EQ(got, data);
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+
+    EXPECT_EQ(blockSend(sp.agent, nullptr, 0), 0);
+    EXPECT_EQ(blockRecv(sp.agent, nullptr, 0), 0);
+    EXPECT_EQ(nonblockSend(-1, nullptr, 0), 0);
+    EXPECT_EQ(nonblockRecv(-1, nullptr, 0), 0);
+}
+
+TEST_F(PacketTest, EndOfFileClearsBufferAndIsLoggedByBothReceivers) {
+    for (IoRoutine routine : {blockRecv, nonblockRecv}) {
+        SocketPair sp;
+        writeAll(sp.server, {1, 2, 3});
+        sp.closeServer();
+        std::array<uint8_t, 8> b;
+        b.fill(0xEE);
+        EXPECT_EQ(routine(sp.agent, b.data(), b.size()), kFailed);
+        EXPECT_EQ(b, (std::array<uint8_t, 8>{1, 2, 3, 0, 0, 0, 0, 0}));
+    }
+    EXPECT_TRUE(home_.logHas("(blockRecv) EOF received"));
+    EXPECT_TRUE(home_.logHas("(nonblockRecv) EOF received"));
+}
+
+TEST_F(PacketTest, ReceiveTimeOutIsDividedAndLogsWhatArrived) {
+    settings().timeDivisor = 1000;  // 120 s becomes 120 ms
+    tavik::transport::transport().recvTimeout = 120;
+    SocketPair sp;
+    writeAll(sp.server, {9, 9, 9});
+    std::array<uint8_t, 8> b{};
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(blockRecv(sp.agent, b.data(), b.size()), kFailed);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    EXPECT_TRUE(home_.logHas("(blockRecv) Timed out in Receive, expected = 8 rcved = 3"));
+}
+
+TEST_F(PacketTest, NonblockingReceiveGivesUpAtItsLimit) {
+    settings().timeDivisor = 100000;
+    SocketPair sp;
+    std::array<uint8_t, 4> b{};
+    EXPECT_EQ(nonblockRecv(sp.agent, b.data(), b.size()), kFailed);
+    EXPECT_TRUE(home_.logHas("(nonblockRecv) Timed out in Receive, expected = 4 rcved = 0"));
+}
+
+TEST_F(PacketTest, TimeOutCountsAndStopsAtItsLimit) {
+    settings().timeDivisor = 1000;
+    settings().verbose = true;
+    EXPECT_EQ(timeOut(0, 1300), 1);
+    EXPECT_EQ(timeOut(1000, 2200), 1001);
+    EXPECT_EQ(timeOut(2200, 2200), -1);
+    EXPECT_EQ(timeOut(1099, 2200), 1100);
+    EXPECT_TRUE(home_.logHas("(timeOut) TimeCount=1001, sleep(1)..."));
+    EXPECT_TRUE(home_.logHas("(timeOut) TimeCount=1100, sleep(2)..."));
+    EXPECT_EQ(nmseleep(1), 0);
+}
+
+TEST_F(PacketTest, ReadyCarriesAckIntervalAndVersionByServer) {
+    SocketPair sp;
+    ASSERT_EQ(syncSendCode(sp.agent, code::kReady, ReadyInfo{7, 49}), 0);
+    EXPECT_EQ(readHeader(sp.server), (std::array<uint8_t, 8>{0, 0, 4, 5, 7, 0, 0, 0}));
+    ASSERT_EQ(syncSendCode(sp.agent, code::kReady, ReadyInfo{0, 52}), 0);
+    EXPECT_EQ(readHeader(sp.server), (std::array<uint8_t, 8>{0, 0, 4, 52, 0, 0, 0, 0}));
+    ASSERT_EQ(syncSendCode(sp.agent, code::kNotAbsolute, ReadyInfo{7, 52}), 0);
+    EXPECT_EQ(readHeader(sp.server), (std::array<uint8_t, 8>{0, 0, 116, 0, 0, 0, 0, 0}));
+
+    sp.closeServer();
+    EXPECT_EQ(syncSendCode(sp.agent, code::kLoginFailed), kFailed);
+    EXPECT_TRUE(home_.logHas("(sync_send_code) Send command [0x71] failed"));
+    EXPECT_TRUE(home_.logHas("(blockSend) Failed in send(), "));
+}
+
+TEST_F(PacketTest, GetReplyRoutesPayloadsAndRefusesOversizedLengths) {
+    SocketPair sp;
+    std::array<uint8_t, 16> record{};
+    std::array<uint8_t, 10> data{};
+    FileDataBuffer fileData{data, 0};
+    int8_t c = -1;
+
+    writeAll(sp.server, {0, 0, 3, 0, 0, 0, 0, 0});
+    EXPECT_EQ(GetReply(sp.agent, c, record, &fileData), 0);
+    EXPECT_EQ(c, 3);
+
+    writeAll(sp.server, {0, 0, 7, 0, 0, 0, 4, 0, 'a', 'b', 'c', 'd'});
+    writeAll(sp.server, {0, 0, 8, 0, 0, 0, 3, 0, 'e', 'f', 'g'});
+    EXPECT_EQ(GetReply(sp.agent, c, record, &fileData), 0);
+    EXPECT_EQ(GetReply(sp.agent, c, record, &fileData), 0);
+    EXPECT_EQ(fileData.fill, 7u);
+    EXPECT_EQ(std::string(data.begin(), data.begin() + 7), "abcdefg");
+
+    writeAll(sp.server, {0, 0, 22, 0, 0, 0, 2, 0, 'x', 'y'});
+    EXPECT_EQ(GetReply(sp.agent, c, record, &fileData), 0);
+    EXPECT_EQ(c, 22);
+    EXPECT_EQ(record[0], 'x');
+
+    // Four more data bytes do not fit the three left: refused before reading.
+    writeAll(sp.server, {0, 0, 7, 0, 0, 0, 4, 0});
+    EXPECT_EQ(GetReply(sp.agent, c, record, &fileData), kFailed);
+    EXPECT_EQ(fileData.fill, 7u);
+    writeAll(sp.server, {0, 0, 22, 0, 0, 0, 0xFF, 0xFF});
+    EXPECT_EQ(GetReply(sp.agent, c, record, &fileData), kFailed);
+    EXPECT_TRUE(home_.logHas("(GetReply) Failed to Receive Data Packet"));
+
+    writeAll(sp.server, {0, 0, 3});
+    sp.closeServer();
+    EXPECT_EQ(GetReply(sp.agent, c, record, &fileData), kFailed);
+    EXPECT_TRUE(home_.logHas("(GetReply) Failed to Receive Header Packet"));
+}
+
+TEST_F(PacketTest, AcknowledgesEveryNthPacket) {
+    SocketPair sp;
+    for (int i = 1; i <= 9; ++i) ASSERT_EQ(ackIfDue(sp.agent, 3), 0);
+    std::array<uint8_t, 64> b{};
+    ssize_t n = ::recv(sp.server, b.data(), b.size(), MSG_DONTWAIT);
+    EXPECT_EQ(n, 24);  // after the 3rd, 6th and 9th
+    tavik::transport::transport().ackCounter = 0;
+    for (int i = 1; i <= 2; ++i) ASSERT_EQ(ackIfDue(sp.agent, 1), 0);
+    n = ::recv(sp.server, b.data(), b.size(), MSG_DONTWAIT);
+    EXPECT_EQ(n, 16);
+    EXPECT_EQ(b[2], 0);
+}
+
+TEST_F(PacketTest, UsbPairReportsShortTransfers) {
+    SocketPair sp;
+    std::array<uint8_t, 6> b{};
+    writeAll(sp.server, {1, 2, 3, 4, 5, 6});
+    EXPECT_EQ(usbReceive(sp.agent, b.data(), b.size()), 0);
+    writeAll(sp.server, {1, 2});
+    sp.closeServer();
+    EXPECT_EQ(usbReceive(sp.agent, b.data(), b.size()), -1);
+    EXPECT_TRUE(home_.logHas("(usbReceive) Failed to recv 6 bytes, length = 2"));
+    EXPECT_EQ(usbSend(sp.agent, b.data(), b.size()), -1);
+    EXPECT_TRUE(home_.logHas("(usbSend) Failed in send(), "));
+}
+
+TEST_F(PacketTest, UsbReceiveTimesOut) {
+    settings().timeDivisor = 100000;  // 1801 s becomes 18 ms
+    SocketPair sp;
+    std::array<uint8_t, 4> b{};
+    EXPECT_EQ(usbReceive(sp.agent, b.data(), b.size()), -1);
+    EXPECT_TRUE(home_.logHas("(usbReceive) recv(): timeout"));
+}
+
+// Fills a socket until a send would block.
+void fillSocket(int fd) {
+    std::vector<uint8_t> chunk(65536, 'z');
+    while (::send(fd, chunk.data(), chunk.size(), MSG_DONTWAIT) > 0) {
+    }
+}
+
+TEST_F(PacketTest, StalledSendOutsideTheSenderFailsAfterTheSpanTapeAlarm) {
+    settings().timeDivisor = 1000000;  // 180 s -> 0.18 ms, 72 h -> 0.26 s
+    SocketPair sp;
+    fillSocket(sp.agent);
+    std::vector<uint8_t> more(4096, 'q');
+    EXPECT_EQ(blockSend(sp.agent, more.data(), more.size()), kFailed);
+    std::string log = home_.log();
+    EXPECT_NE(log.find("(blockSend) Span Tape Failed"), std::string::npos);
+    // Not the sender: the parent is never signalled.
+    EXPECT_EQ(log.find("into sleep"), std::string::npos);
+}
+
+volatile sig_atomic_t gUsr1 = 0;
+void countUsr1(int) { gUsr1 = gUsr1 + 1; }
+
+TEST_F(PacketTest, StalledSenderPutsBackupProcessToSleepAndWakesIt) {
+    settings().timeDivisor = 10000;  // 180 s -> 18 ms
+    struct sigaction sa {};
+    sa.sa_handler = countUsr1;
+    sigaction(SIGUSR1, &sa, nullptr);
+    gUsr1 = 0;
+    SocketPair sp;
+    fillSocket(sp.agent);
+    pid_t child = fork();
+    if (child == 0) {
+        tavik::transport::transport().senderProcess = true;
+        std::vector<uint8_t> more(4096, 'q');
+        _exit(blockSend(sp.agent, more.data(), more.size()) == 0 ? 0 : 1);
+    }
+    // Wait for the sleep signal, then read so that the sender progresses.
+    for (int i = 0; i < 500 && gUsr1 == 0; ++i) usleep(10000);
+    EXPECT_EQ(gUsr1, 1);
+    std::vector<uint8_t> sink(1 << 20);
+    int status = 0;
+    while (waitpid(child, &status, WNOHANG) == 0) {
+        ::recv(sp.server, sink.data(), sink.size(), MSG_DONTWAIT);
+        usleep(1000);
+    }
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(gUsr1, 2);
+    std::string log = home_.log();
+    std::string pid = std::to_string(getpid());
+    EXPECT_NE(log.find("Put Backup Process(" + pid + ") into sleep"), std::string::npos);
+    EXPECT_NE(log.find("Wake Backup Process(" + pid + ") up"), std::string::npos);
+    signal(SIGUSR1, SIG_DFL);
+}
+
+}  // namespace
