@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "daemon/control_files.h"
+#include "daemon/job_phases.h"
 #include "daemon/login.h"
 #include "daemon/state.h"
 #include "log/ulog.h"
@@ -15,7 +16,6 @@
 namespace tavik {
 namespace {
 
-constexpr int kJobOver = 1;
 
 // Sends a status code before the job starts; a failed send has been logged
 // and changes nothing: the job ends either way.
@@ -30,20 +30,6 @@ bool switchIdentity(const JobContext& ctx) {
     }
     return chuid(ctx.jobUser.name.c_str(), ctx.jobUser.uid, ctx.jobUser.gid) == 0;
 }
-
-// The data phases, one dispatch point per job type. Each runs after the
-// start command and returns when its job is over; until a job type's data
-// phase exists, its job consists of the command exchange alone.
-int backupPhase(Channel&, JobContext&) { return kJobOver; }
-int restorePhase(Channel&, JobContext&) { return kJobOver; }
-int comparePhase(Channel&, JobContext&) { return kJobOver; }
-int browsePhase(int, JobContext&) { return kJobOver; }
-
-// Makes the restore's root under the login's identity: 0 made, 1 the
-// identity switch failed, other values the root could not be made. Until
-// the restore path builder exists the root must already exist; the common
-// directory change then tests it.
-int prepareRestoreRoot(JobContext&) { return 0; }
 
 void logStartLine(const JobContext& ctx) {
     const char* format = MSG_START_COMPARE_JOB_FROM_DESTINATION;

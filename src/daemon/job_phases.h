@@ -1,0 +1,27 @@
+// The data phase of each job type, one file each (backup_phase.cc,
+// restore_phase.cc, compare_phase.cc, browse_phase.cc). A phase runs in the
+// job process after the command exchange (browse: after the identity switch)
+// and returns when its job is over; serveJob then ends the process through
+// cleanup. Until a type's data phase exists, its job is the command exchange
+// alone.
+#pragma once
+
+#include "request/channel.h"
+#include "request/job_context.h"
+
+namespace tavik {
+
+inline constexpr int kJobOver = 1;
+
+int backupPhase(Channel& channel, JobContext& ctx);
+int restorePhase(Channel& channel, JobContext& ctx);
+int comparePhase(Channel& channel, JobContext& ctx);
+int browsePhase(int connection, JobContext& ctx);
+
+// Makes the restore's root under the login's identity before code 4:
+// 0 made, 1 the identity switch failed, other values the root could not be
+// made. Until the restore path builder exists the root must already exist;
+// the common directory change then tests it.
+int prepareRestoreRoot(JobContext& ctx);
+
+}  // namespace tavik
