@@ -5,5 +5,8 @@
 namespace tavik::frontend {
 
 int commandQuery(int argc, char* argv[]);
+int commandLs(int argc, char* argv[]);
+int commandMounts(int argc, char* argv[]);
+int commandReadlink(int argc, char* argv[]);
 
 }  // namespace tavik::frontend

@@ -14,6 +14,9 @@ struct Command {
 
 const Command kCommands[] = {
     {"query", tavik::frontend::commandQuery, "query HOST[:PORT]        show the agent's system name, release, version, machine"},
+    {"ls", tavik::frontend::commandLs, "ls [-d|-f] HOST:/dir      list a directory like ls -l (-d directories, -f files)"},
+    {"mounts", tavik::frontend::commandMounts, "mounts HOST               list the agent's mounted file systems"},
+    {"readlink", tavik::frontend::commandReadlink, "readlink HOST:/path       show a symbolic link's text"},
 };
 
 int usage() {
