@@ -106,7 +106,8 @@ bool BrowseClient::logout() { return send(transport::BrowseHeader{0, browse::kLo
 
 bool BrowseClient::agentCloses() {
     std::array<uint8_t, 1> byte{};
-    return !client_.recvRaw(byte) && client_.lastError() == "the agent closed the connection";
+    // A close with our request unread reaches us as a reset.
+    return !client_.recvRaw(byte) && client_.lastError() != "no answer from the agent";
 }
 
 }  // namespace tavik::frontend

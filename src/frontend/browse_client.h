@@ -54,7 +54,8 @@ public:
     std::optional<transport::BrowseEntry> readLink(const std::string& path, int8_t version);
     bool logout();
 
-    // True when the agent closed the connection (bounded by the time-out).
+    // True when the agent ended the connection (closed or reset it) instead
+    // of sending; false on data or when the time-out passed.
     bool agentCloses();
 
     JobClient& connection() { return client_; }
