@@ -252,7 +252,7 @@ TEST_F(BrowseTest, EntryBytesMatchLstatAndStat) {
     }
 }
 
-TEST_F(BrowseTest, ReadLinkUnknownCodesAndLogout) {
+TEST_F(BrowseTest, ReadLinkAnswersAndFailures) {
     REQUIRE_ROOT();
     ASSERT_TRUE(startDaemon());
     BrowseClient client;
@@ -268,49 +268,12 @@ TEST_F(BrowseTest, ReadLinkUnknownCodesAndLogout) {
     ASSERT_TRUE(link);
     EXPECT_TRUE(S_ISDIR(link->mode));
 
-    // An unknown code with a payload: the LOGIN header with code 22.
-    ASSERT_TRUE(client.send(BrowseHeader{0, 30, 22, 0, 10}, std::vector<uint8_t>(10, 'z')));
-    BrowsePacket p;
-    ASSERT_TRUE(client.receive(p));
-    EXPECT_EQ(p.header.code, 22);
-    EXPECT_EQ(p.header.version, 22);
-    EXPECT_EQ(p.header.level, 50);
-    EXPECT_EQ(p.header.length, 0);
-
     // A file that is no link ends the job without an answer.
     EXPECT_FALSE(client.readLink(tree_.path("file"), 22));
     EXPECT_TRUE(daemon_.waitForLog("(Browser) Failed in SendDirData"));
     EXPECT_NE(daemon_.log().find("(SendLinkData) Failed to read the contents of the symbolic link file " +
                                  tree_.path("file") + " (Invalid argument)"),
               std::string::npos);
-}
-
-TEST_F(BrowseTest, LoginPacketAndBrokenRequestsEndTheJob) {
-    ASSERT_TRUE(startDaemon());
-    {
-        BrowseClient client;
-        RequestFields f;
-        f.login = "root";
-        ASSERT_TRUE(client.connection().connect("127.0.0.1", daemon_.port()));
-        f.opMode = 14;
-        ASSERT_TRUE(client.sendBytes(tavik::frontend::buildRequestPacket(f)));
-        std::array<uint8_t, 8> loginBytes{};
-        ASSERT_TRUE(client.connection().recvRaw(loginBytes));
-        EXPECT_EQ(loginBytes, (std::array<uint8_t, 8>{0, 0, 14, 22, 0, 50, 0, 0}));
-        // A request longer than the 1024-byte buffer.
-        ASSERT_TRUE(client.send(BrowseHeader{1, 15, 22, 0, 1025}, std::vector<uint8_t>(1025, 'a')));
-        EXPECT_TRUE(client.agentCloses());
-        EXPECT_TRUE(daemon_.waitForLog("(Browser) Failed in Receive"));
-    }
-    {
-        BrowseClient client;
-        ASSERT_TRUE(login(client));
-        // A header in pieces: the agent takes one receive per packet.
-        ASSERT_TRUE(client.sendBytes({0, 1, 15}));
-        EXPECT_TRUE(client.agentCloses());
-        EXPECT_TRUE(daemon_.waitForLog("(usbReceive) Failed to recv 8 bytes, length = 3"));
-    }
-    EXPECT_TRUE(daemon_.alive());
 }
 
 // The mount points of the kernel's table whose type is not in `skipped`
