@@ -31,14 +31,20 @@ namespace {
 
 using namespace tavik;
 
-std::string& scratch() {
-    static std::string dir = [] {
+// Never destroyed: the exit handler that removes it runs after static
+// destructors would have.
+const std::string& scratch() {
+    static const std::string* dir = [] {
         char tmpl[] = "/tmp/tavik-fuzz-restore-XXXXXX";
         if (!::mkdtemp(tmpl)) std::abort();
-        std::atexit([] { std::filesystem::remove_all(scratch()); });
-        return std::string(tmpl);
+        auto* made = new std::string(tmpl);
+        std::atexit([] {
+            std::error_code ec;
+            std::filesystem::remove_all(scratch(), ec);
+        });
+        return made;
     }();
-    return dir;
+    return *dir;
 }
 
 std::string rerooted(const std::string& name) {
