@@ -114,6 +114,7 @@ TEST_F(PathsTest, MakeRestorePathRunsTheChildUnderTheLogin) {
     struct sigaction sa {};
     ::sigaction(SIGCHLD, nullptr, &sa);
     EXPECT_EQ(sa.sa_handler, SIG_IGN);
+    ::signal(SIGCHLD, SIG_DFL);  // later tests wait for their children
 }
 
 TEST_F(PathsTest, PostmlLinksTheSecondNameAndGivesItTheRecordsTimes) {

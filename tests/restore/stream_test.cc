@@ -2,6 +2,7 @@
 // writes a whole command stream to the other end and reads every answer the
 // agent sends, then the process's result. Covers what the end-to-end tests
 // cannot arrange with a root daemon: a restore that is not run by root.
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -51,6 +52,7 @@ struct Outcome {
 Outcome runStream(const std::vector<uint8_t>& stream, JobContext ctx, uid_t asUser = 0) {
     Outcome out;
     testing::SocketPair pair;
+    ::signal(SIGCHLD, SIG_DFL);  // the child's status is collected below
     pid_t child = ::fork();
     if (child == 0) {
         pair.closeServer();
