@@ -101,7 +101,8 @@ int RestoreSession::run() {
         record_.fill(0);  // a short record reads as zeros, never as the previous one
         // One payload at most: the area always has room for it, as
         // count_ < kWriteBatch here.
-        size_t room = count_ + kMaxDataPayload <= data_.size() ? count_ + kMaxDataPayload : data_.size();
+        // The last byte stays free for the NUL of a symbolic link's target.
+        size_t room = count_ + kMaxDataPayload < data_.size() ? count_ + kMaxDataPayload : data_.size() - 1;
         transport::FileDataBuffer incoming{std::span<uint8_t>(data_.data(), room), count_};
         if (transport::GetReply(socket_, code, record_, &incoming) != 0) return transport::kFailed;
         count_ = incoming.fill;
@@ -262,7 +263,6 @@ bool RestoreSession::resolveConflict() {
                 trace(verbose_, "Rename %s ", path_.c_str());
                 std::string before = path_.c_str();
                 if (!renameRule(path_)) {
-                    trace(verbose_, "failed!\n");
                     errno = ENAMETOOLONG;
                     ulog(MSG_FAILED_CREATE, kOpenPrefix, before.c_str(), errText());
                     status_ = status::kCannotCreate;

@@ -143,6 +143,36 @@ TEST_F(StreamTest, EveryMofIsAcknowledgedWithIntervalOne) {
     EXPECT_EQ(st.st_size, 3 * 2048 + 5);
 }
 
+TEST_F(StreamTest, LinksThatCannotBeMadeAndDevicesThatCannotBeOpened) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to make device nodes";
+    std::vector<uint8_t> s;
+    RestoreAttributes first = attrs(at("first"), 0100600, 0);
+    first.nlink = 2;
+    first.ino = 5;
+    add(s, command::kOpenFile, encodeRestoreAttributes(first));
+    add(s, command::kEndf, {'1'});
+    add(s, command::kUnlink);  // the first name goes again
+    RestoreAttributes second = first;
+    second.name = at("second");
+    add(s, command::kOpenFile, encodeRestoreAttributes(second));
+    add(s, command::kEndf, {'2'});
+    // A character device of no driver cannot be opened for its raw data.
+    RestoreAttributes dev = attrs(at("nodriver"), 020600, 0);
+    dev.rdev = 240u << 18;  // major 240: reserved for local use, no driver here
+    dev.size = 10;
+    add(s, command::kOpenFile, encodeRestoreAttributes(dev));
+    add(s, command::kEndf, std::vector<uint8_t>(10, 'r'));
+    add(s, command::kEnd);
+    Outcome o = runStream(s, ctx_);
+    EXPECT_EQ(o.result, 0);
+    EXPECT_EQ(o.answers, (std::vector<int>{0, 'o', 'x', 3}));
+    struct stat st {};
+    EXPECT_NE(::lstat(at("first").c_str(), &st), 0);
+    EXPECT_NE(::lstat(at("second").c_str(), &st), 0);
+    EXPECT_TRUE(home_.logHas("(postml) Can't create hardlink for <" + at("first") + "> & <" + at("second") + ">"));
+    EXPECT_TRUE(home_.logHas("(ws_restore[OPENFILE]) Faied to open " + at("nodriver")));
+}
+
 TEST_F(StreamTest, BrokenStreamsEndTheJobWith100) {
     {  // the connection ends without END
         std::vector<uint8_t> s;
