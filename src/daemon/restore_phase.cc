@@ -25,21 +25,16 @@ restore::Owner jobOwner(const JobContext& ctx) {
     return {::geteuid(), ::getegid()};
 }
 
-// The hard-link table of this process's restore job.
-restore::HardLinkTable& hardLinks() {
-    static restore::HardLinkTable table;
-    return table;
-}
-
 }  // namespace
 
 int restorePhase(Channel& channel, JobContext& ctx) {
     int socket = channel.fd();
-    hardLinks().reset();
+    restore::HardLinkTable links;  // lives for the job; empty at its start
+    links.reset();
     transport::setBufSize(socket, SO_RCVBUF, settings().socketBufferSize);
     ulog("SO_RCVBUF = %d", transport::getBufSize(socket, SO_RCVBUF));
-    int r = restore::ws_restore(socket, ctx.jobRoot, ctx, hardLinks(), jobOwner(ctx));
-    hardLinks().reset();
+    int r = restore::ws_restore(socket, ctx.jobRoot, ctx, links, jobOwner(ctx));
+    links.reset();
     if (r != transport::kFailed) {
         ulog(MSG_RECEIVED_DISCONNECT_FROM, "", listener().caller());
     } else {
