@@ -14,6 +14,9 @@ struct Command {
 
 const Command kCommands[] = {
     {"query", tavik::frontend::commandQuery, "query HOST[:PORT]        show the agent's system name, release, version, machine"},
+    {"backup", tavik::frontend::commandBackup, "backup HOST:/path -o ARCHIVE  back up a tree into an archive (-o /dev/null discards it)"},
+    {"list", tavik::frontend::commandList, "list [--verify] ARCHIVE  show an archive's entries like tar -tv; --verify checks it"},
+    {"estimate", tavik::frontend::commandEstimate, "estimate HOST:/path      count the files and kilobytes a backup would send"},
 };
 
 int usage() {
