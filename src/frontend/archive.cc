@@ -277,7 +277,7 @@ bool ArchiveReader::readAt(uint64_t offset, std::span<uint8_t> out) {
 }
 
 bool ArchiveReader::start() {
-    buffer_.assign(kReadBuffer, 0);
+    error_.clear();
     uint64_t size = source_->size;
     if (size < kFixedHeaderSize + kTrailerSize) {
         error_ = "not an archive: too short";
@@ -299,6 +299,8 @@ bool ArchiveReader::start() {
     crc_ = crc32Update(crc32Update(0, fixed), texts);
     bodyStart_ = headerLength;
     bodyEnd_ = size - kTrailerSize;
+    // No packet is longer than the body: a small archive needs no large buffer.
+    buffer_.assign(bodyEnd_ - bodyStart_ < kReadBuffer ? size_t(bodyEnd_ - bodyStart_) : kReadBuffer, 0);
     position_ = bodyStart_;
     bufferPos_ = bufferFill_ = 0;
     packets_ = 0;
