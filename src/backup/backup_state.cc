@@ -10,8 +10,6 @@
 
 namespace tavik::backup {
 
-volatile sig_atomic_t gWatchdogDue = 0;
-
 int AncestorStack::push(dev_t dev, ino_t ino) {
     for (auto it = nodes_.rbegin(); it != nodes_.rend(); ++it) {
         if (it->first == dev && it->second == ino) {

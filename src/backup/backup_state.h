@@ -81,7 +81,4 @@ BackupState& backupState();
 // The request's older selection (file and directory lists, date test).
 filter::OldSelection decodeOldSelection(const JobRequest& request);
 
-// Set by the SIGALRM handler when the watchdog period ran out.
-extern volatile sig_atomic_t gWatchdogDue;
-
 }  // namespace tavik::backup

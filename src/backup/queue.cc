@@ -170,6 +170,14 @@ std::string registryLine(char first, char second, int id) {
     return buf;
 }
 
+// Sleeps the whole (divided) interval: a signal that interrupts the sleep
+// is dispatched and the rest is slept.
+void sleepFully(unsigned seconds) {
+    long long micros = (long long)seconds * 1000000 / divisor();
+    timespec left{time_t(micros / 1000000), long(micros % 1000000) * 1000};
+    while (::nanosleep(&left, &left) != 0 && errno == EINTR) platform::dispatchPendingSignals();
+}
+
 }  // namespace
 
 int lockFile(int fd, int lockType, uint16_t retryCount, uint16_t retryInterval) {
@@ -181,7 +189,7 @@ int lockFile(int fd, int lockType, uint16_t retryCount, uint16_t retryInterval) 
     for (unsigned attempt = 0; attempt < retryCount; ++attempt) {
         if (::fcntl(fd, F_SETLK, &lock) == 0) return 0;
         if (errno != EACCES && errno != EAGAIN) return -1;
-        transport::scaledSleep(retryInterval);
+        sleepFully(retryInterval);
     }
     return -2;
 }

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
 #include "backup/attribute_record.h"
 #include "backup/backup_state.h"
@@ -14,15 +15,39 @@
 #include "daemon/state.h"
 #include "groom/groom.h"
 #include "log/ulog.h"
+#include "platform/signals.h"
 #include "request/job_context.h"
 #include "transport/packet.h"
 #include "wire/bytes.h"
 
 namespace tavik::backup {
+
+void watchdogAction(int);
+
 namespace {
 
 namespace code = transport::code;
 constexpr uint8_t kStatusVersion = 5;
+
+bool gBuilding = false;        // a packet is being built in the queue
+bool gWatchdogPending = false;  // the watchdog fired meanwhile
+
+// Marks a packet under construction; a WATCH_DOG that fell due meanwhile is
+// queued when it is done.
+struct Building {
+    bool outer;
+    Building() : outer(!gBuilding) { gBuilding = true; }
+    ~Building() {
+        if (!outer) return;
+        gBuilding = false;
+        if (gWatchdogPending) {
+            gWatchdogPending = false;
+            watchdogAction(SIGALRM);
+        }
+    }
+    Building(const Building&) = delete;
+    Building& operator=(const Building&) = delete;
+};
 
 int publish(int8_t packetCode, uint8_t version, size_t length) {
     uint8_t* slot = inSlot();
@@ -130,6 +155,8 @@ int sendRawDevice(const std::string& path, uint32_t size, bool& entryFailed) {
 
 bool restartPending() { return !job().restartPath.empty() || job().restartOffset != 0; }
 
+void installWatchdog() { platform::deferSignal(SIGALRM, watchdogAction); }
+
 void watchdogOff() {
     if (backupState().watchdog) transport::armAlarm(0);
 }
@@ -139,15 +166,26 @@ void watchdogOn() {
 }
 
 int atPacketBoundary() {
-    if (!gWatchdogDue) return 0;
-    gWatchdogDue = 0;
-    if (!backupState().watchdog) return 0;
-    int r = queuePacket(code::kWatchDog, nullptr, 0, 0);
+    // Runs deferred signals: a WATCH_DOG that is due, the sender's death, a
+    // SIGTERM.
+    platform::dispatchPendingSignals();
+    return 0;
+}
+
+// The deferred SIGALRM action: queue the keep-alive now, or right after the
+// packet being built.
+void watchdogAction(int) {
+    if (!backupState().watchdog) return;
+    if (gBuilding) {
+        gWatchdogPending = true;
+        return;
+    }
+    queuePacket(code::kWatchDog, nullptr, 0, 0);
     transport::armAlarm(kWatchdogSeconds);
-    return r;
 }
 
 int queuePacket(int8_t packetCode, const uint8_t* data, uint16_t length, uint8_t version) {
+    Building building;
     if (waitFreeSlot() != 0) return -1;
     size_t n = length <= slotPayloadCapacity() ? length : slotPayloadCapacity();
     if (n) std::memcpy(payload(), data, n);
@@ -156,7 +194,7 @@ int queuePacket(int8_t packetCode, const uint8_t* data, uint16_t length, uint8_t
 
 int queueStatus(int8_t packetCode, const char* text) {
     if (restartPending()) return 0;
-    if (atPacketBoundary() != 0) return -1;
+    Building building;
     if (waitFreeSlot() != 0) return -1;
     size_t length = 0;
     if (text) {
@@ -172,24 +210,26 @@ int queueStatus(int8_t packetCode, const char* text) {
 
 int sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const std::string& path) {
     if (restartPending()) return 0;
-    if (atPacketBoundary() != 0) return -1;
     if (kind == kKindSpecial) {
         uint32_t listed = 0;
         st.st_size = (S_ISCHR(st.st_mode) && lookupRawSize(path.c_str(), listed)) ? off_t(listed) : 0;
     }
     BackupAttributes a = attributesFromStat(st, name, kind == kKindSpecial ? kKindEntry : kind, backupState().inodes);
     watchdogOff();
-    if (waitFreeSlot() != 0) return -1;
-    size_t length = encodeBackupAttributes(a, {payload(), slotPayloadCapacity()});
-    if (length == 0) return -1;  // callers refuse longer names before
-    if (publish(code::kFileHeader, 0, length) != 0) return -1;
+    {
+        Building building;
+        if (waitFreeSlot() != 0) return -1;
+        size_t length = encodeBackupAttributes(a, {payload(), slotPayloadCapacity()});
+        if (length == 0) return -1;  // callers refuse longer names before
+        if (publish(code::kFileHeader, 0, length) != 0) return -1;
+    }
     watchdogOn();
     return 0;
 }
 
 int send_file(int fd, const struct stat& st, const char* linkTarget, const std::string& path) {
-    if (atPacketBoundary() != 0) return -1;
     watchdogOff();
+    std::optional<Building> building(std::in_place);
     int r = waitFreeSlot();
     if (r != 0) return r;
     bool entryFailed = false;
@@ -207,6 +247,7 @@ int send_file(int fd, const struct stat& st, const char* linkTarget, const std::
     } else {
         r = publish(code::kEndf, 0, 0);
     }
+    building.reset();
     if (r == 0 && !entryFailed) recordGrooming(path, st, "(send_file) ");
     watchdogOn();
     return r;

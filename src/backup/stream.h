@@ -39,12 +39,15 @@ int setFileTimes(const std::string& path, const struct stat& st);
 bool lookupRawSize(const char* path, uint32_t& sizeOut);
 void dumpRawList();
 
-// The watchdog: cancelled while a packet is built, re-armed after.
+// The watchdog: SIGALRM is deferred to an action that queues WATCH_DOG and
+// re-arms the alarm, or, while a packet is being built, does so right after
+// it; the alarm is cancelled while a file header or file data are built and
+// re-armed to 30 s after.
+void installWatchdog();
 void watchdogOff();
 void watchdogOn();
-// Queues the WATCH_DOG packet that the alarm asked for, and logs the
-// SIGUSR1 transitions; called between packets only, so a keep-alive is
-// never built inside another packet.
+// Runs deferred signals between entries of the walk (a due WATCH_DOG, the
+// sender's death, SIGTERM).
 int atPacketBoundary();
 
 }  // namespace tavik::backup
