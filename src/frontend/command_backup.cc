@@ -84,9 +84,12 @@ int commandBackup(int argc, char* argv[]) {
     if (s.problemCount > s.problems.size())
         fprintf(stderr, "... and %llu more problems\n",
                 static_cast<unsigned long long>(s.problemCount - s.problems.size()));
-    fprintf(stderr, "tavikctl backup: %llu entries, %llu bytes of data, %llu bytes in %.2f s (%.1f MB/s)\n",
+    fprintf(stderr, "tavikctl backup: %llu entries, %llu bytes of data, %llu bytes in %.2f s (%.1f MB/s)",
             static_cast<unsigned long long>(s.entries), static_cast<unsigned long long>(s.dataBytes),
             static_cast<unsigned long long>(s.bytes), t, t > 0 ? double(s.bytes) / 1e6 / t : 0.0);
+    if (s.renewals) fprintf(stderr, ", %u connection renewals", s.renewals);
+    if (s.acks) fprintf(stderr, ", %u acknowledgements", s.acks);
+    fprintf(stderr, "\n");
     int status = 0;
     if (!received) {
         fprintf(stderr, "tavikctl backup: backup failed: %s\n", receiver.error().c_str());
