@@ -3,7 +3,7 @@
 //       runs CMD and prints "wall_s cpu_s maxrss_kb exit" (from wait4: the
 //       CPU time of CMD and the children it waited for, its peak memory).
 //   tavik_bench_probe watch PID
-//       until SIGTERM or SIGINT, samples every 10 ms the processes below
+//       until SIGTERM or SIGINT, samples every 5 ms the processes below
 //       PID (a daemon's job processes and theirs) and then prints
 //       "cpu_s peak_kb processes": their CPU time (last sample of each)
 //       summed, and the largest VmHWM among them.
@@ -80,6 +80,22 @@ long readHwm(pid_t pid) {
     return 0;
 }
 
+// The processes below `pid`, from the kernel's children lists.
+void descendants(pid_t pid, std::set<pid_t>& out, int depth = 0) {
+    if (depth > 8) return;
+    std::string taskDir = "/proc/" + std::to_string(pid) + "/task";
+    DIR* d = opendir(taskDir.c_str());
+    if (!d) return;
+    while (dirent* e = readdir(d)) {
+        if (e->d_name[0] == '.') continue;
+        std::ifstream in(taskDir + "/" + e->d_name + "/children");
+        pid_t child;
+        while (in >> child)
+            if (out.insert(child).second) descendants(child, out, depth + 1);
+    }
+    closedir(d);
+}
+
 int watch(pid_t root) {
     struct sigaction sa {};
     sa.sa_handler = onStop;
@@ -88,31 +104,17 @@ int watch(pid_t root) {
     std::map<pid_t, long> ticks;
     long peak = 0;
     while (!gStop) {
-        std::map<pid_t, pid_t> parent;
-        std::map<pid_t, long> seen;
-        if (DIR* d = opendir("/proc")) {
-            while (dirent* e = readdir(d)) {
-                pid_t pid = pid_t(std::atol(e->d_name));
-                if (pid <= 0) continue;
-                pid_t ppid = 0;
-                long t = 0;
-                if (readStat(pid, ppid, t)) {
-                    parent[pid] = ppid;
-                    seen[pid] = t;
-                }
-            }
-            closedir(d);
-        }
-        for (auto& [pid, t] : seen) {
-            pid_t p = parent[pid];
-            int hops = 0;
-            while (p != root && p > 1 && hops++ < 8) p = parent.count(p) ? parent[p] : 0;
-            if (p != root || pid == root) continue;
+        std::set<pid_t> below;
+        descendants(root, below);
+        for (pid_t pid : below) {
+            pid_t ppid = 0;
+            long t = 0;
+            if (!readStat(pid, ppid, t)) continue;
             ticks[pid] = t;
             long hwm = readHwm(pid);
             if (hwm > peak) peak = hwm;
         }
-        usleep(10000);
+        usleep(5000);
     }
     long total = 0;
     for (auto& [pid, t] : ticks) total += t;

@@ -85,14 +85,17 @@ for buffer in 2048 8192; do
     dir=$data/$set
     bytes=$(find "$dir" -type f -printf '%s\n' | awk '{ s += $1 } END { print s + 0 }')
     entries=$(find "$dir" | wc -l)
+    tar -cf - -C "$dir" . | cat > /dev/null   # warm the page cache (tar skips reading for /dev/null)
     for round in $(seq "$rounds"); do
       # The agent: sample its job processes while tavikctl receives.
       "$probe" watch "$daemon_pid" > "$work/watch.out" &
       watcher=$!
       sleep 0.05
+      # The job processes live until tavikctl closes the connection: it
+      # holds it 200 ms after END so that their last CPU sample is complete.
       read -r wall cpu rss status < <("$probe" run "$tavikctl" backup "127.0.0.1:$dir" -o /dev/null \
-                                        --port "$agent_port" "${flags[@]}" 2>"$work/backup.err")
-      sleep 0.05
+                                        --port "$agent_port" --hold-after-end 200 "${flags[@]}" 2>"$work/backup.err")
+      wall=$(awk -v w="$wall" 'BEGIN { print w - 0.2 }')
       kill -TERM "$watcher"; wait "$watcher" || true
       read -r acpu apeak nproc < "$work/watch.out"
       [ "$status" = 0 ] || { echo "backup failed:"; cat "$work/backup.err"; exit 1; } >&2

@@ -233,7 +233,15 @@ bool StreamReceiver::run(platform::UniqueFd connection) {
     std::vector<uint8_t> buffer(kReadBuffer);
     static_assert(kReadBuffer >= transport::kHeaderSize + 0xFFFF, "a whole packet fits the buffer");
     size_t fill = 0;
-    int64_t lastProgress = nowMs();
+    const int64_t started = nowMs();
+    int64_t lastProgress = started;
+    struct Clock {  // records the receive time on every way out
+        ReceiveStats& stats;
+        int64_t started;
+        ~Clock() {
+            if (stats.seconds == 0) stats.seconds = double(nowMs() - started) / 1000.0;
+        }
+    } clock{stats_, started};
     while (!stats_.complete) {
         pollfd p{fd_.get(), POLLIN, 0};
         int ready = ::poll(&p, 1, timeoutMs_);
@@ -288,7 +296,9 @@ bool StreamReceiver::run(platform::UniqueFd connection) {
             }
         }
     }
+    stats_.seconds = double(nowMs() - started) / 1000.0;
     // The agent waits for the server to close the connection after END.
+    if (holdAfterEndMs_ > 0) ::poll(nullptr, 0, holdAfterEndMs_);
     fd_.reset();
     return true;
 }

@@ -56,6 +56,7 @@ struct BackupJobSpec {
     std::optional<std::pair<uint32_t, std::string>> restart;  // offset, path
     uint16_t ackInterval = 0;
     int timeoutMs = 3600 * 1000;  // longest silence of the agent
+    int holdAfterEndMs = 0;
 };
 
 std::vector<uint8_t> encodeJobOptions(const BackupJobSpec& spec);
@@ -88,6 +89,7 @@ struct ReceiveStats {
     uint32_t acks = 0;
     uint32_t renewals = 0;
     bool complete = false;   // END arrived
+    double seconds = 0;      // from the start of run() to END (or the failure)
     std::vector<EntryProblem> problems;  // the first kMaxProblems
     uint64_t problemCount = 0;
     std::string structureError;  // the first breach of the stream's structure
@@ -101,6 +103,9 @@ public:
     // `writer` may be null (the stream is only checked and counted).
     StreamReceiver(ArchiveWriter* writer, uint16_t ackInterval) : writer_(writer), ackInterval_(ackInterval) {}
     void setTimeoutMs(int ms) { timeoutMs_ = ms; }
+    // Keeps the connection open this long after END (the agent's job
+    // processes live until it closes: a benchmark samples them meanwhile).
+    void setHoldAfterEndMs(int ms) { holdAfterEndMs_ = ms; }
     // Called at most every `intervalMs` while data arrive.
     void setProgress(std::function<void(const ReceiveStats&)> progress, int intervalMs = 250) {
         progress_ = std::move(progress);
@@ -123,6 +128,7 @@ private:
     uint16_t ackInterval_;
     uint16_t ackCounter_ = 0;
     int timeoutMs_ = 3600 * 1000;
+    int holdAfterEndMs_ = 0;
     std::function<void(const ReceiveStats&)> progress_;
     int progressMs_ = 250;
     platform::UniqueFd fd_;

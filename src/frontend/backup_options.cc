@@ -23,7 +23,7 @@ const char kBackupUsage[] =
     "             --date-field ctime|mtime|atime (default mtime) --exclude-dates --top NAME\n"
     "  job:       --ack N --watchdog --renew --buffer-from-agent --no-atime-reset --one-file-system\n"
     "             --nfs --follow-links --restart PATH[:OFFSET] --lock-retries N --lock-interval S\n"
-    "             --timeout SECONDS\n"
+    "             --timeout SECONDS --hold-after-end MS\n"
     "  login:     --user NAME --port N --server-version 49..52 (password from TAVIK_PASSWORD or asked)\n";
 const char kEstimateUsage[] =
     "usage: tavikctl estimate HOST:/path [selection options of backup] [--no-atime-reset]\n"
@@ -175,6 +175,12 @@ bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, Backu
                 return false;
             }
             spec.ackInterval = uint16_t(n);
+        } else if (forBackup && a == "--hold-after-end") {
+            if (!value(v) || !parseUnsigned(v, 60000, n)) {
+                if (error.empty()) error = "--hold-after-end needs milliseconds (0..60000)";
+                return false;
+            }
+            spec.holdAfterEndMs = int(n);
         } else if (forBackup && a == "--watchdog") {
             flag(option_flag::kWatchDog);
         } else if (forBackup && a == "--renew") {

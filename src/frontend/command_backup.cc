@@ -64,6 +64,7 @@ int commandBackup(int argc, char* argv[]) {
     clock_gettime(CLOCK_MONOTONIC, &started);
     StreamReceiver receiver(&writer, spec.ackInterval);
     receiver.setTimeoutMs(spec.timeoutMs);
+    receiver.setHoldAfterEndMs(spec.holdAfterEndMs);
     bool tty = ::isatty(STDERR_FILENO) == 1;
     if (tty) {
         receiver.setProgress([&](const ReceiveStats& s) {
@@ -75,7 +76,7 @@ int commandBackup(int argc, char* argv[]) {
     bool received = connection && receiver.run(std::move(connection));
     const ReceiveStats& s = receiver.stats();
     bool written = writer.finish(s.packets, s.complete);
-    double t = secondsSince(started);
+    double t = s.seconds;
     if (tty) fprintf(stderr, "\r%60s\r", "");
 
     for (const EntryProblem& p : s.problems)
