@@ -168,6 +168,26 @@ TEST_F(TavikctlBackup, SelectionAndEstimate) {
     EXPECT_EQ(l.out.find("/odd\n"), std::string::npos) << l.out;
 }
 
+TEST_F(TavikctlBackup, RestartedAndOldServerStreamsVerify) {
+    ASSERT_TRUE(daemon_.start({"-S"}));
+    // Resume inside the last file sent (sub/deeper/x.c, 10000 bytes): its
+    // remaining data come first, without a file header, then the closes.
+    Output b = tavikctl("backup 127.0.0.1:" + tree_ + " -o " + archive_ + port() + " --restart " + tree_ +
+                        "/sub/deeper/x.c:6000");
+    ASSERT_EQ(b.status, 0) << b.err;
+    EXPECT_NE(b.err.find("4000 bytes of data"), std::string::npos) << b.err;
+    Output l = tavikctl("list --verify " + archive_);
+    EXPECT_EQ(l.status, 0) << l.err;
+
+    // A server of version 49 gets no source header: every entry but the
+    // source is listed.
+    b = tavikctl("backup 127.0.0.1:" + tree_ + " -o " + archive_ + port() + " --server-version 49");
+    ASSERT_EQ(b.status, 0) << b.err;
+    l = tavikctl("list --verify " + archive_);
+    ASSERT_EQ(l.status, 0) << l.err;
+    EXPECT_EQ(lines(l.out).size(), findCount(tree_) - 1);
+}
+
 TEST_F(TavikctlBackup, RefusedJobFailsWithItsReason) {
     ASSERT_TRUE(daemon_.start({"-S"}));
     Output b = tavikctl("backup 127.0.0.1:relative/path -o " + archive_ + port());
