@@ -20,5 +20,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (r == tavik::frontend::TreeWalker::Result::kError) break;
         at += hb.size() + h.length;
     }
-    return tree.finish() ? 0 : 0;
+    tree.finish();  // a stream without END is fine here: only crashes matter
+    return 0;
 }
