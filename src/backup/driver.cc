@@ -26,14 +26,6 @@ namespace {
 
 constexpr const char* kPrefix = "(startbackup) ";
 
-// One handler for both SIGUSR1 states: each signal flips between running
-// and asleep, as the two alternating handlers do.
-void spanTapeToggle(int) {
-    int saved = errno;
-    gBackupAsleep = !gBackupAsleep;
-    errno = saved;
-}
-
 bool queueNotFull() { return queuedCount() < queueCapacity(); }
 
 [[noreturn]] void runSender(int jobSocket) {
@@ -51,7 +43,7 @@ bool queueNotFull() { return queuedCount() < queueCapacity(); }
     source.waitForPacket = waitForPacket;
     source.count = queuedCount;
     source.slotAhead = slotAfterOut;
-    source.release = countdown;
+    source.release = [](uint16_t n) { return countdown(n); };
     transport::SenderOptions options;
     options.renewalPermitted = (job().optionFlags() & options_layout::kReconnect) != 0;
     options.ackInterval = job().ackInterval;
@@ -133,7 +125,7 @@ int startbackup(int jobSocket, const std::string& sourcePath) {
 
     // In place before the fork: the sender may signal at once.
     gBackupAsleep = 0;
-    platform::installHandler(SIGUSR1, spanTapeToggle);
+    platform::installHandler(SIGUSR1, spanTapeSignal);
     if (b.hooks.onChildSignal) platform::deferSignal(SIGCHLD, b.hooks.onChildSignal);
 
     pid_t pid = ::fork();

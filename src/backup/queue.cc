@@ -24,6 +24,25 @@
 namespace tavik::backup {
 
 volatile sig_atomic_t gBackupAsleep = 0;
+namespace {
+volatile sig_atomic_t gSpanTapeSignals = 0;  // SIGUSR1 received
+sig_atomic_t gSpanTapeReported = 0;           // of which logged
+}  // namespace
+
+void spanTapeSignal(int) {
+    gBackupAsleep = !gBackupAsleep;
+    gSpanTapeSignals = gSpanTapeSignals + 1;
+}
+
+void reportSpanTape() {
+    while (gSpanTapeReported < gSpanTapeSignals) {
+        ++gSpanTapeReported;
+        if (!settings().verbose) continue;
+        // Odd signals put the process to sleep, even ones wake it.
+        ulogText(gSpanTapeReported % 2 ? "(span_tape_sleep) Received SIGUSR1 from child process"
+                                       : "(span_tape_wake) Received SIGUSR1 from child process");
+    }
+}
 
 namespace {
 
@@ -31,6 +50,8 @@ namespace {
 constexpr uint16_t kConsumerWaits = 1;
 constexpr uint16_t kProducerWaits = 2;
 constexpr size_t kRegistryLine = 256;
+// The tape-change wait has no time-out; it re-checks once an hour.
+constexpr long long kAsleepWaitMicros = 3600LL * 1000000;
 
 struct Ipc {
     platform::SharedSegment segment;
@@ -341,11 +362,12 @@ int waitFreeSlot() {
     int n = 0;
     while (!notFull()) {
         if (gBackupAsleep) {
-            // The server is changing tapes: wait for the sender's wake-up
-            // signal, with SIGUSR1 held while the flag is tested so that the
-            // signal cannot slip in between.
-            platform::SignalBlock block(SIGUSR1);
-            if (gBackupAsleep && !notFull()) sigsuspend(&block.previousMask());
+            // The server is changing tapes: no time-out. The sender's wake-up
+            // signal interrupts the wait, and so does its release of a slot:
+            // a wake-up that arrives just before the wait begins (or that
+            // merges with the sleep signal, as two quick SIGUSR1 do) is then
+            // not lost, because a sender that sends again frees slots.
+            waitUntil(kProducerWaits, notFull, kAsleepWaitMicros);
         } else if (s.boundedWait) {
             n = retryStep(n, transport::kFullQueueRetryLimit, kProducerWaits, notFull);
             if (n == -1) return -1;
@@ -358,6 +380,7 @@ int waitFreeSlot() {
             }
         }
         platform::dispatchPendingSignals();
+        reportSpanTape();
     }
     if (waited != 0) {
         unsigned scale = unsigned(s.sleepScale > 0 ? s.sleepScale : q.capacity * 9 / 10);
@@ -389,10 +412,10 @@ const uint8_t* slotAfterOut(uint16_t ahead) {
     return slotAt(uint16_t((field(kRingOutAt).load() + ahead) % ipc().capacity));
 }
 
-int countdown() {
+int countdown(uint16_t n) {
     uint16_t out = field(kRingOutAt).load();
-    field(kRingOutAt).store(uint16_t((out + 1) % ipc().capacity));
-    return changeCount(-1, "(countdown) ");
+    field(kRingOutAt).store(uint16_t((out + n) % ipc().capacity));
+    return changeCount(-int(n), "(countdown) ");
 }
 
 int waitForPacket(int count, int limit) {

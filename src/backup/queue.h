@@ -66,6 +66,12 @@ pid_t senderPid();
 
 // Set by the backup process's SIGUSR1 handlers while the server changes tapes.
 extern volatile sig_atomic_t gBackupAsleep;
+// The backup process's SIGUSR1 handler: each signal flips between running
+// and asleep (the alternating span_tape_sleep / span_tape_wake).
+void spanTapeSignal(int sig);
+// Writes the verbose lines of the SIGUSR1 transitions seen since the last
+// call (handlers only count them).
+void reportSpanTape();
 
 // Producer.
 int waitFreeSlot();
@@ -79,7 +85,8 @@ uint16_t queueCapacity();
 const uint8_t* outSlot();
 // The slot `ahead` places after outIndex (for sending several at once).
 const uint8_t* slotAfterOut(uint16_t ahead);
-int countdown();
+// Releases `n` slots under one hold of the semaphore.
+int countdown(uint16_t n = 1);
 // The consumer's wait while the ring is empty, with the escalating retry
 // steps of timeOut: returns count + 1, or -1 at `limit`. Ends early when a
 // slot is published.

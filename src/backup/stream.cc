@@ -169,6 +169,7 @@ int atPacketBoundary() {
     // Runs deferred signals: a WATCH_DOG that is due, the sender's death, a
     // SIGTERM.
     platform::dispatchPendingSignals();
+    reportSpanTape();
     return 0;
 }
 

@@ -180,8 +180,7 @@ int SendDaemon(int connection, const PacketSource& source, const SenderOptions& 
                 return -1;
             }
         }
-        for (int i = 0; i < n; ++i)
-            if (source.release() != 0) return -1;
+        if (n > 0 && source.release(uint16_t(n)) != 0) return -1;
         wait = 0;
         if (sendDone) break;
     }

@@ -24,8 +24,8 @@ struct PacketSource {
     uint16_t (*count)() = nullptr;
     // The filled slot `ahead` places after the next one to send.
     const uint8_t* (*slotAhead)(uint16_t ahead) = nullptr;
-    // Releases the next slot; non-zero on failure.
-    int (*release)() = nullptr;
+    // Releases the next `n` slots; non-zero on failure.
+    int (*release)(uint16_t n) = nullptr;
 };
 
 struct SenderOptions {

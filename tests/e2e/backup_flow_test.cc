@@ -189,6 +189,27 @@ TEST_F(BackupFlowTest, MandatoryLockModeIsTestedWithoutTheOption) {
     EXPECT_NE(std::find(got.begin(), got.end(), "6:sgidx"), got.end());
 }
 
+TEST_F(BackupFlowTest, TapeChangeStallPutsTheBackupProcessToSleepAndWakesIt) {
+    tree_.file("huge", pattern(8 << 20));
+    ASSERT_TRUE(start());
+    BackupSetup s;
+    s.root = tree_.root();
+    auto reader = beginBackup(daemon_, s);
+    ASSERT_TRUE(reader);
+    EXPECT_FALSE(reader->readUntilEnd(10000, 3));
+    // The server stops reading for longer than the 180 s (0.18 s) stall.
+    EXPECT_TRUE(daemon_.waitForLog("Put Backup Process("));
+    EXPECT_TRUE(daemon_.waitForLog("(span_tape_sleep) Received SIGUSR1 from child process"));
+    EXPECT_TRUE(reader->readUntilEnd()) << reader->error();
+    // The sender wakes it at its first progress (a wake-up signal that
+    // follows the sleep signal at once may merge with it; the backup process
+    // then goes on when slots are freed).
+    EXPECT_TRUE(daemon_.waitForLog("Wake Backup Process("));
+    EXPECT_TRUE(reader->files()["huge"] == pattern(8 << 20));
+    reader->closeAll();
+    EXPECT_TRUE(ipcReleased(daemon_));
+}
+
 TEST_F(BackupFlowTest, SeveralBackupsAtOnceReassembleExactly) {
     std::vector<std::unique_ptr<Tree>> trees;
     for (int t = 0; t < 3; ++t) {
