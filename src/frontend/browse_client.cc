@@ -114,14 +114,6 @@ bool BrowseClient::agentCloses() {
 
 namespace tavik::frontend {
 
-bool splitTarget(const std::string& text, std::string& host, std::string& path) {
-    size_t colon = text.find(':');
-    if (colon == std::string::npos || colon == 0) return false;
-    host = text.substr(0, colon);
-    path = text.substr(colon + 1);
-    return true;
-}
-
 std::string describeAnswer(int code) {
     switch (code) {
         case kNoAnswer: return "no answer";

@@ -9,6 +9,8 @@
 // the connection fails, the agent closes it or a packet is malformed.
 #pragma once
 
+#include "frontend/net.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -75,8 +77,6 @@ namespace tavik::frontend {
 
 struct LoginOptions;
 
-// "HOST:/path": false when there is no ":" or the host is empty.
-bool splitTarget(const std::string& text, std::string& host, std::string& path);
 
 // Logs in for a tavikctl command with the login options (password from
 // TAVIK_PASSWORD or a prompt); false with `error` in words.

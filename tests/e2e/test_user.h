@@ -16,7 +16,7 @@ namespace tavik::test {
 
 inline constexpr const char* kPassword = "Pw0rd-42";
 
-inline bool run(const std::string& command) {
+inline bool runQuietly(const std::string& command) {
     // useradd and friends refuse while another process holds the account
     // files' lock: try a few times.
     for (int attempt = 0; attempt < 20; ++attempt) {
@@ -40,12 +40,12 @@ public:
         std::string groups;
         if (withGroup) {
             group_ = name_ + "g";
-            if (!run("groupadd " + group_)) return;
+            if (!runQuietly("groupadd " + group_)) return;
             groups = " -G " + group_;
         }
-        if (!run("useradd -M -d " + home_ + " -s /bin/sh" + groups + " " + name_)) return;
+        if (!runQuietly("useradd -M -d " + home_ + " -s /bin/sh" + groups + " " + name_)) return;
         std::string c = method.empty() ? "" : " -c " + method;
-        if (!run("echo '" + name_ + ":" + kPassword + "' | chpasswd" + c)) return;
+        if (!runQuietly("echo '" + name_ + ":" + kPassword + "' | chpasswd" + c)) return;
         const passwd* pw = getpwnam(name_.c_str());
         if (!pw) return;
         uid_ = pw->pw_uid;
@@ -56,8 +56,8 @@ public:
     ~TestUser() {
         if (!hiddenShadowLine_.empty()) editShadow(hiddenShadowLine_);
         // Forced: a job process of the login may still be ending.
-        run("userdel -f " + name_);
-        if (!group_.empty()) run("groupdel " + group_);
+        runQuietly("userdel -f " + name_);
+        if (!group_.empty()) runQuietly("groupdel " + group_);
         if (!home_.empty()) std::system(("rm -rf '" + home_ + "'").c_str());
     }
     bool ok() const { return ok_; }
