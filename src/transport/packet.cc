@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
 #include "daemon/state.h"
 #include "log/ulog.h"
@@ -248,8 +249,12 @@ int nonblockSend(int fd, const uint8_t* buffer, size_t length) {
 int blockRecv(int fd, uint8_t* buffer, size_t length) {
     constexpr const char* kPrefix = "(blockRecv) ";
     unsigned timeout = transport().recvTimeout;
-    platform::SavedDisposition saved(SIGALRM);
+    // Without a time-out the SIGALRM disposition is left alone: a restore
+    // receives two pieces per data packet, and saving it each time would
+    // cost two system calls more per piece.
+    std::optional<platform::SavedDisposition> saved;
     if (timeout != 0) {
+        saved.emplace(SIGALRM);
         gRecvTimedOut = 0;
         platform::installHandler(SIGALRM, recvAlarm);
         armAlarm(timeout);
