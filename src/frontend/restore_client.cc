@@ -68,6 +68,18 @@ std::string restoreStatusWords(uint8_t status) {
     }
 }
 
+size_t splitAnswers(std::span<const uint8_t> bytes, const std::function<void(uint8_t code)>& each) {
+    size_t used = 0;
+    while (bytes.size() - used >= kAnswerSize) {
+        const uint8_t* h = bytes.data() + used;
+        size_t length = wire::loadLe16(h + kAnswerLengthAt);
+        if (bytes.size() - used - kAnswerSize < length) break;
+        each(h[kAnswerCodeAt]);
+        used += kAnswerSize + length;
+    }
+    return used;
+}
+
 bool openRestoreJob(JobClient& client, const RestoreJobSpec& spec, std::string& error) {
     client.setTimeoutMs(spec.timeoutMs);
     if (!client.connect(spec.host, spec.port)) {
@@ -234,14 +246,7 @@ bool RestoreSender::readAnswers() {
             break;
         }
     }
-    size_t used = 0;
-    while (in_.size() - used >= kAnswerSize) {
-        const uint8_t* h = in_.data() + used;
-        size_t length = wire::loadLe16(h + kAnswerLengthAt);
-        if (in_.size() - used - kAnswerSize < length) break;
-        answer(h[kAnswerCodeAt]);
-        used += kAnswerSize + length;
-    }
+    size_t used = splitAnswers(in_, [this](uint8_t code) { answer(code); });
     in_.erase(in_.begin(), in_.begin() + static_cast<std::ptrdiff_t>(used));
     return !closed_;
 }

@@ -46,6 +46,12 @@ bool parseConflictPolicy(const std::string& word, uint8_t& out);
 // The agent's per-file status in words ("restored", "skipped: ...").
 std::string restoreStatusWords(uint8_t status);
 
+// The agent's answers are 8-byte packet headers (the status in the code
+// byte), each followed by the payload its length states. Calls `each` with
+// the code of every complete answer in `bytes` and returns the bytes they
+// take; an incomplete answer at the end is left for more bytes.
+size_t splitAnswers(std::span<const uint8_t> bytes, const std::function<void(uint8_t code)>& each);
+
 struct RestoreJobSpec {
     std::string host;
     uint16_t port = 6050;
