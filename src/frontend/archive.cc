@@ -329,14 +329,14 @@ bool ArchiveReader::fill(size_t count) {
 ArchiveReader::Next ArchiveReader::next(ArchivePacket& out) {
     if (!source_ || !error_.empty()) return Next::kError;
     if (position_ == bodyEnd_) {
-        checksumGood_ = crc_ == trailer_.crc && trailer_.bodyLength == bodyEnd_ - bodyStart_ &&
+        checksumGood_ = !skipChecksum_ && crc_ == trailer_.crc && trailer_.bodyLength == bodyEnd_ - bodyStart_ &&
                         trailer_.packetCount == packets_;
         return Next::kEnd;
     }
-    char where[64];
-    std::snprintf(where, sizeof where, " at offset %llu", static_cast<unsigned long long>(position_));
+    // Formatted only for an error: next() runs once per packet.
+    auto where = [this]() { return " at offset " + std::to_string(position_); };
     if (bodyEnd_ - position_ < transport::kHeaderSize || !fill(transport::kHeaderSize)) {
-        error_ = std::string("truncated packet header") + where;
+        error_ = std::string("truncated packet header") + where();
         return Next::kError;
     }
     transport::HeaderBytes hb{};
@@ -344,12 +344,12 @@ ArchiveReader::Next ArchiveReader::next(ArchivePacket& out) {
     transport::PacketHeader h = transport::decodeHeader(hb);
     uint64_t room = bodyEnd_ - position_ - transport::kHeaderSize;
     if (h.length > room || !fill(transport::kHeaderSize + h.length)) {
-        error_ = "packet of " + std::to_string(h.length) + " payload bytes overruns the body" + where;
+        error_ = "packet of " + std::to_string(h.length) + " payload bytes overruns the body" + where();
         return Next::kError;
     }
     size_t total = transport::kHeaderSize + h.length;
     std::span<const uint8_t> packet(buffer_.data() + bufferPos_, total);
-    crc_ = crc32Update(crc_, packet);
+    if (!skipChecksum_) crc_ = crc32Update(crc_, packet);
     out.header = h;
     out.payload = packet.subspan(transport::kHeaderSize);
     out.offset = position_;

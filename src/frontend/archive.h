@@ -152,6 +152,9 @@ public:
     const ArchiveTrailer& trailer() const { return trailer_; }
 
     Next next(ArchivePacket& out);
+    // For a second pass over an archive already checked: the CRC is not
+    // computed again (checksumGood() then stays false).
+    void skipChecksum() { skipChecksum_ = true; }
     // After kEnd: CRC, body length and packet count agree with the trailer.
     bool checksumGood() const { return checksumGood_; }
     const std::string& error() const { return error_; }
@@ -176,6 +179,7 @@ private:
     uint32_t crc_ = 0;
     uint32_t packets_ = 0;
     bool checksumGood_ = false;
+    bool skipChecksum_ = false;
     std::string error_;
 };
 

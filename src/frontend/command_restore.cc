@@ -99,6 +99,7 @@ int commandRestore(int argc, char* argv[]) {
         fprintf(stderr, "tavikctl restore: %s\n", reader.error().c_str());
         return 1;
     }
+    reader.skipChecksum();  // checked whole a moment ago
     RestoreSelection selection;
     for (size_t i = 2; i < positional.size(); ++i) {
         if (!selection.add(positional[i], reader.header().source, error)) {

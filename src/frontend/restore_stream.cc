@@ -1,6 +1,8 @@
 #include "frontend/restore_stream.h"
 
-#include "frontend/job_client.h"
+#include <cstring>
+
+#include "transport/packet.h"
 
 namespace tavik::frontend {
 
@@ -35,7 +37,15 @@ bool RestoreStreamEncoder::isDirectory(const backup::BackupAttributes& entry) {
 }
 
 bool RestoreStreamEncoder::emit(int8_t code, std::span<const uint8_t> payload) {
-    return sink_(buildCommand(code, 0, payload));
+    // One buffer for every packet: no allocation per 2048 bytes of data.
+    packet_.resize(transport::kHeaderSize + payload.size());
+    transport::PacketHeader h;
+    h.code = code;
+    h.length = static_cast<uint16_t>(payload.size());
+    transport::HeaderBytes header = transport::encodeHeader(h);
+    std::memcpy(packet_.data(), header.data(), header.size());
+    if (!payload.empty()) std::memcpy(packet_.data() + header.size(), payload.data(), payload.size());
+    return sink_(packet_);
 }
 
 bool RestoreStreamEncoder::directory(const backup::BackupAttributes& entry, const std::string& fullName) {

@@ -56,6 +56,7 @@ private:
     Sink sink_;
     bool inFile_ = false;
     std::vector<uint8_t> held_;  // at most one payload between calls
+    std::vector<uint8_t> packet_;  // the packet being handed to the sink
 };
 
 }  // namespace tavik::frontend
