@@ -82,6 +82,7 @@ private:
     Owner owner_;
     bool verbose_;
 
+    transport::ReadAhead ahead_;  // nothing but the command stream follows on the socket
     std::array<uint8_t, kRecordAreaSize> record_{};
     std::array<uint8_t, kDataAreaSize> data_{};
     size_t count_ = 0;  // bytes held in data_; below kWriteBatch between packets
@@ -104,7 +105,7 @@ int RestoreSession::run() {
         // The last byte stays free for the NUL of a symbolic link's target.
         size_t room = count_ + kMaxDataPayload < data_.size() ? count_ + kMaxDataPayload : data_.size() - 1;
         transport::FileDataBuffer incoming{std::span<uint8_t>(data_.data(), room), count_};
-        if (transport::GetReply(socket_, code, record_, &incoming) != 0) return transport::kFailed;
+        if (transport::GetReply(socket_, code, record_, &incoming, ahead_) != 0) return transport::kFailed;
         count_ = incoming.fill;
         switch (code) {
             case command::kAbort:

@@ -344,10 +344,13 @@ int syncSendCode(int fd, int8_t packetCode, const ReadyInfo& ready) {
     return 0;
 }
 
-int GetReply(int fd, int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fileData) {
+namespace {
+
+template <typename Receive>
+int getReplyWith(int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fileData, Receive receive) {
     constexpr const char* kPrefix = "(GetReply) ";
     HeaderBytes bytes{};
-    if (recvRoutine(fd, bytes.data(), bytes.size()) != 0) {
+    if (receive(bytes.data(), bytes.size()) != 0) {
         ulog(MSG_FAILED_RECEIVE_HEADER_PACKET, kPrefix);
         return kFailed;
     }
@@ -364,12 +367,58 @@ int GetReply(int fd, int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer*
         fits = h.length <= record.size();
         target = record.data();
     }
-    if (!fits || recvRoutine(fd, target, h.length) != 0) {
+    if (!fits || receive(target, h.length) != 0) {
         ulog(MSG_FAILED_RECEIVE_DATA_PACKET, kPrefix);
         return kFailed;
     }
     if ((h.code == code::kMof || h.code == code::kEndf) && fileData) fileData->fill += h.length;
     return 0;
+}
+
+// blockRecv served from `ahead` first; one recv refills it.
+int aheadRecv(int fd, uint8_t* buffer, size_t length, ReadAhead& ahead) {
+    constexpr const char* kPrefix = "(blockRecv) ";
+    size_t got = 0;
+    while (got < length) {
+        if (ahead.start < ahead.end) {
+            size_t take = ahead.end - ahead.start;
+            if (take > length - got) take = length - got;
+            std::memcpy(buffer + got, ahead.bytes.data() + ahead.start, take);
+            ahead.start += take;
+            got += take;
+            continue;
+        }
+        bool plain = transport().recvRoutine == blockRecv && transport().recvTimeout == 0;
+        if (!plain) return recvRoutine(fd, buffer + got, length - got);
+        ssize_t n = ::recv(fd, ahead.bytes.data(), ahead.bytes.size(), 0);
+        if (n < 0 && errno == EINTR) {
+            platform::dispatchPendingSignals();
+            continue;
+        }
+        if (n < 0) {
+            ulog(MSG_FAILED_RECV, kPrefix, errText());
+            return kFailed;
+        }
+        if (n == 0) {
+            ulog("%sEOF received", kPrefix);
+            return kFailed;
+        }
+        ahead.start = 0;
+        ahead.end = static_cast<size_t>(n);
+    }
+    return 0;
+}
+
+}  // namespace
+
+int GetReply(int fd, int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fileData) {
+    return getReplyWith(codeOut, record, fileData,
+                        [fd](uint8_t* buffer, size_t length) { return recvRoutine(fd, buffer, length); });
+}
+
+int GetReply(int fd, int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fileData, ReadAhead& ahead) {
+    return getReplyWith(codeOut, record, fileData,
+                        [fd, &ahead](uint8_t* buffer, size_t length) { return aheadRecv(fd, buffer, length, ahead); });
 }
 
 int ackIfDue(int fd, uint16_t ackInterval) {

@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <vector>
 
 namespace tavik::transport {
 
@@ -139,6 +140,21 @@ struct FileDataBuffer {
 // Receives one packet; other codes' payloads go to `record`. A payload larger
 // than the space it goes to is a failed receive.
 int GetReply(int fd, int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fileData = nullptr);
+
+// Bytes read ahead from a connection on which only packets for this reader
+// follow (the restore command stream): one recv takes as much as the peer
+// has sent, so that a packet of a few kilobytes costs no system call of its
+// own.
+struct ReadAhead {
+    static constexpr size_t kSize = 64 * 1024;
+    std::vector<uint8_t> bytes = std::vector<uint8_t>(kSize);
+    size_t start = 0;
+    size_t end = 0;
+};
+// GetReply reading through `ahead`, with blockRecv's failure lines. Only in
+// blocking mode without a receive time-out; otherwise (and for bytes not
+// yet read ahead) the chosen recvRoutine, as GetReply.
+int GetReply(int fd, int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fileData, ReadAhead& ahead);
 
 int ackIfDue(int fd, uint16_t ackInterval);
 
