@@ -263,3 +263,71 @@ TEST_F(PacketTest, StalledSenderPutsBackupProcessToSleepAndWakesIt) {
 }
 
 }  // namespace
+
+namespace {
+
+std::vector<uint8_t> packetBytes(int8_t c, std::vector<uint8_t> payload) {
+    PacketHeader h;
+    h.code = c;
+    h.length = static_cast<uint16_t>(payload.size());
+    HeaderBytes b = encodeHeader(h);
+    payload.insert(payload.begin(), b.begin(), b.end());
+    return payload;
+}
+
+}  // namespace
+
+TEST_F(PacketTest, ReadAheadServesManyPacketsFromOneReceiveAndFailsLikeBlockRecv) {
+    SocketPair sp;
+    std::vector<uint8_t> stream;
+    for (int i = 0; i < 20; ++i) {
+        auto p = packetBytes(code::kMof, std::vector<uint8_t>(2048, static_cast<uint8_t>(i)));
+        stream.insert(stream.end(), p.begin(), p.end());
+    }
+    auto rec = packetBytes(code::kOpenFile, {1, 2, 3});
+    stream.insert(stream.end(), rec.begin(), rec.end());
+    auto cut = packetBytes(code::kEndf, std::vector<uint8_t>(100, 7));
+    cut.resize(50);  // the connection ends inside this packet
+    stream.insert(stream.end(), cut.begin(), cut.end());
+    writeAll(sp.server, stream);
+    sp.closeServer();
+
+    ReadAhead ahead;
+    std::vector<uint8_t> area(4096);
+    std::array<uint8_t, 16> record{};
+    for (int i = 0; i < 20; ++i) {
+        FileDataBuffer data{area, 0};
+        int8_t c = 0;
+        ASSERT_EQ(GetReply(sp.agent, c, record, &data, ahead), 0) << i;
+        EXPECT_EQ(c, code::kMof);
+        EXPECT_EQ(data.fill, 2048u);
+        EXPECT_EQ(area[2047], static_cast<uint8_t>(i));
+    }
+    int8_t c = 0;
+    FileDataBuffer data{area, 0};
+    ASSERT_EQ(GetReply(sp.agent, c, record, &data, ahead), 0);
+    EXPECT_EQ(c, code::kOpenFile);
+    EXPECT_EQ(record[2], 3);
+    EXPECT_EQ(data.fill, 0u);
+    EXPECT_EQ(GetReply(sp.agent, c, record, &data, ahead), kFailed);
+    EXPECT_TRUE(home_.logHas("(blockRecv) EOF received"));
+    EXPECT_TRUE(home_.logHas("(GetReply) Failed to Receive Data Packet"));
+}
+
+TEST_F(PacketTest, ReadAheadReadsNoFurtherThanOnePacketUnderAReceiveTimeOut) {
+    tavik::transport::transport().recvTimeout = 120;
+    SocketPair sp;
+    auto first = packetBytes(code::kMkdir, {4, 5});
+    auto second = packetBytes(code::kEnd, {});
+    std::vector<uint8_t> both = first;
+    both.insert(both.end(), second.begin(), second.end());
+    writeAll(sp.server, both);
+    ReadAhead ahead;
+    std::array<uint8_t, 16> record{};
+    int8_t c = 0;
+    ASSERT_EQ(GetReply(sp.agent, c, record, nullptr, ahead), 0);
+    EXPECT_EQ(c, code::kMkdir);
+    EXPECT_EQ(ahead.end, 0u);
+    // The second packet is still in the socket.
+    EXPECT_EQ(readHeader(sp.agent)[2], code::kEnd);
+}
