@@ -321,7 +321,9 @@ int CompareSession::openFile() {
             struct flock unlock {};
             unlock.l_type = F_UNLCK;
             unlock.l_whence = SEEK_SET;
-            (void)::fcntl(fd_.get(), F_SETLK, &unlock);  // cannot fail on our own open descriptor
+            if (::fcntl(fd_.get(), F_SETLK, &unlock) != 0) {
+                ulog("%sFailed to unlock file %s (%s)", kOpenPrefix, path_.c_str(), errText());
+            }
         }
     } else if (tape_.type() == restore::kTypeCharDevice && tape_.size != 0) {
         content_ = verdict::kCannotOpen;  // a raw device's contents are not compared

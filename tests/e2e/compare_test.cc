@@ -97,7 +97,7 @@ protected:
     // Request, options, grooming, the start command: the stream may begin.
     // The answer to the request (4 when the job goes on).
     int begin(uint8_t flags = 0, uint16_t ack = 0, const std::vector<uint8_t>& groom = {},
-              std::vector<uint8_t> options = {}) {
+              std::vector<uint8_t> options = {}, uint8_t follow = 0) {
         client_.close();
         if (!client_.connect("127.0.0.1", daemon_.port())) return kNoAnswer;
         RequestFields f;
@@ -105,6 +105,7 @@ protected:
         f.login = user_.name();
         f.password = tavik::test::kTestPassword;
         f.opMode = 2;
+        f.follow = follow;
         int answer = client_.request(f);
         if (answer != 4) return answer;
         if (options.empty()) {
@@ -461,6 +462,25 @@ TEST_F(CompareTest, CheckLocksOptionTestsEveryRegularFile) {
     close(fd);
     EXPECT_EQ(compareFile(r, tapeOf("plain"), "plain data"), (Verdicts{0, 0}));
     EXPECT_EQ(r.end(), 3);
+}
+
+TEST_F(CompareTest, FollowingLinksComparesWhatTheyPointTo) {
+    ASSERT_TRUE(startDaemon());  // without -f: the request's follow decides
+    makeFile("target", pattern(5000, 9));
+    symlink("target", at("link").c_str());
+    symlink("nowhere", at("dangling").c_str());
+    ASSERT_EQ(begin(kDetailed, 0, {}, {}, 1), 4);
+    RestoreDriver r(client_);
+    RestoreAttributes link = tapeOf("target");
+    link.name = "link";
+    EXPECT_EQ(compareFile(r, link, pattern(5000, 9)), (Verdicts{0, 0}));
+    RestoreAttributes asLink = tapeOf("link");  // the backup saw a link: type and size differ
+    EXPECT_EQ(compareFile(r, asLink, "target"), (Verdicts{0xD5, 0}));
+    EXPECT_EQ(compareFile(r, tapeOf("dangling"), "nowhere"), (Verdicts{0xD2, 0}));
+    EXPECT_EQ(r.end(), 3);
+    EXPECT_TRUE(logHas("* Symbolic links will be followed"));
+    EXPECT_TRUE(logHas("(ws_compare[OPENFILE]) File [link] mode is changed (0120777 -> 0100644)"));
+    EXPECT_TRUE(logHas("(ws_compare[OPENFILE]) Failed to get the attributes (stat) of dangling (No such file"));
 }
 
 TEST_F(CompareTest, AbortEndsTheJobWithoutAnAnswer) {
