@@ -1,7 +1,80 @@
+// The backup's data phase in the job process: the filter, no-delay mode,
+// the packet queue and the send buffer, then the two processes of
+// startbackup, END, the wait for an empty queue and the closing handshake
+// in which the front-end ends the connection.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "backup/backup_state.h"
+#include "backup/driver.h"
+#include "backup/queue.h"
+#include "backup/stream.h"
+#include "daemon/cleanup.h"
+#include "daemon/control_files.h"
 #include "daemon/job_phases.h"
+#include "daemon/state.h"
+#include "filter/filter.h"
+#include "log/ulog.h"
+#include "platform/signals.h"
+#include "transport/endpoints.h"
+#include "transport/packet.h"
+#include "transport/sender.h"
 
 namespace tavik {
 
-int backupPhase(Channel&, JobContext&) { return kJobOver; }
+int backupPhase(Channel& channel, JobContext& ctx) {
+    const Settings& s = settings();
+    int fd = channel.fd();
+    backup::BackupState& b = backup::backupState();
+    filter::InitializeFilter(b.filter, ctx.filterItems, ctx.jobRoot, true);
+    b.hooks.isProtectedDir = [&ctx](const std::string& path) {
+        return !ctx.protectedDirs.names.empty() && isProtected(path, ctx.protectedDirs) != 0;
+    };
+    b.hooks.controlFile = paths().cntlPath;
+    b.hooks.onChildSignal = cleanupOnChildSignal;
+    b.hooks.setChild = setCleanupChild;
+
+    if (!s.blockingIo) {
+        int flags = ::fcntl(fd, F_GETFL);
+        if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) {
+            ulog(MSG_FAILED_SET_NONBLOCKING, "");
+            return kJobOver;
+        }
+    }
+    if (backup::GetIPC() != 0) {
+        if (s.verbose) ulogText("Failed in GetIPC");
+        return kJobOver;
+    }
+    transport::setBufSize(fd, SO_SNDBUF, s.socketBufferSize);
+    ulog("SO_SNDBUF = %d", transport::getBufSize(fd, SO_SNDBUF));
+
+    if (backup::startbackup(fd, ctx.jobRoot) != 0) return kJobOver;
+    ulog(MSG_WORKSTATION_BACKUP_ENDED, "");
+    backup::stopWatchdog();
+    if (backup::queueStatus(transport::code::kEnd) != 0) return kJobOver;
+    if (backup::restartPending()) return kJobOver;
+    backup::waitQueueEmpty();
+
+    if (!s.blockingIo) {
+        // The status value 16 (synchronous writes) of the original system
+        // clears no-delay; on Linux clearing O_NONBLOCK has that effect.
+        int flags = ::fcntl(fd, F_GETFL);
+        if (flags < 0 || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+            ulog(MSG_FAILED_SET_BLOCKING, "");
+            return kJobOver;
+        }
+    }
+    uint8_t closing[transport::kHeaderSize];
+    ssize_t n;
+    do {
+        n = ::recv(fd, closing, sizeof closing, 0);
+        if (n < 0 && errno == EINTR) platform::dispatchPendingSignals();
+    } while (n < 0 && errno == EINTR);
+    if (n < 0 && errno == ECONNRESET) transport::connrelease(0);
+    return kJobOver;
+}
 
 }  // namespace tavik

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdlib>
 
+#include "backup/queue.h"
 #include "daemon/state.h"
 #include "groom/groom.h"
 #include "log/ulog.h"
@@ -31,6 +32,7 @@ void closeIfOpen(int& fd) {
     closeIfOpen(l.jobSocket);
     closeIfOpen(l.listenSocket);
     closeIfOpen(l.udpSocket);
+    backup::ReleaseIPC();
 
     if (daemon) {
         ulog(MSG_TAVIK_STOPPED);

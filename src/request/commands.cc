@@ -20,6 +20,7 @@ constexpr const char* kPrefix = "(GetCommands) ";
 constexpr int kFailed = transport::kFailed;
 
 EstimateHandler gEstimate = nullptr;
+void (*gDbFileHook)() = nullptr;
 
 // A fixed-size payload, zero-padded when it arrived short.
 template <size_t N>
@@ -124,6 +125,7 @@ int dbFile(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) 
         ctx.dbFileList.clear();
         return kFailed;
     }
+    if (gDbFileHook) gDbFileHook();
     return 0;
 }
 
@@ -155,6 +157,7 @@ int unsupported(Channel& channel, JobContext& ctx, int8_t code) {
 }  // namespace
 
 void setEstimateHandler(EstimateHandler handler) { gEstimate = handler; }
+void setDbFileHook(void (*hook)()) { gDbFileHook = hook; }
 
 void buildTopList(TopList& list, uint32_t nFiles, std::vector<char> text) {
     list.clear();

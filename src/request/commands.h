@@ -55,6 +55,10 @@ inline constexpr uint32_t kDeleteFiles = 0x04;
 using EstimateHandler = int (*)(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload);
 void setEstimateHandler(EstimateHandler handler);
 
+// Called after a database file list was received (the backup's verbose
+// listing of it).
+void setDbFileHook(void (*hook)());
+
 // Splits `text` at its NULs into at most nFiles names (a last name without a
 // NUL counts up to the end of the text).
 void buildTopList(TopList& list, uint32_t nFiles, std::vector<char> text);

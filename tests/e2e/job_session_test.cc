@@ -16,8 +16,9 @@
 #include <string>
 #include <vector>
 
+#include "e2e/backup_stream_reader.h"
 #include "e2e/daemon_fixture.h"
-#include "e2e/test_login.h"
+#include "e2e/test_user.h"
 #include "frontend/job_client.h"
 
 namespace {
@@ -27,7 +28,7 @@ using tavik::frontend::RequestFields;
 using tavik::frontend::kNoAnswer;
 using tavik::test::Daemon;
 
-constexpr const char* kPassword = tavik::test::kTestPassword;
+using tavik::test::kPassword;
 using tavik::test::TestUser;
 
 // A directory tree for job roots, readable by everyone down to its top.
@@ -115,7 +116,11 @@ TEST_F(JobSessionTest, NonBlockingIoServesTheWholeExchange) {
     ASSERT_TRUE(client_.sendRaw(options));
     EXPECT_EQ(client_.diskItem({"a"}), 4);
     ASSERT_TRUE(client_.start(2));
-    EXPECT_TRUE(agentCloses());
+    // The backup of the login's home runs and ends with END.
+    tavik::test::BackupStreamReader reader(dup(client_.fd()));
+    client_.close();
+    reader.acknowledgeEvery(2);
+    EXPECT_TRUE(reader.readUntilEnd()) << reader.error();
     EXPECT_TRUE(daemon_.waitForLog("RCV_OK: AckCount=2"));
     // The non-blocking receive traces every call on standard output.
     EXPECT_NE(tavik::test::readFile(daemon_.home() + "launcher.out").find("(nonblockRecv)  connfd="),

@@ -18,7 +18,7 @@
 
 #include "e2e/daemon_fixture.h"
 #include "e2e/restore_driver.h"
-#include "e2e/test_login.h"
+#include "e2e/test_user.h"
 #include "frontend/job_client.h"
 #include "platform/wire_stat.h"
 #include "wire/bytes.h"
@@ -75,7 +75,7 @@ protected:
         RequestFields s;
         s.root = root;
         s.login = user_.name();
-        s.password = tavik::test::kTestPassword;
+        s.password = tavik::test::kPassword;
         s.opMode = 1;
         s.conflict = conflict;
         return s;

@@ -1,6 +1,5 @@
-// A real login for end-to-end tests: made with useradd and chpasswd for one
-// test, with a home directory of its own and optionally a supplementary
-// group, and removed again afterwards. Needs root.
+// A login made for one test and removed afterwards (useradd, chpasswd,
+// userdel), for end-to-end tests that need a real identity to switch to.
 #pragma once
 
 #include <grp.h>
@@ -15,9 +14,9 @@
 
 namespace tavik::test {
 
-inline constexpr const char* kTestPassword = "Pw0rd-42";
+inline constexpr const char* kPassword = "Pw0rd-42";
 
-inline bool run(const std::string& command) {
+inline bool runQuietly(const std::string& command) {
     // useradd and friends refuse while another process holds the account
     // files' lock: try a few times.
     for (int attempt = 0; attempt < 20; ++attempt) {
@@ -41,12 +40,12 @@ public:
         std::string groups;
         if (withGroup) {
             group_ = name_ + "g";
-            if (!run("groupadd " + group_)) return;
+            if (!runQuietly("groupadd " + group_)) return;
             groups = " -G " + group_;
         }
-        if (!run("useradd -M -d " + home_ + " -s /bin/sh" + groups + " " + name_)) return;
+        if (!runQuietly("useradd -M -d " + home_ + " -s /bin/sh" + groups + " " + name_)) return;
         std::string c = method.empty() ? "" : " -c " + method;
-        if (!run("echo '" + name_ + ":" + kTestPassword + "' | chpasswd" + c)) return;
+        if (!runQuietly("echo '" + name_ + ":" + kPassword + "' | chpasswd" + c)) return;
         const passwd* pw = getpwnam(name_.c_str());
         if (!pw) return;
         uid_ = pw->pw_uid;
@@ -57,8 +56,8 @@ public:
     ~TestUser() {
         if (!hiddenShadowLine_.empty()) editShadow(hiddenShadowLine_);
         // Forced: a job process of the login may still be ending.
-        run("userdel -f " + name_);
-        if (!group_.empty()) run("groupdel " + group_);
+        runQuietly("userdel -f " + name_);
+        if (!group_.empty()) runQuietly("groupdel " + group_);
         if (!home_.empty()) std::system(("rm -rf '" + home_ + "'").c_str());
     }
     bool ok() const { return ok_; }
@@ -85,6 +84,34 @@ public:
     // Takes the login's line out of the shadow file (the password file keeps
     // it), under the account files' lock; the destructor puts it back.
     bool hideFromShadow() { return editShadow(""); }
+
+    // Gives the login's password-file line the group id `gid` (such as
+    // "4294967295", which no process can take), under the account files'
+    // lock; userdel removes the line afterwards.
+    bool setPasswdGroupId(const std::string& gid) {
+        if (lckpwdf() != 0) return false;
+        std::ifstream in("/etc/passwd");
+        std::string text, line;
+        bool found = false;
+        while (std::getline(in, line)) {
+            if (line.rfind(name_ + ":", 0) == 0) {
+                // name:x:uid:gid:...
+                size_t at = 0;
+                for (int field = 0; field < 3 && at != std::string::npos; ++field) at = line.find(':', at + 1);
+                size_t end = at == std::string::npos ? at : line.find(':', at + 1);
+                if (end != std::string::npos) {
+                    line = line.substr(0, at + 1) + gid + line.substr(end);
+                    found = true;
+                }
+            }
+            text += line + "\n";
+        }
+        std::string tmp = "/etc/passwd.tavik-test";
+        bool ok = found && static_cast<bool>(std::ofstream(tmp) << text) && chmod(tmp.c_str(), 0644) == 0 &&
+                  rename(tmp.c_str(), "/etc/passwd") == 0;
+        ulckpwdf();
+        return ok;
+    }
 
 private:
     // Without `restore`: removes the login's line. With it: appends it.

@@ -1,0 +1,84 @@
+// The backup process's own state: the selection filter, the traversal's
+// position (depth, source device, ancestors, restart), the job's inode
+// numbering, and the hooks the daemon gives the backup (protected
+// directories, the sender's death).
+//
+// One record per process, reached through backupState(); the job process
+// fills it before startbackup and the estimate resets what it uses.
+#pragma once
+
+#include <sys/types.h>
+
+#include <csignal>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "filter/filter.h"
+#include "filter/match.h"
+#include "platform/wire_stat.h"
+
+namespace tavik {
+struct JobRequest;
+}
+
+namespace tavik::backup {
+
+// Paths are built in buffers of this size, the NUL included: a longer path
+// is refused.
+inline constexpr size_t kPathBuffer = 1024;
+// Link targets are read into a buffer of this size; longer ones are cut.
+inline constexpr size_t kLinkBuffer = 2048;
+// The watchdog's silence period, in seconds (divided by the time divisor).
+inline constexpr unsigned kWatchdogSeconds = 30;
+// Servers from this version on get NFSSKIP and FSSKIP instead of ENDDIR.
+inline constexpr int kSkipCodesVersion = 51;
+
+// The directories on the current path: push reports a loop.
+class AncestorStack {
+public:
+    // 0 pushed, -2 the pair is already on the stack.
+    int push(dev_t dev, ino_t ino);
+    // Removes the top pair; false (logged) when the stack is empty.
+    bool pop();
+    size_t size() const { return nodes_.size(); }
+    void clear() { nodes_.clear(); }
+
+private:
+    std::vector<std::pair<dev_t, ino_t>> nodes_;
+};
+
+struct BackupHooks {
+    // True when a directory lies in a protected directory (tvk.cntl).
+    std::function<bool(const std::string&)> isProtectedDir;
+    // The description of the protected list's file, for the log line.
+    std::string controlFile;
+    // Deferred SIGCHLD action of the backup process: ends the job when the
+    // sender has died.
+    void (*onChildSignal)(int) = nullptr;
+    // Tells that action which child is the sender.
+    void (*setChild)(int) = nullptr;
+};
+
+struct BackupState {
+    filter::Filter filter;
+    filter::OldSelection oldSelection;
+    platform::InodeNumbering inodes;
+    uint16_t dirDepth = 0;
+    dev_t rootDev = 0;
+    AncestorStack ancestors;
+    size_t sourceLength = 0;  // the source path's length, for the restart compare
+    bool restartFound = false;
+    bool grooming = false;
+    bool watchdog = false;  // option flag 0x02 in force
+    BackupHooks hooks;
+};
+
+BackupState& backupState();
+
+// The request's older selection (file and directory lists, date test).
+filter::OldSelection decodeOldSelection(const JobRequest& request);
+
+}  // namespace tavik::backup

@@ -1,0 +1,182 @@
+#include "backup/driver.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "backup/backup_state.h"
+#include "backup/queue.h"
+#include "backup/stream.h"
+#include "backup/traverse.h"
+#include "daemon/state.h"
+#include "groom/groom.h"
+#include "groom/record.h"
+#include "log/ulog.h"
+#include "platform/signals.h"
+#include "request/job_context.h"
+#include "transport/packet.h"
+#include "transport/sender.h"
+#include "wire/bytes.h"
+
+namespace tavik::backup {
+namespace {
+
+constexpr const char* kPrefix = "(startbackup) ";
+
+bool queueNotFull() { return queuedCount() < queueCapacity(); }
+
+[[noreturn]] void runSender(int jobSocket) {
+    platform::defaultSignal(SIGTERM);
+    platform::defaultSignal(SIGCHLD);
+    platform::defaultSignal(SIGUSR1);
+    platform::defaultSignal(SIGALRM);
+    platform::clearPendingSignal(SIGCHLD);
+    platform::deferSignal(SIGPIPE, transport::connrelease);
+    transport::transport().senderProcess = true;
+    transport::transport().backupAsleep = false;
+    transport::setQueueNotFullTest(queueNotFull);
+    disownIPC();
+    transport::PacketSource source;
+    source.waitForPacket = waitForPacket;
+    source.count = queuedCount;
+    source.slotAhead = slotAfterOut;
+    source.release = [](uint16_t n) { return countdown(n); };
+    transport::SenderOptions options;
+    options.renewalPermitted = (job().optionFlags() & options_layout::kReconnect) != 0;
+    options.ackInterval = job().ackInterval;
+    int r = transport::SendDaemon(jobSocket, source, options);
+    std::_Exit(r != 0 ? 255 : 0);
+}
+
+void endGrooming() {
+    int s = groom::EndGrooming();
+    if (s == 1) {
+        ulog(MSG_GROOMING_INCOMPLETE, kPrefix);
+    } else if (s == 2) {
+        ulog(MSG_GROOMING_FAILED, kPrefix);
+    } else if (s != 0) {
+        ulog(MSG_ENDGROOMING_UNKNOW_STATUS, kPrefix, s);
+    }
+}
+
+int sendGroomingReport(int result) {
+    JobContext& ctx = job();
+    std::string work = groom::GroomingWorkFile();
+    int count = groom::GroomedCount();
+    if (count != 0) {
+        struct stat st;
+        int fd = -1;
+        if (::stat(work.c_str(), &st) != 0) {
+            ulog(MSG_FAILED_GET_ATTRIBUTES_STAT, kPrefix, work.c_str(), errText());
+        } else if ((fd = ::open(work.c_str(), O_RDONLY)) < 0) {
+            ulog(MSG_FAIED_OPEN, kPrefix, work.c_str(), errText());
+        } else {
+            char text[16];
+            std::snprintf(text, sizeof text, "%d", count);
+            result = queueStatus(transport::code::kGroomCount, text);
+            if (result == 0) {
+                result = send_file(fd, st, nullptr, work);
+            } else {
+                ::close(fd);
+            }
+            uint32_t options = wire::loadLe32(ctx.groomRecord.data() + groom::kGroomOptionsOffset);
+            if (options & groom::kGroomRotationSet) {
+                std::string copy = groom::GroomingCopyFile();
+                if (copyFile(work.c_str(), copy.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0666) == -1)
+                    ulog(MSG_CANNOT_COPY, kPrefix, work.c_str(), copy.c_str());
+                ulog(MSG_TOTAL_GROOMED_FOR_SET, count, ctx.groomSet.c_str());
+            } else if (options & groom::kGroomDelete) {
+                groom::MigrateLog(work.c_str());
+                ulog(MSG_TOTAL_DELETED, count);
+            }
+        }
+    }
+    ctx.groomRecord.clear();
+    backupState().grooming = false;
+    if (!work.empty()) ::unlink(work.c_str());
+    return result;
+}
+
+}  // namespace
+
+void stopWatchdog() {
+    transport::armAlarm(0);
+    backupState().watchdog = false;
+    platform::clearPendingSignal(SIGALRM);
+}
+
+void waitQueueEmpty() {
+    // Polls once a second; the sender's release of the last slot ends the
+    // wait at once.
+    while (queuedCount() != 0) transport::scaledSleep(1);
+}
+
+int startbackup(int jobSocket, const std::string& sourcePath) {
+    BackupState& b = backupState();
+    JobContext& ctx = job();
+    b.sourceLength = sourcePath.size();
+    b.restartFound = false;
+    b.watchdog = (ctx.optionFlags() & options_layout::kWatchDog) != 0;
+    b.grooming = !ctx.groomRecord.empty();
+    b.oldSelection = decodeOldSelection(ctx.request);
+
+    // In place before the fork: the sender may signal at once.
+    gBackupAsleep = 0;
+    platform::installHandler(SIGUSR1, spanTapeSignal);
+    if (b.hooks.onChildSignal) platform::deferSignal(SIGCHLD, b.hooks.onChildSignal);
+
+    pid_t pid = ::fork();
+    if (pid < 0) {
+        ulog(MSG_FAILED_FORK_JOB_ABORT, kPrefix, errText());
+        return -1;
+    }
+    if (pid == 0) runSender(jobSocket);
+    setSenderPid(pid);
+    if (b.hooks.setChild) b.hooks.setChild(pid);
+    if (b.watchdog) installWatchdog();
+    b.dirDepth = 0;
+
+    struct stat st;
+    if (::stat(sourcePath.c_str(), &st) != 0) {
+        ulog(MSG_FAILED_GET_ATTRIBUTES_STAT, kPrefix, sourcePath.c_str(), errText());
+        return queueStatus(transport::code::kNoDir, "") == 0 ? 0 : -1;
+    }
+    struct stat sourceStat = st;
+    b.rootDev = st.st_dev;
+    bool newServer = ctx.serverVersion >= transport::kNewServerVersion;
+    if (newServer) {
+        int r = sendAttributes(st, "", 17, sourcePath);
+        if (r != 0) {
+            ulog(MSG_FAILED_SEND_ATTRIBUTES, kPrefix, sourcePath.c_str());
+            return r;
+        }
+        if (b.grooming) {
+            wire::ByteReader in(std::span<const uint8_t>(ctx.groomRecord.data(), ctx.groomRecord.size()));
+            groom::GroomingRecord record = groom::DecodeGroomingRecord(in);
+            wire::ByteReader tapeIn(std::span<const uint8_t>(ctx.tapeRecord.data(), ctx.tapeRecord.size()));
+            groom::TapeRecord tape;
+            (void)groom::DecodeTapeRecord(tapeIn, tape);  // always whole: 63 bytes kept
+            if (groom::BeginGrooming(paths().logDir.c_str(), ctx.groomSet.c_str(), record, tape) != 0)
+                ulog(MSG_FAILED_BEGINGROOMING, kPrefix);
+            if (!restartPending()) {
+                int g = groom::RecordGrooming(sourcePath.c_str(), st);
+                if (g != 0) ulog(MSG_FAILED_RECORD_GROOMING_RET, kPrefix, sourcePath.c_str(), g);
+            }
+        }
+    }
+    b.ancestors.clear();
+    b.ancestors.push(st.st_dev, st.st_ino);
+    int mode = newServer ? int(filter::DirVerdictOf(b.filter, sourcePath)) : 2;
+    int result = ws_backup(sourcePath, mode, sourceStat);
+    if (settings().resetAccessTime && setFileTimes(sourcePath, sourceStat) != 0)
+        ulog(MSG_FAILED_SET_TIME, kPrefix, sourcePath.c_str(), errText());
+    b.ancestors.pop();
+    if (!b.grooming) return result;
+    endGrooming();
+    return sendGroomingReport(result);
+}
+
+}  // namespace tavik::backup

@@ -1,0 +1,25 @@
+// The backup job's two processes: startbackup forks the sender (SendDaemon
+// over the packet queue) and then, in the job process, sends the source's
+// attribute record, starts grooming, walks the tree and ends grooming,
+// sending the grooming report. Also the backup process's signal wiring:
+// SIGUSR1 toggles the tape-change sleep, SIGALRM asks for a WATCH_DOG
+// packet, SIGCHLD (the sender died) ends the job through the daemon's hook.
+//
+// Requires: the filter built, GetIPC done, the hooks in backupState() set.
+// Fails: -1 for a failed fork or source record, else the traversal's queue
+// failure; 0 when the walk reached its end.
+#pragma once
+
+#include <string>
+
+namespace tavik::backup {
+
+int startbackup(int jobSocket, const std::string& sourcePath);
+
+// Before END: no WATCH_DOG may follow the last packet.
+void stopWatchdog();
+
+// Waits until the sender has taken every queued packet (the job's end).
+void waitQueueEmpty();
+
+}  // namespace tavik::backup

@@ -1,0 +1,176 @@
+#include "backup/estimate.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "backup/backup_state.h"
+#include "backup/stream.h"
+#include "backup/traverse.h"
+#include "daemon/state.h"
+#include "filter/filter.h"
+#include "filter/match.h"
+#include "log/ulog.h"
+#include "platform/fd.h"
+#include "platform/fs_type.h"
+#include "request/channel.h"
+#include "request/commands.h"
+#include "request/job_context.h"
+#include "wire/bytes.h"
+
+namespace tavik::backup {
+namespace {
+
+struct Walk {
+    EstimateCount count;
+    uint16_t depth = 0;
+};
+
+bool statEntry(const std::string& path, struct stat& st) {
+    if (path.size() >= kPathBuffer) return false;
+    return (settings().followLinks ? ::stat(path.c_str(), &st) : ::lstat(path.c_str(), &st)) == 0;
+}
+
+bool outsideTopList(const Walk& w, const char* name) {
+    const TopList& top = job().topList;
+    if (w.depth != 1 || top.names.empty()) return false;
+    for (size_t offset : top.names)
+        if (std::strcmp(top.text.data() + offset, name) == 0) return false;
+    return true;
+}
+
+bool dot(const char* name) { return name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0)); }
+
+void countDir(Walk& w, const std::string& dirPath, int mode) {
+    BackupState& b = backupState();
+    const Settings& s = settings();
+    w.depth++;
+    platform::UniqueDir dir;
+    if (!(s.skipNfs && platform::isNfsPath(dirPath.c_str()) != 0)) dir.reset(::opendir(dirPath.c_str()));
+    if (dir) {
+        if (mode == 2) {
+            while (dirent* e = ::readdir(dir.get())) {
+                if (dot(e->d_name) || outsideTopList(w, e->d_name)) continue;
+                std::string path = dirPath + e->d_name;
+                struct stat st;
+                if (!statEntry(path, st) || S_ISDIR(st.st_mode)) continue;
+                if (filter::FileSelected(b.filter, path, st) != 1) continue;
+                w.count.files++;
+                uint32_t listed = 0;
+                if (S_ISREG(st.st_mode) || S_ISLNK(st.st_mode)) {
+                    w.count.addBytes(uint64_t(st.st_size));
+                } else if (S_ISCHR(st.st_mode) && lookupRawSize(path.c_str(), listed)) {
+                    w.count.addBytes(listed);
+                }
+            }
+            ::rewinddir(dir.get());
+        }
+        if (w.depth < job().maxDirDepth) {
+            while (dirent* e = ::readdir(dir.get())) {
+                if (dot(e->d_name) || outsideTopList(w, e->d_name)) continue;
+                std::string path = dirPath + e->d_name;
+                struct stat st;
+                if (!statEntry(path, st) || !S_ISDIR(st.st_mode)) continue;
+                if (s.noCrossFs && st.st_dev != b.rootDev) continue;
+                if (b.hooks.isProtectedDir && b.hooks.isProtectedDir(path)) continue;
+                path += "/";
+                int submode = int(filter::DirVerdictOf(b.filter, path));
+                if (submode == 0) continue;
+                if (b.ancestors.push(st.st_dev, st.st_ino) == -2) continue;
+                countDir(w, path, submode);
+                b.ancestors.pop();
+                if (s.resetAccessTime) setFileTimes(path, st);
+            }
+        }
+    }
+    w.depth--;
+}
+
+}  // namespace
+
+void EstimateCount::addBytes(uint64_t n) {
+    constexpr uint64_t kMax = 4294967295u;
+    // Sizes beyond 32 bits are added in 32-bit steps so that the rule of
+    // one unit per 4294967295 bytes holds for them too.
+    while (n > 0) {
+        uint64_t part = n > kMax ? kMax : n;
+        n -= part;
+        if (part > kMax - bytes) {
+            bytes = uint32_t(part - (kMax - bytes));
+            overflows++;
+        } else {
+            bytes = uint32_t(bytes + part);
+        }
+    }
+}
+
+int estimate(const std::string& sourcePath, uint32_t& filesOut, uint32_t& kilobytesOut) {
+    kilobytesOut = 0;
+    BackupState& b = backupState();
+    struct stat st;
+    if ((settings().followLinks ? ::stat(sourcePath.c_str(), &st) : ::lstat(sourcePath.c_str(), &st)) != 0)
+        return -1;
+    b.ancestors.clear();
+    b.rootDev = st.st_dev;
+    std::string base = sourcePath;
+    if (base.empty() || base.back() != '/') base += '/';
+    int mode = int(filter::DirVerdictOf(b.filter, sourcePath));
+    Walk w;
+    if (mode == 1 || mode == 2) {
+        b.ancestors.push(st.st_dev, st.st_ino);
+        countDir(w, base, mode);
+        b.ancestors.pop();
+        if (settings().resetAccessTime) setFileTimes(base, st);
+    }
+    filesOut = w.count.files;
+    kilobytesOut = w.count.kilobytes();
+    b.ancestors.clear();
+    return 0;
+}
+
+int estimateCommand(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) {
+    constexpr const char* kPrefix = "(GetCommands) ";
+    const Settings& s = settings();
+    const char* text = reinterpret_cast<const char*>(payload.data());
+    size_t sourceLength = strnlen(text, payload.size());
+    std::string source(text, sourceLength);
+    filter::InitializeFilter(backupState().filter, ctx.filterItems, source, false);
+    size_t at = sourceLength + 1;
+    uint32_t nFiles = 0;
+    std::vector<char> names;
+    if (at < payload.size()) {
+        names.assign(text + at, text + payload.size());
+        for (size_t i = at; i < payload.size();) {
+            size_t n = strnlen(text + i, payload.size() - i);
+            nFiles++;
+            i += n + 1;
+        }
+    }
+    if (s.verbose)
+        ulog("ESTIMATE: src=[%s], flist.nFiles=%d, flist.size=%d", source.c_str(), int(nFiles), int(names.size()));
+    ctx.topList.clear();
+    if (nFiles != 0) {
+        buildTopList(ctx.topList, nFiles, std::move(names));
+        if (s.verbose)
+            for (size_t i = 0; i < ctx.topList.names.size(); ++i)
+                ulog("flist_tbl[%d]=[%s]", int(i), ctx.topList.text.data() + ctx.topList.names[i]);
+    }
+    uint32_t files = 0, kilobytes = 0;
+    estimate(source, files, kilobytes);
+    ctx.topList.clear();
+    if (s.verbose) ulog("Estimated total : %ld files, %ld K bytes", long(files), long(kilobytes));
+    uint8_t reply[kEstimateReplySize];
+    wire::storeLe32(reply, files);
+    wire::storeLe32(reply + 4, kilobytes);
+    if (channel.send(reply, sizeof reply) != 0) {
+        ulog(MSG_FAILED_SEND_ESTIMATION_NUMBERS, kPrefix);
+        return 100;
+    }
+    return 0;
+}
+
+void installEstimate() { setEstimateHandler(estimateCommand); }
+
+}  // namespace tavik::backup

@@ -1,0 +1,427 @@
+#include "backup/queue.h"
+
+#include <fcntl.h>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "backup/queue_size.h"
+#include "daemon/state.h"
+#include "log/ulog.h"
+#include "platform/signals.h"
+#include "platform/sysv_ipc.h"
+#include "request/job_context.h"
+#include "transport/packet.h"
+
+namespace tavik::backup {
+
+volatile sig_atomic_t gBackupAsleep = 0;
+namespace {
+volatile sig_atomic_t gSpanTapeSignals = 0;  // SIGUSR1 received
+sig_atomic_t gSpanTapeReported = 0;           // of which logged
+}  // namespace
+
+void spanTapeSignal(int) {
+    gBackupAsleep = !gBackupAsleep;
+    gSpanTapeSignals = gSpanTapeSignals + 1;
+}
+
+void reportSpanTape() {
+    while (gSpanTapeReported < gSpanTapeSignals) {
+        ++gSpanTapeReported;
+        if (!settings().verbose) continue;
+        // Odd signals put the process to sleep, even ones wake it.
+        ulogText(gSpanTapeReported % 2 ? "(span_tape_sleep) Received SIGUSR1 from child process"
+                                       : "(span_tape_wake) Received SIGUSR1 from child process");
+    }
+}
+
+namespace {
+
+// Bits of the waiters word.
+constexpr uint16_t kConsumerWaits = 1;
+constexpr uint16_t kProducerWaits = 2;
+constexpr size_t kRegistryLine = 256;
+// The tape-change wait has no time-out; it re-checks once an hour.
+constexpr long long kAsleepWaitMicros = 3600LL * 1000000;
+
+struct Ipc {
+    platform::SharedSegment segment;
+    platform::SemaphoreSet semaphore;
+    size_t slotSize = 0;
+    uint16_t capacity = 0;
+    uint16_t sleepMs = 1;
+    pid_t sender = -1;
+    bool owner = true;  // false in the sender
+};
+
+// Deliberately never destroyed: the objects are removed by ReleaseIPC on
+// the job's exit path, never by a destructor running in whichever process
+// happens to exit.
+Ipc& ipc() {
+    static Ipc* state = new Ipc;
+    return *state;
+}
+
+std::atomic_ref<uint16_t> field(size_t at) {
+    return std::atomic_ref<uint16_t>(*reinterpret_cast<uint16_t*>(ipc().segment.data() + at));
+}
+
+uint32_t futexWord() {
+    return uint32_t(field(kRingCountAt).load()) | (uint32_t(field(kRingOutAt).load()) << 16);
+}
+
+uint32_t* futexAddress() { return reinterpret_cast<uint32_t*>(ipc().segment.data() + kRingCountAt); }
+
+void wakeIfWaiting(uint16_t bit) {
+    if (field(kRingWaitersAt).load() & bit)
+        ::syscall(SYS_futex, futexAddress(), FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+}
+
+// Waits at most `micros` until `ready()` holds or the other side changes the
+// ring; returns at once when it already holds. Signals end the wait early.
+template <typename Ready>
+void waitUntil(uint16_t bit, Ready ready, long long micros) {
+    field(kRingWaitersAt).fetch_or(bit);
+    uint32_t seen = futexWord();
+    if (!ready()) {
+        timespec ts{};
+        ts.tv_sec = time_t(micros / 1000000);
+        ts.tv_nsec = long(micros % 1000000) * 1000;
+        ::syscall(SYS_futex, futexAddress(), FUTEX_WAIT, seen, &ts, nullptr, 0);
+    }
+    field(kRingWaitersAt).fetch_and(uint16_t(~bit));
+}
+
+int divisor() {
+    int d = settings().timeDivisor;
+    return d > 0 ? d : 1;
+}
+
+// One step of the escalating retry wait (10 ms for the first 1000 steps,
+// then whole seconds growing every 100 steps), logged like timeOut's, but
+// ended early by the other side's progress.
+template <typename Ready>
+int retryStep(int count, int limit, uint16_t bit, Ready ready) {
+    int n = count + 1;
+    if (n > limit) return -1;
+    long long micros = 10000;
+    if (n > 1000) {
+        int wait = (n - 1000) / 100 + 1;
+        transport::TransportState& t = transport::transport();
+        if (settings().verbose && wait != t.lastReportedSleep) {
+            ulog("%sTimeCount=%d, sleep(%d)...", "(timeOut) ", n, wait);
+            t.lastReportedSleep = wait;
+        }
+        micros = wait * 1000000LL;
+    }
+    waitUntil(bit, ready, micros / divisor());
+    platform::dispatchPendingSignals();
+    return n;
+}
+
+uint8_t* slotAt(uint16_t index) { return ipc().segment.data() + kRingSlotsAt + size_t(index) * ipc().slotSize; }
+
+int changeCount(int delta, const char* prefix) {
+    Ipc& q = ipc();
+    int err = q.semaphore.operate(0, -1);
+    if (err == 0) {
+        field(kRingCountAt).store(uint16_t(field(kRingCountAt).load() + delta));
+        err = q.semaphore.operate(0, +1);
+    }
+    if (err != 0) {
+        errno = err;
+        ulog(MSG_FAILED_SEMAPHORE_OPERATION, prefix, errText());
+        return -1;
+    }
+    wakeIfWaiting(delta > 0 ? kConsumerWaits : kProducerWaits);
+    return 0;
+}
+
+// Opens the registry and takes its write lock; a null stream after logging
+// means the caller returns `failure`.
+FILE* openRegistry(const char* prefix, char type, int id, bool create, int& failure) {
+    const std::string& path = paths().ipcPath;
+    int fd = ::open(path.c_str(), O_RDWR | (create ? O_CREAT : 0), 0600);
+    if (fd < 0) {
+        failure = (!create && errno == ENOENT) ? 0 : -1;
+        if (failure) ulog(MSG_FAIED_OPEN, prefix, path.c_str(), errText());
+        return nullptr;
+    }
+    failure = 0;
+    int r = lockFile(fd, kWriteLock);
+    if (r == -2) {
+        ulog(MSG_GAVE_UP_LOCK_IPC, prefix, type, id);
+        ::close(fd);
+        return nullptr;
+    }
+    if (r == -1) {
+        ulog(MSG_FAILED_LOCK, prefix, path.c_str(), errText());
+        ::close(fd);
+        return nullptr;
+    }
+    FILE* f = ::fdopen(fd, "r+");
+    if (!f) {
+        ulog(MSG_FAIED_FDOPEN, prefix, path.c_str(), errText());
+        ::close(fd);
+    }
+    return f;
+}
+
+// Writes `line` at `offset` in place of a line of `oldLength` characters: a
+// shorter line is padded with blanks before its newline so that it never
+// runs into the next line.
+void overwriteLine(FILE* f, long offset, std::string line, size_t oldLength) {
+    if (line.size() < oldLength) line.insert(line.size() - 1, oldLength - line.size(), ' ');
+    std::fseek(f, offset, SEEK_SET);
+    std::fputs(line.c_str(), f);
+}
+
+std::string registryLine(char first, char second, int id) {
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "%c%c %8d    \n", first, second, id);
+    return buf;
+}
+
+// Sleeps the whole (divided) interval: a signal that interrupts the sleep
+// is dispatched and the rest is slept.
+void sleepFully(unsigned seconds) {
+    long long micros = (long long)seconds * 1000000 / divisor();
+    timespec left{time_t(micros / 1000000), long(micros % 1000000) * 1000};
+    while (::nanosleep(&left, &left) != 0 && errno == EINTR) platform::dispatchPendingSignals();
+}
+
+}  // namespace
+
+int lockFile(int fd, int lockType, uint16_t retryCount, uint16_t retryInterval) {
+    struct flock lock {};
+    lock.l_type = short(lockType == kReadLock ? F_RDLCK : F_WRLCK);
+    lock.l_whence = SEEK_SET;
+    lock.l_start = 0;
+    lock.l_len = 0;
+    for (unsigned attempt = 0; attempt < retryCount; ++attempt) {
+        if (::fcntl(fd, F_SETLK, &lock) == 0) return 0;
+        if (errno != EACCES && errno != EAGAIN) return -1;
+        sleepFully(retryInterval);
+    }
+    return -2;
+}
+
+int lockFile(int fd, int lockType) { return lockFile(fd, lockType, job().retryCount(), job().retryInterval()); }
+
+int RegisterIPC(char type, int id) {
+    constexpr const char* kPrefix = "(RegisterIPC) ";
+    int failure = 0;
+    FILE* f = openRegistry(kPrefix, type, id, true, failure);
+    if (!f) return failure;
+    std::string line = registryLine(type, ' ', id);
+    char buf[kRegistryLine];
+    bool placed = false;
+    for (;;) {
+        long offset = std::ftell(f);
+        if (!std::fgets(buf, sizeof buf, f)) break;
+        if (buf[0] == 'm' || buf[0] == 's' || buf[0] == 'q') continue;
+        size_t oldLength = std::strlen(buf);
+        if (buf[oldLength - 1] == '\n' && line.size() <= oldLength) {
+            overwriteLine(f, offset, line, oldLength);
+            placed = true;
+            break;
+        }
+    }
+    if (!placed) {
+        std::fseek(f, 0, SEEK_END);
+        std::fputs(line.c_str(), f);
+    }
+    std::fclose(f);
+    return 0;
+}
+
+int ClearIPC(char type, int id) {
+    constexpr const char* kPrefix = "(ClearIPC) ";
+    int failure = 0;
+    FILE* f = openRegistry(kPrefix, type, id, false, failure);
+    if (!f) return failure;
+    char buf[kRegistryLine];
+    bool found = false;
+    for (;;) {
+        long offset = std::ftell(f);
+        if (!std::fgets(buf, sizeof buf, f)) break;
+        if (buf[0] != type) continue;
+        if (std::strtol(buf + 1, nullptr, 10) != id) continue;
+        overwriteLine(f, offset, registryLine('#', type, id), std::strlen(buf));
+        found = true;
+        break;
+    }
+    if (!found) ulog(MSG_SPECIFIED_IPC_NOT_REGISTERED, kPrefix);
+    std::fclose(f);
+    return 0;
+}
+
+int GetIPC() {
+    constexpr const char* kPrefix = "(GetIPC) ";
+    Ipc& q = ipc();
+    const Settings& s = settings();
+    q.owner = true;
+    q.slotSize = slotSize(s.ioBufferSize);
+    q.capacity = s.ioBufferCount;
+    q.sleepMs = s.waitSleepMs ? s.waitSleepMs : 1;
+    size_t size = segmentSize(s.ioBufferSize, s.ioBufferCount);
+    if (s.verbose)
+        ulog("%ssizeof(SHM_BUFF)=%d,shm_size=%d, shmbuff->pkque=%d", kPrefix, kDeclaredShmBuffSize, int(size),
+             int(kRingSlotsAt));
+    if (int err = q.segment.create(size); err != 0) {
+        errno = err;
+        ulog(MSG_FAILED_GET_SHARED_MEMORY, kPrefix, errText());
+        return -1;
+    }
+    RegisterIPC('m', q.segment.id());
+    if (int err = q.segment.attach(); err != 0) {
+        errno = err;
+        ulog(MSG_FAILED_ATTACH_SHARED_MEMORY, kPrefix, errText());
+        return -1;
+    }
+    std::memset(q.segment.data(), 0, size);
+    if (int err = q.semaphore.create(1); err != 0) {
+        errno = err;
+        ulog(MSG_FAILED_GET_SEMAPHORE, kPrefix, errText());
+        return -1;
+    }
+    RegisterIPC('s', q.semaphore.id());
+    if (int err = q.semaphore.setValue(0, 1); err != 0) {
+        errno = err;
+        ulog(MSG_FAILED_INITIALIZE_SEMAPHORE, kPrefix, errText());
+        return -1;
+    }
+    return 0;
+}
+
+int ReleaseIPC() {
+    constexpr const char* kPrefix = "(ReleaseIPC) ";
+    Ipc& q = ipc();
+    int result = 0;
+    if (!q.owner) {
+        q.segment.detach();
+        return 0;
+    }
+    if (q.sender != -1) {
+        ::kill(q.sender, SIGTERM);
+        q.sender = -1;
+    }
+    if (int id = q.semaphore.id(); id >= 0) {
+        if (int err = q.semaphore.remove(); err != 0) {
+            errno = err;
+            ulog(MSG_FAILED_REMOVE_SEMAPHORE, kPrefix, errText());
+            result = -1;
+        }
+        ClearIPC('s', id);
+    }
+    if (int err = q.segment.detach(); err != 0) {
+        errno = err;
+        ulog(MSG_FAILED_DETACH_SHARED_MEMORY, kPrefix, errText());
+        result = -1;
+    }
+    if (int id = q.segment.id(); id >= 0) {
+        if (int err = q.segment.remove(); err != 0) {
+            errno = err;
+            ulog(MSG_FAILED_REMOVE_SHARED_MEMORY, kPrefix, errText());
+            result = -1;
+        }
+        ClearIPC('m', id);
+    }
+    return result;
+}
+
+void disownIPC() {
+    Ipc& q = ipc();
+    q.segment.disown();
+    q.semaphore.disown();
+    // A sender that ends through cleanup must not remove or unregister what
+    // belongs to the job process.
+    q.owner = false;
+    q.sender = -1;
+}
+
+bool haveIPC() { return ipc().segment.data() != nullptr; }
+
+void setSenderPid(pid_t pid) { ipc().sender = pid; }
+pid_t senderPid() { return ipc().sender; }
+
+int waitFreeSlot() {
+    Ipc& q = ipc();
+    const Settings& s = settings();
+    auto notFull = [&q] { return field(kRingCountAt).load() < q.capacity; };
+    unsigned waited = 0;
+    int n = 0;
+    while (!notFull()) {
+        if (gBackupAsleep) {
+            // The server is changing tapes: no time-out. The sender's wake-up
+            // signal interrupts the wait, and so does its release of a slot:
+            // a wake-up that arrives just before the wait begins (or that
+            // merges with the sleep signal, as two quick SIGUSR1 do) is then
+            // not lost, because a sender that sends again frees slots.
+            waitUntil(kProducerWaits, notFull, kAsleepWaitMicros);
+        } else if (s.boundedWait) {
+            n = retryStep(n, transport::kFullQueueRetryLimit, kProducerWaits, notFull);
+            if (n == -1) return -1;
+            continue;
+        } else {
+            waitUntil(kProducerWaits, notFull, (long long)q.sleepMs * 1000);
+            if (waited == 0) {
+                waited = unsigned(q.capacity - field(kRingCountAt).load());
+                if (waited == 0) waited = 1;
+            }
+        }
+        platform::dispatchPendingSignals();
+        reportSpanTape();
+    }
+    if (waited != 0) {
+        unsigned scale = unsigned(s.sleepScale > 0 ? s.sleepScale : q.capacity * 9 / 10);
+        uint32_t next = uint32_t(q.sleepMs) * scale / waited;
+        if (next == 0) next = 1;
+        if (next > 1000) next = 1000;
+        q.sleepMs = uint16_t(next);
+    }
+    std::memset(inSlot(), 0, transport::kHeaderSize);
+    return 0;
+}
+
+uint8_t* inSlot() { return slotAt(field(kRingInAt).load()); }
+
+size_t slotPayloadCapacity() { return ipc().slotSize - transport::kHeaderSize; }
+
+int countup() {
+    uint16_t in = field(kRingInAt).load();
+    field(kRingInAt).store(uint16_t((in + 1) % ipc().capacity));
+    return changeCount(+1, "(countup) ");
+}
+
+uint16_t queuedCount() { return haveIPC() ? field(kRingCountAt).load() : 0; }
+uint16_t queueCapacity() { return ipc().capacity; }
+
+const uint8_t* outSlot() { return slotAt(field(kRingOutAt).load()); }
+
+const uint8_t* slotAfterOut(uint16_t ahead) {
+    return slotAt(uint16_t((field(kRingOutAt).load() + ahead) % ipc().capacity));
+}
+
+int countdown(uint16_t n) {
+    uint16_t out = field(kRingOutAt).load();
+    field(kRingOutAt).store(uint16_t((out + n) % ipc().capacity));
+    return changeCount(-int(n), "(countdown) ");
+}
+
+int waitForPacket(int count, int limit) {
+    return retryStep(count, limit, kConsumerWaits, [] { return field(kRingCountAt).load() != 0; });
+}
+
+uint16_t producerSleepMs() { return ipc().sleepMs; }
+
+}  // namespace tavik::backup

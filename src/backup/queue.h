@@ -1,0 +1,98 @@
+// The backup's packet queue: a ring of packet slots in one System V shared
+// memory segment between the backup process (the only producer) and its
+// sender (the only consumer), a one-member semaphore that guards the ring's
+// fill count, and the registry file tvk.ipc that lists the IPC objects the
+// agent has made.
+//
+// Ring layout (native byte order): count (16 bits) at 0, outIndex at 2,
+// inIndex at 4, a word at 6 in which a side that is about to wait marks
+// itself, then the slots: slot k at 8 + k * slotSize, each a packet header
+// and its payload. The producer fills the slot at inIndex and publishes it
+// (countup); the consumer sends the slot at outIndex and releases it
+// (countdown). Each side wakes the other at once when it publishes or
+// releases a slot while the other waits (a futex on the ring's first word),
+// so the poll intervals are only upper bounds.
+//
+// Requires: GetIPC in the job process before the fork of the sender; the
+// sender calls disownIPC() so that only the job process removes the
+// objects. Fails: every system-call failure is logged with the operation's
+// prefix; GetIPC, waitFreeSlot, countup and countdown return -1; registry
+// problems are logged and never stop a job.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <csignal>
+
+namespace tavik::backup {
+
+// Ring header offsets.
+inline constexpr size_t kRingCountAt = 0;
+inline constexpr size_t kRingOutAt = 2;
+inline constexpr size_t kRingInAt = 4;
+inline constexpr size_t kRingWaitersAt = 6;
+inline constexpr size_t kRingSlotsAt = 8;
+// The declared record: the ring header and one slot of 2048 payload bytes.
+inline constexpr int kDeclaredShmBuffSize = 2064;
+
+// Lock types of lockFile.
+inline constexpr int kReadLock = 1;
+inline constexpr int kWriteLock = 2;
+
+// Whole-file lock with retries: 0 locked, -1 error (errno set), -2 still
+// locked by another process after `retryCount` attempts `retryInterval`
+// seconds apart (no attempt at all when retryCount is 0).
+int lockFile(int fd, int lockType, uint16_t retryCount, uint16_t retryInterval);
+// The same with the job's retry count and interval.
+int lockFile(int fd, int lockType);
+
+int RegisterIPC(char type, int id);
+int ClearIPC(char type, int id);
+
+int GetIPC();
+// Terminates the sender (when there is one), removes the semaphore and the
+// segment that this process made and clears their registry lines. 0, or -1
+// when a removal failed. Safe to call more than once.
+int ReleaseIPC();
+// In the sender: keep the attachment, leave the objects to the job process.
+void disownIPC();
+bool haveIPC();
+
+// The sender's pid, terminated by ReleaseIPC; -1 when there is none.
+void setSenderPid(pid_t pid);
+pid_t senderPid();
+
+// Set by the backup process's SIGUSR1 handlers while the server changes tapes.
+extern volatile sig_atomic_t gBackupAsleep;
+// The backup process's SIGUSR1 handler: each signal flips between running
+// and asleep (the alternating span_tape_sleep / span_tape_wake).
+void spanTapeSignal(int sig);
+// Writes the verbose lines of the SIGUSR1 transitions seen since the last
+// call (handlers only count them).
+void reportSpanTape();
+
+// Producer.
+int waitFreeSlot();
+uint8_t* inSlot();              // the slot at inIndex: header, then payload
+size_t slotPayloadCapacity();   // payload bytes a slot holds
+int countup();
+
+// Consumer.
+uint16_t queuedCount();
+uint16_t queueCapacity();
+const uint8_t* outSlot();
+// The slot `ahead` places after outIndex (for sending several at once).
+const uint8_t* slotAfterOut(uint16_t ahead);
+// Releases `n` slots under one hold of the semaphore.
+int countdown(uint16_t n = 1);
+// The consumer's wait while the ring is empty, with the escalating retry
+// steps of timeOut: returns count + 1, or -1 at `limit`. Ends early when a
+// slot is published.
+int waitForPacket(int count, int limit);
+
+// The producer's adaptive sleep, for tests.
+uint16_t producerSleepMs();
+
+}  // namespace tavik::backup

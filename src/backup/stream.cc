@@ -1,0 +1,385 @@
+#include "backup/stream.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+
+#include "backup/attribute_record.h"
+#include "backup/backup_state.h"
+#include "backup/queue.h"
+#include "daemon/state.h"
+#include "groom/groom.h"
+#include "log/ulog.h"
+#include "platform/signals.h"
+#include "request/job_context.h"
+#include "transport/packet.h"
+#include "wire/bytes.h"
+
+namespace tavik::backup {
+
+void watchdogAction(int);
+
+namespace {
+
+namespace code = transport::code;
+constexpr uint8_t kStatusVersion = 5;
+
+bool gBuilding = false;        // a packet is being built in the queue
+bool gWatchdogPending = false;  // the watchdog fired meanwhile
+
+// Marks a packet under construction; a WATCH_DOG that fell due meanwhile is
+// queued when it is done.
+struct Building {
+    bool outer;
+    Building() : outer(!gBuilding) { gBuilding = true; }
+    ~Building() {
+        if (!outer) return;
+        gBuilding = false;
+        if (gWatchdogPending) {
+            gWatchdogPending = false;
+            watchdogAction(SIGALRM);
+        }
+    }
+    Building(const Building&) = delete;
+    Building& operator=(const Building&) = delete;
+};
+
+int publish(int8_t packetCode, uint8_t version, size_t length) {
+    uint8_t* slot = inSlot();
+    transport::PacketHeader h;
+    h.code = packetCode;
+    h.version = version;
+    h.length = uint16_t(length);
+    transport::HeaderBytes bytes = transport::encodeHeader(h);
+    std::memcpy(slot, bytes.data(), bytes.size());
+    return countup();
+}
+
+uint8_t* payload() { return inSlot() + transport::kHeaderSize; }
+
+size_t ioSize() {
+    size_t io = size_t(settings().ioBufferSize);
+    size_t cap = slotPayloadCapacity();
+    return io < cap ? io : cap;
+}
+
+std::string_view lastComponent(const std::string& path) {
+    size_t slash = path.rfind('/');
+    return slash == std::string::npos ? std::string_view(path) : std::string_view(path).substr(slash + 1);
+}
+
+void recordGrooming(const std::string& path, const struct stat& st, const char* prefix) {
+    if (!backupState().grooming) return;
+    int r = groom::RecordGrooming(path.c_str(), st);
+    if (r != 0) ulog(MSG_FAILED_RECORD_GROOMING_RET, prefix, path.c_str(), r);
+}
+
+// Data of a regular file, read straight into the slots.
+int sendRegular(int fd, const std::string& path, bool& entryFailed) {
+    constexpr const char* kPrefix = "(send_file) ";
+    JobContext& ctx = job();
+    if (ctx.restartOffset == -1) ctx.restartOffset = 0;
+    if (ctx.restartOffset > 0) {
+        int32_t n = ctx.restartOffset;
+        if (settings().verbose) ulog("%slseek(%d)", kPrefix, n);
+        ctx.restartOffset = 0;
+        if (::lseek(fd, off_t(n), SEEK_SET) < 0) {
+            ulog("%sFailed in lseek(%d), %s", kPrefix, n, errText());
+            entryFailed = true;
+            return queueStatus(code::kReadErr);
+        }
+    }
+    size_t chunk = ioSize();
+    for (;;) {
+        ssize_t m;
+        do {
+            m = ::read(fd, payload(), chunk);
+        } while (m < 0 && errno == EINTR);
+        if (m < 0) {
+            ulog(MSG_FAILED_READING, kPrefix, path.c_str(), errText());
+            entryFailed = true;
+            return queueStatus(code::kReadErr);
+        }
+        bool full = size_t(m) == chunk;
+        if (publish(full ? code::kMof : code::kEndf, 0, size_t(m)) != 0) return -1;
+        if (!full) return 0;
+        if (waitFreeSlot() != 0) return -1;
+    }
+}
+
+// A raw device listed in the database file list: exactly `size` bytes.
+int sendRawDevice(const std::string& path, uint32_t size, bool& entryFailed) {
+    constexpr const char* kPrefix = "(send_file) ";
+    if (settings().verbose) {
+        std::printf("%sRaw device file %s, fileSize=%d\n", kPrefix, path.c_str(), int(size));
+        std::fflush(stdout);
+    }
+    int fd = ::open(path.c_str(), O_RDONLY);
+    if (fd < 0) {
+        ulog(MSG_FAIED_OPEN, kPrefix, path.c_str(), errText());
+        entryFailed = true;
+        return queueStatus(code::kNoFile, std::string(lastComponent(path)).c_str());
+    }
+    size_t io = ioSize();
+    int r = 0;
+    while (size > 0) {
+        size_t chunk = size <= io ? size : io;
+        size_t got = 0;
+        while (got < chunk) {
+            ssize_t m = ::read(fd, payload() + got, chunk - got);
+            if (m < 0 && errno == EINTR) continue;
+            if (m <= 0) break;
+            got += size_t(m);
+        }
+        if (got < chunk) {
+            if (errno == 0) errno = EIO;
+            ulog(MSG_FAILED_READING, kPrefix, path.c_str(), errText());
+            entryFailed = true;
+            r = queueStatus(code::kReadErr);
+            break;
+        }
+        if ((r = publish(chunk == size ? code::kEndf : code::kMof, 0, chunk)) != 0) break;
+        size -= uint32_t(chunk);
+        if (size > 0 && (r = waitFreeSlot()) != 0) break;
+    }
+    ::close(fd);
+    return r;
+}
+
+}  // namespace
+
+bool restartPending() { return !job().restartPath.empty() || job().restartOffset != 0; }
+
+void installWatchdog() { platform::deferSignal(SIGALRM, watchdogAction); }
+
+void watchdogOff() {
+    if (backupState().watchdog) transport::armAlarm(0);
+}
+
+void watchdogOn() {
+    if (backupState().watchdog) transport::armAlarm(kWatchdogSeconds);
+}
+
+int atPacketBoundary() {
+    // Runs deferred signals: a WATCH_DOG that is due, the sender's death, a
+    // SIGTERM.
+    platform::dispatchPendingSignals();
+    reportSpanTape();
+    return 0;
+}
+
+// The deferred SIGALRM action: queue the keep-alive now, or right after the
+// packet being built.
+void watchdogAction(int) {
+    if (!backupState().watchdog) return;
+    if (gBuilding) {
+        gWatchdogPending = true;
+        return;
+    }
+    queuePacket(code::kWatchDog, nullptr, 0, 0);
+    transport::armAlarm(kWatchdogSeconds);
+}
+
+int queuePacket(int8_t packetCode, const uint8_t* data, uint16_t length, uint8_t version) {
+    Building building;
+    if (waitFreeSlot() != 0) return -1;
+    size_t n = length <= slotPayloadCapacity() ? length : slotPayloadCapacity();
+    if (n) std::memcpy(payload(), data, n);
+    return publish(packetCode, version, n);
+}
+
+int queueStatus(int8_t packetCode, const char* text) {
+    if (restartPending()) return 0;
+    Building building;
+    if (waitFreeSlot() != 0) return -1;
+    size_t length = 0;
+    if (text) {
+        size_t n = std::strlen(text);
+        size_t room = slotPayloadCapacity() - 1;
+        if (n > room) n = room;
+        std::memcpy(payload(), text, n);
+        payload()[n] = 0;
+        length = n + 1;
+    }
+    return publish(packetCode, kStatusVersion, length);
+}
+
+int sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const std::string& path) {
+    if (restartPending()) return 0;
+    if (kind == kKindSpecial) {
+        uint32_t listed = 0;
+        st.st_size = (S_ISCHR(st.st_mode) && lookupRawSize(path.c_str(), listed)) ? off_t(listed) : 0;
+    }
+    BackupAttributes a = attributesFromStat(st, name, kind == kKindSpecial ? kKindEntry : kind, backupState().inodes);
+    watchdogOff();
+    {
+        Building building;
+        if (waitFreeSlot() != 0) return -1;
+        size_t length = encodeBackupAttributes(a, {payload(), slotPayloadCapacity()});
+        if (length == 0) return -1;  // callers refuse longer names before
+        if (publish(code::kFileHeader, 0, length) != 0) return -1;
+    }
+    watchdogOn();
+    return 0;
+}
+
+int send_file(int fd, const struct stat& st, const char* linkTarget, const std::string& path) {
+    watchdogOff();
+    std::optional<Building> building(std::in_place);
+    int r = waitFreeSlot();
+    if (r != 0) return r;
+    bool entryFailed = false;
+    uint32_t listed = 0;
+    if (S_ISREG(st.st_mode)) {
+        r = sendRegular(fd, path, entryFailed);
+        ::close(fd);
+    } else if (S_ISLNK(st.st_mode)) {
+        size_t n = size_t(fd);
+        if (n > slotPayloadCapacity()) n = slotPayloadCapacity();
+        if (n) std::memcpy(payload(), linkTarget, n);
+        r = publish(code::kEndf, 0, n);
+    } else if (S_ISCHR(st.st_mode) && lookupRawSize(path.c_str(), listed)) {
+        r = sendRawDevice(path, listed, entryFailed);
+    } else {
+        r = publish(code::kEndf, 0, 0);
+    }
+    building.reset();
+    if (r == 0 && !entryFailed) recordGrooming(path, st, "(send_file) ");
+    watchdogOn();
+    return r;
+}
+
+int backup_file(const std::string& path, std::string_view name, struct stat& st, int spare) {
+    constexpr const char* kPrefix = "(backup_file) ";
+    if (!job().restartPath.empty()) return 0;
+    const Settings& s = settings();
+    bool special = S_ISBLK(st.st_mode) || S_ISCHR(st.st_mode) || S_ISFIFO(st.st_mode);
+    if (!S_ISREG(st.st_mode) && !S_ISLNK(st.st_mode) && !special) {
+        if (s.verbose) {
+            std::printf("Unknown file mode: %s\n", path.c_str());
+            std::fflush(stdout);
+        }
+        return 0;
+    }
+    std::string nameText(name);
+    int r = 0;
+    int fd = -1;
+    char target[kLinkBuffer];
+    ssize_t targetLength = 0;
+    bool send = true;
+    if (name.size() > kMaxRecordName) {
+        // The attribute record cannot carry the name: reported like an entry
+        // that cannot be opened.
+        errno = ENAMETOOLONG;
+        ulog(MSG_FAILED_OPEN_REGULAR, kPrefix, path.c_str(), errText());
+        r = queueStatus(code::kNoFile, nameText.c_str());
+        send = false;
+    } else if (S_ISREG(st.st_mode)) {
+        fd = ::open(path.c_str(), O_RDONLY | O_NOCTTY | O_NONBLOCK);
+        if (fd < 0) {
+            ulog(MSG_FAILED_OPEN_REGULAR, kPrefix, path.c_str(), errText());
+            r = queueStatus(code::kNoFile, nameText.c_str());
+            send = false;
+        } else {
+            ::fcntl(fd, F_SETFL, 0);
+            bool mandatory = spare == 0 && (st.st_mode & S_ISGID) && !(st.st_mode & S_IXGRP);
+            if (s.checkLocks || mandatory) {
+                int l = lockFile(fd, kReadLock);
+                if (l < 0) {
+                    int saved = errno;
+                    ::close(fd);
+                    fd = -1;
+                    errno = saved;
+                    if (l == -2) {
+                        ulog(MSG_LOCKED_ANOTHER_PROCESS, kPrefix, path.c_str());
+                        r = queueStatus(code::kLocked, nameText.c_str());
+                    } else {
+                        ulog(MSG_FAILED_LOCK, kPrefix, path.c_str(), errText());
+                        r = queueStatus(code::kLockErr, nameText.c_str());
+                    }
+                    send = false;
+                }
+            }
+        }
+    } else if (S_ISLNK(st.st_mode)) {
+        targetLength = ::readlink(path.c_str(), target, sizeof target);
+        if (targetLength < 0) {
+            ulog(MSG_FAILED_READ_CONTENTS_SYMBOLIC_LINK, kPrefix, path.c_str(), errText());
+            r = queueStatus(code::kLinkErr, nameText.c_str());
+            send = false;
+        }
+    } else if (::geteuid() != 0) {
+        ulog(MSG_FAILED_ACCESS_SPECIAL, kPrefix, path.c_str());
+        r = queueStatus(code::kNoFile, nameText.c_str());
+        send = false;
+    }
+    struct stat before = st;
+    if (send) {
+        r = sendAttributes(st, name, special ? kKindSpecial : kKindEntry, path);
+        if (r != 0) {
+            if (fd >= 0) ::close(fd);
+            ulog(MSG_FAILED_SEND_ATTRIBUTES, kPrefix, path.c_str());
+            return r;
+        }
+        if (s.verbose) {
+            std::printf("ws_backup: send [%s]\n", path.c_str());
+            std::fflush(stdout);
+        }
+        r = send_file(S_ISLNK(st.st_mode) ? int(targetLength) : fd, st, target, path);
+    }
+    if (s.resetAccessTime && !S_ISLNK(st.st_mode) && setFileTimes(path, before) != 0)
+        ulog(MSG_FAILED_SET_TIME, kPrefix, path.c_str(), errText());
+    return r;
+}
+
+int setFileTimes(const std::string& path, const struct stat& st) {
+    // utime's seconds, kept here to the nanosecond that stat reported.
+    timespec times[2] = {st.st_atim, st.st_mtim};
+    return ::utimensat(AT_FDCWD, path.c_str(), times, 0);
+}
+
+bool lookupRawSize(const char* path, uint32_t& sizeOut) {
+    const std::vector<uint8_t>& list = job().dbFileList;
+    size_t at = 0;
+    while (list.size() - at >= 5) {
+        uint32_t size = wire::loadLe32(list.data() + at);
+        const char* name = reinterpret_cast<const char*>(list.data() + at + 4);
+        size_t room = list.size() - at - 4;
+        size_t n = strnlen(name, room);
+        if (n == room) return false;  // no NUL: the list ends here
+        // Compared from a copy of at most 1023 characters.
+        if (std::string_view(name, n < kPathBuffer - 1 ? n : kPathBuffer - 1) == path) {
+            sizeOut = size;
+            return true;
+        }
+        size_t entry = (n + 5 + 3) & ~size_t(3);
+        if (entry > list.size() - at) return false;
+        at += entry;
+    }
+    return false;
+}
+
+void dumpRawList() {
+    if (!settings().verbose) return;
+    const std::vector<uint8_t>& list = job().dbFileList;
+    size_t at = 0;
+    while (list.size() - at >= 5) {
+        uint32_t size = wire::loadLe32(list.data() + at);
+        const char* name = reinterpret_cast<const char*>(list.data() + at + 4);
+        size_t room = list.size() - at - 4;
+        size_t n = strnlen(name, room);
+        if (n == room) break;
+        std::printf("dbfile[%s], %d\n", std::string(name, n).c_str(), int(size));
+        size_t entry = (n + 5 + 3) & ~size_t(3);
+        if (entry > list.size() - at) break;
+        at += entry;
+    }
+    std::fflush(stdout);
+}
+
+}  // namespace tavik::backup

@@ -1,0 +1,53 @@
+// The backup stream: the packets the backup process builds in the packet
+// queue for every entry (attribute record, data, status and text packets),
+// the per-entry checks (open, lock, link, special file) with their error
+// packets, the database file list of raw devices, and the access times.
+//
+// Order of one directory: the files (file header, then MOF packets of
+// exactly ioBufferSize bytes and one ENDF; or an error packet instead),
+// then each subdirectory (file header, its stream, ENDDIR), then ENDDIR.
+// While a restart is pending (restartPath set or restartOffset not 0) no
+// file header and no status packet is queued.
+//
+// Requires: GetIPC done; runs only in the backup process. Fails: a queue
+// failure returns -1 and aborts the job; per-entry problems are logged,
+// reported to the front-end and the stream goes on.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace tavik::backup {
+
+// The attribute record's kind argument for special files: written as 0, the
+// size taken from the database file list.
+inline constexpr uint8_t kKindSpecial = 1;
+
+bool restartPending();
+
+int queueStatus(int8_t code, const char* text = nullptr);
+int queuePacket(int8_t code, const uint8_t* payload, uint16_t length, uint8_t version);
+int sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const std::string& path);
+// `fd` is the open regular file, or the link target's length for a link.
+int send_file(int fd, const struct stat& st, const char* linkTarget, const std::string& path);
+int backup_file(const std::string& path, std::string_view name, struct stat& st, int spare);
+
+int setFileTimes(const std::string& path, const struct stat& st);
+bool lookupRawSize(const char* path, uint32_t& sizeOut);
+void dumpRawList();
+
+// The watchdog: SIGALRM is deferred to an action that queues WATCH_DOG and
+// re-arms the alarm, or, while a packet is being built, does so right after
+// it; the alarm is cancelled while a file header or file data are built and
+// re-armed to 30 s after.
+void installWatchdog();
+void watchdogOff();
+void watchdogOn();
+// Runs deferred signals between entries of the walk (a due WATCH_DOG, the
+// sender's death, SIGTERM).
+int atPacketBoundary();
+
+}  // namespace tavik::backup

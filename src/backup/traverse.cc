@@ -1,0 +1,235 @@
+#include "backup/traverse.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "backup/attribute_record.h"
+#include "backup/backup_state.h"
+#include "backup/stream.h"
+#include "daemon/state.h"
+#include "filter/match.h"
+#include "groom/groom.h"
+#include "log/ulog.h"
+#include "platform/fd.h"
+#include "platform/fs_type.h"
+#include "request/job_context.h"
+#include "transport/packet.h"
+
+namespace tavik::backup {
+namespace {
+
+namespace code = transport::code;
+constexpr const char* kPrefix = "(ws_backup) ";
+
+bool dot(const char* name) { return name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0)); }
+
+bool outsideTopList(const char* name) {
+    const TopList& top = job().topList;
+    if (backupState().dirDepth != 1 || top.names.empty()) return false;
+    for (size_t offset : top.names)
+        if (std::strcmp(top.text.data() + offset, name) == 0) return false;
+    return true;
+}
+
+// The entry's attributes; false (logged) when they cannot be had, a path
+// too long for the buffers included.
+bool entryStat(const std::string& path, struct stat& st) {
+    bool follow = settings().followLinks;
+    int r = -1;
+    if (path.size() < kPathBuffer) {
+        r = follow ? ::stat(path.c_str(), &st) : ::lstat(path.c_str(), &st);
+    } else {
+        errno = ENAMETOOLONG;
+    }
+    if (r != 0) {
+        ulog(follow ? MSG_FAILED_GET_ATTRIBUTES_STAT : MSG_FAILED_GET_ATTRIBUTES_LSTAT, kPrefix, path.c_str(),
+             errText());
+        return false;
+    }
+    return true;
+}
+
+bool isDirectory(const std::string& path) {
+    struct stat st;
+    int r = settings().followLinks ? ::stat(path.c_str(), &st) : ::lstat(path.c_str(), &st);
+    return r == 0 && S_ISDIR(st.st_mode);
+}
+
+// A path longer than the buffers: logged like an entry without attributes
+// and reported to the front-end as an entry that cannot be opened.
+int reportTooLong(const std::string& path, const char* name) {
+    errno = ENAMETOOLONG;
+    ulog(settings().followLinks ? MSG_FAILED_GET_ATTRIBUTES_STAT : MSG_FAILED_GET_ATTRIBUTES_LSTAT, kPrefix,
+         path.c_str(), errText());
+    return queueStatus(code::kNoFile, name);
+}
+
+int leave(int result) {
+    backupState().dirDepth--;
+    return result;
+}
+
+int skipCode(int8_t newCode) {
+    return job().serverVersion >= kSkipCodesVersion ? newCode : code::kEndDir;
+}
+
+}  // namespace
+
+int skip_nfs(const std::string& path) {
+    int r = platform::isNfsPath(path.c_str());
+    if (r < 0) ulog(MSG_FAILED_STATVFS, "(skip_nfs) ", path.c_str(), errText());
+    return r;
+}
+
+void checkRestartPoint(const std::string& path) {
+    JobContext& ctx = job();
+    BackupState& b = backupState();
+    if (b.restartFound) {
+        ctx.restartPath.clear();
+        return;
+    }
+    std::string_view mine(path);
+    std::string_view theirs(ctx.restartPath);
+    mine = mine.substr(b.sourceLength < mine.size() ? b.sourceLength : mine.size());
+    theirs = theirs.substr(b.sourceLength < theirs.size() ? b.sourceLength : theirs.size());
+    if (mine == theirs) {
+        if (ctx.restartOffset != 0) ctx.restartPath.clear();
+        b.restartFound = true;
+    }
+}
+
+int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat) {
+    BackupState& b = backupState();
+    const Settings& s = settings();
+    JobContext& ctx = job();
+    b.dirDepth++;
+    if (s.verbose) {
+        std::printf("start traverse dir %s (%d)\n", dirPath.c_str(), int(b.dirDepth));
+        std::fflush(stdout);
+    }
+    if (s.noCrossFs && dirStat.st_dev != b.rootDev) {
+        ulog("Skip file system %s", dirPath.c_str());
+        return leave(queueStatus(skipCode(code::kFsSkip)));
+    }
+    if (s.skipNfs && skip_nfs(dirPath) != 0) {
+        ulog(MSG_NFS_MOUNTED_DIRECTORY_SKIPPED, kPrefix, dirPath.c_str());
+        return leave(queueStatus(skipCode(code::kNfsSkip)));
+    }
+    if (::access(dirPath.c_str(), R_OK | X_OK) != 0) {
+        ulog(MSG_FAILED_ACCESS_DIRECTORY, kPrefix, dirPath.c_str(), errText());
+        return leave(queueStatus(code::kNoDir));
+    }
+    platform::UniqueDir dir(::opendir(dirPath.c_str()));
+    if (!dir) {
+        ulog(MSG_FAILED_OPEN_SOURCE_DIR, kPrefix, dirPath.c_str(), errText());
+        return leave(queueStatus(code::kNoDir));
+    }
+    bool newServer = ctx.serverVersion >= transport::kNewServerVersion;
+
+    if (mode == 2) {
+        while (dirent* e = ::readdir(dir.get())) {
+            if (dot(e->d_name) || outsideTopList(e->d_name)) continue;
+            if (atPacketBoundary() != 0) return leave(-1);
+            std::string path = dirPath + e->d_name;
+            struct stat st;
+            if (path.size() >= kPathBuffer) {
+                if (!isDirectory(path)) {  // a directory is reported by the second pass
+                    int r = reportTooLong(path, e->d_name);
+                    if (r != 0) return leave(r);
+                }
+                continue;
+            }
+            if (!entryStat(path, st)) continue;
+            if (S_ISDIR(st.st_mode)) continue;
+            bool take = filter::FileSelected(b.filter, path, st) == 1;
+            if (!newServer && !take) take = filter::OldFileSelected(b.oldSelection, e->d_name, st) != 0;
+            if (!take) continue;
+            if (restartPending()) checkRestartPoint(path);
+            int r = backup_file(path, e->d_name, st, 0);
+            if (r != 0) return leave(r);
+        }
+    }
+
+    if (b.dirDepth >= ctx.maxDirDepth) {
+        ulog(MSG_EXCEEDS_MAXIMUM_LEVEL, kPrefix, int(ctx.maxDirDepth));
+    } else {
+        ::rewinddir(dir.get());
+        bool dirPatterns = !b.filter.DirIncPattern.empty() || !b.filter.DirExcPattern.empty();
+        for (;;) {
+            errno = 0;
+            dirent* e = ::readdir(dir.get());
+            if (!e) {
+                if (errno != 0) {
+                    std::printf("Failed in readdir(), %s\n", std::strerror(errno));
+                    std::fflush(stdout);
+                }
+                break;
+            }
+            if (dot(e->d_name) || outsideTopList(e->d_name)) continue;
+            if (atPacketBoundary() != 0) return leave(-1);
+            std::string path = dirPath + e->d_name;
+            struct stat st;
+            if (path.size() + 1 >= kPathBuffer) {
+                // No room for the directory's "/": refused and reported.
+                if (isDirectory(path)) {
+                    int r = reportTooLong(path, e->d_name);
+                    if (r != 0) return leave(r);
+                }
+                continue;
+            }
+            if (!entryStat(path, st)) continue;
+            if (!S_ISDIR(st.st_mode)) continue;
+            if (b.hooks.isProtectedDir && b.hooks.isProtectedDir(path)) {
+                ulog(MSG_PROTECTED_DIRECTORY, kPrefix, path.c_str(), b.hooks.controlFile.c_str());
+                continue;
+            }
+            int submode = 2;
+            if (newServer) {
+                if (dirPatterns) {
+                    submode = int(filter::DirVerdictOf(b.filter, path + "/"));
+                    if (submode == 0) continue;
+                }
+            } else if (b.dirDepth == 1 && b.oldSelection.dirCount != 0 &&
+                       filter::OldDirListed(b.oldSelection, e->d_name) == 0) {
+                continue;
+            }
+            if (std::strlen(e->d_name) > kMaxRecordName) {
+                errno = ENAMETOOLONG;
+                ulog(MSG_FAILED_OPEN_SOURCE_DIR, kPrefix, path.c_str(), errText());
+                int r = queueStatus(code::kNoFile, e->d_name);
+                if (r != 0) return leave(r);
+                continue;
+            }
+            if (newServer && restartPending()) checkRestartPoint(path);
+            int r = sendAttributes(st, e->d_name, 16, path);
+            if (r != 0) {
+                ulog(MSG_FAILED_SEND_ATTRIBUTES, kPrefix, path.c_str());
+                return leave(r);
+            }
+            if (newServer && b.grooming && !restartPending()) {
+                int g = groom::RecordGrooming(path.c_str(), st);
+                if (g != 0) ulog(MSG_FAILED_RECORD_GROOMING_RET, kPrefix, path.c_str(), g);
+            }
+            if (b.ancestors.push(st.st_dev, st.st_ino) == -2) {
+                ulog(MSG_DETECTED_LINK_ITS_ANCESTOR, kPrefix, path.c_str());
+                r = queueStatus(code::kEndDir);
+                if (r != 0) return leave(r);
+            } else {
+                r = ws_backup(path + "/", submode, st);
+                b.ancestors.pop();
+                if (r != 0) return leave(r);
+            }
+            if (s.resetAccessTime && setFileTimes(path, st) != 0)
+                ulog(MSG_FAILED_SET_TIME, kPrefix, path.c_str(), errText());
+        }
+    }
+    dir.reset();
+    return leave(queueStatus(code::kEndDir));
+}
+
+}  // namespace tavik::backup

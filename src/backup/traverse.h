@@ -1,0 +1,24 @@
+// The backup's tree walk: each directory read twice through one stream,
+// first its files (mode 2 only), then its subdirectories, depth first;
+// selection by the top-level list, the filter (or the old servers'
+// request lists) and the protected directories; the file-system boundary,
+// NFS skip, the depth limit, loop detection through the ancestor stack, and
+// the restart point.
+//
+// Requires: the backup state's filter, hooks and rootDev set, the source on
+// the ancestor stack. Fails: only a queue failure ends the walk (returned);
+// every per-directory or per-entry problem is logged and reported.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <string>
+
+namespace tavik::backup {
+
+int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat);
+void checkRestartPoint(const std::string& path);
+// 1 NFS, 0 another type, -1 (logged) when the file system cannot be examined.
+int skip_nfs(const std::string& path);
+
+}  // namespace tavik::backup

@@ -1,0 +1,190 @@
+#include "transport/sender.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+
+#include "daemon/state.h"
+#include "log/ulog.h"
+#include "platform/signals.h"
+#include "transport/endpoints.h"
+#include "transport/packet.h"
+
+namespace tavik::transport {
+namespace {
+
+constexpr const char* kPrefix = "(SendDaemon) ";
+
+uint32_t gAccSZ = 0;  // MOF/ENDF payload bytes since the last renewal
+uint32_t gAccNF = 0;  // ENDF packets since the last renewal
+
+PacketHeader headerOf(const uint8_t* slot) {
+    HeaderBytes bytes;
+    for (size_t i = 0; i < kHeaderSize; ++i) bytes[i] = slot[i];
+    return decodeHeader(bytes);
+}
+
+// Whether taking this packet renews the connection first, and the counters
+// after it.
+bool renewsBefore(const PacketHeader& h, bool permitted, uint32_t& sz, uint32_t& nf) {
+    const Settings& s = settings();
+    if (!permitted) return false;
+    if (h.code == code::kEndf && s.reconnectFiles != 0) {
+        nf += 1;
+        if (nf >= uint32_t(s.reconnectFiles)) return true;
+    }
+    if ((h.code == code::kMof || h.code == code::kEndf) && s.reconnectKB != 0) {
+        sz += h.length;
+        if (sz / 1024 >= uint32_t(s.reconnectKB)) return true;
+    }
+    return false;
+}
+
+// Sends the packets in one sendmsg as far as the kernel takes them without
+// waiting; whatever is left goes through the chosen send routine, which
+// owns every wait, stall and time-out.
+int sendBatch(int fd, iovec* iov, int n) {
+    if (n == 1) return sendRoutine(fd, static_cast<const uint8_t*>(iov[0].iov_base), iov[0].iov_len);
+    msghdr msg{};
+    msg.msg_iov = iov;
+    msg.msg_iovlen = size_t(n);
+    ssize_t sent;
+    do {
+        sent = ::sendmsg(fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent < 0 && errno == EINTR) platform::dispatchPendingSignals();
+    } while (sent < 0 && errno == EINTR);
+    if (sent < 0) sent = 0;  // busy or failed: the send routine reports it
+    if (sent > 0 && transport().backupAsleep && transport().senderProcess && signalBackupProcess(true) != 0)
+        return kFailed;
+    size_t done = size_t(sent);
+    for (int i = 0; i < n; ++i) {
+        const uint8_t* base = static_cast<const uint8_t*>(iov[i].iov_base);
+        size_t len = iov[i].iov_len;
+        if (done >= len) {
+            done -= len;
+            continue;
+        }
+        if (sendRoutine(fd, base + done, len - done) != 0) return kFailed;
+        done = 0;
+    }
+    return 0;
+}
+
+bool connectionDropped(int err) { return err == EPIPE || err == ECONNRESET; }
+
+}  // namespace
+
+int reestablishTCP(int connection) {
+    constexpr const char* kRenewPrefix = "(reestablishTCP) ";
+    const Settings& s = settings();
+    uint16_t port = 0;
+    int listening = tcpOpen(port);
+    if (listening < 0) return -1;
+    PacketHeader h;
+    h.code = code::kNewPort;
+    h.value = port;
+    HeaderBytes bytes = encodeHeader(h);
+    if (sendRoutine(connection, bytes.data(), bytes.size()) != 0) {
+        ::close(listening);
+        return -1;
+    }
+    int fresh = tcpAccept(listening);
+    ::close(listening);
+    if (fresh < 0) return -1;
+    if (s.verbose) ulog("%sNew TCP fd=%d, port=%d connected", kRenewPrefix, fresh, int(port));
+    ::close(connection);
+    if (!s.blockingIo) {
+        int flags = ::fcntl(fresh, F_GETFL);
+        if (flags < 0 || ::fcntl(fresh, F_SETFL, flags | O_NONBLOCK) != 0)
+            ulog(MSG_FAILED_SET_NONBLOCKING, kRenewPrefix);
+    }
+    setBufSize(fresh, SO_SNDBUF, s.socketBufferSize);
+    ulog("SO_SNDBUF = %d", getBufSize(fresh, SO_SNDBUF));
+    return fresh;
+}
+
+void connrelease(int sig) {
+    constexpr const char* kReleasePrefix = "(connrelease) ";
+    platform::ignoreSignal(SIGPIPE);
+    const Settings& s = settings();
+    if (sig == SIGPIPE) {
+        if (s.verbose) {
+            if (s.reconnectKB != 0) ulog("%saccSZ=%d", kReleasePrefix, int(gAccSZ));
+            if (s.reconnectFiles != 0) ulog("%saccNF=%d", kReleasePrefix, int(gAccNF));
+        }
+        ulog(MSG_JOB_ABORTED_FRONT_END, kReleasePrefix);
+        std::_Exit(1);
+    }
+    ulog(MSG_RECEIVED_DISCONNECT_FROM, kReleasePrefix, listener().caller());
+}
+
+int SendDaemon(int connection, const PacketSource& source, const SenderOptions& options) {
+    int wait = 0;
+    uint16_t ackCounter = 0;
+    bool sendDone = false;
+    iovec iov[kMaxBatch];
+    for (;;) {
+        while (source.count() == 0) {
+            wait = source.waitForPacket(wait, kZeroSendRetryLimit);
+            if (wait == -1) {
+                ulog(MSG_SHM_EMPTY_TOO_LONG, kPrefix);
+                return -1;
+            }
+        }
+        uint16_t ready = source.count();
+        int n = 0;
+        bool ackDue = false;
+        while (n < kMaxBatch && n < ready && !sendDone && !ackDue) {
+            const uint8_t* slot = source.slotAhead(uint16_t(n));
+            PacketHeader h = headerOf(slot);
+            uint32_t sz = gAccSZ, nf = gAccNF;
+            if (renewsBefore(h, options.renewalPermitted, sz, nf)) {
+                if (n > 0) break;  // the packets before it leave on the old connection
+                connection = reestablishTCP(connection);
+                sz = nf = 0;
+            }
+            gAccSZ = sz;
+            gAccNF = nf;
+            if (h.code == code::kEnd) sendDone = true;
+            if (h.code == code::kWatchDog && settings().verbose) ulog("%sWATCH_DOG sent", kPrefix);
+            if (options.ackInterval != 0 &&
+                (h.code == code::kFileHeader || h.code == code::kMof || h.code == code::kEndf)) {
+                if (options.ackInterval == 1) {
+                    ackDue = true;
+                } else {
+                    ackCounter = uint16_t((ackCounter + 1) % options.ackInterval);
+                    ackDue = ackCounter == 0;
+                }
+            }
+            iov[n].iov_base = const_cast<uint8_t*>(slot);
+            iov[n].iov_len = kHeaderSize + h.length;
+            ++n;
+        }
+        if (sendBatch(connection, iov, n) != 0) {
+            if (connectionDropped(errno)) connrelease(SIGPIPE);
+            return -1;
+        }
+        if (ackDue) {
+            HeaderBytes answer{};
+            if (recvRoutine(connection, answer.data(), answer.size()) != 0) {
+                ulog(MSG_FAILED_RECEIVE_HEADER_PACKET, kPrefix);
+                return -1;
+            }
+            if (decodeHeader(answer).code != code::kOk) {
+                ulog("%sProtocol error (Acknowledge expected)", kPrefix);
+                return -1;
+            }
+        }
+        if (n > 0 && source.release(uint16_t(n)) != 0) return -1;
+        wait = 0;
+        if (sendDone) break;
+    }
+    for (;;) ::pause();
+}
+
+}  // namespace tavik::transport

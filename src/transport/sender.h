@@ -1,0 +1,45 @@
+// The backup's sender: SendDaemon drains the packet queue onto the job
+// connection in order, waits for the front-end's acknowledgement every
+// ackInterval packets of codes 6, 7 and 8, and renews the connection
+// (reestablishTCP: a code-16 packet with a new port, then the stream goes on
+// over the connection the front-end makes to it) after reconnectKB kilobytes
+// or reconnectFiles files when the job's options permit it. Packets that
+// are ready together leave in one vectored send unless an acknowledgement
+// or a renewal falls between them.
+//
+// Requires: runs in the sender process only; the queue is reached through
+// PacketSource (the backup library's ring). Fails: SendDaemon returns -1
+// after logging; a connection the front-end dropped ends the process
+// through connrelease ("Job aborted by front-end", exit status 1). After the
+// END packet SendDaemon waits until it is terminated.
+#pragma once
+
+#include <cstdint>
+
+namespace tavik::transport {
+
+struct PacketSource {
+    // The wait while the queue is empty: count + 1, or -1 at `limit`.
+    int (*waitForPacket)(int count, int limit) = nullptr;
+    uint16_t (*count)() = nullptr;
+    // The filled slot `ahead` places after the next one to send.
+    const uint8_t* (*slotAhead)(uint16_t ahead) = nullptr;
+    // Releases the next `n` slots; non-zero on failure.
+    int (*release)(uint16_t n) = nullptr;
+};
+
+struct SenderOptions {
+    bool renewalPermitted = false;  // option flag 0x04
+    uint16_t ackInterval = 0;
+};
+
+// Packets handed to the kernel in one call at most.
+inline constexpr int kMaxBatch = 32;
+
+int SendDaemon(int connection, const PacketSource& source, const SenderOptions& options);
+int reestablishTCP(int connection);
+// SIGPIPE (deferred) in the sender: the front-end dropped the connection.
+// With 0: the job process's closing read saw the connection reset.
+void connrelease(int sig);
+
+}  // namespace tavik::transport
