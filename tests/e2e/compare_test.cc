@@ -22,7 +22,7 @@
 
 #include "e2e/daemon_fixture.h"
 #include "e2e/restore_driver.h"
-#include "e2e/test_login.h"
+#include "e2e/test_user.h"
 #include "frontend/job_client.h"
 #include "log/ulog.h"
 #include "platform/wire_stat.h"
@@ -103,7 +103,7 @@ protected:
         RequestFields f;
         f.root = tree_;
         f.login = user_.name();
-        f.password = tavik::test::kTestPassword;
+        f.password = tavik::test::kPassword;
         f.opMode = 2;
         f.follow = follow;
         int answer = client_.request(f);
