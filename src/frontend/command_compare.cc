@@ -32,19 +32,8 @@ bool parse(std::vector<std::string> args, CompareSpec& spec, std::string& error)
             spec.detailed = true;
         } else if (a == "--directories") {
             spec.directories = true;
-        } else if (a == "--groom") {
-            if (!value(v)) return (error = "--groom needs delete or set NAME", false);
-            if (v == "delete") {
-                spec.groom = GroomKind::kDelete;
-            } else if (v == "set" && value(spec.groomSet) && !spec.groomSet.empty() && spec.groomSet.size() <= 8) {
-                spec.groom = GroomKind::kRotationSet;
-            } else {
-                return (error = "--groom takes delete, or set NAME (at most 8 characters)", false);
-            }
-        } else if (a == "--months") {
-            if (!value(v) || v.empty() || v.size() > 4 || v.find_first_not_of("0123456789") != std::string::npos)
-                return (error = "--months takes a number", false);
-            spec.groomMonths = uint16_t(std::atoi(v.c_str()));
+        } else if (takeGroomOption(args, i, spec.groom, error)) {
+            if (!error.empty()) return false;
         } else if (a == "--timeout") {
             if (!value(v) || std::atoi(v.c_str()) <= 0) return (error = "--timeout takes seconds", false);
             spec.timeoutMs = std::atoi(v.c_str()) * 1000;
@@ -63,9 +52,7 @@ bool parse(std::vector<std::string> args, CompareSpec& spec, std::string& error)
         while (!p.empty() && p.back() == '/') p.pop_back();
         spec.only.push_back(p);
     }
-    if (spec.groom == GroomKind::kRotationSet && spec.groomMonths == 0)
-        return (error = "--groom set needs --months N", false);
-    return true;
+    return groomOptionsComplete(spec.groom, error);
 }
 
 }  // namespace

@@ -13,8 +13,6 @@
 namespace tavik::frontend {
 namespace {
 
-constexpr size_t kGroomRecordSize = 32;
-constexpr size_t kTapeRecordSize = 63;
 constexpr size_t kGroomCountSize = 16;
 constexpr int8_t kGroomCountCode = 14;
 constexpr int8_t kEndCode = 3;
@@ -52,16 +50,6 @@ bool archiveIntact(const std::string& path, std::string& error) {
     return true;
 }
 
-std::vector<uint8_t> groomRecord(const CompareSpec& spec) {
-    std::vector<uint8_t> record(kGroomRecordSize, 0);
-    wire::ByteWriter w(record);
-    uint32_t options = spec.groom == GroomKind::kRotationSet ? 0x02 : 0x04;
-    bool ok = w.putLe16(spec.groomMonths) && w.putLe16(0) && w.putLe32(0) && w.putLe32(0) && w.putLe32(options);
-    std::string name = spec.groomSet.substr(0, 8);
-    ok = ok && w.putBytes({reinterpret_cast<const uint8_t*>(name.data()), name.size()});
-    return ok ? record : std::vector<uint8_t>();
-}
-
 class Session {
 public:
     Session(const CompareSpec& spec, CompareResult& result) : spec_(spec), result_(result) {}
@@ -84,11 +72,7 @@ public:
         wire::storeLe16(&options[options_layout::kRetryIntervalAt], 5);
         options[options_layout::kFlagsAt] = spec_.detailed ? options_layout::kDetailedVerdicts : 0;
         if (client_.option(options) != transport::code::kReady) return fail(error, "the agent refused the options");
-        if (spec_.groom != GroomKind::kNone) {
-            std::array<uint8_t, kTapeRecordSize> tape{};
-            if (client_.grooming(groomRecord(spec_), tape) != transport::code::kReady)
-                return fail(error, "the agent refused the grooming request");
-        }
+        if (!sendGrooming(client_, spec_.groom, error)) return false;
         if (!client_.start(0)) return fail(error, client_.lastError());
         return true;
     }

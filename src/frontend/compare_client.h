@@ -18,11 +18,10 @@
 #include <string>
 #include <vector>
 
+#include "frontend/groom_request.h"
 #include "frontend/login_options.h"
 
 namespace tavik::frontend {
-
-enum class GroomKind { kNone, kDelete, kRotationSet };
 
 struct CompareSpec {
     std::string archive;
@@ -32,9 +31,7 @@ struct CompareSpec {
     bool detailed = false;     // detailed verdict codes (option flag 0x80)
     bool directories = false;  // also compare directories (MKDIR)
     std::vector<std::string> only;  // archive paths to compare (all when empty)
-    GroomKind groom = GroomKind::kNone;
-    std::string groomSet;  // rotation set name, at most 8 characters
-    uint16_t groomMonths = 0;
+    GroomRequest groom;
     int timeoutMs = 600 * 1000;
 };
 
