@@ -25,6 +25,14 @@ std::optional<HostPort> parseHostPort(const std::string& text, uint16_t defaultP
     return out;
 }
 
+bool splitTarget(const std::string& text, std::string& host, std::string& path) {
+    size_t at = text.find(":/");
+    if (at == std::string::npos || at == 0) return false;
+    host = text.substr(0, at);
+    path = text.substr(at + 1);
+    return true;
+}
+
 std::optional<sockaddr_in> resolveIpv4(const std::string& host, uint16_t port, std::string& error) {
     sockaddr_in addr{};
     addr.sin_family = AF_INET;

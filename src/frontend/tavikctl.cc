@@ -14,6 +14,12 @@ struct Command {
 
 const Command kCommands[] = {
     {"query", tavik::frontend::commandQuery, "query HOST[:PORT]        show the agent's system name, release, version, machine"},
+    {"ls", tavik::frontend::commandLs, "ls [-d|-f] HOST:/dir      list a directory like ls -l (-d directories, -f files)"},
+    {"mounts", tavik::frontend::commandMounts, "mounts HOST               list the agent's mounted file systems"},
+    {"readlink", tavik::frontend::commandReadlink, "readlink HOST:/path       show a symbolic link's text"},
+    {"backup", tavik::frontend::commandBackup, "backup HOST:/path -o ARCHIVE  back up a tree into an archive (-o /dev/null discards it)"},
+    {"list", tavik::frontend::commandList, "list [--verify] ARCHIVE  show an archive's entries like tar -tv; --verify checks it"},
+    {"estimate", tavik::frontend::commandEstimate, "estimate HOST:/path      count the files and kilobytes a backup would send"},
 };
 
 int usage() {

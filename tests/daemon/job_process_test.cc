@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include <array>
 #include <string>
 
@@ -109,10 +111,14 @@ TEST_F(JobProcessTest, PreparationRefusals) {
     settings().singleUser = true;
     EXPECT_EQ(serve(kOpBackup, "tmp"), 116);
     EXPECT_EQ(serve(kOpBackup, ""), 116);
-    EXPECT_EQ(serve(kOpRestore, "/no/such/dir"), 105);
+    // A restore makes its root; one below a regular file cannot be made.
+    std::string underFile = home_.dir() + "/file/dir";
+    std::ofstream(home_.dir() + "/file") << "x";
+    EXPECT_EQ(serve(kOpRestore, underFile), 105);
     EXPECT_EQ(serve(7, "/no/such/dir"), 105);
     EXPECT_EQ(serve(7, "/tmp"), 4);
-    EXPECT_TRUE(home_.logHas("Start Restore Job From (), Destination = /no/such/dir"));
+    EXPECT_TRUE(home_.logHas("Start Restore Job From (), Destination = " + underFile));
+    EXPECT_TRUE(home_.logHas("(make_dir) Failed to get the attributes (stat) of " + underFile + "/ (Not a directory)"));
     EXPECT_TRUE(home_.logHas("Failed to change directory to /no/such/dir/ (No such file or directory), Job Abort"));
     EXPECT_TRUE(home_.logHas("Invalid Unix Path, Job Abort"));
 }

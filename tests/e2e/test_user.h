@@ -1,6 +1,5 @@
-// A real login for end-to-end tests: made with useradd and chpasswd for one
-// test, with a home directory of its own and optionally a supplementary
-// group, and removed afterwards.
+// A login made for one test and removed afterwards (useradd, chpasswd,
+// userdel), for end-to-end tests that need a real identity to switch to.
 #pragma once
 
 #include <grp.h>
@@ -85,6 +84,34 @@ public:
     // Takes the login's line out of the shadow file (the password file keeps
     // it), under the account files' lock; the destructor puts it back.
     bool hideFromShadow() { return editShadow(""); }
+
+    // Gives the login's password-file line the group id `gid` (such as
+    // "4294967295", which no process can take), under the account files'
+    // lock; userdel removes the line afterwards.
+    bool setPasswdGroupId(const std::string& gid) {
+        if (lckpwdf() != 0) return false;
+        std::ifstream in("/etc/passwd");
+        std::string text, line;
+        bool found = false;
+        while (std::getline(in, line)) {
+            if (line.rfind(name_ + ":", 0) == 0) {
+                // name:x:uid:gid:...
+                size_t at = 0;
+                for (int field = 0; field < 3 && at != std::string::npos; ++field) at = line.find(':', at + 1);
+                size_t end = at == std::string::npos ? at : line.find(':', at + 1);
+                if (end != std::string::npos) {
+                    line = line.substr(0, at + 1) + gid + line.substr(end);
+                    found = true;
+                }
+            }
+            text += line + "\n";
+        }
+        std::string tmp = "/etc/passwd.tavik-test";
+        bool ok = found && static_cast<bool>(std::ofstream(tmp) << text) && chmod(tmp.c_str(), 0644) == 0 &&
+                  rename(tmp.c_str(), "/etc/passwd") == 0;
+        ulckpwdf();
+        return ok;
+    }
 
 private:
     // Without `restore`: removes the login's line. With it: appends it.

@@ -1,0 +1,25 @@
+// Arbitrary bytes as a live backup stream: split into packets the way the
+// receiver does and pushed through the tree walker.
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "frontend/archive.h"
+#include "transport/packet.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    tavik::frontend::TreeWalker tree;
+    tavik::frontend::TreeEvent event;
+    size_t at = 0;
+    while (size - at >= tavik::transport::kHeaderSize) {
+        tavik::transport::HeaderBytes hb{};
+        std::memcpy(hb.data(), data + at, hb.size());
+        tavik::transport::PacketHeader h = tavik::transport::decodeHeader(hb);
+        if (size - at - hb.size() < h.length) break;
+        auto r = tree.push(h, {data + at + hb.size(), h.length}, event);
+        if (r == tavik::frontend::TreeWalker::Result::kError) break;
+        at += hb.size() + h.length;
+    }
+    tree.finish();  // a stream without END is fine here: only crashes matter
+    return 0;
+}

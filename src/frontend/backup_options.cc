@@ -1,0 +1,221 @@
+#include "frontend/backup_options.h"
+
+#include <ctime>
+#include <cstdlib>
+
+#include "filter/items.h"
+
+namespace tavik::frontend {
+namespace {
+
+bool parseUnsigned(const std::string& text, unsigned long high, unsigned long& out) {
+    if (text.empty() || text.size() > 10 || text.find_first_not_of("0123456789") != std::string::npos) return false;
+    out = std::strtoul(text.c_str(), nullptr, 10);
+    return out <= high;
+}
+
+}  // namespace
+
+const char kBackupUsage[] =
+    "usage: tavikctl backup HOST:/path -o ARCHIVE [options]\n"
+    "  selection: --include-file PAT --exclude-file PAT --include-dir PAT --exclude-dir PAT\n"
+    "             --before DAY --after DAY --between DAY,DAY --within N{d|m|y}  (DAY is YYYY-MM-DD)\n"
+    "             --date-field ctime|mtime|atime (default mtime) --exclude-dates --top NAME\n"
+    "  job:       --ack N --watchdog --renew --buffer-from-agent --no-atime-reset --one-file-system\n"
+    "             --nfs --follow-links --restart PATH[:OFFSET] --lock-retries N --lock-interval S\n"
+    "             --timeout SECONDS --hold-after-end MS\n"
+    "  login:     --user NAME --port N --server-version 49..52 (password from TAVIK_PASSWORD or asked)\n";
+const char kEstimateUsage[] =
+    "usage: tavikctl estimate HOST:/path [selection options of backup] [--no-atime-reset]\n"
+    "       [--one-file-system] [--nfs] [--follow-links] [--timeout SECONDS] [login options]\n";
+
+bool parseDay(const std::string& text, int32_t& out) {
+    int y, m, d;
+    char tail;
+    if (text.size() != 10 || std::sscanf(text.c_str(), "%4d-%2d-%2d%c", &y, &m, &d, &tail) != 3) return false;
+    if (y < 1970 || y > 2037 || m < 1 || m > 12 || d < 1 || d > 31) return false;
+    std::tm tm{};
+    tm.tm_year = y - 1900;
+    tm.tm_mon = m - 1;
+    tm.tm_mday = d;
+    time_t t = timegm(&tm);
+    if (tm.tm_mday != d) return false;  // 2026-02-30 and the like
+    out = int32_t(t);
+    return true;
+}
+
+bool parseRestart(const std::string& text, uint32_t& offset, std::string& path) {
+    offset = 0;
+    path = text;
+    size_t colon = text.rfind(':');
+    if (colon != std::string::npos) {
+        std::string tail = text.substr(colon + 1);
+        unsigned long n = 0;
+        if (tail == "-1") {
+            offset = 0xFFFFFFFFu;
+            path = text.substr(0, colon);
+        } else if (parseUnsigned(tail, 0xFFFFFFFEul, n)) {
+            offset = uint32_t(n);
+            path = text.substr(0, colon);
+        }
+    }
+    return !path.empty();
+}
+
+bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, BackupCommandLine& out,
+                            std::string& error) {
+    BackupJobSpec& spec = out.spec;
+    if (!parseLoginOptions(args, spec.login, error)) return false;
+    spec.port = spec.login.port;
+    std::vector<std::string> patterns[4];  // include file, exclude file, include dir, exclude dir
+    struct DateRule {
+        uint8_t kind;
+        int32_t first, second;
+        uint32_t n;
+        uint16_t unit;
+    };
+    std::vector<DateRule> dates;
+    uint8_t which = filter::kWhichModified;
+    bool excludeDates = false;
+    std::string target;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        auto value = [&](std::string& v) {
+            if (i + 1 >= args.size()) {
+                error = a + " needs a value";
+                return false;
+            }
+            v = args[++i];
+            return true;
+        };
+        std::string v;
+        unsigned long n = 0;
+        auto flag = [&](uint8_t f) { spec.optionFlags |= f; };
+        if (a == "--include-file" || a == "--exclude-file" || a == "--include-dir" || a == "--exclude-dir") {
+            if (!value(v)) return false;
+            int slot = (a == "--exclude-file") + 2 * (a == "--include-dir") + 3 * (a == "--exclude-dir");
+            patterns[slot].push_back(v);
+        } else if (a == "--before" || a == "--after") {
+            DateRule r{a == "--before" ? filter::kOnOrBefore : filter::kOnOrAfter, 0, 0, 0, 0};
+            if (!value(v) || !parseDay(v, r.first)) {
+                if (error.empty()) error = a + " needs a day YYYY-MM-DD";
+                return false;
+            }
+            dates.push_back(r);
+        } else if (a == "--between") {
+            DateRule r{filter::kBetween, 0, 0, 0, 0};
+            size_t comma = std::string::npos;
+            if (!value(v) || (comma = v.find(',')) == std::string::npos || !parseDay(v.substr(0, comma), r.first) ||
+                !parseDay(v.substr(comma + 1), r.second)) {
+                if (error.empty()) error = "--between needs DAY,DAY";
+                return false;
+            }
+            dates.push_back(r);
+        } else if (a == "--within") {
+            DateRule r{filter::kWithin, 0, 0, 0, 0};
+            if (!value(v) || v.size() < 2 || !parseUnsigned(v.substr(0, v.size() - 1), 100000, n) ||
+                std::string("dmy").find(v.back()) == std::string::npos) {
+                if (error.empty()) error = "--within needs N followed by d, m or y";
+                return false;
+            }
+            r.n = uint32_t(n);
+            r.unit = v.back() == 'd' ? filter::kUnitDays : v.back() == 'm' ? filter::kUnitMonths : filter::kUnitYears;
+            dates.push_back(r);
+        } else if (a == "--date-field") {
+            if (!value(v)) return false;
+            if (v == "ctime") which = filter::kWhichChanged;
+            else if (v == "mtime") which = filter::kWhichModified;
+            else if (v == "atime") which = filter::kWhichAccessed;
+            else {
+                error = "--date-field is ctime, mtime or atime";
+                return false;
+            }
+        } else if (a == "--exclude-dates") {
+            excludeDates = true;
+        } else if (a == "--top") {
+            if (!value(v)) return false;
+            if (v.empty() || v.find('/') != std::string::npos) {
+                error = "--top takes a name in the source directory";
+                return false;
+            }
+            spec.topNames.push_back(v);
+        } else if (a == "--no-atime-reset") {
+            flag(option_flag::kNoAtimeReset);
+        } else if (a == "--one-file-system") {
+            flag(option_flag::kOneFileSystem);
+        } else if (a == "--nfs") {
+            flag(option_flag::kTraverseNfs);
+        } else if (a == "--follow-links") {
+            spec.follow = 1;
+        } else if (a == "--timeout") {
+            if (!value(v) || !parseUnsigned(v, 86400, n) || n == 0) {
+                if (error.empty()) error = "--timeout needs seconds (1..86400)";
+                return false;
+            }
+            spec.timeoutMs = int(n) * 1000;
+        } else if (a == "--lock-retries" || a == "--lock-interval") {
+            if (!value(v) || !parseUnsigned(v, 65535, n)) {
+                if (error.empty()) error = a + " needs a number (0..65535)";
+                return false;
+            }
+            (a == "--lock-retries" ? spec.retryCount : spec.retryInterval) = uint16_t(n);
+        } else if (forBackup && (a == "-o" || a == "--output")) {
+            if (!value(out.output)) return false;
+        } else if (forBackup && a == "--ack") {
+            if (!value(v) || !parseUnsigned(v, 65535, n)) {
+                if (error.empty()) error = "--ack needs a number (0..65535)";
+                return false;
+            }
+            spec.ackInterval = uint16_t(n);
+        } else if (forBackup && a == "--hold-after-end") {
+            if (!value(v) || !parseUnsigned(v, 60000, n)) {
+                if (error.empty()) error = "--hold-after-end needs milliseconds (0..60000)";
+                return false;
+            }
+            spec.holdAfterEndMs = int(n);
+        } else if (forBackup && a == "--watchdog") {
+            flag(option_flag::kWatchDog);
+        } else if (forBackup && a == "--renew") {
+            flag(option_flag::kRenew);
+        } else if (forBackup && a == "--buffer-from-agent") {
+            flag(option_flag::kBufferFromAgent);
+        } else if (forBackup && a == "--restart") {
+            uint32_t offset = 0;
+            std::string path;
+            if (!value(v) || !parseRestart(v, offset, path)) {
+                if (error.empty()) error = "--restart needs PATH[:OFFSET]";
+                return false;
+            }
+            spec.restart = std::make_pair(offset, path);
+        } else if (!a.empty() && a[0] != '-' && target.empty()) {
+            target = a;
+        } else {
+            error = "unexpected argument '" + a + "'";
+            return false;
+        }
+    }
+    if (target.empty() || !splitTarget(target, spec.host, spec.source)) {
+        error = "give the source as HOST:/path";
+        return false;
+    }
+    if (forBackup && out.output.empty()) {
+        error = "give the archive with -o ARCHIVE (-o /dev/null discards it)";
+        return false;
+    }
+    for (int slot = 0; slot < 4; ++slot) {
+        if (patterns[slot].empty()) continue;
+        auto item = filter::encodeNamePatternItem(slot >= 2, slot % 2 == 1, patterns[slot]);
+        if (!item) {
+            error = "the name patterns are too long";
+            return false;
+        }
+        spec.filterItems.push_back(std::move(*item));
+    }
+    for (const DateRule& r : dates)
+        spec.filterItems.push_back(r.kind == filter::kWithin
+                                       ? filter::encodeWithinItem(excludeDates, which, r.n, r.unit)
+                                       : filter::encodeDateItem(excludeDates, which, r.kind, r.first, r.second));
+    return true;
+}
+
+}  // namespace tavik::frontend

@@ -1,0 +1,110 @@
+// tavikctl backup HOST:/path -o ARCHIVE [options]: runs a backup job on the
+// agent and keeps its stream in an archive.
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "frontend/backup_client.h"
+#include "frontend/backup_options.h"
+#include "frontend/commands.h"
+
+namespace tavik::frontend {
+namespace {
+
+double secondsSince(const timespec& start) {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return double(now.tv_sec - start.tv_sec) + double(now.tv_nsec - start.tv_nsec) / 1e9;
+}
+
+}  // namespace
+
+std::string joinSourcePath(const std::string& source, const std::string& relative) {
+    std::string base = source;
+    if (base.empty() || base.back() != '/') base += '/';
+    return relative.empty() ? base : base + relative;
+}
+
+int commandBackup(int argc, char* argv[]) {
+    BackupCommandLine line;
+    std::string error;
+    if (!parseBackupCommandLine(std::vector<std::string>(argv, argv + argc), true, line, error)) {
+        fprintf(stderr, "tavikctl backup: %s\n%s", error.c_str(), kBackupUsage);
+        return 2;
+    }
+    const BackupJobSpec& spec = line.spec;
+    if (!readPassword(line.spec.login, error)) {
+        fprintf(stderr, "tavikctl backup: %s\n", error.c_str());
+        return 1;
+    }
+    ArchiveHeader header;
+    header.created = uint32_t(::time(nullptr));
+    header.serverVersion = spec.login.serverVersion;
+    header.host = spec.host;
+    header.source = spec.source;
+    ArchiveWriter writer;
+    if (!writer.open(line.output, header)) {
+        fprintf(stderr, "tavikctl backup: %s\n", writer.error().c_str());
+        return 1;
+    }
+    JobClient client;
+    if (!openBackupJob(client, spec, error) || !startBackupJob(client, spec, error)) {
+        fprintf(stderr, "tavikctl backup: %s\n", error.c_str());
+        if (!writer.finish(0, false)) fprintf(stderr, "tavikctl backup: %s\n", writer.error().c_str());
+        return 1;
+    }
+    platform::UniqueFd connection(::dup(client.fd()));
+    client.close();
+
+    timespec started{};
+    clock_gettime(CLOCK_MONOTONIC, &started);
+    StreamReceiver receiver(&writer, spec.ackInterval);
+    receiver.setTimeoutMs(spec.timeoutMs);
+    receiver.setHoldAfterEndMs(spec.holdAfterEndMs);
+    bool tty = ::isatty(STDERR_FILENO) == 1;
+    if (tty) {
+        receiver.setProgress([&](const ReceiveStats& s) {
+            double t = secondsSince(started);
+            fprintf(stderr, "\r%llu entries, %.1f MB, %.1f MB/s   ", static_cast<unsigned long long>(s.entries),
+                    double(s.bytes) / 1e6, t > 0 ? double(s.bytes) / 1e6 / t : 0.0);
+        });
+    }
+    bool received = connection && receiver.run(std::move(connection));
+    const ReceiveStats& s = receiver.stats();
+    bool written = writer.finish(s.packets, s.complete);
+    double t = s.seconds;
+    if (tty) fprintf(stderr, "\r%60s\r", "");
+
+    for (const EntryProblem& p : s.problems)
+        fprintf(stderr, "%-8s %s: %s\n", statusName(p.code), joinSourcePath(spec.source, p.path).c_str(),
+                statusWords(p.code));
+    if (s.problemCount > s.problems.size())
+        fprintf(stderr, "... and %llu more problems\n",
+                static_cast<unsigned long long>(s.problemCount - s.problems.size()));
+    fprintf(stderr, "tavikctl backup: %llu entries, %llu bytes of data, %llu bytes in %.2f s (%.1f MB/s)",
+            static_cast<unsigned long long>(s.entries), static_cast<unsigned long long>(s.dataBytes),
+            static_cast<unsigned long long>(s.bytes), t, t > 0 ? double(s.bytes) / 1e6 / t : 0.0);
+    if (s.renewals) fprintf(stderr, ", %u connection renewals", s.renewals);
+    if (s.acks) fprintf(stderr, ", %u acknowledgements", s.acks);
+    fprintf(stderr, "\n");
+    int status = 0;
+    if (!received) {
+        fprintf(stderr, "tavikctl backup: backup failed: %s\n", receiver.error().c_str());
+        status = 1;
+    }
+    if (!s.structureError.empty()) {
+        fprintf(stderr, "tavikctl backup: the stream is malformed: %s\n", s.structureError.c_str());
+        status = 1;
+    }
+    if (!written) {
+        fprintf(stderr, "tavikctl backup: %s\n", writer.error().c_str());
+        status = 1;
+    }
+    return status;
+}
+
+}  // namespace tavik::frontend

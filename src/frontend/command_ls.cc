@@ -1,0 +1,73 @@
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "frontend/browse_client.h"
+#include "frontend/commands.h"
+#include "frontend/login_options.h"
+
+namespace tavik::frontend {
+namespace {
+
+constexpr const char* kUsage =
+    "usage: tavikctl ls [-d|-f] [--browse-version 20|21|22] [--user NAME] [--port N] [--server-version N] HOST:/dir\n";
+
+}  // namespace
+
+// tavikctl ls HOST:/dir: the directory's entries as the agent lists them,
+// -d directories only, -f regular files only (links count as their target).
+int commandLs(int argc, char* argv[]) {
+    std::vector<std::string> args(argv, argv + argc);
+    LoginOptions options;
+    std::string error;
+    if (!parseLoginOptions(args, options, error)) {
+        std::fprintf(stderr, "tavikctl: %s\n%s", error.c_str(), kUsage);
+        return 2;
+    }
+    uint16_t select = transport::browse::kSelectAll;
+    int version = transport::browse::kAgentVersion;
+    std::string target;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        if (a == "-d") {
+            select = transport::browse::kSelectDirectories;
+        } else if (a == "-f") {
+            select = transport::browse::kSelectFiles;
+        } else if (a == "--browse-version" && i + 1 < args.size() &&
+                   (args[i + 1] == "20" || args[i + 1] == "21" || args[i + 1] == "22")) {
+            version = std::stoi(args[++i]);
+        } else if (target.empty() && !a.empty() && a[0] != '-') {
+            target = a;
+        } else {
+            std::fputs(kUsage, stderr);
+            return 2;
+        }
+    }
+    std::string host, path;
+    if (!splitTarget(target, host, path) || path.empty()) {
+        std::fputs(kUsage, stderr);
+        return 2;
+    }
+    BrowseClient client;
+    if (!beginBrowse(client, host, options, error)) {
+        std::fprintf(stderr, "tavikctl: %s: %s\n", host.c_str(), error.c_str());
+        return 1;
+    }
+    std::optional<Listing> listing = client.readDir(path, select, static_cast<int8_t>(version));
+    if (!listing) {
+        std::fprintf(stderr, "tavikctl: %s: %s\n", target.c_str(), client.lastError().c_str());
+        return 1;
+    }
+    if (!client.logout()) {
+        // The listing is complete; the agent ends the job when it finds the
+        // connection closed.
+    }
+    if (listing->end != transport::browse::kEndOfList) {
+        std::fprintf(stderr, "tavikctl: %s: %s\n", target.c_str(), describeAnswer(listing->end).c_str());
+        return 1;
+    }
+    for (const ListedEntry& e : listing->entries) std::printf("%s\n", longListingLine(e).c_str());
+    return 0;
+}
+
+}  // namespace tavik::frontend

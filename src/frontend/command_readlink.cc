@@ -1,0 +1,59 @@
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "frontend/browse_client.h"
+#include "frontend/commands.h"
+#include "frontend/login_options.h"
+
+namespace tavik::frontend {
+
+// tavikctl readlink HOST:/path: the link's text, and the type of what it
+// names.
+int commandReadlink(int argc, char* argv[]) {
+    constexpr const char* kUsage =
+        "usage: tavikctl readlink [--browse-version 20|21|22] [--user NAME] [--port N] [--server-version N] "
+        "HOST:/path\n";
+    std::vector<std::string> args(argv, argv + argc);
+    LoginOptions options;
+    std::string error;
+    if (!parseLoginOptions(args, options, error)) {
+        std::fprintf(stderr, "tavikctl: %s\n%s", error.c_str(), kUsage);
+        return 2;
+    }
+    int version = transport::browse::kAgentVersion;
+    std::string target;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--browse-version" && i + 1 < args.size() &&
+            (args[i + 1] == "20" || args[i + 1] == "21" || args[i + 1] == "22")) {
+            version = std::stoi(args[++i]);
+        } else if (target.empty() && !args[i].empty() && args[i][0] != '-') {
+            target = args[i];
+        } else {
+            std::fputs(kUsage, stderr);
+            return 2;
+        }
+    }
+    std::string host, path;
+    if (!splitTarget(target, host, path) || path.empty()) {
+        std::fputs(kUsage, stderr);
+        return 2;
+    }
+    BrowseClient client;
+    if (!beginBrowse(client, host, options, error)) {
+        std::fprintf(stderr, "tavikctl: %s: %s\n", host.c_str(), error.c_str());
+        return 1;
+    }
+    std::optional<transport::BrowseEntry> link = client.readLink(path, static_cast<int8_t>(version));
+    if (!link) {
+        std::fprintf(stderr, "tavikctl: %s: the agent could not read the link\n", target.c_str());
+        return 1;
+    }
+    if (!client.logout()) {
+        // The answer is complete.
+    }
+    std::printf("%s (%s)\n", link->name.c_str(), targetType(link->mode).c_str());
+    return 0;
+}
+
+}  // namespace tavik::frontend

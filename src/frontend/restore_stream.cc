@@ -1,0 +1,95 @@
+#include "frontend/restore_stream.h"
+
+#include "frontend/job_client.h"
+
+namespace tavik::frontend {
+
+restore::RestoreAttributes restoreAttributesFor(const backup::BackupAttributes& e, const std::string& fullName) {
+    restore::RestoreAttributes r;
+    r.dev = e.dev;
+    r.ino = e.ino;
+    r.mode = e.mode;
+    r.nlink = e.nlink;
+    r.uid = static_cast<uint32_t>(e.uid);
+    r.gid = static_cast<uint32_t>(e.gid);
+    r.rdev = e.rdev;
+    r.atime = e.atime;
+    r.mtime = e.mtime;
+    r.size = e.size;
+    r.name = fullName;
+    return r;
+}
+
+std::string restorePathFor(const std::string& root, const std::string& name) {
+    size_t start = name.find_first_not_of('/');
+    std::string rest = start == std::string::npos ? std::string() : name.substr(start);
+    std::string base = root;
+    while (base.size() > 1 && base.back() == '/') base.pop_back();
+    if (rest.empty()) return base;
+    if (base == "/") return base + rest;
+    return base + "/" + rest;
+}
+
+bool RestoreStreamEncoder::isDirectory(const backup::BackupAttributes& entry) {
+    return entry.kind == backup::kKindDirectory || (entry.mode & restore::kTypeMask) == restore::kTypeDirectory;
+}
+
+bool RestoreStreamEncoder::emit(int8_t code, std::span<const uint8_t> payload) {
+    return sink_(buildCommand(code, 0, payload));
+}
+
+bool RestoreStreamEncoder::directory(const backup::BackupAttributes& entry, const std::string& fullName) {
+    if (inFile_) return false;
+    std::vector<uint8_t> record = restore::encodeRestoreAttributes(restoreAttributesFor(entry, fullName));
+    return !record.empty() && emit(restore::command::kMkdir, record);
+}
+
+bool RestoreStreamEncoder::beginFile(const backup::BackupAttributes& entry, const std::string& fullName) {
+    if (inFile_) return false;
+    std::vector<uint8_t> record = restore::encodeRestoreAttributes(restoreAttributesFor(entry, fullName));
+    if (record.empty() || !emit(restore::command::kOpenFile, record)) return false;
+    inFile_ = true;
+    held_.clear();
+    return true;
+}
+
+bool RestoreStreamEncoder::data(std::span<const uint8_t> bytes) {
+    if (!inFile_) return false;
+    while (!bytes.empty()) {
+        // A full payload goes out only once more data follows it: the last
+        // piece of a file always travels in its ENDF.
+        if (held_.size() == restore::kMaxDataPayload) {
+            if (!emit(restore::command::kMof, held_)) return false;
+            held_.clear();
+        }
+        size_t take = restore::kMaxDataPayload - held_.size();
+        if (take > bytes.size()) take = bytes.size();
+        held_.insert(held_.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(take));
+        bytes = bytes.subspan(take);
+    }
+    return true;
+}
+
+bool RestoreStreamEncoder::endFile() {
+    if (!inFile_) return false;
+    inFile_ = false;
+    bool ok = emit(restore::command::kEndf, held_);
+    held_.clear();
+    return ok;
+}
+
+bool RestoreStreamEncoder::entry(const backup::BackupAttributes& e, const std::string& fullName,
+                                 std::span<const uint8_t> bytes) {
+    if (isDirectory(e)) return directory(e, fullName);
+    return beginFile(e, fullName) && data(bytes) && endFile();
+}
+
+bool RestoreStreamEncoder::end() { return !inFile_ && emit(restore::command::kEnd, {}); }
+
+bool RestoreStreamEncoder::abort() {
+    inFile_ = false;
+    held_.clear();
+    return emit(restore::command::kAbort, {});
+}
+
+}  // namespace tavik::frontend

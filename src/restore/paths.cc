@@ -1,0 +1,223 @@
+#include "restore/paths.h"
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "daemon/state.h"
+#include "log/ulog.h"
+#include "platform/signals.h"
+#include "restore/file_ops.h"
+
+namespace tavik::restore {
+namespace {
+
+constexpr mode_t kNewDirectoryMode = 0755;
+constexpr const char* kSuffix = ".AS";
+constexpr size_t kSuffixLength = 3;
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+// The decimal digits plus one, without leading zeros ("007" gives "8",
+// "99" gives "100"); done on the text so no length of digits overflows.
+std::string incremented(std::string_view digits) {
+    size_t first = digits.find_first_not_of('0');
+    std::string n = first == std::string_view::npos ? std::string("0") : std::string(digits.substr(first));
+    size_t i = n.size();
+    while (i > 0) {
+        --i;
+        if (n[i] != '9') {
+            ++n[i];
+            return n;
+        }
+        n[i] = '0';
+    }
+    return "1" + n;
+}
+
+}  // namespace
+
+bool PathBuffer::assign(std::string_view name) {
+    if (name.size() > kMaxNameLength || name.find('\0') != std::string_view::npos) {
+        clear();
+        return false;
+    }
+    std::memcpy(text_.data(), name.data(), name.size());
+    text_[name.size()] = '\0';
+    return true;
+}
+
+size_t PathBuffer::size() const { return ::strnlen(text_.data(), text_.size()); }
+
+int make_path(PathBuffer& path, const Owner& owner) {
+    constexpr const char* kPrefix = "(make_path) ";
+    char* name = path.data();
+    size_t length = path.size();
+    for (size_t i = 1; i < length; ++i) {  // a leading "/" is not a directory to make
+        if (name[i] != '/') continue;
+        name[i] = '\0';
+        if (::mkdir(name, kNewDirectoryMode) != 0) {
+            if (errno != EEXIST) {
+                ulog(MSG_FAILED_MAKE_DIRECTORY, kPrefix, name, errText());
+                return -1;  // the name stays cut at the component that failed
+            }
+        } else if (::chown(name, owner.uid, owner.gid) != 0) {
+            ulog(MSG_FAILED_CHANGE_OWNER, kPrefix, name, errText());
+            return -1;
+        }
+        name[i] = '/';
+    }
+    return 0;
+}
+
+int make_dir(PathBuffer& path, const Owner& owner) {
+    constexpr const char* kPrefix = "(make_dir) ";
+    const bool verbose = settings().verbose;
+    struct stat st {};
+    int r = ::stat(path.c_str(), &st);
+    int statErrno = errno;
+    if (verbose) {
+        std::printf("%sstat(%s): ret=%d\n", kPrefix, path.c_str(), r);
+        std::fflush(stdout);
+    }
+    if (r == 0) {
+        int a = ::access(path.c_str(), W_OK | X_OK);
+        if (a != 0) ulog(MSG_FAILED_ACCESS_DIRECTORY, kPrefix, path.c_str(), errText());
+        if (verbose) {
+            std::printf("access(%s): ret = %d\n", path.c_str(), a);
+            std::fflush(stdout);
+        }
+        return a == 0 ? 0 : -1;
+    }
+    if (statErrno != ENOENT) {
+        errno = statErrno;
+        ulog(MSG_FAILED_GET_ATTRIBUTES_STAT, kPrefix, path.c_str(), errText());
+        return -1;
+    }
+    if (verbose) {
+        std::printf("%smake_path(%s)\n", kPrefix, path.c_str());
+        std::fflush(stdout);
+    }
+    if (make_path(path, owner) != 0) {
+        ulog(MSG_FAILED_CREATE_RESTORE_DIRECTORY, kPrefix, path.c_str());
+        return -1;
+    }
+    return 0;
+}
+
+int make_restore_path(const std::string& root, const Owner& owner, const std::function<bool()>& becomeUser) {
+    constexpr const char* kPrefix = "(make_restore_path) ";
+    platform::defaultSignal(SIGCHLD);  // so that the child's status can be collected
+    pid_t child = ::fork();
+    if (child < 0) {
+        ulog(MSG_FAILED_FORK_JOB_ABORT, kPrefix, errText());
+        platform::ignoreSignal(SIGCHLD);
+        return -1;
+    }
+    if (child == 0) {
+        if (!becomeUser()) ::_exit(1);
+        PathBuffer path;
+        if (!path.assign(root)) ::_exit(2);
+        ::_exit(make_dir(path, owner) == 0 ? 0 : 2);
+    }
+    int status = 0;
+    for (;;) {
+        pid_t r = ::waitpid(child, &status, 0);
+        if (r == child) break;
+        if (r < 0 && errno == EINTR) {
+            platform::dispatchPendingSignals();
+            continue;
+        }
+        ulog(MSG_FAILED_WAIT_PID, kPrefix, static_cast<int>(child), errText());
+        platform::ignoreSignal(SIGCHLD);
+        return -1;
+    }
+    platform::ignoreSignal(SIGCHLD);
+    if (!WIFEXITED(status)) return -1;
+    return WEXITSTATUS(status);
+}
+
+bool renameRule(PathBuffer& path) {
+    std::string name = path.c_str();
+    size_t end = name.size();
+    size_t digitsAt = end;
+    while (digitsAt > 0 && isDigit(name[digitsAt - 1])) --digitsAt;
+    std::string next;
+    bool counted = digitsAt < end && digitsAt >= kSuffixLength &&
+                   name.compare(digitsAt - kSuffixLength, kSuffixLength, kSuffix) == 0;
+    // A name of digits alone, or with fewer than two characters before the
+    // last non-digit, gets a suffix of its own, as does any name without one.
+    if (counted) {
+        next = name.substr(0, digitsAt) + incremented(std::string_view(name).substr(digitsAt));
+    } else {
+        next = name + kSuffix + "1";
+    }
+    if (next.size() > kMaxNameLength) return false;
+    return path.assign(next);
+}
+
+void HardLinkTable::reset() {
+    entries_.clear();
+    entries_.shrink_to_fit();
+    count_ = 0;
+    reportOnce_ = true;
+}
+
+int HardLinkTable::postml(PathBuffer& path, const RestoreAttributes& a, const Owner& owner, bool verbose) {
+    constexpr const char* kPrefix = "(postml) ";
+    if (count_ > 0 && count_ != kCapacity) {
+        for (size_t i = 0; i < count_; ++i) {
+            const Entry& e = entries_[i];
+            if (e.ino != a.ino || e.dev != a.dev) continue;
+            if (verbose) {
+                std::printf("%s%s linked to %s\n", kPrefix, e.name.c_str(), path.c_str());
+                std::fflush(stdout);
+            }
+            ::unlink(path.c_str());
+            if (::link(e.name.c_str(), path.c_str()) != 0) {
+                if (make_path(path, owner) != 0) {
+                    ulog(MSG_CANNOT_CREATE_PATH, kPrefix, path.c_str(), errText());
+                    return -1;
+                }
+                if (::link(e.name.c_str(), path.c_str()) != 0) {
+                    ulog(MSG_CAN_T_CREATE_HARDLINK, kPrefix, e.name.c_str(), path.c_str(), errText());
+                    return -1;
+                }
+            }
+            setFileTimes(path.c_str(), a.atime, a.mtime);  // a failure here does not undo the link
+            return 1;
+        }
+    }
+    bool allocated = false;
+    if (count_ != kCapacity) {
+        try {
+            entries_.push_back(Entry{a.dev, a.ino, std::string(path.c_str())});
+            allocated = true;
+        } catch (const std::bad_alloc&) {
+            allocated = false;
+        }
+    }
+    if (allocated) {
+        ++count_;
+        return 0;
+    }
+    if (reportOnce_) {
+        if (count_ == kCapacity) {
+            ulog(MSG_TOO_MANY_LINKS, kPrefix);
+        } else {
+            errno = ENOMEM;
+            ulog(MSG_NO_MEMORY_LINKS, kPrefix);
+        }
+    }
+    count_ = kCapacity;
+    reportOnce_ = false;
+    return -1;
+}
+
+}  // namespace tavik::restore

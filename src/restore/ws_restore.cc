@@ -1,0 +1,491 @@
+#include "restore/ws_restore.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "daemon/state.h"
+#include "log/ulog.h"
+#include "platform/fd.h"
+#include "platform/signals.h"
+#include "platform/wire_stat.h"
+#include "restore/file_ops.h"
+#include "transport/packet.h"
+
+namespace tavik::restore {
+namespace {
+
+constexpr const char* kPrefix = "(ws_restore) ";
+constexpr const char* kAbortPrefix = "(ws_restore[ABORT]) ";
+constexpr const char* kMkdirPrefix = "(ws_restore[MKDIR]) ";
+constexpr const char* kOpenPrefix = "(ws_restore[OPENFILE]) ";
+constexpr const char* kMofPrefix = "(ws_restore[MOF]) ";
+constexpr const char* kEndfPrefix = "(ws_restore[ENDF]) ";
+
+// A record whose name the system could still hold is read whole (and a name
+// of 1024 bytes or more refused with its status); a larger one breaks the
+// stream.
+constexpr size_t kRecordAreaSize = kRecName + 4096;
+
+constexpr mode_t kPermissionBits = 07777;
+constexpr mode_t kSetIdBits = S_ISUID | S_ISGID;
+// Made with owner-only access; the record's mode is set once the data is in.
+constexpr mode_t kReceivingMode = 0600;
+// How much of a refused name the log shows.
+constexpr int kShownNameBytes = 100;
+
+void trace(bool verbose, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void trace(bool verbose, const char* format, ...) {
+    if (!verbose) return;
+    va_list args;
+    va_start(args, format);
+    std::vprintf(format, args);
+    va_end(args);
+    std::fflush(stdout);
+}
+
+class RestoreSession {
+public:
+    RestoreSession(int socket, const JobContext& ctx, HardLinkTable& links, const Owner& owner)
+        : socket_(socket), ctx_(ctx), links_(links), owner_(owner), verbose_(settings().verbose) {}
+
+    int run();
+
+private:
+    void mkdirCommand();
+    void openFile();
+    [[nodiscard]] bool resolveConflict();
+    [[nodiscard]] bool replaceExisting(const struct stat& st);
+    void createSpecial();
+    void createRegular();
+    [[nodiscard]] bool makeParents(const char* prefix, uint8_t failStatus);
+    [[nodiscard]] int mof();
+    [[nodiscard]] int endf(bool& over);
+    void finishSymlink();
+    void finishFile();
+    void writeHeld(const char* prefix);
+    void setModeAndOwner(const char* prefix, const char* path, const RestoreAttributes& a, bool& modeFailed,
+                         bool& ownerFailed);
+    [[nodiscard]] int answer(uint8_t status) { return transport::syncSendCode(socket_, static_cast<int8_t>(status)); }
+    void logRefusedName(const char* prefix, const char* format);
+
+    int socket_;
+    const JobContext& ctx_;
+    HardLinkTable& links_;
+    Owner owner_;
+    bool verbose_;
+
+    std::array<uint8_t, kRecordAreaSize> record_{};
+    std::array<uint8_t, kDataAreaSize> data_{};
+    size_t count_ = 0;  // bytes held in data_; below kWriteBatch between packets
+    platform::UniqueFd out_;
+    uint8_t status_ = 0;
+    bool haveFile_ = false;  // an OPENFILE is waiting for its ENDF
+    RestoreAttributes attr_;
+    int32_t fileSize_ = 0;
+    int onNfs_ = 0;
+    PathBuffer path_;        // the file being restored
+    PathBuffer unlinkPath_;  // what UNLINK removes: a name this job made or may replace
+};
+
+int RestoreSession::run() {
+    for (;;) {
+        int8_t code = 0;
+        record_.fill(0);  // a short record reads as zeros, never as the previous one
+        // One payload at most: the area always has room for it, as
+        // count_ < kWriteBatch here.
+        // The last byte stays free for the NUL of a symbolic link's target.
+        size_t room = count_ + kMaxDataPayload < data_.size() ? count_ + kMaxDataPayload : data_.size() - 1;
+        transport::FileDataBuffer incoming{std::span<uint8_t>(data_.data(), room), count_};
+        if (transport::GetReply(socket_, code, record_, &incoming) != 0) return transport::kFailed;
+        count_ = incoming.fill;
+        switch (code) {
+            case command::kAbort:
+                ulog(MSG_JOB_ABORTED_FRONT_END, kAbortPrefix);
+                return 0;
+            case command::kEnd:
+                ulog(MSG_WORKSTATION_RESTORE_COMPLETED, "");
+                return answer(transport::code::kEnd) == 0 ? 0 : transport::kFailed;
+            case command::kUnlink:
+                if (::unlink(unlinkPath_.c_str()) != 0) ulog(MSG_FAILED_UNLINK, "", unlinkPath_.c_str(), errText());
+                break;
+            case command::kMkdir:
+                mkdirCommand();
+                break;
+            case command::kOpenFile:
+                openFile();
+                break;
+            case command::kMof:
+                if (mof() != 0) return transport::kFailed;
+                break;
+            case command::kEndf: {
+                bool over = false;
+                int r = endf(over);
+                if (over) return r;
+                if (r != 0) return transport::kFailed;
+                break;
+            }
+            default:
+                ulog(MSG_UNKNOWN_COMMAND, kPrefix, static_cast<int>(code));
+                break;
+        }
+    }
+}
+
+void RestoreSession::logRefusedName(const char* prefix, const char* format) {
+    errno = ENAMETOOLONG;
+    char shown[kShownNameBytes + 4];
+    std::snprintf(shown, sizeof shown, "%.*s...", kShownNameBytes, reinterpret_cast<const char*>(&record_[kRecName]));
+    ulog(format, prefix, shown, errText());
+}
+
+void RestoreSession::mkdirCommand() {
+    RestoreAttributes a;
+    if (decodeRestoreAttributes(record_, a) != RecordError::None) {
+        logRefusedName(kMkdirPrefix, MSG_FAILED_MAKE_DIRECTORY);
+        unlinkPath_.clear();
+        return;
+    }
+    errno = 0;
+    PathBuffer dir;
+    if (!dir.assign(a.name.empty() ? std::string_view("/") : std::string_view(a.name))) return;
+    (void)unlinkPath_.assign(dir.c_str());  // fits: same buffer size
+    trace(verbose_, "MKDIR: path = %s\n", dir.c_str());
+    struct stat st {};
+    if (::stat(dir.c_str(), &st) == 0 || errno != ENOENT) return;  // something of that name is there
+    if (make_path(dir, owner_) != 0) {
+        ulog(MSG_CANNOT_CREATE_PATH, kMkdirPrefix, dir.c_str(), errText());
+        return;
+    }
+    if (::mkdir(dir.c_str(), a.mode & kPermissionBits) != 0) {
+        ulog(MSG_FAILED_MAKE_DIRECTORY, kMkdirPrefix, dir.c_str(), errText());
+        return;
+    }
+    bool modeFailed = false, ownerFailed = false;
+    setModeAndOwner(kMkdirPrefix, dir.c_str(), a, modeFailed, ownerFailed);
+    // Directory times are not carried by the stream's MKDIR handling: they
+    // change anyway as entries are made inside.
+}
+
+// chmod, then chown. Linux clears set-user-id and set-group-id when an
+// owner changes (even for root), so the mode is put back after the chown
+// when it has either bit.
+void RestoreSession::setModeAndOwner(const char* prefix, const char* path, const RestoreAttributes& a,
+                                     bool& modeFailed, bool& ownerFailed) {
+    mode_t mode = a.mode & kPermissionBits;
+    if (::chmod(path, mode) != 0) {
+        ulog(MSG_FAILED_CHMOD, prefix, path, errText());
+        modeFailed = true;
+    }
+    if (::chown(path, static_cast<uid_t>(a.uid), static_cast<gid_t>(a.gid)) != 0) {
+        ulog(MSG_FAILED_CHANGE_OWNER, prefix, path, errText());
+        ownerFailed = true;
+    } else if ((mode & kSetIdBits) != 0 && !modeFailed && ::chmod(path, mode) != 0) {
+        ulog(MSG_FAILED_CHMOD, prefix, path, errText());
+        modeFailed = true;
+    }
+}
+
+void RestoreSession::openFile() {
+    RecordError e = decodeRestoreAttributes(record_, attr_);
+    fileSize_ = static_cast<int32_t>(attr_.size);
+    // An earlier file that never got its ENDF is closed as it is: it gets no
+    // attributes.
+    out_.reset();
+    count_ = 0;
+    haveFile_ = true;
+    unlinkPath_.clear();
+    if (attr_.isSpecial() && ::geteuid() != 0) {
+        ulog(MSG_ONLY_SYSTEM_ADMINISTRATOR_CAN_RESTORE, kOpenPrefix);
+        status_ = status::kSpecialRefused;
+        path_.clear();
+        return;
+    }
+    status_ = 0;
+    onNfs_ = 0;
+    if (e != RecordError::None || !path_.assign(attr_.name)) {
+        logRefusedName(kOpenPrefix, MSG_FAILED_CREATE);
+        status_ = status::kCannotCreate;
+        path_.clear();
+        return;
+    }
+    if (!resolveConflict()) return;
+    (void)unlinkPath_.assign(path_.c_str());  // the name is now this job's
+    if (attr_.nlink > 1) {
+        int r = links_.postml(path_, attr_, owner_, verbose_);
+        if (r == 1) {
+            status_ = status::kHardLinked;
+            return;
+        }
+        if (r != 0) {
+            status_ = status::kLinkFailed;
+            return;
+        }
+    }
+    if (attr_.isSpecial()) {
+        createSpecial();
+    } else if (attr_.type() == kTypeSymlink) {
+        return;  // made at ENDF from the data
+    } else {
+        createRegular();
+    }
+}
+
+// The conflict loop: false when the file is not to be restored (status set).
+bool RestoreSession::resolveConflict() {
+    for (;;) {
+        trace(verbose_, "OPENFILE: %s\n", path_.c_str());
+        struct stat st {};
+        if (::lstat(path_.c_str(), &st) != 0) return true;  // nothing of that name
+        if (S_ISDIR(st.st_mode)) {
+            ulog(MSG_CANNOT_CREATE_SAME_NAME_DIRECTORY, kOpenPrefix, path_.c_str());
+            status_ = status::kCannotCreate;
+            return false;
+        }
+        switch (ctx_.conflictPolicy) {
+            case kPolicySkip:
+                trace(verbose_, "Skip (unconditionally)!\n");
+                status_ = status::kSkipped;
+                return false;
+            case kPolicyNewer:
+                if (static_cast<int64_t>(st.st_mtime) < static_cast<int64_t>(attr_.mtime)) return replaceExisting(st);
+                trace(verbose_, "Skip (disk file is newer)!\n");
+                status_ = status::kSkipped;
+                return false;
+            case kPolicyRename: {
+                trace(verbose_, "Rename %s ", path_.c_str());
+                std::string before = path_.c_str();
+                if (!renameRule(path_)) {
+                    errno = ENAMETOOLONG;
+                    ulog(MSG_FAILED_CREATE, kOpenPrefix, before.c_str(), errText());
+                    status_ = status::kCannotCreate;
+                    return false;
+                }
+                trace(verbose_, "to %s!\n", path_.c_str());
+                continue;
+            }
+            default:  // overwrite (3, and any unknown policy)
+                return replaceExisting(st);
+        }
+    }
+}
+
+bool RestoreSession::replaceExisting(const struct stat& st) {
+    if (S_ISREG(st.st_mode)) {
+        if (ctx_.serverVersion >= transport::kNewServerVersion) onNfs_ = skip_nfs(path_.c_str());
+        bool mandatory = (st.st_mode & S_ISGID) != 0 && (st.st_mode & S_IXGRP) == 0;
+        if (settings().checkLocks || (onNfs_ == 0 && mandatory)) {
+            platform::UniqueFd f(::open(path_.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK));
+            if (!f) {
+                ulog(MSG_FAILED_OPEN_REGULAR, kOpenPrefix, path_.c_str(), errText());
+                status_ = status::kCannotOpen;
+                return false;
+            }
+            int r = lockFile(f.get(), kWriteLock, ctx_.retryCount(), ctx_.retryInterval());
+            int lockErrno = errno;
+            f.close();  // also gives up the lock this test may have taken
+            if (r == -2) {
+                ulog(MSG_LOCKED_ANOTHER_PROCESS, kOpenPrefix, path_.c_str());
+                status_ = status::kLocked;
+                return false;
+            }
+            if (r == -1) {
+                errno = lockErrno;
+                ulog(MSG_FAILED_LOCK, kOpenPrefix, path_.c_str(), errText());
+                status_ = status::kLockTestFailed;
+                return false;
+            }
+        }
+    }
+    if (::unlink(path_.c_str()) != 0) ulog(MSG_FAILED_UNLINK, kOpenPrefix, path_.c_str(), errText());
+    return true;
+}
+
+// make_path for the current file; on failure logs the component that could
+// not be made, sets `failStatus` and keeps the full name.
+bool RestoreSession::makeParents(const char* prefix, uint8_t failStatus) {
+    std::string full = path_.c_str();
+    if (make_path(path_, owner_) == 0) return true;
+    ulog(MSG_CANNOT_CREATE_PATH, prefix, path_.c_str(), errText());
+    (void)path_.assign(full);
+    status_ = failStatus;
+    return false;
+}
+
+void RestoreSession::createSpecial() {
+    mode_t mode = static_cast<mode_t>(attr_.mode & (kTypeMask | kPermissionBits));
+    dev_t device = attr_.type() == kTypeFifo ? 0 : platform::decodeDev32(attr_.rdev);
+    if (::mknod(path_.c_str(), mode, device) != 0) {
+        if (!makeParents(kOpenPrefix, status::kSpecialRefused)) return;
+        if (::mknod(path_.c_str(), mode, device) != 0) {
+            int e = errno;
+            ulog(MSG_FAILED_CREATE_SPECIAL, kOpenPrefix, path_.c_str(), errText());
+            status_ = e == ENOSPC ? status::kNoSpace : status::kSpecialRefused;
+            return;
+        }
+    }
+    if (attr_.type() == kTypeCharDevice && fileSize_ != 0) {
+        trace(verbose_, "%sRaw device file %s, fileSize=%d\n", kOpenPrefix, path_.c_str(), fileSize_);
+        out_.reset(::open(path_.c_str(), O_WRONLY | O_NOFOLLOW));
+        if (!out_) {
+            ulog(MSG_FAIED_OPEN, kOpenPrefix, path_.c_str(), errText());
+            status_ = status::kCannotOpen;
+        }
+    }
+}
+
+void RestoreSession::createRegular() {
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_TRUNC | O_NOFOLLOW;
+    int fd = ::open(path_.c_str(), kFlags, kReceivingMode);
+    if (fd < 0) {
+        if (!makeParents(kOpenPrefix, status::kCannotCreate)) return;
+        fd = ::open(path_.c_str(), kFlags, kReceivingMode);
+        if (fd < 0) {
+            int e = errno;
+            ulog(MSG_FAILED_CREATE, kOpenPrefix, path_.c_str(), errText());
+            status_ = (e == ENOSPC || e == ENFILE) ? status::kNoSpace : status::kCannotCreate;
+            return;
+        }
+    }
+    out_.reset(fd);
+}
+
+void RestoreSession::writeHeld(const char* prefix) {
+    size_t done = 0;
+    while (done < count_) {
+        ssize_t n = -1;
+        if (out_) {
+            n = ::write(out_.get(), data_.data() + done, count_ - done);
+        } else {
+            errno = EBADF;  // data for an entry that has no open file
+        }
+        if (n < 0 && errno == EINTR) {
+            platform::dispatchPendingSignals();
+            continue;
+        }
+        if (n <= 0) {
+            if (n == 0) errno = EIO;
+            int e = errno;
+            ulog(MSG_FAILED_WRITING, prefix, path_.c_str(), errText());
+            status_ = e == ENOSPC ? status::kNoSpace : status::kWriteFailed;
+            break;  // the rest is dropped
+        }
+        done += static_cast<size_t>(n);
+    }
+    count_ = 0;
+}
+
+int RestoreSession::mof() {
+    if (ctx_.ackInterval != 0 && transport::ackIfDue(socket_, ctx_.ackInterval) != 0) return transport::kFailed;
+    if (status_ != 0 || !haveFile_) {
+        count_ = 0;  // data of a skipped or failed file (or of none) is dropped
+        return 0;
+    }
+    if (count_ < kWriteBatch) return 0;
+    if (attr_.type() == kTypeSymlink) {
+        // A link target this long cannot be made; it is not written anywhere.
+        errno = ENAMETOOLONG;
+        ulog(MSG_FAILED_CREATE_SYMBOLIC_LINK_SYMLINK, kMofPrefix, "...", path_.c_str(), errText());
+        status_ = status::kCannotCreate;
+        count_ = 0;
+        return 0;
+    }
+    writeHeld(kMofPrefix);
+    return 0;
+}
+
+void RestoreSession::finishSymlink() {
+    data_[count_] = 0;  // count_ < data_.size(): at most kWriteBatch - 1 + one payload
+    const char* target = reinterpret_cast<const char*>(data_.data());
+    if (::symlink(target, path_.c_str()) != 0) {
+        if (!makeParents(kEndfPrefix, status::kCannotCreate)) return;
+        if (::symlink(target, path_.c_str()) != 0) {
+            ulog(MSG_FAILED_CREATE_SYMBOLIC_LINK_SYMLINK, kEndfPrefix, target, path_.c_str(), errText());
+            status_ = status::kCannotCreate;
+            return;
+        }
+    }
+    // Only a link made here is given away; its times and mode are not set.
+    if (::lchown(path_.c_str(), static_cast<uid_t>(attr_.uid), static_cast<gid_t>(attr_.gid)) != 0) {
+        ulog(MSG_FAILED_CHANGE_OWNER, kEndfPrefix, path_.c_str(), errText());
+        status_ = status::kOwnerOrMode;
+    }
+}
+
+void RestoreSession::finishFile() {
+    // After a failed write nothing more is written: the file would have a gap.
+    if (status_ == 0 && count_ > 0) writeHeld(kEndfPrefix);
+    count_ = 0;
+    if (out_ && out_.close() != 0) {
+        int e = errno;
+        ulog(MSG_FAILED_WRITING, kEndfPrefix, path_.c_str(), errText());
+        if (status_ == 0) status_ = e == ENOSPC ? status::kNoSpace : status::kWriteFailed;
+    }
+    // A file whose data did not all reach the disk keeps the mode it was made
+    // with: it must not pass for a finished one.
+    if (status_ != 0) return;
+    bool modeFailed = false, ownerFailed = false;
+    setModeAndOwner(kEndfPrefix, path_.c_str(), attr_, modeFailed, ownerFailed);
+    if (modeFailed || ownerFailed) status_ = status::kOwnerOrMode;
+    if (setFileTimes(path_.c_str(), attr_.atime, attr_.mtime) != 0) {
+        ulog(MSG_FAILED_SET_TIME, kEndfPrefix, path_.c_str(), errText());
+        status_ = status::kTimes;
+    }
+}
+
+int RestoreSession::endf(bool& over) {
+    uint8_t s = status_;
+    bool fileInHand = haveFile_;
+    haveFile_ = false;
+    status_ = 0;
+    if (s == status::kHardLinked) {
+        count_ = 0;
+        return answer(status::kRestored);
+    }
+    if (s == status::kNoSpace) {
+        count_ = 0;
+        over = true;
+        return answer(status::kNoSpace);
+    }
+    if (s != 0 && s != status::kWriteFailed) {
+        count_ = 0;
+        return answer(s);
+    }
+    if (!fileInHand) {
+        count_ = 0;
+        ulog("%sNo file to end", kEndfPrefix);
+        return answer(status::kCannotCreate);
+    }
+    status_ = s;
+    if (s == 0 && attr_.type() == kTypeSymlink) {
+        finishSymlink();
+    } else {
+        finishFile();
+    }
+    count_ = 0;
+    s = status_;
+    status_ = 0;
+    out_.reset();
+    if (s == status::kNoSpace) {
+        over = true;
+        return answer(status::kNoSpace);
+    }
+    return answer(s);
+}
+
+}  // namespace
+
+int ws_restore(int socket, const std::string& root, const JobContext& ctx, HardLinkTable& links, const Owner& owner) {
+    (void)root;  // names in the records are complete: they are used as they are
+    RestoreSession session(socket, ctx, links, owner);
+    return session.run();
+}
+
+}  // namespace tavik::restore

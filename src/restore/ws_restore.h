@@ -1,0 +1,40 @@
+// The restore command stream: ws_restore obeys the front-end's commands on
+// the job's connection (MKDIR, OPENFILE with its MOF/ENDF data, UNLINK, END,
+// ABORT), creating directories, files, symbolic and hard links, FIFOs and
+// device files, and answers one status byte after each file's ENDF.
+//
+// Requires: the job's working directory is its root; `links` was reset for
+// this job; `owner` is the job's login (owner of directories made for
+// missing parents).
+// Returns 0 after END (answered with 3) or ABORT, 100 when a packet could
+// not be received or an answer not sent (a payload longer than a data packet
+// may carry, or a record larger than the record area, is a failed receive),
+// and after a 'd' status (no space: the job ends) the result of sending it.
+//
+// A file's mode, owner and times are set only after all of its data was
+// written and it was closed; a file whose data could not all be written
+// keeps the mode it was made with (0600) and is answered with its status.
+#pragma once
+
+#include <string>
+
+#include "request/job_context.h"
+#include "restore/paths.h"
+
+namespace tavik::restore {
+
+// The data area: data is written once 4296 bytes have gathered, and one more
+// payload must always fit.
+inline constexpr size_t kWriteBatch = 4296;
+inline constexpr size_t kDataAreaSize = kWriteBatch + kMaxDataPayload;
+static_assert(kDataAreaSize == 6344);
+
+// Conflict policies of the request.
+inline constexpr uint8_t kPolicySkip = 1;
+inline constexpr uint8_t kPolicyRename = 2;
+inline constexpr uint8_t kPolicyOverwrite = 3;
+inline constexpr uint8_t kPolicyNewer = 4;
+
+int ws_restore(int socket, const std::string& root, const JobContext& ctx, HardLinkTable& links, const Owner& owner);
+
+}  // namespace tavik::restore

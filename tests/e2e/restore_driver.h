@@ -1,0 +1,90 @@
+// The server's side of a restore command stream for end-to-end tests: the
+// front-end's job client sends MKDIR, OPENFILE, MOF, ENDF, UNLINK, END and
+// ABORT packets built with the restore record encoder and reads each answer.
+// With an acknowledgement interval the agent's acknowledgements of MOF
+// packets are read (and checked) as they fall due.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "frontend/job_client.h"
+#include "restore/restore_record.h"
+
+namespace tavik::test {
+
+inline restore::RestoreAttributes restoreAttrs(const std::string& name, uint32_t mode, uint32_t uid = 0,
+                                               uint32_t gid = 0, uint32_t mtime = 1000000000,
+                                               uint32_t size = 0) {
+    restore::RestoreAttributes a;
+    a.name = name;
+    a.mode = mode;
+    a.nlink = 1;
+    a.uid = uid;
+    a.gid = gid;
+    a.atime = mtime + 3600;
+    a.mtime = mtime;
+    a.size = size;
+    return a;
+}
+
+class RestoreDriver {
+public:
+    explicit RestoreDriver(frontend::JobClient& client, uint16_t ackInterval = 0)
+        : client_(client), ackInterval_(ackInterval) {}
+
+    bool send(int8_t code, std::span<const uint8_t> payload = {}) {
+        return client_.sendRaw(frontend::buildCommand(code, 0, payload));
+    }
+    bool mkdir(const restore::RestoreAttributes& a) { return send(restore::command::kMkdir, encode(a)); }
+    bool openFile(const restore::RestoreAttributes& a) { return send(restore::command::kOpenFile, encode(a)); }
+    // One MOF packet; false also when a due acknowledgement did not come.
+    bool mof(std::span<const uint8_t> data) {
+        if (!send(restore::command::kMof, data)) return false;
+        if (ackInterval_ == 0) return true;
+        if (++mofs_ % ackInterval_ != 0) return true;
+        ++acks_;
+        return client_.readAnswer() == 0;
+    }
+    // ENDF with its data; the file's status byte (0..255) or kNoAnswer.
+    int endf(std::span<const uint8_t> data = {}) {
+        if (!send(restore::command::kEndf, data)) return frontend::kNoAnswer;
+        return status();
+    }
+    // OPENFILE, the data in payloads of at most 2048 bytes, ENDF.
+    int file(const restore::RestoreAttributes& a, const std::string& data = "") {
+        if (!openFile(a)) return frontend::kNoAnswer;
+        std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t*>(data.data()), data.size());
+        while (bytes.size() > restore::kMaxDataPayload) {
+            if (!mof(bytes.first(restore::kMaxDataPayload))) return frontend::kNoAnswer;
+            bytes = bytes.subspan(restore::kMaxDataPayload);
+        }
+        return endf(bytes);
+    }
+    int end() {
+        if (!send(restore::command::kEnd)) return frontend::kNoAnswer;
+        return status();
+    }
+    int status() {
+        int answer = client_.readAnswer();
+        return answer == frontend::kNoAnswer ? answer : answer & 0xFF;
+    }
+    int acks() const { return acks_; }
+
+    static std::vector<uint8_t> encode(const restore::RestoreAttributes& a) {
+        return restore::encodeRestoreAttributes(a);
+    }
+
+private:
+    frontend::JobClient& client_;
+    uint16_t ackInterval_;
+    int mofs_ = 0;
+    int acks_ = 0;
+};
+
+}  // namespace tavik::test

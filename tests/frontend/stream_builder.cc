@@ -1,0 +1,80 @@
+#include "frontend/stream_builder.h"
+
+#include <unistd.h>
+
+#include "backup/attribute_record.h"
+#include "frontend/archive.h"
+#include "platform/tempfile.h"
+
+namespace tavik::test {
+
+StreamBuilder& StreamBuilder::packet(int8_t code, const std::vector<uint8_t>& payload, uint16_t value,
+                                     uint8_t version) {
+    transport::PacketHeader h;
+    h.code = code;
+    h.value = value;
+    h.version = version;
+    h.length = uint16_t(payload.size());
+    transport::HeaderBytes hb = transport::encodeHeader(h);
+    std::vector<uint8_t> p(hb.begin(), hb.end());
+    p.insert(p.end(), payload.begin(), payload.end());
+    bytes_.insert(bytes_.end(), p.begin(), p.end());
+    packets_.push_back(std::move(p));
+    return *this;
+}
+
+StreamBuilder& StreamBuilder::header(const std::string& name, uint8_t kind, uint32_t mode, uint32_t size) {
+    backup::BackupAttributes a;
+    a.mode = mode;
+    a.nlink = 1;
+    a.uid = 1000;
+    a.gid = 100;
+    a.mtime = 1700000000;
+    a.size = size;
+    a.kind = kind;
+    a.name = name;
+    std::vector<uint8_t> record(backup::kMaxAttrRecord);
+    size_t n = backup::encodeBackupAttributes(a, record);
+    record.resize(n);
+    return packet(transport::code::kFileHeader, record);
+}
+
+StreamBuilder& StreamBuilder::file(const std::string& name, const std::string& data, size_t chunk) {
+    header(name, 0, 0100644, uint32_t(data.size()));
+    size_t at = 0;
+    while (data.size() - at >= chunk) {
+        packet(transport::code::kMof, std::vector<uint8_t>(data.begin() + long(at), data.begin() + long(at + chunk)));
+        at += chunk;
+    }
+    return packet(transport::code::kEndf, std::vector<uint8_t>(data.begin() + long(at), data.end()));
+}
+
+StreamBuilder& StreamBuilder::status(int8_t code, const std::string& text, bool withText) {
+    std::vector<uint8_t> payload;
+    if (withText || !text.empty()) {
+        payload.assign(text.begin(), text.end());
+        payload.push_back(0);
+    }
+    return packet(code, payload, 0, 5);
+}
+
+std::vector<uint8_t> archiveBytes(const std::vector<uint8_t>& body, uint32_t packets, bool complete,
+                                  const std::string& source) {
+    frontend::ArchiveHeader h;
+    h.created = 1700000000;
+    h.host = "127.0.0.1";
+    h.source = source;
+    std::vector<uint8_t> out = frontend::encodeArchiveHeader(h);
+    uint32_t crc = frontend::crc32Update(frontend::crc32Update(0, out), body);
+    out.insert(out.end(), body.begin(), body.end());
+    frontend::ArchiveTrailer t;
+    t.crc = crc;
+    t.bodyLength = body.size();
+    t.packetCount = packets;
+    t.complete = complete;
+    std::vector<uint8_t> trailer = frontend::encodeArchiveTrailer(t);
+    out.insert(out.end(), trailer.begin(), trailer.end());
+    return out;
+}
+
+}  // namespace tavik::test

@@ -1,0 +1,101 @@
+// The restore attribute record: golden bytes, round trips, every truncation
+// and the name bounds.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "restore/restore_record.h"
+
+namespace tavik::restore {
+namespace {
+
+RestoreAttributes sample() {
+    RestoreAttributes a;
+    a.dev = 0x01020304;
+    a.ino = 0x05060708;
+    a.mode = 0100644;
+    a.nlink = 2;
+    a.uid = 1001;
+    a.gid = 100;
+    a.rdev = 0x00400003;
+    a.atime = 0x5F5E1000;
+    a.mtime = 0x499602D2;
+    a.unused36 = 0xAABBCCDD;
+    a.size = 70000;
+    a.unused44 = 0x11223344;
+    a.name = "/home/u/f";
+    return a;
+}
+
+TEST(RestoreRecord, GoldenBytes) {
+    std::vector<uint8_t> expected = {
+        0x04, 0x03, 0x02, 0x01, 0x08, 0x07, 0x06, 0x05, 0xA4, 0x81, 0x00, 0x00,  // dev ino mode
+        0x02, 0x00, 0x00, 0x00, 0xE9, 0x03, 0x00, 0x00, 0x64, 0x00, 0x00, 0x00,  // nlink uid gid
+        0x03, 0x00, 0x40, 0x00, 0x00, 0x10, 0x5E, 0x5F, 0xD2, 0x02, 0x96, 0x49,  // rdev atime mtime
+        0xDD, 0xCC, 0xBB, 0xAA, 0x70, 0x11, 0x01, 0x00, 0x44, 0x33, 0x22, 0x11,  // 36 size 44
+        '/', 'h', 'o', 'm', 'e', '/', 'u', '/', 'f', 0};
+    EXPECT_EQ(encodeRestoreAttributes(sample()), expected);
+    RestoreAttributes back;
+    ASSERT_EQ(decodeRestoreAttributes(expected, back), RecordError::None);
+    EXPECT_EQ(back.mode, 0100644u);
+    EXPECT_EQ(back.size, 70000u);
+    EXPECT_EQ(back.name, "/home/u/f");
+}
+
+TEST(RestoreRecord, RoundTripOfEveryField) {
+    RestoreAttributes a = sample();
+    RestoreAttributes b;
+    ASSERT_EQ(decodeRestoreAttributes(encodeRestoreAttributes(a), b), RecordError::None);
+    EXPECT_EQ(std::vector<uint32_t>({b.dev, b.ino, b.mode, b.nlink, b.uid, b.gid, b.rdev, b.atime, b.mtime,
+                                     b.unused36, b.size, b.unused44}),
+              std::vector<uint32_t>({a.dev, a.ino, a.mode, a.nlink, a.uid, a.gid, a.rdev, a.atime, a.mtime,
+                                     a.unused36, a.size, a.unused44}));
+    EXPECT_EQ(b.name, a.name);
+    EXPECT_FALSE(b.isSpecial());
+    b.mode = 010600;
+    EXPECT_TRUE(b.isSpecial());
+    b.mode = 0120777;
+    EXPECT_EQ(b.type(), kTypeSymlink);
+}
+
+TEST(RestoreRecord, EveryTruncation) {
+    std::vector<uint8_t> full = encodeRestoreAttributes(sample());
+    for (size_t n = 0; n < full.size(); ++n) {
+        RestoreAttributes out;
+        std::span<const uint8_t> cut(full.data(), n);
+        RecordError e = decodeRestoreAttributes(cut, out);
+        if (n < kRecName) {
+            EXPECT_EQ(e, RecordError::Short) << n;
+            EXPECT_TRUE(out.name.empty());
+        } else {
+            // The record's end stands for the NUL of a name cut short.
+            ASSERT_EQ(e, RecordError::None) << n;
+            EXPECT_EQ(out.name, sample().name.substr(0, n - kRecName));
+        }
+    }
+}
+
+TEST(RestoreRecord, NamesOf1023BytesPassAnd1024AreRefused) {
+    RestoreAttributes a = sample();
+    a.name = std::string(1023, 'n');
+    std::vector<uint8_t> record = encodeRestoreAttributes(a);
+    ASSERT_EQ(record.size(), kRecName + 1024);
+    RestoreAttributes out;
+    ASSERT_EQ(decodeRestoreAttributes(record, out), RecordError::None);
+    EXPECT_EQ(out.name.size(), 1023u);
+
+    a.name.push_back('n');
+    EXPECT_TRUE(encodeRestoreAttributes(a).empty());
+    record.back() = 'n';  // 1024 name bytes, no NUL
+    EXPECT_EQ(decodeRestoreAttributes(record, out), RecordError::NameTooLong);
+    record.push_back(0);
+    EXPECT_EQ(decodeRestoreAttributes(record, out), RecordError::NameTooLong);
+    EXPECT_TRUE(out.name.empty());
+
+    a.name = std::string("a\0b", 3);
+    EXPECT_TRUE(encodeRestoreAttributes(a).empty());
+}
+
+}  // namespace
+}  // namespace tavik::restore
