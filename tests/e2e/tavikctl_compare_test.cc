@@ -100,3 +100,28 @@ TEST_F(TavikctlCompare, DeletingGroomingRemovesTheIdenticalFilesAndReportsThem) 
 }
 
 }  // namespace
+
+namespace {
+
+TEST(TavikctlBackupGrooming, DeletingGroomingRemovesTheBackedUpFilesAndReportsThem) {
+    Daemon d;
+    ASSERT_TRUE(d.start({"-S"}));
+    std::string tree = d.home() + "groomed";
+    ASSERT_EQ(mkdir(tree.c_str(), 0755), 0);
+    ASSERT_EQ(mkdir((tree + "/sub").c_str(), 0755), 0);
+    std::ofstream(tree + "/one") << "1";
+    std::ofstream(tree + "/sub/two") << "22";
+    auto r = tavikctl("backup 127.0.0.1:" + tree + " -o " + d.home() + "g.tvk --groom delete --port " +
+                      std::to_string(d.port()));
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.err.find("grooming: 2 files"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find(tree + "/sub/two"), std::string::npos) << r.err;
+    EXPECT_EQ(access((tree + "/one").c_str(), F_OK), -1);
+    EXPECT_EQ(access((tree + "/sub/two").c_str(), F_OK), -1);
+    EXPECT_EQ(access((tree + "/sub").c_str(), F_OK), 0) << "directories are never groomed";
+    EXPECT_TRUE(d.waitForLog("Delete " + tree + "/one"));
+    auto list = tavikctl("list --verify " + d.home() + "g.tvk");
+    EXPECT_EQ(list.status, 0) << list.err;
+}
+
+}  // namespace
