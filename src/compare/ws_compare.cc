@@ -17,6 +17,8 @@
 #include "platform/fd.h"
 #include "platform/signals.h"
 #include "platform/wire_stat.h"
+#include "backup/queue.h"
+#include "backup/traverse.h"
 #include "restore/file_ops.h"
 #include "restore/paths.h"
 #include "transport/packet.h"
@@ -299,10 +301,10 @@ int CompareSession::openFile() {
             content_ = verdict::kCannotOpen;
             return answer(verdict::kCannotOpen);
         }
-        int onNfs = restore::skip_nfs(path_.c_str());
+        int onNfs = backup::skip_nfs(path_.c_str());
         bool mandatory = (disk_.st_mode & S_ISGID) != 0 && (disk_.st_mode & S_IXGRP) == 0;
         if (checkLocks_ || (onNfs == 0 && mandatory)) {
-            int lr = restore::lockFile(fd_.get(), restore::kReadLock, ctx_.retryCount(), ctx_.retryInterval());
+            int lr = backup::lockFile(fd_.get(), backup::kReadLock, ctx_.retryCount(), ctx_.retryInterval());
             int lockErrno = errno;
             if (lr == -2) {
                 fd_.reset();

@@ -16,6 +16,8 @@
 #include "platform/fd.h"
 #include "platform/signals.h"
 #include "platform/wire_stat.h"
+#include "backup/queue.h"
+#include "backup/traverse.h"
 #include "restore/file_ops.h"
 #include "transport/packet.h"
 
@@ -279,7 +281,7 @@ bool RestoreSession::resolveConflict() {
 
 bool RestoreSession::replaceExisting(const struct stat& st) {
     if (S_ISREG(st.st_mode)) {
-        if (ctx_.serverVersion >= transport::kNewServerVersion) onNfs_ = skip_nfs(path_.c_str());
+        if (ctx_.serverVersion >= transport::kNewServerVersion) onNfs_ = backup::skip_nfs(path_.c_str());
         bool mandatory = (st.st_mode & S_ISGID) != 0 && (st.st_mode & S_IXGRP) == 0;
         if (settings().checkLocks || (onNfs_ == 0 && mandatory)) {
             platform::UniqueFd f(::open(path_.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK));
@@ -288,7 +290,7 @@ bool RestoreSession::replaceExisting(const struct stat& st) {
                 status_ = status::kCannotOpen;
                 return false;
             }
-            int r = lockFile(f.get(), kWriteLock, ctx_.retryCount(), ctx_.retryInterval());
+            int r = backup::lockFile(f.get(), backup::kWriteLock, ctx_.retryCount(), ctx_.retryInterval());
             int lockErrno = errno;
             f.close();  // also gives up the lock this test may have taken
             if (r == -2) {
