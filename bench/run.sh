@@ -50,7 +50,8 @@ free_port() {
   local p
   while :; do
     p=$((20000 + RANDOM % 20000))
-    ss -ltnuH "sport = :$p" | grep -q . || { echo "$p"; return; }
+    # Any state counts (a port in TIME_WAIT cannot be bound by nc either).
+    ss -tanuH "sport = :$p" | grep -q . || { echo "$p"; return; }
   done
 }
 
