@@ -49,16 +49,6 @@ constexpr int kShownNameBytes = 100;
 // A difference of size alone: no content comparison follows.
 constexpr uint8_t kSizeDiffers = 2;
 
-void trace(bool verbose, const char* format, ...) __attribute__((format(printf, 2, 3)));
-void trace(bool verbose, const char* format, ...) {
-    if (!verbose) return;
-    va_list args;
-    va_start(args, format);
-    std::vprintf(format, args);
-    va_end(args);
-    std::fflush(stdout);
-}
-
 // One read, repeated only when a signal interrupted it.
 ssize_t readOnce(int fd, uint8_t* buffer, size_t length) {
     for (;;) {
@@ -245,7 +235,7 @@ int CompareSession::mkdirCommand() {
     errno = 0;
     difference_ = 0;
     if (!takeName(kMkdirPrefix, MSG_FAILED_GET_ATTRIBUTES_STAT, decoded)) return answer(verdict::kNoDirectory);
-    trace(verbose_, "MKDIR: path = %s\n", full_.data());
+    traceStdout(verbose_, "MKDIR: path = %s\n", full_.data());
     if (!fullFits_) errno = ENAMETOOLONG;
     if (!fullFits_ || ::stat(full_.data(), &disk_) != 0) {
         ulog(MSG_FAILED_GET_ATTRIBUTES_STAT, kMkdirPrefix, path_.c_str(), errText());
@@ -271,7 +261,7 @@ int CompareSession::openFile() {
         content_ = verdict::kNoFile;
         return answer(verdict::kNoFile);
     }
-    trace(verbose_, "OPENFILE: %s\n", full_.data());
+    traceStdout(verbose_, "OPENFILE: %s\n", full_.data());
     int r = followLinks_ ? ::stat(path_.c_str(), &disk_) : ::lstat(path_.c_str(), &disk_);
     if (r != 0) {
         ulog(statFormat, kOpenPrefix, path_.c_str(), errText());

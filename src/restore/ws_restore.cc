@@ -43,16 +43,6 @@ constexpr mode_t kReceivingMode = 0600;
 // How much of a refused name the log shows.
 constexpr int kShownNameBytes = 100;
 
-void trace(bool verbose, const char* format, ...) __attribute__((format(printf, 2, 3)));
-void trace(bool verbose, const char* format, ...) {
-    if (!verbose) return;
-    va_list args;
-    va_start(args, format);
-    std::vprintf(format, args);
-    va_end(args);
-    std::fflush(stdout);
-}
-
 class RestoreSession {
 public:
     RestoreSession(int socket, const JobContext& ctx, HardLinkTable& links, const Owner& owner)
@@ -159,7 +149,7 @@ void RestoreSession::mkdirCommand() {
     PathBuffer dir;
     if (!dir.assign(a.name.empty() ? std::string_view("/") : std::string_view(a.name))) return;
     (void)unlinkPath_.assign(dir.c_str());  // fits: same buffer size
-    trace(verbose_, "MKDIR: path = %s\n", dir.c_str());
+    traceStdout(verbose_, "MKDIR: path = %s\n", dir.c_str());
     struct stat st {};
     if (::stat(dir.c_str(), &st) == 0 || errno != ENOENT) return;  // something of that name is there
     if (make_path(dir, owner_) != 0) {
@@ -243,7 +233,7 @@ void RestoreSession::openFile() {
 // The conflict loop: false when the file is not to be restored (status set).
 bool RestoreSession::resolveConflict() {
     for (;;) {
-        trace(verbose_, "OPENFILE: %s\n", path_.c_str());
+        traceStdout(verbose_, "OPENFILE: %s\n", path_.c_str());
         struct stat st {};
         if (::lstat(path_.c_str(), &st) != 0) return true;  // nothing of that name
         if (S_ISDIR(st.st_mode)) {
@@ -253,16 +243,16 @@ bool RestoreSession::resolveConflict() {
         }
         switch (ctx_.conflictPolicy) {
             case kPolicySkip:
-                trace(verbose_, "Skip (unconditionally)!\n");
+                traceStdout(verbose_, "Skip (unconditionally)!\n");
                 status_ = status::kSkipped;
                 return false;
             case kPolicyNewer:
                 if (static_cast<int64_t>(st.st_mtime) < static_cast<int64_t>(attr_.mtime)) return replaceExisting(st);
-                trace(verbose_, "Skip (disk file is newer)!\n");
+                traceStdout(verbose_, "Skip (disk file is newer)!\n");
                 status_ = status::kSkipped;
                 return false;
             case kPolicyRename: {
-                trace(verbose_, "Rename %s ", path_.c_str());
+                traceStdout(verbose_, "Rename %s ", path_.c_str());
                 std::string before = path_.c_str();
                 if (!renameRule(path_)) {
                     errno = ENAMETOOLONG;
@@ -270,7 +260,7 @@ bool RestoreSession::resolveConflict() {
                     status_ = status::kCannotCreate;
                     return false;
                 }
-                trace(verbose_, "to %s!\n", path_.c_str());
+                traceStdout(verbose_, "to %s!\n", path_.c_str());
                 continue;
             }
             default:  // overwrite (3, and any unknown policy)
@@ -334,7 +324,7 @@ void RestoreSession::createSpecial() {
         }
     }
     if (attr_.type() == kTypeCharDevice && fileSize_ != 0) {
-        trace(verbose_, "%sRaw device file %s, fileSize=%d\n", kOpenPrefix, path_.c_str(), fileSize_);
+        traceStdout(verbose_, "%sRaw device file %s, fileSize=%d\n", kOpenPrefix, path_.c_str(), fileSize_);
         out_.reset(::open(path_.c_str(), O_WRONLY | O_NOFOLLOW));
         if (!out_) {
             ulog(MSG_FAIED_OPEN, kOpenPrefix, path_.c_str(), errText());
