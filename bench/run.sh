@@ -12,7 +12,6 @@
 # job processes: CPU and largest VmHWM sampled from /proc; tar: from wait4;
 # tavikctl's own CPU as well), then the median ratio agent/tar of MB/s.
 #
-#
 # Restore: each set is archived once by each tool; then, alternating,
 # `tavikctl restore ARCHIVE 127.0.0.1:DEST` (the archive is checked whole,
 # then replayed to the agent) and `tar -cf` of the tar archive sent over
@@ -63,7 +62,8 @@ free_port() {
   local p
   while :; do
     p=$((20000 + RANDOM % 20000))
-    ss -ltnuH "sport = :$p" | grep -q . || { echo "$p"; return; }
+    # Any state counts (a port in TIME_WAIT cannot be bound by nc either).
+    ss -tanuH "sport = :$p" | grep -q . || { echo "$p"; return; }
   done
 }
 

@@ -228,9 +228,11 @@ int RegisterIPC(char type, int id) {
     for (;;) {
         long offset = std::ftell(f);
         if (!std::fgets(buf, sizeof buf, f)) break;
+        // The line's length as read (a NUL inside it does not shorten it).
+        size_t oldLength = size_t(std::ftell(f) - offset);
         if (buf[0] == 'm' || buf[0] == 's' || buf[0] == 'q') continue;
-        size_t oldLength = std::strlen(buf);
-        if (buf[oldLength - 1] == '\n' && line.size() <= oldLength) {
+        bool whole = oldLength > 0 && oldLength < sizeof buf && buf[oldLength - 1] == '\n';
+        if (whole && line.size() <= oldLength) {
             overwriteLine(f, offset, line, oldLength);
             placed = true;
             break;
@@ -254,9 +256,14 @@ int ClearIPC(char type, int id) {
     for (;;) {
         long offset = std::ftell(f);
         if (!std::fgets(buf, sizeof buf, f)) break;
+        size_t oldLength = size_t(std::ftell(f) - offset);
         if (buf[0] != type) continue;
         if (std::strtol(buf + 1, nullptr, 10) != id) continue;
-        overwriteLine(f, offset, registryLine('#', type, id), std::strlen(buf));
+        std::string cleared = registryLine('#', type, id);
+        // A line of another shape that is shorter than its cleared form is
+        // left alone rather than run into the next one.
+        if (cleared.size() > oldLength) continue;
+        overwriteLine(f, offset, cleared, oldLength);
         found = true;
         break;
     }

@@ -10,8 +10,10 @@
 
 #include "backup/backup_state.h"
 #include "backup/driver.h"
+#include "backup/estimate.h"
 #include "backup/queue.h"
 #include "backup/stream.h"
+#include "daemon/backup_hooks.h"
 #include "daemon/cleanup.h"
 #include "daemon/control_files.h"
 #include "daemon/job_phases.h"
@@ -19,23 +21,31 @@
 #include "filter/filter.h"
 #include "log/ulog.h"
 #include "platform/signals.h"
+#include "request/commands.h"
 #include "transport/endpoints.h"
 #include "transport/packet.h"
 #include "transport/sender.h"
 
 namespace tavik {
 
+void installBackupHooks() {
+    backup::BackupHooks& hooks = backup::backupState().hooks;
+    hooks.isProtectedDir = [](const std::string& path) {
+        const DirList& list = job().protectedDirs;
+        return !list.names.empty() && isProtected(path, list) != 0;
+    };
+    hooks.controlFile = paths().cntlPath;
+    hooks.onChildSignal = cleanupOnChildSignal;
+    hooks.setChild = setCleanupChild;
+    backup::installEstimate();
+    setDbFileHook(backup::dumpRawList);
+}
+
 int backupPhase(Channel& channel, JobContext& ctx) {
     const Settings& s = settings();
     int fd = channel.fd();
     backup::BackupState& b = backup::backupState();
     filter::InitializeFilter(b.filter, ctx.filterItems, ctx.jobRoot, true);
-    b.hooks.isProtectedDir = [&ctx](const std::string& path) {
-        return !ctx.protectedDirs.names.empty() && isProtected(path, ctx.protectedDirs) != 0;
-    };
-    b.hooks.controlFile = paths().cntlPath;
-    b.hooks.onChildSignal = cleanupOnChildSignal;
-    b.hooks.setChild = setCleanupChild;
 
     if (!s.blockingIo) {
         int flags = ::fcntl(fd, F_GETFL);

@@ -1,7 +1,29 @@
+// The compare job's data phase: after the command exchange (the job process
+// has switched to the login and changed to the root) the replayed backup
+// stream is compared with the disk, with the receive buffer sized for the
+// bulk data.
+#include <sys/socket.h>
+
+#include "compare/ws_compare.h"
 #include "daemon/job_phases.h"
+#include "daemon/state.h"
+#include "log/ulog.h"
+#include "transport/endpoints.h"
+#include "transport/packet.h"
 
 namespace tavik {
 
-int comparePhase(Channel&, JobContext&) { return kJobOver; }
+int comparePhase(Channel& channel, JobContext& ctx) {
+    int socket = channel.fd();
+    transport::setBufSize(socket, SO_RCVBUF, settings().socketBufferSize);
+    ulog("SO_RCVBUF = %d", transport::getBufSize(socket, SO_RCVBUF));
+    int r = compare::ws_compare(socket, ctx.jobRoot, ctx);
+    if (r != transport::kFailed) {
+        ulog(MSG_RECEIVED_DISCONNECT_FROM, "", listener().caller());
+    } else {
+        ulog(MSG_CANNOT_RECEIVE_DISCONNECT_FROM, "", listener().caller());
+    }
+    return kJobOver;
+}
 
 }  // namespace tavik

@@ -10,10 +10,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "backup/estimate.h"
 #include "backup/queue_size.h"
-#include "backup/stream.h"
-#include "request/commands.h"
+#include "daemon/backup_hooks.h"
 #include "daemon/cleanup.h"
 #include "daemon/options.h"
 #include "daemon/state.h"
@@ -138,8 +136,7 @@ void startDaemon(int argc, char* argv[]) {
     logSettings(s);
 
     if (backup::DecideShmBuf() != 0) exit(1);
-    backup::installEstimate();
-    setDbFileHook(backup::dumpRawList);
+    installBackupHooks();
 
     l.listenSocket = l.jobSocket = -1;
     l.udpSocket = transport::udpOpen(s.tcpPort);

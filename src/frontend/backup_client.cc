@@ -108,6 +108,7 @@ bool startBackupJob(JobClient& client, const BackupJobSpec& spec, std::string& e
             return false;
         }
     }
+    if (!sendGrooming(client, spec.groom, error)) return false;
     if (spec.restart) {
         int answer = client.continueAt(spec.restart->first, spec.restart->second);
         if (answer != code::kReady) {
@@ -189,6 +190,12 @@ bool StreamReceiver::handle(const transport::PacketHeader& header, std::span<con
         case TreeWalker::Result::kSkip: break;
         case TreeWalker::Result::kEvent:
             if (event.type == TreeEvent::Type::kEntry) ++stats_.entries;
+            if (event.type == TreeEvent::Type::kGroomCount) {
+                stats_.groomed = true;
+                stats_.groomCount = event.text;
+            }
+            if (event.type == TreeEvent::Type::kData && stats_.groomed)
+                stats_.groomReport.append(event.data.begin(), event.data.end());
             if (event.type == TreeEvent::Type::kProblem) {
                 if (c != code::kReadErr && c != code::kNoDir && !(c == code::kNoFile && event.path.empty()))
                     ++stats_.entries;

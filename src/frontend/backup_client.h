@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "frontend/archive.h"
+#include "frontend/groom_request.h"
 #include "frontend/job_client.h"
 #include "frontend/login_options.h"
 #include "platform/fd.h"
@@ -57,6 +58,7 @@ struct BackupJobSpec {
     uint16_t ackInterval = 0;
     int timeoutMs = 3600 * 1000;  // longest silence of the agent
     int holdAfterEndMs = 0;
+    GroomRequest groom;  // grooming of the backed-up files
 };
 
 std::vector<uint8_t> encodeJobOptions(const BackupJobSpec& spec);
@@ -93,6 +95,9 @@ struct ReceiveStats {
     std::vector<EntryProblem> problems;  // the first kMaxProblems
     uint64_t problemCount = 0;
     std::string structureError;  // the first breach of the stream's structure
+    bool groomed = false;        // a grooming report came
+    std::string groomCount;      // the agent's count of groomed files
+    std::string groomReport;     // its grooming work file
 };
 
 class StreamReceiver {

@@ -23,7 +23,7 @@ const char kBackupUsage[] =
     "             --date-field ctime|mtime|atime (default mtime) --exclude-dates --top NAME\n"
     "  job:       --ack N --watchdog --renew --buffer-from-agent --no-atime-reset --one-file-system\n"
     "             --nfs --follow-links --restart PATH[:OFFSET] --lock-retries N --lock-interval S\n"
-    "             --timeout SECONDS --hold-after-end MS\n"
+    "             --timeout SECONDS --hold-after-end MS --groom delete | --groom set NAME --months N\n"
     "  login:     --user NAME --port N --server-version 49..52 (password from TAVIK_PASSWORD or asked)\n";
 const char kEstimateUsage[] =
     "usage: tavikctl estimate HOST:/path [selection options of backup] [--no-atime-reset]\n"
@@ -173,6 +173,8 @@ bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, Backu
                 return false;
             }
             spec.holdAfterEndMs = int(n);
+        } else if (forBackup && takeGroomOption(args, i, spec.groom, error)) {
+            if (!error.empty()) return false;
         } else if (forBackup && a == "--watchdog") {
             flag(option_flag::kWatchDog);
         } else if (forBackup && a == "--renew") {
@@ -194,6 +196,7 @@ bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, Backu
             return false;
         }
     }
+    if (!groomOptionsComplete(spec.groom, error)) return false;
     if (target.empty() || !splitTarget(target, spec.host, spec.source)) {
         error = "give the source as HOST:/path";
         return false;

@@ -91,6 +91,12 @@ int commandBackup(int argc, char* argv[]) {
     if (s.renewals) fprintf(stderr, ", %u connection renewals", s.renewals);
     if (s.acks) fprintf(stderr, ", %u acknowledgements", s.acks);
     fprintf(stderr, "\n");
+    if (s.groomed) {
+        // Standard error, like every report of backup: the archive may be standard output.
+        fprintf(stderr, "grooming: %s files\n", s.groomCount.c_str());
+        fputs(s.groomReport.c_str(), stderr);
+        if (!s.groomReport.empty() && s.groomReport.back() != '\n') fputc('\n', stderr);
+    }
     int status = 0;
     if (!received) {
         fprintf(stderr, "tavikctl backup: backup failed: %s\n", receiver.error().c_str());

@@ -13,6 +13,7 @@ int commandReadlink(int argc, char* argv[]);
 int commandBackup(int argc, char* argv[]);
 int commandList(int argc, char* argv[]);
 int commandEstimate(int argc, char* argv[]);
+int commandCompare(int argc, char* argv[]);
 int commandRestore(int argc, char* argv[]);
 
 // An archive's source joined with a path relative to it ("" is the source).

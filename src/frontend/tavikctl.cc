@@ -20,6 +20,7 @@ const Command kCommands[] = {
     {"backup", tavik::frontend::commandBackup, "backup HOST:/path -o ARCHIVE  back up a tree into an archive (-o /dev/null discards it)"},
     {"list", tavik::frontend::commandList, "list [--verify] ARCHIVE  show an archive's entries like tar -tv; --verify checks it"},
     {"estimate", tavik::frontend::commandEstimate, "estimate HOST:/path      count the files and kilobytes a backup would send"},
+    {"compare", tavik::frontend::commandCompare, "compare ARCHIVE HOST:/path  compare a tree with an archive; prints every difference"},
     {"restore", tavik::frontend::commandRestore, "restore ARCHIVE HOST:/dest [PATH...]  restore an archive (or parts) into a directory"},
 };
 

@@ -100,6 +100,15 @@ int ulog(const char* format, ...) {
 
 int ulogText(const char* text) { return ulog("%s", text); }
 
+void traceStdout(bool verbose, const char* format, ...) {
+    if (!verbose) return;
+    va_list args;
+    va_start(args, format);
+    vprintf(format, args);
+    va_end(args);
+    fflush(stdout);
+}
+
 const char* formatLogDate(time_t when) {
     static char buffer[48];
     struct tm tm {};

@@ -30,6 +30,11 @@ int vulog(const char* format, va_list args) __attribute__((format(printf, 1, 0))
 // Writes a finished text unchanged (a "%" in it stays a "%").
 int ulogText(const char* text);
 
+// The verbose traces that go to standard output instead of the log (a line
+// per entry of a restore or compare): printed and flushed only when
+// `verbose` is on.
+void traceStdout(bool verbose, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
 // "MM/DD/YY hh:mm:ss" of local time, the year counted from 1900 (three
 // digits from 2000 on). Returns a static buffer that the next call reuses.
 const char* formatLogDate(time_t when);

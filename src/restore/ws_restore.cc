@@ -16,6 +16,8 @@
 #include "platform/fd.h"
 #include "platform/signals.h"
 #include "platform/wire_stat.h"
+#include "backup/queue.h"
+#include "backup/traverse.h"
 #include "restore/file_ops.h"
 #include "transport/packet.h"
 
@@ -40,16 +42,6 @@ constexpr mode_t kSetIdBits = S_ISUID | S_ISGID;
 constexpr mode_t kReceivingMode = 0600;
 // How much of a refused name the log shows.
 constexpr int kShownNameBytes = 100;
-
-void trace(bool verbose, const char* format, ...) __attribute__((format(printf, 2, 3)));
-void trace(bool verbose, const char* format, ...) {
-    if (!verbose) return;
-    va_list args;
-    va_start(args, format);
-    std::vprintf(format, args);
-    va_end(args);
-    std::fflush(stdout);
-}
 
 class RestoreSession {
 public:
@@ -158,7 +150,7 @@ void RestoreSession::mkdirCommand() {
     PathBuffer dir;
     if (!dir.assign(a.name.empty() ? std::string_view("/") : std::string_view(a.name))) return;
     (void)unlinkPath_.assign(dir.c_str());  // fits: same buffer size
-    trace(verbose_, "MKDIR: path = %s\n", dir.c_str());
+    traceStdout(verbose_, "MKDIR: path = %s\n", dir.c_str());
     struct stat st {};
     if (::stat(dir.c_str(), &st) == 0 || errno != ENOENT) return;  // something of that name is there
     if (make_path(dir, owner_) != 0) {
@@ -242,7 +234,7 @@ void RestoreSession::openFile() {
 // The conflict loop: false when the file is not to be restored (status set).
 bool RestoreSession::resolveConflict() {
     for (;;) {
-        trace(verbose_, "OPENFILE: %s\n", path_.c_str());
+        traceStdout(verbose_, "OPENFILE: %s\n", path_.c_str());
         struct stat st {};
         if (::lstat(path_.c_str(), &st) != 0) return true;  // nothing of that name
         if (S_ISDIR(st.st_mode)) {
@@ -252,16 +244,16 @@ bool RestoreSession::resolveConflict() {
         }
         switch (ctx_.conflictPolicy) {
             case kPolicySkip:
-                trace(verbose_, "Skip (unconditionally)!\n");
+                traceStdout(verbose_, "Skip (unconditionally)!\n");
                 status_ = status::kSkipped;
                 return false;
             case kPolicyNewer:
                 if (static_cast<int64_t>(st.st_mtime) < static_cast<int64_t>(attr_.mtime)) return replaceExisting(st);
-                trace(verbose_, "Skip (disk file is newer)!\n");
+                traceStdout(verbose_, "Skip (disk file is newer)!\n");
                 status_ = status::kSkipped;
                 return false;
             case kPolicyRename: {
-                trace(verbose_, "Rename %s ", path_.c_str());
+                traceStdout(verbose_, "Rename %s ", path_.c_str());
                 std::string before = path_.c_str();
                 if (!renameRule(path_)) {
                     errno = ENAMETOOLONG;
@@ -269,7 +261,7 @@ bool RestoreSession::resolveConflict() {
                     status_ = status::kCannotCreate;
                     return false;
                 }
-                trace(verbose_, "to %s!\n", path_.c_str());
+                traceStdout(verbose_, "to %s!\n", path_.c_str());
                 continue;
             }
             default:  // overwrite (3, and any unknown policy)
@@ -280,7 +272,7 @@ bool RestoreSession::resolveConflict() {
 
 bool RestoreSession::replaceExisting(const struct stat& st) {
     if (S_ISREG(st.st_mode)) {
-        if (ctx_.serverVersion >= transport::kNewServerVersion) onNfs_ = skip_nfs(path_.c_str());
+        if (ctx_.serverVersion >= transport::kNewServerVersion) onNfs_ = backup::skip_nfs(path_.c_str());
         bool mandatory = (st.st_mode & S_ISGID) != 0 && (st.st_mode & S_IXGRP) == 0;
         if (settings().checkLocks || (onNfs_ == 0 && mandatory)) {
             platform::UniqueFd f(::open(path_.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK));
@@ -289,7 +281,7 @@ bool RestoreSession::replaceExisting(const struct stat& st) {
                 status_ = status::kCannotOpen;
                 return false;
             }
-            int r = lockFile(f.get(), kWriteLock, ctx_.retryCount(), ctx_.retryInterval());
+            int r = backup::lockFile(f.get(), backup::kWriteLock, ctx_.retryCount(), ctx_.retryInterval());
             int lockErrno = errno;
             f.close();  // also gives up the lock this test may have taken
             if (r == -2) {
@@ -333,7 +325,7 @@ void RestoreSession::createSpecial() {
         }
     }
     if (attr_.type() == kTypeCharDevice && fileSize_ != 0) {
-        trace(verbose_, "%sRaw device file %s, fileSize=%d\n", kOpenPrefix, path_.c_str(), fileSize_);
+        traceStdout(verbose_, "%sRaw device file %s, fileSize=%d\n", kOpenPrefix, path_.c_str(), fileSize_);
         out_.reset(::open(path_.c_str(), O_WRONLY | O_NOFOLLOW));
         if (!out_) {
             ulog(MSG_FAIED_OPEN, kOpenPrefix, path_.c_str(), errText());

@@ -18,6 +18,7 @@
 #include "backup/queue.h"
 #include "daemon/scratch_home.h"
 #include "daemon/state.h"
+#include "platform/fs_type.h"
 #include "request/job_context.h"
 #include "transport/packet.h"
 #include "wire/bytes.h"
@@ -177,6 +178,11 @@ TEST_F(StreamTest, RestartFromTheStartOfTheNamedFile) {
     EXPECT_EQ(backup_file(path, "again", st, 0), 0);
     EXPECT_EQ(codes(drain()), (std::vector<int>{702048, 800952}));
     EXPECT_EQ(job().restartOffset, 0);
+}
+
+TEST(FileSystemType, NfsTestByMagicNumber) {
+    EXPECT_EQ(platform::isNfsPath("/tmp"), 0);
+    EXPECT_EQ(platform::isNfsPath("/no/such/path"), -1);
 }
 
 TEST(EstimateCount, OverflowUnitsStandFor4194303Kilobytes) {

@@ -74,6 +74,21 @@ TEST_F(BackupFaultTest, FrontEndDropsTheConnectionMidBackup) {
     servesNextJob();
 }
 
+TEST_F(BackupFaultTest, ResetAfterTheLastPacketIsLoggedAsADisconnect) {
+    tree_.file("a", "a");
+    ASSERT_TRUE(start());
+    BackupSetup s;
+    s.root = tree_.root();
+    auto reader = beginBackup(daemon_, s);
+    ASSERT_TRUE(reader);
+    EXPECT_TRUE(reader->readUntilEnd());
+    linger hard{1, 0};
+    setsockopt(reader->fd(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+    reader->closeAll();
+    EXPECT_TRUE(daemon_.waitForLog("(connrelease) Received disconnect from localhost"));
+    EXPECT_TRUE(ipcReleased(daemon_));
+}
+
 TEST_F(BackupFaultTest, KilledSenderEndsTheBackupProcess) {
     tree_.file("huge", pattern(16 << 20));
     ASSERT_TRUE(start());

@@ -218,7 +218,8 @@ TEST_F(BackupFlowTest, SeveralBackupsAtOnceReassembleExactly) {
         trees[t]->dir("sub");
         trees[t]->file("sub/g", pattern(70000, unsigned(t)));
     }
-    ASSERT_TRUE(start({"-v", "-S", "-m", "10"}));
+    // A ring of ten slots that fills often, with the bounded full-ring wait.
+    ASSERT_TRUE(start({"-v", "-S", "-m", "10", "-c", "5"}));
     std::vector<std::map<std::string, std::string>> got(3);
     std::vector<std::thread> jobs;
     for (int t = 0; t < 3; ++t) {

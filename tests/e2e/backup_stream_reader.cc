@@ -121,7 +121,7 @@ std::vector<std::string> BackupStreamReader::summary() const {
         std::string s = std::to_string(int(uint8_t(p.code)));
         if (p.code == 6) s += ":" + p.name();
         if (p.code == 7 || p.code == 8) s += ":" + std::to_string(p.payload.size());
-        if (uint8_t(p.code) >= 101 && !p.payload.empty()) s += ":" + p.text();
+        if ((p.code == 14 || uint8_t(p.code) >= 101) && !p.payload.empty()) s += ":" + p.text();
         out.push_back(s);
     }
     return out;

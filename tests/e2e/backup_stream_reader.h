@@ -48,7 +48,7 @@ public:
 
     const std::vector<StreamPacket>& packets() const { return packets_; }
     // One word per packet: "6:name", "7:2048", "8:12", "9", "101", ...
-    std::vector<std::string> summary() const;
+    std::vector<std::string> summary() const;  // text packets (14, 101..) with their text
     // Every file's data by its path under the source, rebuilt from the
     // file headers, directory nesting and data packets.
     std::map<std::string, std::string> files() const;

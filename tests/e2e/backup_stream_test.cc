@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <fcntl.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -11,6 +12,9 @@
 
 #include "e2e/backup_support.h"
 #include "filter/items.h"
+
+#include <algorithm>
+#include <fstream>
 
 namespace {
 
@@ -193,6 +197,61 @@ TEST_F(BackupStreamTest, TopListAndFiltersSelect) {
     auto files = reader->files();
     EXPECT_EQ(files.count("x.o") + files.count("dir/y.o"), 0u);
     EXPECT_EQ(files.size(), 3u);  // keep, drop, dir/keep
+}
+
+TEST_F(BackupStreamTest, ProtectedDirectoriesAreLeftOutAndAccessTimesRestored) {
+    tree_.dir("prot");
+    tree_.file("prot/inside", "p");
+    tree_.file("read", "r");
+    struct timespec old[2] = {{1000000, 0}, {0, UTIME_OMIT}};  // accessed long before its change
+    utimensat(AT_FDCWD, tree_.path("read").c_str(), old, 0);
+    ASSERT_TRUE(start());
+    std::ofstream(daemon_.home() + "tvk.cntl") << tree_.path("prot") << "\n";
+    EXPECT_EQ(backup({}), (std::vector<std::string>{"6:", "6:read", "8:1", "9", "3"}));
+    EXPECT_NE(daemon_.log().find("(ws_backup) Protected Directory [" + tree_.path("prot") + "] in " + daemon_.home() +
+                                 "tvk.cntl"),
+              std::string::npos);
+    struct stat st;
+    stat(tree_.path("read").c_str(), &st);
+    EXPECT_EQ(st.st_atime, 1000000);
+}
+
+TEST_F(BackupStreamTest, ListedRawDeviceIsSentAsData) {
+    mknod(tree_.path("raw").c_str(), S_IFCHR | 0600, makedev(1, 5));  // reads as zeros
+    ASSERT_TRUE(start());
+    std::string path = tree_.path("raw");
+    std::string entry = std::string("\0\x10\0\0", 4) + path + '\0';  // size 4096, path, NUL
+    entry.resize((entry.size() + 3) / 4 * 4, '\0');
+    std::vector<uint8_t> list(entry.begin(), entry.end());
+    BackupSetup s;
+    s.commands = [&](tavik::frontend::JobClient& c) { EXPECT_EQ(c.dbFile(list), 4); };
+    std::unique_ptr<BackupStreamReader> reader;
+    EXPECT_EQ(backup(s, &reader), (std::vector<std::string>{"6:", "6:raw", "7:2048", "8:2048", "9", "3"}));
+    EXPECT_EQ(reader->packets()[1].size(), 4096u);
+    EXPECT_EQ(reader->files()["raw"], std::string(4096, '\0'));
+}
+
+TEST_F(BackupStreamTest, DeletingGroomingReportsAndRemovesTheBackedUpFiles) {
+    tree_.dir("old");
+    tree_.file("old/one", "1");
+    tree_.file("old/two", "22");
+    ASSERT_TRUE(start());
+    std::vector<uint8_t> record(24, 0);
+    tavik::wire::storeLe32(record.data() + 12, 0x04);  // delete the recorded files
+    std::vector<uint8_t> tape(63, 0);
+    BackupSetup s;
+    s.commands = [&](tavik::frontend::JobClient& c) { EXPECT_EQ(c.grooming(record, tape), 4); };
+    std::unique_ptr<BackupStreamReader> reader;
+    std::vector<std::string> got = backup(s, &reader);
+    // After the source's ENDDIR: the count, then the work file as data.
+    auto at = std::find(got.begin(), got.end(), "14:2");
+    ASSERT_NE(at, got.end()) << ::testing::PrintToString(got);
+    EXPECT_EQ(*(at - 1), "9");
+    EXPECT_EQ((at + 1)->rfind("8:", 0), 0u);
+    EXPECT_EQ(got.back(), "3");
+    EXPECT_NE(access(tree_.path("old/one").c_str(), F_OK), 0);
+    EXPECT_NE(access(tree_.path("old/two").c_str(), F_OK), 0);
+    EXPECT_TRUE(daemon_.waitForLog("Total 2 files were deleted"));
 }
 
 TEST_F(BackupStreamTest, EstimateCountsWhatABackupWouldSend) {

@@ -14,13 +14,14 @@
 
 #include "e2e/daemon_fixture.h"
 #include "e2e/round_trip_tree.h"
+#include "e2e/tavikctl_run.h"
 
 namespace {
 
 using tavik::test::compareTrees;
-using tavik::test::CtlOutput;
+using CtlOutput = tavik::test::Output;
 using tavik::test::Daemon;
-using tavik::test::runTavikctl;
+
 
 class RoundTrip : public ::testing::Test {
 protected:
@@ -50,9 +51,9 @@ protected:
     std::string port() const { return " --port " + std::to_string(daemon_.port()); }
     // Backs `source` up and restores it into dest_; both must succeed.
     void roundTrip(const std::string& source) {
-        CtlOutput b = runTavikctl("backup 127.0.0.1:" + source + " -o " + archive_ + port());
+        CtlOutput b = tavik::test::tavikctl("backup 127.0.0.1:" + source + " -o " + archive_ + port());
         ASSERT_EQ(b.status, 0) << b.err;
-        CtlOutput r = runTavikctl("restore " + archive_ + " 127.0.0.1:" + dest_ + port());
+        CtlOutput r = tavik::test::tavikctl("restore " + archive_ + " 127.0.0.1:" + dest_ + port());
         ASSERT_EQ(r.status, 0) << r.err;
         EXPECT_NE(r.err.find(" 0 failed"), std::string::npos) << r.err;
     }

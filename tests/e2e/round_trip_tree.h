@@ -1,5 +1,4 @@
-// Helpers of the restore round-trip tests: running tavikctl, and comparing a
-// restored tree with its source entry by entry (type, content, mode, owner,
+// Helper of the restore round-trip tests: comparing a restored tree with its source entry by entry (type, content, mode, owner,
 // group, modification time, link target, device number, and which names
 // share an inode). Directory times are not carried by a restore, nor are a
 // symbolic link's times: those are not compared.
@@ -8,7 +7,6 @@
 #include <fcntl.h>
 #include <ftw.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -22,32 +20,6 @@
 #include "e2e/daemon_fixture.h"
 
 namespace tavik::test {
-
-struct CtlOutput {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-// tavikctl with `args` (shell words), TAVIK_PASSWORD set.
-inline CtlOutput runTavikctl(const std::string& args) {
-    CtlOutput o;
-    char errPath[] = "/tmp/tavik-e2e-err-XXXXXX";
-    int fd = mkstemp(errPath);
-    if (fd < 0) return o;
-    close(fd);
-    std::string command = std::string("TAVIK_PASSWORD=unused ") + TAVIKCTL_PATH + " " + args + " 2>" + errPath;
-    FILE* p = popen(command.c_str(), "r");
-    if (!p) return o;
-    char buf[65536];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) o.out.append(buf, n);
-    int status = pclose(p);
-    o.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    o.err = readFile(errPath);
-    unlink(errPath);
-    return o;
-}
 
 // Every name below `root` (not root itself), relative, with its lstat.
 inline std::map<std::string, struct stat> treeEntries(const std::string& root) {

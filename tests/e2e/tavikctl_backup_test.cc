@@ -19,35 +19,13 @@
 #include <vector>
 
 #include "e2e/daemon_fixture.h"
+#include "e2e/tavikctl_run.h"
 
 namespace {
 
 using tavik::test::Daemon;
-
-struct Output {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-Output tavikctl(const std::string& args) {
-    Output o;
-    char errPath[] = "/tmp/tavik-e2e-err-XXXXXX";
-    int fd = mkstemp(errPath);
-    if (fd < 0) return o;
-    close(fd);
-    std::string command = std::string("TAVIK_PASSWORD=unused ") + TAVIKCTL_PATH + " " + args + " 2>" + errPath;
-    FILE* p = popen(command.c_str(), "r");
-    if (!p) return o;
-    char buf[65536];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) o.out.append(buf, n);
-    int status = pclose(p);
-    o.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    o.err = tavik::test::readFile(errPath);
-    unlink(errPath);
-    return o;
-}
+using tavik::test::Output;
+using tavik::test::tavikctl;
 
 std::vector<std::string> lines(const std::string& text) {
     std::vector<std::string> out;

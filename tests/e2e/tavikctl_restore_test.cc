@@ -14,13 +14,14 @@
 
 #include "e2e/daemon_fixture.h"
 #include "e2e/round_trip_tree.h"
+#include "e2e/tavikctl_run.h"
 
 namespace {
 
-using tavik::test::CtlOutput;
+using CtlOutput = tavik::test::Output;
 using tavik::test::Daemon;
 using tavik::test::readFile;
-using tavik::test::runTavikctl;
+
 
 constexpr time_t kArchived = 1400000000;
 
@@ -43,7 +44,7 @@ protected:
         ASSERT_EQ(mkdir((tree_ + "/other").c_str(), 0755), 0);
         put(tree_ + "/other/z", "z", kArchived);
         ASSERT_TRUE(daemon_.start({"-v", "-S"}));
-        CtlOutput b = runTavikctl("backup 127.0.0.1:" + tree_ + " -o " + archive_ + port());
+        CtlOutput b = tavik::test::tavikctl("backup 127.0.0.1:" + tree_ + " -o " + archive_ + port());
         ASSERT_EQ(b.status, 0) << b.err;
     }
     void TearDown() override {
@@ -61,7 +62,7 @@ protected:
     }
     std::string port() const { return " --port " + std::to_string(daemon_.port()); }
     CtlOutput restore(const std::string& extra = "", const std::string& archive = "") {
-        return runTavikctl("restore " + (archive.empty() ? archive_ : archive) + " 127.0.0.1:" + dest_ + extra + port());
+        return tavik::test::tavikctl("restore " + (archive.empty() ? archive_ : archive) + " 127.0.0.1:" + dest_ + extra + port());
     }
     // The destination with f older than the archive's and g newer.
     void existingFiles() {
@@ -177,13 +178,13 @@ TEST_F(TavikctlRestore, FileTheAgentCannotMakeIsNamedAndFailsTheCommand) {
 
 TEST_F(TavikctlRestore, RefusedJobAndUsageErrors) {
     // A destination that is not absolute is refused by the agent.
-    CtlOutput rel = runTavikctl("restore " + archive_ + " 127.0.0.1:relative" + port());
+    CtlOutput rel = tavik::test::tavikctl("restore " + archive_ + " 127.0.0.1:relative" + port());
     EXPECT_EQ(rel.status, 2) << rel.err;
-    CtlOutput noTarget = runTavikctl("restore " + archive_);
+    CtlOutput noTarget = tavik::test::tavikctl("restore " + archive_);
     EXPECT_EQ(noTarget.status, 2);
     EXPECT_NE(noTarget.err.find("usage: tavikctl restore ARCHIVE HOST:/dest"), std::string::npos) << noTarget.err;
     // A destination below a regular file cannot be made: 105.
-    CtlOutput refused = runTavikctl("restore " + archive_ + " 127.0.0.1:" + tree_ + "/f/below" + port());
+    CtlOutput refused = tavik::test::tavikctl("restore " + archive_ + " 127.0.0.1:" + tree_ + "/f/below" + port());
     EXPECT_EQ(refused.status, 1);
     EXPECT_NE(refused.err.find("job refused: the destination could not be made or entered (105)"), std::string::npos)
         << refused.err;

@@ -1,0 +1,86 @@
+// tavikctl compare ARCHIVE HOST:/path [options] [PATH...]: compares a tree
+// on an agent with an archive and prints every difference.
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "frontend/commands.h"
+#include "frontend/compare_client.h"
+#include "frontend/net.h"
+
+namespace tavik::frontend {
+namespace {
+
+const char kCompareUsage[] =
+    "usage: tavikctl compare ARCHIVE HOST:/path [--detailed] [--directories]\n"
+    "       [--groom delete | --groom set NAME --months N] [--timeout SECONDS] [login options] [PATH...]\n"
+    "  PATH: compare only these archive paths (relative to the archive's source) and what is below them\n";
+
+bool parse(std::vector<std::string> args, CompareSpec& spec, std::string& error) {
+    if (!parseLoginOptions(args, spec.login, error)) return false;
+    std::vector<std::string> positional;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        auto value = [&](std::string& out) {
+            if (i + 1 >= args.size()) return false;
+            out = args[++i];
+            return true;
+        };
+        std::string v;
+        if (a == "--detailed") {
+            spec.detailed = true;
+        } else if (a == "--directories") {
+            spec.directories = true;
+        } else if (takeGroomOption(args, i, spec.groom, error)) {
+            if (!error.empty()) return false;
+        } else if (a == "--timeout") {
+            if (!value(v) || std::atoi(v.c_str()) <= 0) return (error = "--timeout takes seconds", false);
+            spec.timeoutMs = std::atoi(v.c_str()) * 1000;
+        } else if (!a.empty() && a[0] == '-') {
+            return (error = "unknown option " + a, false);
+        } else {
+            positional.push_back(a);
+        }
+    }
+    if (positional.size() < 2) return (error = "an archive and HOST:/path are needed", false);
+    spec.archive = positional[0];
+    if (!splitTarget(positional[1], spec.host, spec.root)) return (error = "the target must be HOST:/path", false);
+    for (size_t i = 2; i < positional.size(); ++i) {
+        std::string p = positional[i];
+        while (!p.empty() && p.front() == '/') p.erase(0, 1);
+        while (!p.empty() && p.back() == '/') p.pop_back();
+        spec.only.push_back(p);
+    }
+    return groomOptionsComplete(spec.groom, error);
+}
+
+}  // namespace
+
+int commandCompare(int argc, char* argv[]) {
+    CompareSpec spec;
+    std::string error;
+    if (!parse(std::vector<std::string>(argv, argv + argc), spec, error)) {
+        fprintf(stderr, "tavikctl compare: %s\n%s", error.c_str(), kCompareUsage);
+        return 2;
+    }
+    if (!readPassword(spec.login, error)) {
+        fprintf(stderr, "tavikctl compare: %s\n", error.c_str());
+        return 2;
+    }
+    CompareResult result;
+    if (!compareArchive(spec, result, error)) {
+        fprintf(stderr, "tavikctl compare: %s\n", error.c_str());
+        return 2;
+    }
+    for (const CompareVerdict& v : result.differences) printf("%s: %s\n", v.path.c_str(), verdictWords(v.code));
+    printf("%zu identical, %zu different, %zu unreadable\n", result.identical, result.different, result.unreadable);
+    if (result.groomed) {
+        printf("grooming: %s files\n", result.groomCount.c_str());
+        fputs(result.groomReport.c_str(), stdout);
+        if (!result.groomReport.empty() && result.groomReport.back() != '\n') putchar('\n');
+    }
+    return result.different + result.unreadable == 0 ? 0 : 1;
+}
+
+}  // namespace tavik::frontend
