@@ -331,11 +331,13 @@ bool RestoreSender::dropFile(const std::string& words) {
 void RestoreSender::notSent(const std::string& path, const std::string& words) { fail(path, 0, words); }
 
 bool RestoreSender::finish() {
+    // A file left open (the archive broke off inside it) is ended and
+    // removed first: END is refused inside a file. A failure here leaves
+    // the sender closed, which the wait below sees.
+    if (inFile_ && !dropFile("the archive breaks off inside it")) closed_ = true;
     if (!closed_) {
         endSent_ = true;
-        if (!encoder_.end() || !flush()) {
-            // fall through: collect what the agent answered
-        }
+        if (!encoder_.end() || !flush()) closed_ = true;  // what the agent answered is collected below
     }
     int64_t deadline = nowMs() + timeoutMs_;
     while (!stats_.ended && !closed_) {

@@ -268,3 +268,28 @@ TEST(RestoreReplay, NoSpaceEndsTheJobAndEveryFileAfterItIsReported) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(RestoreReplay, ArchiveBreakingOffInsideAFileEndsItRemovesItAndStillEndsTheJob) {
+    StreamBuilder b;
+    b.source().file("whole", "w").header("cut", 0, 0100644, 9000).packet(7, std::vector<uint8_t>(2048, 'c'));
+    std::vector<uint8_t> archive = archiveBytes(b.bytes(), uint32_t(b.packets().size()), false);
+
+    FakeAgent agent({0, 0});
+    RestoreSender sender(agent.connection(), "/r", 5000);
+    RestoreSelection all;
+    std::string error;
+    EXPECT_FALSE(replay(archive, all, sender, error));
+    EXPECT_FALSE(error.empty());
+    ASSERT_TRUE(sender.finish()) << sender.error();
+    EXPECT_EQ(codesOf(agent.seen()), (std::vector<int8_t>{cmd::kOpenFile, cmd::kEndf, cmd::kOpenFile, cmd::kEndf,
+                                                          cmd::kUnlink, cmd::kEnd}));
+    const RestoreStats& s = sender.stats();
+    EXPECT_EQ(s.restored, 1u);
+    ASSERT_EQ(s.failures.size(), 1u);
+    EXPECT_EQ(s.failures[0].path, "cut");
+    EXPECT_NE(s.failures[0].words.find("breaks off"), std::string::npos) << s.failures[0].words;
+}
+
+}  // namespace
