@@ -22,3 +22,9 @@ cat run/tavikd.out
 echo "tavikd started on port $port (pid $(cat run/LOG/tavikd.pid)); log: run/LOG/tvk.log"
 echo "try:  run/tavikctl query 127.0.0.1:$port"
 echo "stop: kill \$(cat run/LOG/tavikd.pid)"
+
+# A short demonstration against an agent of its own (scratch home, free
+# port): backup, list, restore, compare.
+echo
+echo "== demonstration"
+bash tools/demo.sh
