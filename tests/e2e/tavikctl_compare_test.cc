@@ -125,3 +125,17 @@ TEST(TavikctlBackupGrooming, DeletingGroomingRemovesTheBackedUpFilesAndReportsTh
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(TavikctlCompare, RestoredTreeComparesIdentical) {
+    std::string restored = daemon_.home() + "restored";
+    auto r = tavikctl("restore " + archive_ + " 127.0.0.1:" + restored + " --port " + std::to_string(daemon_.port()));
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
+    r = tavikctl("compare " + archive_ + " 127.0.0.1:" + restored + " --detailed --port " +
+                 std::to_string(daemon_.port()));
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_EQ(r.out, "4 identical, 0 different, 0 unreadable\n");
+}
+
+}  // namespace
