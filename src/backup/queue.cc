@@ -130,18 +130,19 @@ int retryStep(int count, int limit, uint16_t bit, Ready ready) {
 
 uint8_t* slotAt(uint16_t index) { return ipc().segment.data() + kRingSlotsAt + size_t(index) * ipc().slotSize; }
 
-int changeCount(int delta, const char* prefix) {
-    Ipc& q = ipc();
-    int err = q.semaphore.operate(0, -1);
-    if (err == 0) {
-        field(kRingCountAt).store(uint16_t(field(kRingCountAt).load() + delta));
-        err = q.semaphore.operate(0, +1);
-    }
-    if (err != 0) {
-        errno = err;
-        ulog(MSG_FAILED_SEMAPHORE_OPERATION, prefix, errText());
-        return -1;
-    }
+// Publishing and releasing change `count` with one atomic read-modify-write
+// in the shared segment: each index has a single writer and `count` is the
+// only word both sides change, so no system call is needed per packet. The
+// semaphore stays the ring's mutex of record (made, registered and removed
+// with the segment). The other side is woken only when it marked itself
+// waiting: the marker and the count are both sequentially consistent, so a
+// side that marks itself and then finds the ring unchanged is always seen.
+int changeCount(int delta, const char*) {
+    std::atomic_ref<uint16_t> count = field(kRingCountAt);
+    if (delta > 0)
+        count.fetch_add(uint16_t(delta));
+    else
+        count.fetch_sub(uint16_t(-delta));
     wakeIfWaiting(delta > 0 ? kConsumerWaits : kProducerWaits);
     return 0;
 }
