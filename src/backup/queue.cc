@@ -405,10 +405,16 @@ uint8_t* inSlot() { return slotAt(field(kRingInAt).load()); }
 
 size_t slotPayloadCapacity() { return ipc().slotSize - transport::kHeaderSize; }
 
-int countup() {
+int countup(uint16_t n) {
     uint16_t in = field(kRingInAt).load();
-    field(kRingInAt).store(uint16_t((in + 1) % ipc().capacity));
-    return changeCount(+1, "(countup) ");
+    field(kRingInAt).store(uint16_t((in + n) % ipc().capacity));
+    return changeCount(+int(n), "(countup) ");
+}
+
+uint16_t freeSlots() { return uint16_t(ipc().capacity - field(kRingCountAt).load()); }
+
+uint8_t* inSlotAhead(uint16_t ahead) {
+    return slotAt(uint16_t((field(kRingInAt).load() + ahead) % ipc().capacity));
 }
 
 uint16_t queuedCount() { return haveIPC() ? field(kRingCountAt).load() : 0; }

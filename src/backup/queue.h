@@ -77,7 +77,12 @@ void reportSpanTape();
 int waitFreeSlot();
 uint8_t* inSlot();              // the slot at inIndex: header, then payload
 size_t slotPayloadCapacity();   // payload bytes a slot holds
-int countup();
+// Publishes the slot at inIndex and the `n` - 1 after it at once.
+int countup(uint16_t n = 1);
+// Producer's view: slots that can be filled without waiting, and the slot
+// `ahead` places after inIndex (for filling several before publishing them).
+uint16_t freeSlots();
+uint8_t* inSlotAhead(uint16_t ahead);
 
 // Consumer.
 uint16_t queuedCount();
