@@ -59,6 +59,7 @@ struct Ipc {
     size_t slotSize = 0;
     uint16_t capacity = 0;
     uint16_t sleepMs = 1;
+    uint16_t held = 0;  // filled slots after inIndex's old value not yet published
     pid_t sender = -1;
     bool owner = true;  // false in the sender
 };
@@ -281,6 +282,7 @@ int GetIPC() {
     q.slotSize = slotSize(s.ioBufferSize);
     q.capacity = s.ioBufferCount;
     q.sleepMs = s.waitSleepMs ? s.waitSleepMs : 1;
+    q.held = 0;
     size_t size = segmentSize(s.ioBufferSize, s.ioBufferCount);
     if (s.verbose)
         ulog("%ssizeof(SHM_BUFF)=%d,shm_size=%d, shmbuff->pkque=%d", kPrefix, kDeclaredShmBuffSize, int(size),
@@ -368,6 +370,9 @@ int waitFreeSlot() {
     auto notFull = [&q] { return field(kRingCountAt).load() < q.capacity; };
     unsigned waited = 0;
     int n = 0;
+    // Held slots are published before the producer could wait for the
+    // sender to free one.
+    if (q.held != 0 && field(kRingCountAt).load() + q.held >= q.capacity && countup(0) != 0) return -1;
     while (!notFull()) {
         if (gBackupAsleep) {
             // The server is changing tapes: no time-out. The sender's wake-up
@@ -405,13 +410,20 @@ uint8_t* inSlot() { return slotAt(field(kRingInAt).load()); }
 
 size_t slotPayloadCapacity() { return ipc().slotSize - transport::kHeaderSize; }
 
-int countup(uint16_t n) {
+int countup(uint16_t n, bool hold) {
+    Ipc& q = ipc();
     uint16_t in = field(kRingInAt).load();
-    field(kRingInAt).store(uint16_t((in + n) % ipc().capacity));
-    return changeCount(+int(n), "(countup) ");
+    field(kRingInAt).store(uint16_t((in + n) % q.capacity));
+    if (hold) {
+        q.held = uint16_t(q.held + n);
+        return 0;
+    }
+    int total = int(n) + q.held;
+    q.held = 0;
+    return changeCount(total, "(countup) ");
 }
 
-uint16_t freeSlots() { return uint16_t(ipc().capacity - field(kRingCountAt).load()); }
+uint16_t freeSlots() { return uint16_t(ipc().capacity - field(kRingCountAt).load() - ipc().held); }
 
 uint8_t* inSlotAhead(uint16_t ahead) {
     return slotAt(uint16_t((field(kRingInAt).load() + ahead) % ipc().capacity));

@@ -77,8 +77,12 @@ void reportSpanTape();
 int waitFreeSlot();
 uint8_t* inSlot();              // the slot at inIndex: header, then payload
 size_t slotPayloadCapacity();   // payload bytes a slot holds
-// Publishes the slot at inIndex and the `n` - 1 after it at once.
-int countup(uint16_t n = 1);
+// Publishes the slot at inIndex and the `n` - 1 after it at once, together
+// with any held before. With `hold` they are only filled and held back, to
+// leave together with the next slots the producer publishes, which it does
+// without blocking in between (waitFreeSlot publishes them before it would
+// wait).
+int countup(uint16_t n = 1, bool hold = false);
 // Producer's view: slots that can be filled without waiting, and the slot
 // `ahead` places after inIndex (for filling several before publishing them).
 uint16_t freeSlots();

@@ -62,9 +62,9 @@ void writeHeader(uint8_t* slot, int8_t packetCode, uint8_t version, size_t lengt
     std::memcpy(slot, bytes.data(), bytes.size());
 }
 
-int publish(int8_t packetCode, uint8_t version, size_t length) {
+int publish(int8_t packetCode, uint8_t version, size_t length, bool hold = false) {
     writeHeader(inSlot(), packetCode, version, length);
-    return countup();
+    return countup(1, hold);
 }
 
 uint8_t* payload() { return inSlot() + transport::kHeaderSize; }
@@ -230,7 +230,7 @@ int queueStatus(int8_t packetCode, const char* text) {
     return publish(packetCode, kStatusVersion, length);
 }
 
-int sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const std::string& path) {
+int sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const std::string& path, bool dataFollows) {
     if (restartPending()) return 0;
     if (kind == kKindSpecial) {
         uint32_t listed = 0;
@@ -243,7 +243,8 @@ int sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const s
         if (waitFreeSlot() != 0) return -1;
         size_t length = encodeBackupAttributes(a, {payload(), slotPayloadCapacity()});
         if (length == 0) return -1;  // callers refuse longer names before
-        if (publish(code::kFileHeader, 0, length) != 0) return -1;
+        // The header of an entry whose data follows at once leaves with them.
+        if (publish(code::kFileHeader, 0, length, dataFollows) != 0) return -1;
     }
     watchdogOn();
     return 0;
@@ -341,7 +342,8 @@ int backup_file(const std::string& path, std::string_view name, struct stat& st,
     }
     struct stat before = st;
     if (send) {
-        r = sendAttributes(st, name, special ? kKindSpecial : kKindEntry, path);
+        r = sendAttributes(st, name, special ? kKindSpecial : kKindEntry, path,
+                           S_ISREG(st.st_mode) || S_ISLNK(st.st_mode));
         if (r != 0) {
             if (fd >= 0) ::close(fd);
             ulog(MSG_FAILED_SEND_ATTRIBUTES, kPrefix, path.c_str());
