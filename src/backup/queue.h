@@ -1,8 +1,10 @@
 // The backup's packet queue: a ring of packet slots in one System V shared
 // memory segment between the backup process (the only producer) and its
-// sender (the only consumer), a one-member semaphore that guards the ring's
-// fill count, and the registry file tvk.ipc that lists the IPC objects the
-// agent has made.
+// sender (the only consumer), the ring's one-member semaphore (made,
+// registered and removed with the segment; the fill count itself changes by
+// atomic read-modify-writes in the segment, so publishing and releasing need
+// no system call), and the registry file tvk.ipc that lists the IPC objects
+// the agent has made.
 //
 // Ring layout (native byte order): count (16 bits) at 0, outIndex at 2,
 // inIndex at 4, a word at 6 in which a side that is about to wait marks
