@@ -59,6 +59,7 @@ struct Ipc {
     size_t slotSize = 0;
     uint16_t capacity = 0;
     uint16_t sleepMs = 1;
+    uint16_t held = 0;  // filled slots after inIndex's old value not yet published
     pid_t sender = -1;
     bool owner = true;  // false in the sender
 };
@@ -130,18 +131,19 @@ int retryStep(int count, int limit, uint16_t bit, Ready ready) {
 
 uint8_t* slotAt(uint16_t index) { return ipc().segment.data() + kRingSlotsAt + size_t(index) * ipc().slotSize; }
 
-int changeCount(int delta, const char* prefix) {
-    Ipc& q = ipc();
-    int err = q.semaphore.operate(0, -1);
-    if (err == 0) {
-        field(kRingCountAt).store(uint16_t(field(kRingCountAt).load() + delta));
-        err = q.semaphore.operate(0, +1);
-    }
-    if (err != 0) {
-        errno = err;
-        ulog(MSG_FAILED_SEMAPHORE_OPERATION, prefix, errText());
-        return -1;
-    }
+// Publishing and releasing change `count` with one atomic read-modify-write
+// in the shared segment: each index has a single writer and `count` is the
+// only word both sides change, so no system call is needed per packet. The
+// semaphore stays the ring's mutex of record (made, registered and removed
+// with the segment). The other side is woken only when it marked itself
+// waiting: the marker and the count are both sequentially consistent, so a
+// side that marks itself and then finds the ring unchanged is always seen.
+int changeCount(int delta, const char*) {
+    std::atomic_ref<uint16_t> count = field(kRingCountAt);
+    if (delta > 0)
+        count.fetch_add(uint16_t(delta));
+    else
+        count.fetch_sub(uint16_t(-delta));
     wakeIfWaiting(delta > 0 ? kConsumerWaits : kProducerWaits);
     return 0;
 }
@@ -280,6 +282,7 @@ int GetIPC() {
     q.slotSize = slotSize(s.ioBufferSize);
     q.capacity = s.ioBufferCount;
     q.sleepMs = s.waitSleepMs ? s.waitSleepMs : 1;
+    q.held = 0;
     size_t size = segmentSize(s.ioBufferSize, s.ioBufferCount);
     if (s.verbose)
         ulog("%ssizeof(SHM_BUFF)=%d,shm_size=%d, shmbuff->pkque=%d", kPrefix, kDeclaredShmBuffSize, int(size),
@@ -367,6 +370,9 @@ int waitFreeSlot() {
     auto notFull = [&q] { return field(kRingCountAt).load() < q.capacity; };
     unsigned waited = 0;
     int n = 0;
+    // Held slots are published before the producer could wait for the
+    // sender to free one.
+    if (q.held != 0 && field(kRingCountAt).load() + q.held >= q.capacity && countup(0) != 0) return -1;
     while (!notFull()) {
         if (gBackupAsleep) {
             // The server is changing tapes: no time-out. The sender's wake-up
@@ -404,10 +410,23 @@ uint8_t* inSlot() { return slotAt(field(kRingInAt).load()); }
 
 size_t slotPayloadCapacity() { return ipc().slotSize - transport::kHeaderSize; }
 
-int countup() {
+int countup(uint16_t n, bool hold) {
+    Ipc& q = ipc();
     uint16_t in = field(kRingInAt).load();
-    field(kRingInAt).store(uint16_t((in + 1) % ipc().capacity));
-    return changeCount(+1, "(countup) ");
+    field(kRingInAt).store(uint16_t((in + n) % q.capacity));
+    if (hold) {
+        q.held = uint16_t(q.held + n);
+        return 0;
+    }
+    int total = int(n) + q.held;
+    q.held = 0;
+    return changeCount(total, "(countup) ");
+}
+
+uint16_t freeSlots() { return uint16_t(ipc().capacity - field(kRingCountAt).load() - ipc().held); }
+
+uint8_t* inSlotAhead(uint16_t ahead) {
+    return slotAt(uint16_t((field(kRingInAt).load() + ahead) % ipc().capacity));
 }
 
 uint16_t queuedCount() { return haveIPC() ? field(kRingCountAt).load() : 0; }

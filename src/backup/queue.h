@@ -1,8 +1,10 @@
 // The backup's packet queue: a ring of packet slots in one System V shared
 // memory segment between the backup process (the only producer) and its
-// sender (the only consumer), a one-member semaphore that guards the ring's
-// fill count, and the registry file tvk.ipc that lists the IPC objects the
-// agent has made.
+// sender (the only consumer), the ring's one-member semaphore (made,
+// registered and removed with the segment; the fill count itself changes by
+// atomic read-modify-writes in the segment, so publishing and releasing need
+// no system call), and the registry file tvk.ipc that lists the IPC objects
+// the agent has made.
 //
 // Ring layout (native byte order): count (16 bits) at 0, outIndex at 2,
 // inIndex at 4, a word at 6 in which a side that is about to wait marks
@@ -77,7 +79,16 @@ void reportSpanTape();
 int waitFreeSlot();
 uint8_t* inSlot();              // the slot at inIndex: header, then payload
 size_t slotPayloadCapacity();   // payload bytes a slot holds
-int countup();
+// Publishes the slot at inIndex and the `n` - 1 after it at once, together
+// with any held before. With `hold` they are only filled and held back, to
+// leave together with the next slots the producer publishes, which it does
+// without blocking in between (waitFreeSlot publishes them before it would
+// wait).
+int countup(uint16_t n = 1, bool hold = false);
+// Producer's view: slots that can be filled without waiting, and the slot
+// `ahead` places after inIndex (for filling several before publishing them).
+uint16_t freeSlots();
+uint8_t* inSlotAhead(uint16_t ahead);
 
 // Consumer.
 uint16_t queuedCount();

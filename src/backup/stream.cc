@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -49,15 +50,21 @@ struct Building {
     Building& operator=(const Building&) = delete;
 };
 
-int publish(int8_t packetCode, uint8_t version, size_t length) {
-    uint8_t* slot = inSlot();
+// Slots one readv fills at most.
+constexpr uint16_t kReadSlots = 32;
+
+void writeHeader(uint8_t* slot, int8_t packetCode, uint8_t version, size_t length) {
     transport::PacketHeader h;
     h.code = packetCode;
     h.version = version;
     h.length = uint16_t(length);
     transport::HeaderBytes bytes = transport::encodeHeader(h);
     std::memcpy(slot, bytes.data(), bytes.size());
-    return countup();
+}
+
+int publish(int8_t packetCode, uint8_t version, size_t length, bool hold = false) {
+    writeHeader(inSlot(), packetCode, version, length);
+    return countup(1, hold);
 }
 
 uint8_t* payload() { return inSlot() + transport::kHeaderSize; }
@@ -94,20 +101,34 @@ int sendRegular(int fd, const std::string& path, bool& entryFailed) {
             return queueStatus(code::kReadErr);
         }
     }
+    // Several free slots are filled by one readv and published together:
+    // every chunk but a file's last still fills its slot completely, and a
+    // short read ends the file as a single read would.
     size_t chunk = ioSize();
+    iovec iov[kReadSlots];
     for (;;) {
+        uint16_t k = freeSlots();  // at least one: the caller waited for it
+        if (k > kReadSlots) k = kReadSlots;
+        for (uint16_t i = 0; i < k; ++i) iov[i] = {inSlotAhead(i) + transport::kHeaderSize, chunk};
         ssize_t m;
         do {
-            m = ::read(fd, payload(), chunk);
+            m = ::readv(fd, iov, int(k));
         } while (m < 0 && errno == EINTR);
         if (m < 0) {
             ulog(MSG_FAILED_READING, kPrefix, path.c_str(), errText());
             entryFailed = true;
             return queueStatus(code::kReadErr);
         }
-        bool full = size_t(m) == chunk;
-        if (publish(full ? code::kMof : code::kEndf, 0, size_t(m)) != 0) return -1;
-        if (!full) return 0;
+        uint16_t full = uint16_t(size_t(m) / chunk);
+        size_t rest = size_t(m) % chunk;
+        // Slots read completely carry MOF; a partly filled one (or an empty
+        // first one) carries ENDF. A read that ended exactly on a slot
+        // boundary is followed by another read, which decides.
+        bool ends = full < k && (rest > 0 || full == 0);
+        for (uint16_t i = 0; i < full; ++i) writeHeader(inSlotAhead(i), code::kMof, 0, chunk);
+        if (ends) writeHeader(inSlotAhead(full), code::kEndf, 0, rest);
+        if (countup(uint16_t(full + (ends ? 1 : 0))) != 0) return -1;
+        if (ends) return 0;
         if (waitFreeSlot() != 0) return -1;
     }
 }
@@ -209,7 +230,7 @@ int queueStatus(int8_t packetCode, const char* text) {
     return publish(packetCode, kStatusVersion, length);
 }
 
-int sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const std::string& path) {
+int sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const std::string& path, bool dataFollows) {
     if (restartPending()) return 0;
     if (kind == kKindSpecial) {
         uint32_t listed = 0;
@@ -222,7 +243,8 @@ int sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const s
         if (waitFreeSlot() != 0) return -1;
         size_t length = encodeBackupAttributes(a, {payload(), slotPayloadCapacity()});
         if (length == 0) return -1;  // callers refuse longer names before
-        if (publish(code::kFileHeader, 0, length) != 0) return -1;
+        // The header of an entry whose data follows at once leaves with them.
+        if (publish(code::kFileHeader, 0, length, dataFollows) != 0) return -1;
     }
     watchdogOn();
     return 0;
@@ -320,7 +342,8 @@ int backup_file(const std::string& path, std::string_view name, struct stat& st,
     }
     struct stat before = st;
     if (send) {
-        r = sendAttributes(st, name, special ? kKindSpecial : kKindEntry, path);
+        r = sendAttributes(st, name, special ? kKindSpecial : kKindEntry, path,
+                           S_ISREG(st.st_mode) || S_ISLNK(st.st_mode));
         if (r != 0) {
             if (fd >= 0) ::close(fd);
             ulog(MSG_FAILED_SEND_ATTRIBUTES, kPrefix, path.c_str());

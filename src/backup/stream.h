@@ -30,7 +30,10 @@ bool restartPending();
 
 int queueStatus(int8_t code, const char* text = nullptr);
 int queuePacket(int8_t code, const uint8_t* payload, uint16_t length, uint8_t version);
-int sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const std::string& path);
+// With `dataFollows` the header is held back to be published with the data
+// that send_file queues next.
+int sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const std::string& path,
+                   bool dataFollows = false);
 // `fd` is the open regular file, or the link target's length for a link.
 int send_file(int fd, const struct stat& st, const char* linkTarget, const std::string& path);
 int backup_file(const std::string& path, std::string_view name, struct stat& st, int spare);

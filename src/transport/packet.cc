@@ -156,6 +156,24 @@ void setQueueNotFullTest(QueueNotFullTest test) { gQueueNotFull = test; }
 
 int blockSend(int fd, const uint8_t* buffer, size_t length) {
     constexpr const char* kPrefix = "(blockSend) ";
+    // What the socket takes at once needs no stall alarm: the alarm (and its
+    // handler) is set up only when a send would block, so a send that never
+    // waits costs no signal or timer calls. The stall period still counts
+    // from the moment the socket stops taking data.
+    size_t taken = 0;
+    while (taken < length) {
+        ssize_t n = ::send(fd, buffer + taken, length - taken, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n < 0 && errno == EINTR) {
+            platform::dispatchPendingSignals();
+            continue;
+        }
+        if (n <= 0) break;  // would block, or failed: the blocking send below reports it
+        if (transport().backupAsleep && signalBackupProcess(true) != 0) return kFailed;
+        taken += static_cast<size_t>(n);
+    }
+    if (taken == length) return 0;
+    buffer += taken;
+    length -= taken;
     platform::SavedDisposition saved(SIGALRM);
     gSendStalled = 0;
     gSpanTapeFailed = 0;

@@ -45,32 +45,40 @@ bool renewsBefore(const PacketHeader& h, bool permitted, uint32_t& sz, uint32_t&
     return false;
 }
 
-// Sends the packets in one sendmsg as far as the kernel takes them without
-// waiting; whatever is left goes through the chosen send routine, which
-// owns every wait, stall and time-out.
+// Sends the packets with sendmsg as far as the kernel takes them without
+// waiting, continuing the same vector after a partial send. When the socket
+// takes nothing, the chosen send routine sends the rest of the current
+// packet (it owns every wait, stall and time-out, which count from there),
+// and the vector goes on after it.
 int sendBatch(int fd, iovec* iov, int n) {
-    if (n == 1) return sendRoutine(fd, static_cast<const uint8_t*>(iov[0].iov_base), iov[0].iov_len);
-    msghdr msg{};
-    msg.msg_iov = iov;
-    msg.msg_iovlen = size_t(n);
-    ssize_t sent;
-    do {
-        sent = ::sendmsg(fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (sent < 0 && errno == EINTR) platform::dispatchPendingSignals();
-    } while (sent < 0 && errno == EINTR);
-    if (sent < 0) sent = 0;  // busy or failed: the send routine reports it
-    if (sent > 0 && transport().backupAsleep && transport().senderProcess && signalBackupProcess(true) != 0)
-        return kFailed;
-    size_t done = size_t(sent);
-    for (int i = 0; i < n; ++i) {
-        const uint8_t* base = static_cast<const uint8_t*>(iov[i].iov_base);
-        size_t len = iov[i].iov_len;
-        if (done >= len) {
-            done -= len;
+    int first = 0;
+    while (first < n) {
+        msghdr msg{};
+        msg.msg_iov = iov + first;
+        msg.msg_iovlen = size_t(n - first);
+        ssize_t sent = ::sendmsg(fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent < 0 && errno == EINTR) {
+            platform::dispatchPendingSignals();
             continue;
         }
-        if (sendRoutine(fd, base + done, len - done) != 0) return kFailed;
-        done = 0;
+        if (sent > 0) {
+            if (transport().backupAsleep && transport().senderProcess && signalBackupProcess(true) != 0)
+                return kFailed;
+            size_t done = size_t(sent);
+            while (first < n && done >= iov[first].iov_len) {
+                done -= iov[first].iov_len;
+                ++first;
+            }
+            if (first < n) {
+                iov[first].iov_base = static_cast<uint8_t*>(iov[first].iov_base) + done;
+                iov[first].iov_len -= done;
+            }
+            continue;
+        }
+        // Busy or failed: the send routine waits or reports it.
+        if (sendRoutine(fd, static_cast<const uint8_t*>(iov[first].iov_base), iov[first].iov_len) != 0)
+            return kFailed;
+        ++first;
     }
     return 0;
 }

@@ -34,7 +34,7 @@ struct SenderOptions {
 };
 
 // Packets handed to the kernel in one call at most.
-inline constexpr int kMaxBatch = 32;
+inline constexpr int kMaxBatch = 64;
 
 int SendDaemon(int connection, const PacketSource& source, const SenderOptions& options);
 int reestablishTCP(int connection);

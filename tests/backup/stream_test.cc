@@ -99,6 +99,32 @@ TEST_F(StreamTest, EntriesThatChangeBetweenStatAndRead) {
     EXPECT_EQ(codes(drain()), (std::vector<int>{6, 702048, 702048, 800904}));
 }
 
+// Data chunks are read several slots at a time: every size around a slot
+// boundary, and a file longer than one read takes, still gives full MOF
+// packets and one ENDF with the rest, in order, also across the ring's end.
+TEST_F(StreamTest, ChunksReadTogetherKeepSlotBoundariesAndOrder) {
+    const size_t sizes[] = {0, 1, 2047, 2048, 2049, 4096, 40 * 2048, 40 * 2048 + 7, 33 * 2048};
+    for (int round = 0; round < 3; ++round) {  // the ring wraps more than once
+        for (size_t size : sizes) {
+            std::string path = home_.dir() + "/data";
+            std::string bytes(size, '\0');
+            for (size_t i = 0; i < size; ++i) bytes[i] = char('a' + (i * 7 + i / 2048) % 26);
+            std::ofstream(path, std::ios::trunc) << bytes;
+            struct stat st;
+            ASSERT_EQ(stat(path.c_str(), &st), 0);
+            ASSERT_EQ(backup_file(path, "data", st, 0), 0);
+            auto ps = drain();
+            std::vector<int> expected{6};
+            for (size_t i = 0; i < size / 2048; ++i) expected.push_back(702048);
+            expected.push_back(800000 + int(size % 2048));
+            EXPECT_EQ(codes(ps), expected) << "size " << size;
+            std::string got;
+            for (size_t i = 1; i < ps.size(); ++i) got.append(ps[i].payload.begin(), ps[i].payload.end());
+            EXPECT_EQ(got, bytes) << "size " << size;
+        }
+    }
+}
+
 TEST_F(StreamTest, NameTooLongForTheRecordIsReportedLikeAnUnopenableEntry) {
     std::string path = file("short", 3);
     struct stat st;
