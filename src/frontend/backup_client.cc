@@ -39,11 +39,11 @@ bool sendAll(int fd, const uint8_t* data, size_t size) {
 
 }  // namespace
 
-std::vector<uint8_t> encodeJobOptions(const BackupJobSpec& spec) {
+std::vector<uint8_t> encodeJobOptions(const BackupJobSpec& job) {
     std::vector<uint8_t> record(kJobOptionsSize, 0);
-    wire::storeLe16(&record[kOptRetryCountAt], spec.retryCount);
-    wire::storeLe16(&record[kOptRetryIntervalAt], spec.retryInterval);
-    record[kOptFlagsAt] = spec.optionFlags;
+    wire::storeLe16(&record[kOptRetryCountAt], job.retryCount);
+    wire::storeLe16(&record[kOptRetryIntervalAt], job.retryInterval);
+    record[kOptFlagsAt] = job.optionFlags;
     return record;
 }
 
@@ -62,37 +62,37 @@ std::string refusalText(int answer) {
     }
 }
 
-bool openBackupJob(JobClient& client, const BackupJobSpec& spec, std::string& error) {
-    if (spec.login.serverVersion < transport::kNewServerVersion &&
-        (!spec.filterItems.empty() || spec.optionFlags != 0)) {
+bool openBackupJob(JobClient& client, const BackupJobSpec& job, std::string& error) {
+    if (job.login.serverVersion < transport::kNewServerVersion &&
+        (!job.filterItems.empty() || job.optionFlags != 0)) {
         error = "filters and job options need server version 50 or more";
         return false;
     }
-    if (spec.filterItems.size() > 0xFFFF) {
+    if (job.filterItems.size() > 0xFFFF) {
         error = "too many filter items";
         return false;
     }
-    client.setTimeoutMs(spec.timeoutMs);
-    if (!client.connect(spec.host, spec.port)) {
+    client.setTimeoutMs(job.timeoutMs);
+    if (!client.connect(job.host, job.port)) {
         error = client.lastError();
         return false;
     }
     RequestFields fields;
-    fields.root = spec.source;
-    fields.login = spec.login.user;
-    fields.password = spec.login.password;
+    fields.root = job.source;
+    fields.login = job.login.user;
+    fields.password = job.login.password;
     fields.opMode = kOpBackup;
-    fields.serverVersion = spec.login.serverVersion;
-    fields.follow = spec.follow;
-    fields.tpSize = uint16_t(spec.filterItems.size());
+    fields.serverVersion = job.login.serverVersion;
+    fields.follow = job.follow;
+    fields.tpSize = uint16_t(job.filterItems.size());
     int answer = client.request(fields);
     if (answer != code::kReady) {
         error = "job refused: " + (answer == kNoAnswer ? client.lastError() : refusalText(answer));
         return false;
     }
-    if (spec.login.serverVersion < transport::kNewServerVersion) return true;
-    std::vector<uint8_t> raw = encodeJobOptions(spec);
-    for (const auto& item : spec.filterItems) raw.insert(raw.end(), item.begin(), item.end());
+    if (job.login.serverVersion < transport::kNewServerVersion) return true;
+    std::vector<uint8_t> raw = encodeJobOptions(job);
+    for (const auto& item : job.filterItems) raw.insert(raw.end(), item.begin(), item.end());
     if (!client.sendRaw(raw)) {
         error = client.lastError();
         return false;
@@ -100,34 +100,34 @@ bool openBackupJob(JobClient& client, const BackupJobSpec& spec, std::string& er
     return true;
 }
 
-bool startBackupJob(JobClient& client, const BackupJobSpec& spec, std::string& error) {
-    if (!spec.topNames.empty()) {
-        int answer = client.diskItem(spec.topNames);
+bool startBackupJob(JobClient& client, const BackupJobSpec& job, std::string& error) {
+    if (!job.topNames.empty()) {
+        int answer = client.diskItem(job.topNames);
         if (answer != code::kReady) {
             error = "DISK_ITEM: " + (answer == kNoAnswer ? client.lastError() : refusalText(answer));
             return false;
         }
     }
-    if (!sendGrooming(client, spec.groom, error)) return false;
-    if (spec.restart) {
-        int answer = client.continueAt(spec.restart->first, spec.restart->second);
+    if (!sendGrooming(client, job.groom, error)) return false;
+    if (job.restart) {
+        int answer = client.continueAt(job.restart->first, job.restart->second);
         if (answer != code::kReady) {
             error = "continue: " + (answer == kNoAnswer ? client.lastError() : refusalText(answer));
             return false;
         }
     }
-    if (!client.start(spec.ackInterval)) {
+    if (!client.start(job.ackInterval)) {
         error = client.lastError();
         return false;
     }
     return true;
 }
 
-bool estimateJob(JobClient& client, const BackupJobSpec& spec, uint32_t& files, uint32_t& kilobytes,
+bool estimateJob(JobClient& client, const BackupJobSpec& job, uint32_t& files, uint32_t& kilobytes,
                  std::string& error) {
-    std::vector<uint8_t> payload(spec.source.begin(), spec.source.end());
+    std::vector<uint8_t> payload(job.source.begin(), job.source.end());
     payload.push_back(0);
-    for (const std::string& name : spec.topNames) {
+    for (const std::string& name : job.topNames) {
         payload.insert(payload.end(), name.begin(), name.end());
         payload.push_back(0);
     }

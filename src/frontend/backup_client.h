@@ -61,7 +61,7 @@ struct BackupJobSpec {
     GroomRequest groom;  // grooming of the backed-up files
 };
 
-std::vector<uint8_t> encodeJobOptions(const BackupJobSpec& spec);
+std::vector<uint8_t> encodeJobOptions(const BackupJobSpec& job);
 
 // Text for an answer code the agent refuses a job with.
 std::string refusalText(int answer);
@@ -69,13 +69,13 @@ std::string refusalText(int answer);
 // Connects, sends the request and, for servers of version 50 or more, the
 // options record and filter items. False with `error` set (the refusal
 // named) when the job cannot go on.
-bool openBackupJob(JobClient& client, const BackupJobSpec& spec, std::string& error);
+bool openBackupJob(JobClient& client, const BackupJobSpec& job, std::string& error);
 
 // The rest of a backup's command phase: DISK_ITEM, continue, start.
-bool startBackupJob(JobClient& client, const BackupJobSpec& spec, std::string& error);
+bool startBackupJob(JobClient& client, const BackupJobSpec& job, std::string& error);
 
 // The ESTIMATE command on an opened job: files and kilobytes.
-bool estimateJob(JobClient& client, const BackupJobSpec& spec, uint32_t& files, uint32_t& kilobytes,
+bool estimateJob(JobClient& client, const BackupJobSpec& job, uint32_t& files, uint32_t& kilobytes,
                  std::string& error);
 
 struct EntryProblem {

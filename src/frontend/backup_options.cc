@@ -64,9 +64,9 @@ bool parseRestart(const std::string& text, uint32_t& offset, std::string& path) 
 
 bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, BackupCommandLine& out,
                             std::string& error) {
-    BackupJobSpec& spec = out.spec;
-    if (!parseLoginOptions(args, spec.login, error)) return false;
-    spec.port = spec.login.port;
+    BackupJobSpec& job = out.job;
+    if (!parseLoginOptions(args, job.login, error)) return false;
+    job.port = job.login.port;
     std::vector<std::string> patterns[4];  // include file, exclude file, include dir, exclude dir
     struct DateRule {
         uint8_t kind;
@@ -90,7 +90,7 @@ bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, Backu
         };
         std::string v;
         unsigned long n = 0;
-        auto flag = [&](uint8_t f) { spec.optionFlags |= f; };
+        auto flag = [&](uint8_t f) { job.optionFlags |= f; };
         if (a == "--include-file" || a == "--exclude-file" || a == "--include-dir" || a == "--exclude-dir") {
             if (!value(v)) return false;
             int slot = (a == "--exclude-file") + 2 * (a == "--include-dir") + 3 * (a == "--exclude-dir");
@@ -138,7 +138,7 @@ bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, Backu
                 error = "--top takes a name in the source directory";
                 return false;
             }
-            spec.topNames.push_back(v);
+            job.topNames.push_back(v);
         } else if (a == "--no-atime-reset") {
             flag(option_flag::kNoAtimeReset);
         } else if (a == "--one-file-system") {
@@ -146,19 +146,19 @@ bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, Backu
         } else if (a == "--nfs") {
             flag(option_flag::kTraverseNfs);
         } else if (a == "--follow-links") {
-            spec.follow = 1;
+            job.follow = 1;
         } else if (a == "--timeout") {
             if (!value(v) || !parseUnsigned(v, 86400, n) || n == 0) {
                 if (error.empty()) error = "--timeout needs seconds (1..86400)";
                 return false;
             }
-            spec.timeoutMs = int(n) * 1000;
+            job.timeoutMs = int(n) * 1000;
         } else if (a == "--lock-retries" || a == "--lock-interval") {
             if (!value(v) || !parseUnsigned(v, 65535, n)) {
                 if (error.empty()) error = a + " needs a number (0..65535)";
                 return false;
             }
-            (a == "--lock-retries" ? spec.retryCount : spec.retryInterval) = uint16_t(n);
+            (a == "--lock-retries" ? job.retryCount : job.retryInterval) = uint16_t(n);
         } else if (forBackup && (a == "-o" || a == "--output")) {
             if (!value(out.output)) return false;
         } else if (forBackup && a == "--ack") {
@@ -166,14 +166,14 @@ bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, Backu
                 if (error.empty()) error = "--ack needs a number (0..65535)";
                 return false;
             }
-            spec.ackInterval = uint16_t(n);
+            job.ackInterval = uint16_t(n);
         } else if (forBackup && a == "--hold-after-end") {
             if (!value(v) || !parseUnsigned(v, 60000, n)) {
                 if (error.empty()) error = "--hold-after-end needs milliseconds (0..60000)";
                 return false;
             }
-            spec.holdAfterEndMs = int(n);
-        } else if (forBackup && takeGroomOption(args, i, spec.groom, error)) {
+            job.holdAfterEndMs = int(n);
+        } else if (forBackup && takeGroomOption(args, i, job.groom, error)) {
             if (!error.empty()) return false;
         } else if (forBackup && a == "--watchdog") {
             flag(option_flag::kWatchDog);
@@ -188,7 +188,7 @@ bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, Backu
                 if (error.empty()) error = "--restart needs PATH[:OFFSET]";
                 return false;
             }
-            spec.restart = std::make_pair(offset, path);
+            job.restart = std::make_pair(offset, path);
         } else if (!a.empty() && a[0] != '-' && target.empty()) {
             target = a;
         } else {
@@ -196,8 +196,8 @@ bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, Backu
             return false;
         }
     }
-    if (!groomOptionsComplete(spec.groom, error)) return false;
-    if (target.empty() || !splitTarget(target, spec.host, spec.source)) {
+    if (!groomOptionsComplete(job.groom, error)) return false;
+    if (target.empty() || !splitTarget(target, job.host, job.source)) {
         error = "give the source as HOST:/path";
         return false;
     }
@@ -212,10 +212,10 @@ bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, Backu
             error = "the name patterns are too long";
             return false;
         }
-        spec.filterItems.push_back(std::move(*item));
+        job.filterItems.push_back(std::move(*item));
     }
     for (const DateRule& r : dates)
-        spec.filterItems.push_back(r.kind == filter::kWithin
+        job.filterItems.push_back(r.kind == filter::kWithin
                                        ? filter::encodeWithinItem(excludeDates, which, r.n, r.unit)
                                        : filter::encodeDateItem(excludeDates, which, r.kind, r.first, r.second));
     return true;

@@ -14,7 +14,7 @@
 namespace tavik::frontend {
 
 struct BackupCommandLine {
-    BackupJobSpec spec;
+    BackupJobSpec job;
     std::string output;  // backup: -o ARCHIVE
 };
 

@@ -36,23 +36,23 @@ int commandBackup(int argc, char* argv[]) {
         fprintf(stderr, "tavikctl backup: %s\n%s", error.c_str(), kBackupUsage);
         return 2;
     }
-    const BackupJobSpec& spec = line.spec;
-    if (!readPassword(line.spec.login, error)) {
+    const BackupJobSpec& job = line.job;
+    if (!readPassword(line.job.login, error)) {
         fprintf(stderr, "tavikctl backup: %s\n", error.c_str());
         return 1;
     }
     ArchiveHeader header;
     header.created = uint32_t(::time(nullptr));
-    header.serverVersion = spec.login.serverVersion;
-    header.host = spec.host;
-    header.source = spec.source;
+    header.serverVersion = job.login.serverVersion;
+    header.host = job.host;
+    header.source = job.source;
     ArchiveWriter writer;
     if (!writer.open(line.output, header)) {
         fprintf(stderr, "tavikctl backup: %s\n", writer.error().c_str());
         return 1;
     }
     JobClient client;
-    if (!openBackupJob(client, spec, error) || !startBackupJob(client, spec, error)) {
+    if (!openBackupJob(client, job, error) || !startBackupJob(client, job, error)) {
         fprintf(stderr, "tavikctl backup: %s\n", error.c_str());
         if (!writer.finish(0, false)) fprintf(stderr, "tavikctl backup: %s\n", writer.error().c_str());
         return 1;
@@ -62,9 +62,9 @@ int commandBackup(int argc, char* argv[]) {
 
     timespec started{};
     clock_gettime(CLOCK_MONOTONIC, &started);
-    StreamReceiver receiver(&writer, spec.ackInterval);
-    receiver.setTimeoutMs(spec.timeoutMs);
-    receiver.setHoldAfterEndMs(spec.holdAfterEndMs);
+    StreamReceiver receiver(&writer, job.ackInterval);
+    receiver.setTimeoutMs(job.timeoutMs);
+    receiver.setHoldAfterEndMs(job.holdAfterEndMs);
     bool tty = ::isatty(STDERR_FILENO) == 1;
     if (tty) {
         receiver.setProgress([&](const ReceiveStats& s) {
@@ -80,7 +80,7 @@ int commandBackup(int argc, char* argv[]) {
     if (tty) fprintf(stderr, "\r%60s\r", "");
 
     for (const EntryProblem& p : s.problems)
-        fprintf(stderr, "%-8s %s: %s\n", statusName(p.code), joinSourcePath(spec.source, p.path).c_str(),
+        fprintf(stderr, "%-8s %s: %s\n", statusName(p.code), joinSourcePath(job.source, p.path).c_str(),
                 statusWords(p.code));
     if (s.problemCount > s.problems.size())
         fprintf(stderr, "... and %llu more problems\n",

@@ -17,8 +17,8 @@ const char kCompareUsage[] =
     "       [--groom delete | --groom set NAME --months N] [--timeout SECONDS] [login options] [PATH...]\n"
     "  PATH: compare only these archive paths (relative to the archive's source) and what is below them\n";
 
-bool parse(std::vector<std::string> args, CompareSpec& spec, std::string& error) {
-    if (!parseLoginOptions(args, spec.login, error)) return false;
+bool parse(std::vector<std::string> args, CompareSpec& job, std::string& error) {
+    if (!parseLoginOptions(args, job.login, error)) return false;
     std::vector<std::string> positional;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
@@ -29,14 +29,14 @@ bool parse(std::vector<std::string> args, CompareSpec& spec, std::string& error)
         };
         std::string v;
         if (a == "--detailed") {
-            spec.detailed = true;
+            job.detailed = true;
         } else if (a == "--directories") {
-            spec.directories = true;
-        } else if (takeGroomOption(args, i, spec.groom, error)) {
+            job.directories = true;
+        } else if (takeGroomOption(args, i, job.groom, error)) {
             if (!error.empty()) return false;
         } else if (a == "--timeout") {
             if (!value(v) || std::atoi(v.c_str()) <= 0) return (error = "--timeout takes seconds", false);
-            spec.timeoutMs = std::atoi(v.c_str()) * 1000;
+            job.timeoutMs = std::atoi(v.c_str()) * 1000;
         } else if (!a.empty() && a[0] == '-') {
             return (error = "unknown option " + a, false);
         } else {
@@ -44,32 +44,32 @@ bool parse(std::vector<std::string> args, CompareSpec& spec, std::string& error)
         }
     }
     if (positional.size() < 2) return (error = "an archive and HOST:/path are needed", false);
-    spec.archive = positional[0];
-    if (!splitTarget(positional[1], spec.host, spec.root)) return (error = "the target must be HOST:/path", false);
+    job.archive = positional[0];
+    if (!splitTarget(positional[1], job.host, job.root)) return (error = "the target must be HOST:/path", false);
     for (size_t i = 2; i < positional.size(); ++i) {
         std::string p = positional[i];
         while (!p.empty() && p.front() == '/') p.erase(0, 1);
         while (!p.empty() && p.back() == '/') p.pop_back();
-        spec.only.push_back(p);
+        job.only.push_back(p);
     }
-    return groomOptionsComplete(spec.groom, error);
+    return groomOptionsComplete(job.groom, error);
 }
 
 }  // namespace
 
 int commandCompare(int argc, char* argv[]) {
-    CompareSpec spec;
+    CompareSpec job;
     std::string error;
-    if (!parse(std::vector<std::string>(argv, argv + argc), spec, error)) {
+    if (!parse(std::vector<std::string>(argv, argv + argc), job, error)) {
         fprintf(stderr, "tavikctl compare: %s\n%s", error.c_str(), kCompareUsage);
         return 2;
     }
-    if (!readPassword(spec.login, error)) {
+    if (!readPassword(job.login, error)) {
         fprintf(stderr, "tavikctl compare: %s\n", error.c_str());
         return 2;
     }
     CompareResult result;
-    if (!compareArchive(spec, result, error)) {
+    if (!compareArchive(job, result, error)) {
         fprintf(stderr, "tavikctl compare: %s\n", error.c_str());
         return 2;
     }

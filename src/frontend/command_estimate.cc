@@ -17,13 +17,13 @@ int commandEstimate(int argc, char* argv[]) {
         fprintf(stderr, "tavikctl estimate: %s\n%s", error.c_str(), kEstimateUsage);
         return 2;
     }
-    if (!readPassword(line.spec.login, error)) {
+    if (!readPassword(line.job.login, error)) {
         fprintf(stderr, "tavikctl estimate: %s\n", error.c_str());
         return 1;
     }
     JobClient client;
     uint32_t files = 0, kilobytes = 0;
-    if (!openBackupJob(client, line.spec, error) || !estimateJob(client, line.spec, files, kilobytes, error)) {
+    if (!openBackupJob(client, line.job, error) || !estimateJob(client, line.job, files, kilobytes, error)) {
         fprintf(stderr, "tavikctl estimate: %s\n", error.c_str());
         return 1;
     }

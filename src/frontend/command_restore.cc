@@ -48,9 +48,9 @@ bool verifyArchive(const std::string& path, std::string& error) {
 
 int commandRestore(int argc, char* argv[]) {
     std::vector<std::string> args(argv, argv + argc);
-    RestoreJobSpec spec;
+    RestoreJobSpec job;
     std::string error;
-    if (!parseLoginOptions(args, spec.login, error)) {
+    if (!parseLoginOptions(args, job.login, error)) {
         fprintf(stderr, "tavikctl restore: %s\n%s", error.c_str(), kUsage);
         return 2;
     }
@@ -64,7 +64,7 @@ int commandRestore(int argc, char* argv[]) {
             }
             const std::string& v = args[++i];
             if (a == "--conflict") {
-                if (!parseConflictPolicy(v, spec.conflict)) {
+                if (!parseConflictPolicy(v, job.conflict)) {
                     fprintf(stderr, "tavikctl restore: --conflict takes skip, rename, overwrite or newer\n%s", kUsage);
                     return 2;
                 }
@@ -74,7 +74,7 @@ int commandRestore(int argc, char* argv[]) {
                     fprintf(stderr, "tavikctl restore: --timeout takes seconds, 1..864000\n%s", kUsage);
                     return 2;
                 }
-                spec.timeoutMs = int(s * 1000);
+                job.timeoutMs = int(s * 1000);
             }
         } else if (a.size() > 1 && a[0] == '-' && a != "--") {
             fprintf(stderr, "tavikctl restore: unknown option %s\n%s", a.c_str(), kUsage);
@@ -83,11 +83,11 @@ int commandRestore(int argc, char* argv[]) {
             positional.push_back(a);
         }
     }
-    if (positional.size() < 2 || !splitTarget(positional[1], spec.host, spec.destination)) {
+    if (positional.size() < 2 || !splitTarget(positional[1], job.host, job.destination)) {
         fprintf(stderr, "%s", kUsage);
         return 2;
     }
-    spec.port = spec.login.port;
+    job.port = job.login.port;
     const std::string& archive = positional[0];
 
     if (!verifyArchive(archive, error)) {
@@ -107,12 +107,12 @@ int commandRestore(int argc, char* argv[]) {
             return 2;
         }
     }
-    if (!readPassword(spec.login, error)) {
+    if (!readPassword(job.login, error)) {
         fprintf(stderr, "tavikctl restore: %s\n", error.c_str());
         return 1;
     }
     JobClient client;
-    if (!openRestoreJob(client, spec, error)) {
+    if (!openRestoreJob(client, job, error)) {
         fprintf(stderr, "tavikctl restore: %s\n", error.c_str());
         return 1;
     }
@@ -123,7 +123,7 @@ int commandRestore(int argc, char* argv[]) {
         return 1;
     }
 
-    RestoreSender sender(std::move(connection), spec.destination, spec.timeoutMs);
+    RestoreSender sender(std::move(connection), job.destination, job.timeoutMs);
     bool tty = ::isatty(STDERR_FILENO) == 1;
     if (tty) {
         sender.setProgress([](const RestoreStats& s) {
@@ -140,7 +140,7 @@ int commandRestore(int argc, char* argv[]) {
 
     const RestoreStats& s = sender.stats();
     for (const RestoreFailure& f : s.failures)
-        fprintf(stderr, "not restored: %s: %s\n", joinSourcePath(spec.destination, f.path).c_str(), f.words.c_str());
+        fprintf(stderr, "not restored: %s: %s\n", joinSourcePath(job.destination, f.path).c_str(), f.words.c_str());
     if (s.failureCount > s.failures.size())
         fprintf(stderr, "... and %llu more files not restored\n",
                 static_cast<unsigned long long>(s.failureCount - s.failures.size()));

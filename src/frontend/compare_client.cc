@@ -17,9 +17,9 @@ constexpr size_t kGroomCountSize = 16;
 constexpr int8_t kGroomCountCode = 14;
 constexpr int8_t kEndCode = 3;
 
-bool selected(const CompareSpec& spec, const std::string& path) {
-    if (spec.only.empty()) return true;
-    for (const std::string& p : spec.only) {
+bool selected(const CompareSpec& job, const std::string& path) {
+    if (job.only.empty()) return true;
+    for (const std::string& p : job.only) {
         if (path == p || (path.size() > p.size() && path.compare(0, p.size(), p) == 0 && path[p.size()] == '/'))
             return true;
     }
@@ -52,7 +52,7 @@ bool archiveIntact(const std::string& path, std::string& error) {
 
 class Session {
 public:
-    Session(const CompareSpec& spec, CompareResult& result) : spec_(spec), result_(result) {}
+    Session(const CompareSpec& job, CompareResult& result) : spec_(job), result_(result) {}
 
     bool open(std::string& error) {
         client_.setTimeoutMs(spec_.timeoutMs);
@@ -232,9 +232,9 @@ bool verdictUnreadable(uint8_t code) {
     return code == 0xD4 || code == 0xD8 || code == 0xD9 || code == 0xDB || code == 0xDC;
 }
 
-bool compareArchive(const CompareSpec& spec, CompareResult& result, std::string& error) {
-    if (!archiveIntact(spec.archive, error)) return false;
-    Session session(spec, result);
+bool compareArchive(const CompareSpec& job, CompareResult& result, std::string& error) {
+    if (!archiveIntact(job.archive, error)) return false;
+    Session session(job, result);
     return session.open(error) && session.replay(error);
 }
 

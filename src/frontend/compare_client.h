@@ -53,6 +53,6 @@ const char* verdictWords(uint8_t code);
 // True for verdicts that mean the entry could not be read or locked.
 bool verdictUnreadable(uint8_t code);
 
-bool compareArchive(const CompareSpec& spec, CompareResult& result, std::string& error);
+bool compareArchive(const CompareSpec& job, CompareResult& result, std::string& error);
 
 }  // namespace tavik::frontend

@@ -80,19 +80,19 @@ size_t splitAnswers(std::span<const uint8_t> bytes, const std::function<void(uin
     return used;
 }
 
-bool openRestoreJob(JobClient& client, const RestoreJobSpec& spec, std::string& error) {
-    client.setTimeoutMs(spec.timeoutMs);
-    if (!client.connect(spec.host, spec.port)) {
+bool openRestoreJob(JobClient& client, const RestoreJobSpec& job, std::string& error) {
+    client.setTimeoutMs(job.timeoutMs);
+    if (!client.connect(job.host, job.port)) {
         error = client.lastError();
         return false;
     }
     RequestFields fields;
-    fields.root = spec.destination;
-    fields.login = spec.login.user;
-    fields.password = spec.login.password;
+    fields.root = job.destination;
+    fields.login = job.login.user;
+    fields.password = job.login.password;
     fields.opMode = kOpRestore;
-    fields.serverVersion = spec.login.serverVersion;
-    fields.conflict = spec.conflict;
+    fields.serverVersion = job.login.serverVersion;
+    fields.conflict = job.conflict;
     int answer = client.request(fields);
     if (answer != transport::code::kReady) {
         std::string why = answer == kNoAnswer ? client.lastError() : "unexpected answer " + std::to_string(answer);

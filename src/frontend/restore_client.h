@@ -63,7 +63,7 @@ struct RestoreJobSpec {
 
 // Connects, sends the request and the start command. False with `error`
 // (the refusal named) when the job cannot go on.
-bool openRestoreJob(JobClient& client, const RestoreJobSpec& spec, std::string& error);
+bool openRestoreJob(JobClient& client, const RestoreJobSpec& job, std::string& error);
 
 // The paths asked for on the command line, relative to the archive's
 // source. An entry is selected when it is one of them or lies below one;

@@ -24,7 +24,7 @@ TEST(BackupCommandLine, FlagsFiltersTopItemsAndRestart) {
                                         "--user", "root", "--port", "7000"},
                                        true, line, error))
         << error;
-    const BackupJobSpec& s = line.spec;
+    const BackupJobSpec& s = line.job;
     EXPECT_EQ(s.host, "127.0.0.1");
     EXPECT_EQ(s.source, "/usr/include");
     EXPECT_EQ(s.port, 7000);
@@ -80,7 +80,7 @@ TEST(BackupCommandLine, RestartOffsetsAndRefusals) {
     for (const Case& c : cases) {
         BackupCommandLine line;
         std::string error;
-        line.spec.login.user = "root";
+        line.job.login.user = "root";
         EXPECT_FALSE(parseBackupCommandLine(c.args, true, line, error)) << c.error;
         EXPECT_NE(error.find(c.error), std::string::npos) << error;
     }
