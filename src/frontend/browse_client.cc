@@ -114,6 +114,29 @@ bool BrowseClient::agentCloses() {
 
 namespace tavik::frontend {
 
+bool takeBrowseVersion(const std::vector<std::string>& args, size_t& i, int& version) {
+    if (args[i] != "--browse-version" || i + 1 >= args.size()) return false;
+    const std::string& v = args[i + 1];
+    if (v != "20" && v != "21" && v != "22") return false;
+    version = std::stoi(v);
+    ++i;
+    return true;
+}
+
+int openBrowseTarget(const std::string& target, LoginOptions& options, const char* usage, BrowseClient& client,
+                     std::string& path) {
+    std::string host, error;
+    if (!splitTarget(target, host, path) || path.empty()) {
+        std::fputs(usage, stderr);
+        return 2;
+    }
+    if (!beginBrowse(client, host, options, error)) {
+        std::fprintf(stderr, "tavikctl: %s: %s\n", host.c_str(), error.c_str());
+        return 1;
+    }
+    return 0;
+}
+
 std::string describeAnswer(int code) {
     switch (code) {
         case kNoAnswer: return "no answer";

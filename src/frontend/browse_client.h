@@ -78,6 +78,15 @@ namespace tavik::frontend {
 struct LoginOptions;
 
 
+// Takes "--browse-version 20|21|22" at args[i] into `version`; true when it
+// took it (i then indexes the value).
+bool takeBrowseVersion(const std::vector<std::string>& args, size_t& i, int& version);
+
+// Splits HOST:/path and logs in for browsing. 0 when `client` is ready;
+// otherwise the exit status, after printing `usage` (2) or the failure (1).
+int openBrowseTarget(const std::string& target, LoginOptions& options, const char* usage, BrowseClient& client,
+                     std::string& path);
+
 // Logs in for a tavikctl command with the login options (password from
 // TAVIK_PASSWORD or a prompt); false with `error` in words.
 bool beginBrowse(BrowseClient& client, const std::string& host, LoginOptions& options, std::string& error);

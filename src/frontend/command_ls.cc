@@ -33,9 +33,7 @@ int commandLs(int argc, char* argv[]) {
             select = transport::browse::kSelectDirectories;
         } else if (a == "-f") {
             select = transport::browse::kSelectFiles;
-        } else if (a == "--browse-version" && i + 1 < args.size() &&
-                   (args[i + 1] == "20" || args[i + 1] == "21" || args[i + 1] == "22")) {
-            version = std::stoi(args[++i]);
+        } else if (takeBrowseVersion(args, i, version)) {
         } else if (target.empty() && !a.empty() && a[0] != '-') {
             target = a;
         } else {
@@ -43,16 +41,9 @@ int commandLs(int argc, char* argv[]) {
             return 2;
         }
     }
-    std::string host, path;
-    if (!splitTarget(target, host, path) || path.empty()) {
-        std::fputs(kUsage, stderr);
-        return 2;
-    }
+    std::string path;
     BrowseClient client;
-    if (!beginBrowse(client, host, options, error)) {
-        std::fprintf(stderr, "tavikctl: %s: %s\n", host.c_str(), error.c_str());
-        return 1;
-    }
+    if (int status = openBrowseTarget(target, options, kUsage, client, path)) return status;
     std::optional<Listing> listing = client.readDir(path, select, static_cast<int8_t>(version));
     if (!listing) {
         std::fprintf(stderr, "tavikctl: %s: %s\n", target.c_str(), client.lastError().c_str());

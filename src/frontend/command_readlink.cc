@@ -24,9 +24,7 @@ int commandReadlink(int argc, char* argv[]) {
     int version = transport::browse::kAgentVersion;
     std::string target;
     for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--browse-version" && i + 1 < args.size() &&
-            (args[i + 1] == "20" || args[i + 1] == "21" || args[i + 1] == "22")) {
-            version = std::stoi(args[++i]);
+        if (takeBrowseVersion(args, i, version)) {
         } else if (target.empty() && !args[i].empty() && args[i][0] != '-') {
             target = args[i];
         } else {
@@ -34,16 +32,9 @@ int commandReadlink(int argc, char* argv[]) {
             return 2;
         }
     }
-    std::string host, path;
-    if (!splitTarget(target, host, path) || path.empty()) {
-        std::fputs(kUsage, stderr);
-        return 2;
-    }
+    std::string path;
     BrowseClient client;
-    if (!beginBrowse(client, host, options, error)) {
-        std::fprintf(stderr, "tavikctl: %s: %s\n", host.c_str(), error.c_str());
-        return 1;
-    }
+    if (int status = openBrowseTarget(target, options, kUsage, client, path)) return status;
     std::optional<transport::BrowseEntry> link = client.readLink(path, static_cast<int8_t>(version));
     if (!link) {
         std::fprintf(stderr, "tavikctl: %s: the agent could not read the link\n", target.c_str());

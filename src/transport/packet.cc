@@ -449,44 +449,38 @@ int ackIfDue(int fd, uint16_t ackInterval) {
     return syncSendCode(fd, code::kOk) == 0 ? 0 : kFailed;
 }
 
-int usbSend(int fd, const uint8_t* buffer, size_t length) {
-    constexpr const char* kPrefix = "(usbSend) ";
+namespace {
+
+// One whole send or receive of the browse protocol under its own alarm;
+// the two directions differ only in the call, the alarm and the texts.
+int usbTransfer(bool sending, int fd, uint8_t* buffer, size_t length) {
+    const char* prefix = sending ? "(usbSend) " : "(usbReceive) ";
     platform::SavedDisposition saved(SIGALRM);
     platform::installHandler(SIGALRM, platform::interruptOnly);
-    armAlarm(kUsbSendAlarm);
-    ssize_t n = ::send(fd, buffer, length, MSG_NOSIGNAL);
+    armAlarm(sending ? kUsbSendAlarm : kUsbRecvAlarm);
+    ssize_t n = sending ? ::send(fd, buffer, length, MSG_NOSIGNAL) : ::recv(fd, buffer, length, 0);
     int savedErrno = errno;
     armAlarm(0);
     if (n >= 0 && static_cast<size_t>(n) == length) return 0;
     if (n >= 0) {
-        ulog(MSG_FAILED_SEND_BYTES_LENGTH, kPrefix, static_cast<int>(length), static_cast<int>(n));
+        ulog(sending ? MSG_FAILED_SEND_BYTES_LENGTH : MSG_FAILED_RECV_BYTES_LENGTH, prefix, static_cast<int>(length),
+             static_cast<int>(n));
         return -1;
     }
     errno = savedErrno;
-    if (errno == EINTR) ulog(MSG_SEND_TIMEOUT, kPrefix);
+    if (errno == EINTR) ulog(sending ? MSG_SEND_TIMEOUT : MSG_RECV_TIMEOUT, prefix);
     errno = savedErrno;
-    ulog(MSG_FAILED_SEND, kPrefix, errText());
+    ulog(sending ? MSG_FAILED_SEND : MSG_FAILED_RECV, prefix, errText());
     return -1;
 }
 
-int usbReceive(int fd, uint8_t* buffer, size_t length) {
-    constexpr const char* kPrefix = "(usbReceive) ";
-    platform::SavedDisposition saved(SIGALRM);
-    platform::installHandler(SIGALRM, platform::interruptOnly);
-    armAlarm(kUsbRecvAlarm);
-    ssize_t n = ::recv(fd, buffer, length, 0);
-    int savedErrno = errno;
-    armAlarm(0);
-    if (n >= 0 && static_cast<size_t>(n) == length) return 0;
-    if (n >= 0) {
-        ulog(MSG_FAILED_RECV_BYTES_LENGTH, kPrefix, static_cast<int>(length), static_cast<int>(n));
-        return -1;
-    }
-    errno = savedErrno;
-    if (errno == EINTR) ulog(MSG_RECV_TIMEOUT, kPrefix);
-    errno = savedErrno;
-    ulog(MSG_FAILED_RECV, kPrefix, errText());
-    return -1;
+}  // namespace
+
+int usbSend(int fd, const uint8_t* buffer, size_t length) {
+    // send() does not write to the buffer; the shared helper takes it mutable for recv().
+    return usbTransfer(true, fd, const_cast<uint8_t*>(buffer), length);
 }
+
+int usbReceive(int fd, uint8_t* buffer, size_t length) { return usbTransfer(false, fd, buffer, length); }
 
 }  // namespace tavik::transport
