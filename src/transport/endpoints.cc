@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -109,6 +110,11 @@ int tcpAccept(int listening) {
 int getBufSize(int sock, int kind) {
     int reported = rawBufSize(sock, kind);
     return reported < 0 ? -1 : requestedFromReport(reported);
+}
+
+int sendAtOnce(int sock) {
+    int on = 1;
+    return setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
 int setBufSize(int sock, int kind, int size) {

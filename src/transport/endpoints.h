@@ -29,6 +29,15 @@ int getBufSize(int sock, int kind);
 int setBufSize(int sock, int kind, int size);
 int probeBufSize(int kind, int& initialOut, int& largestOut);
 
+// Turns off the coalescing of small sends on a connection, which also sends
+// at once whatever it holds back. Coalescing (on by default) holds a short
+// segment while earlier data is unacknowledged, and the receiver may delay
+// its acknowledgement by up to 40 ms: a sender that next waits for the
+// receiver (for an answer, or for the connection to end) would wait that
+// long for nothing. Failure is harmless and returned for the caller to
+// ignore.
+int sendAtOnce(int sock);
+
 // The kernel's report for a requested size, and back (the platform's rule).
 inline int kernelReportFor(int requested) { return requested * 2; }
 inline int requestedFromReport(int reported) { return reported / 2; }

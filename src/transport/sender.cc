@@ -133,6 +133,10 @@ void connrelease(int sig) {
 
 int SendDaemon(int connection, const PacketSource& source, const SenderOptions& options) {
     int wait = 0;
+    // Small sends are coalesced while the stream flows; but where the sender
+    // waits for the front-end (every acknowledgement, and the end of the
+    // stream) what it sent must leave at once.
+    if (options.ackInterval != 0) sendAtOnce(connection);
     uint16_t ackCounter = 0;
     bool sendDone = false;
     iovec iov[kMaxBatch];
@@ -154,6 +158,7 @@ int SendDaemon(int connection, const PacketSource& source, const SenderOptions& 
             if (renewsBefore(h, options.renewalPermitted, sz, nf)) {
                 if (n > 0) break;  // the packets before it leave on the old connection
                 connection = reestablishTCP(connection);
+                if (options.ackInterval != 0) sendAtOnce(connection);
                 sz = nf = 0;
             }
             gAccSZ = sz;
@@ -173,6 +178,7 @@ int SendDaemon(int connection, const PacketSource& source, const SenderOptions& 
             iov[n].iov_len = kHeaderSize + h.length;
             ++n;
         }
+        if (sendDone) sendAtOnce(connection);
         if (sendBatch(connection, iov, n) != 0) {
             if (connectionDropped(errno)) connrelease(SIGPIPE);
             return -1;
