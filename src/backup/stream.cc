@@ -16,6 +16,7 @@
 #include "daemon/state.h"
 #include "groom/groom.h"
 #include "log/ulog.h"
+#include "platform/read_open.h"
 #include "platform/signals.h"
 #include "request/job_context.h"
 #include "transport/packet.h"
@@ -110,10 +111,7 @@ int sendRegular(int fd, const std::string& path, bool& entryFailed) {
         uint16_t k = freeSlots();  // at least one: the caller waited for it
         if (k > kReadSlots) k = kReadSlots;
         for (uint16_t i = 0; i < k; ++i) iov[i] = {inSlotAhead(i) + transport::kHeaderSize, chunk};
-        ssize_t m;
-        do {
-            m = ::readv(fd, iov, int(k));
-        } while (m < 0 && errno == EINTR);
+        ssize_t m = platform::readvBlocking(fd, iov, int(k));
         if (m < 0) {
             ulog(MSG_FAILED_READING, kPrefix, path.c_str(), errText());
             entryFailed = true;
@@ -276,7 +274,7 @@ int send_file(int fd, const struct stat& st, const char* linkTarget, const std::
     return r;
 }
 
-int backup_file(const std::string& path, std::string_view name, struct stat& st, int spare) {
+int backup_file(int dirFd, const std::string& path, std::string_view name, struct stat& st, int spare) {
     constexpr const char* kPrefix = "(backup_file) ";
     if (!job().restartPath.empty()) return 0;
     const Settings& s = settings();
@@ -294,6 +292,7 @@ int backup_file(const std::string& path, std::string_view name, struct stat& st,
     char target[kLinkBuffer];
     ssize_t targetLength = 0;
     bool send = true;
+    bool timesKept = false;  // read without touching the access time
     if (name.size() > kMaxRecordName) {
         // The attribute record cannot carry the name: reported like an entry
         // that cannot be opened.
@@ -302,13 +301,14 @@ int backup_file(const std::string& path, std::string_view name, struct stat& st,
         r = queueStatus(code::kNoFile, nameText.c_str());
         send = false;
     } else if (S_ISREG(st.st_mode)) {
-        fd = ::open(path.c_str(), O_RDONLY | O_NOCTTY | O_NONBLOCK);
+        platform::ReadOpen opened = platform::openToRead(dirFd, nameText.c_str(), s.resetAccessTime);
+        fd = opened.fd;
+        timesKept = opened.accessTimeKept;
         if (fd < 0) {
             ulog(MSG_FAILED_OPEN_REGULAR, kPrefix, path.c_str(), errText());
             r = queueStatus(code::kNoFile, nameText.c_str());
             send = false;
         } else {
-            ::fcntl(fd, F_SETFL, 0);
             bool mandatory = spare == 0 && (st.st_mode & S_ISGID) && !(st.st_mode & S_IXGRP);
             if (s.checkLocks || mandatory) {
                 int l = lockFile(fd, kReadLock);
@@ -329,7 +329,7 @@ int backup_file(const std::string& path, std::string_view name, struct stat& st,
             }
         }
     } else if (S_ISLNK(st.st_mode)) {
-        targetLength = ::readlink(path.c_str(), target, sizeof target);
+        targetLength = ::readlinkat(dirFd, nameText.c_str(), target, sizeof target);
         if (targetLength < 0) {
             ulog(MSG_FAILED_READ_CONTENTS_SYMBOLIC_LINK, kPrefix, path.c_str(), errText());
             r = queueStatus(code::kLinkErr, nameText.c_str());
@@ -355,15 +355,18 @@ int backup_file(const std::string& path, std::string_view name, struct stat& st,
         }
         r = send_file(S_ISLNK(st.st_mode) ? int(targetLength) : fd, st, target, path);
     }
-    if (s.resetAccessTime && !S_ISLNK(st.st_mode) && setFileTimes(path, before) != 0)
+    if (s.resetAccessTime && !S_ISLNK(st.st_mode) && !timesKept &&
+        setFileTimesAt(dirFd, nameText.c_str(), before) != 0)
         ulog(MSG_FAILED_SET_TIME, kPrefix, path.c_str(), errText());
     return r;
 }
 
-int setFileTimes(const std::string& path, const struct stat& st) {
+int setFileTimes(const std::string& path, const struct stat& st) { return setFileTimesAt(AT_FDCWD, path.c_str(), st); }
+
+int setFileTimesAt(int dirFd, const char* name, const struct stat& st) {
     // utime's seconds, kept here to the nanosecond that stat reported.
     timespec times[2] = {st.st_atim, st.st_mtim};
-    return ::utimensat(AT_FDCWD, path.c_str(), times, 0);
+    return ::utimensat(dirFd, name, times, 0);
 }
 
 bool lookupRawSize(const char* path, uint32_t& sizeOut) {

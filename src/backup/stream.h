@@ -36,9 +36,12 @@ int sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const s
                    bool dataFollows = false);
 // `fd` is the open regular file, or the link target's length for a link.
 int send_file(int fd, const struct stat& st, const char* linkTarget, const std::string& path);
-int backup_file(const std::string& path, std::string_view name, struct stat& st, int spare);
+// `name` is the entry's name in the open directory `dirFd`, `path` its full
+// path (for the messages, the filters and the database file list).
+int backup_file(int dirFd, const std::string& path, std::string_view name, struct stat& st, int spare);
 
 int setFileTimes(const std::string& path, const struct stat& st);
+int setFileTimesAt(int dirFd, const char* name, const struct stat& st);
 bool lookupRawSize(const char* path, uint32_t& sizeOut);
 void dumpRawList();
 

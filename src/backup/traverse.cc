@@ -1,12 +1,15 @@
 #include "backup/traverse.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "backup/attribute_record.h"
 #include "backup/backup_state.h"
@@ -38,11 +41,13 @@ bool outsideTopList(const char* name) {
 
 // The entry's attributes; false (logged) when they cannot be had, a path
 // too long for the buffers included.
-bool entryStat(const std::string& path, struct stat& st) {
+// The entry is examined by its name in the open directory, which spares the
+// kernel a walk of the whole path per entry.
+bool entryStat(int dirFd, const char* name, const std::string& path, struct stat& st) {
     bool follow = settings().followLinks;
     int r = -1;
     if (path.size() < kPathBuffer) {
-        r = follow ? ::stat(path.c_str(), &st) : ::lstat(path.c_str(), &st);
+        r = ::fstatat(dirFd, name, &st, follow ? 0 : AT_SYMLINK_NOFOLLOW);
     } else {
         errno = ENAMETOOLONG;
     }
@@ -77,6 +82,16 @@ int leave(int result) {
 int skipCode(int8_t newCode) {
     return job().serverVersion >= kSkipCodesVersion ? newCode : code::kEndDir;
 }
+
+// Whether the directory entry's type already rules out a directory, so that
+// a pass that wants only directories (or only the rest) need not examine it.
+// Unknown types, and links that are followed, still have to be examined.
+bool knownNotDirectory(const dirent* e) {
+    if (e->d_type == DT_UNKNOWN || e->d_type == DT_DIR) return false;
+    return !(e->d_type == DT_LNK && settings().followLinks);
+}
+
+bool knownDirectory(const dirent* e) { return e->d_type == DT_DIR; }
 
 }  // namespace
 
@@ -129,7 +144,13 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat) 
         ulog(MSG_FAILED_OPEN_SOURCE_DIR, kPrefix, dirPath.c_str(), errText());
         return leave(queueStatus(code::kNoDir));
     }
+    int dirFd = ::dirfd(dir.get());
     bool newServer = ctx.serverVersion >= transport::kNewServerVersion;
+    // Entries the first pass could not examine: the second examines (and
+    // logs) them again, as it would if it examined every entry. Every other
+    // entry that the first pass saw is no directory and is passed over
+    // without another stat.
+    std::vector<std::string> unexamined;
 
     if (mode == 2) {
         while (dirent* e = ::readdir(dir.get())) {
@@ -144,13 +165,17 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat) 
                 }
                 continue;
             }
-            if (!entryStat(path, st)) continue;
+            if (knownDirectory(e)) continue;  // the second pass examines it
+            if (!entryStat(dirFd, e->d_name, path, st)) {
+                unexamined.emplace_back(e->d_name);
+                continue;
+            }
             if (S_ISDIR(st.st_mode)) continue;
             bool take = filter::FileSelected(b.filter, path, st) == 1;
             if (!newServer && !take) take = filter::OldFileSelected(b.oldSelection, e->d_name, st) != 0;
             if (!take) continue;
             if (restartPending()) checkRestartPoint(path);
-            int r = backup_file(path, e->d_name, st, 0);
+            int r = backup_file(dirFd, path, e->d_name, st, 0);
             if (r != 0) return leave(r);
         }
     }
@@ -171,6 +196,9 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat) 
                 break;
             }
             if (dot(e->d_name) || outsideTopList(e->d_name)) continue;
+            if (mode == 2 && knownNotDirectory(e) &&
+                std::find(unexamined.begin(), unexamined.end(), e->d_name) == unexamined.end())
+                continue;
             if (atPacketBoundary() != 0) return leave(-1);
             std::string path = dirPath + e->d_name;
             struct stat st;
@@ -182,7 +210,7 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat) 
                 }
                 continue;
             }
-            if (!entryStat(path, st)) continue;
+            if (!entryStat(dirFd, e->d_name, path, st)) continue;
             if (!S_ISDIR(st.st_mode)) continue;
             if (b.hooks.isProtectedDir && b.hooks.isProtectedDir(path)) {
                 ulog(MSG_PROTECTED_DIRECTORY, kPrefix, path.c_str(), b.hooks.controlFile.c_str());
@@ -224,7 +252,7 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat) 
                 b.ancestors.pop();
                 if (r != 0) return leave(r);
             }
-            if (s.resetAccessTime && setFileTimes(path, st) != 0)
+            if (s.resetAccessTime && setFileTimesAt(dirFd, e->d_name, st) != 0)
                 ulog(MSG_FAILED_SET_TIME, kPrefix, path.c_str(), errText());
         }
     }

@@ -4,6 +4,7 @@
 // file list's bounds, long link targets; and the estimate's arithmetic.
 #include "backup/stream.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -18,6 +19,7 @@
 #include "backup/queue.h"
 #include "daemon/scratch_home.h"
 #include "daemon/state.h"
+#include "platform/fd.h"
 #include "platform/fs_type.h"
 #include "request/job_context.h"
 #include "transport/packet.h"
@@ -44,6 +46,11 @@ protected:
         ASSERT_EQ(GetIPC(), 0);
     }
     void TearDown() override { ReleaseIPC(); }
+    // The entries' directory, which backup_file opens them in by name.
+    int dir() {
+        if (!dir_) dir_.reset(::open(home_.dir().c_str(), O_RDONLY | O_DIRECTORY));
+        return dir_.get();
+    }
     std::vector<Packet> drain() {
         std::vector<Packet> out;
         while (queuedCount() != 0) {
@@ -67,6 +74,7 @@ protected:
         return out;
     }
     tavik::testing::ScratchHome home_;
+    platform::UniqueFd dir_;
 };
 
 TEST_F(StreamTest, EntriesThatChangeBetweenStatAndRead) {
@@ -74,7 +82,7 @@ TEST_F(StreamTest, EntriesThatChangeBetweenStatAndRead) {
     std::string gone = file("gone", 10);
     stat(gone.c_str(), &st);
     unlink(gone.c_str());
-    EXPECT_EQ(backup_file(gone, "gone", st, 0), 0);
+    EXPECT_EQ(backup_file(dir(), gone, "gone", st, 0), 0);
     auto ps = drain();
     ASSERT_EQ(ps.size(), 1u);
     EXPECT_EQ(ps[0].code, 102);
@@ -86,7 +94,7 @@ TEST_F(StreamTest, EntriesThatChangeBetweenStatAndRead) {
     std::string shrink = file("shrink", 5000);
     stat(shrink.c_str(), &st);
     truncate(shrink.c_str(), 100);
-    EXPECT_EQ(backup_file(shrink, "shrink", st, 0), 0);
+    EXPECT_EQ(backup_file(dir(), shrink, "shrink", st, 0), 0);
     ps = drain();
     EXPECT_EQ(codes(ps), (std::vector<int>{6, 800100}));
     EXPECT_EQ(decodeBackupAttributes(ps[0].payload)->size, 5000u);
@@ -95,7 +103,7 @@ TEST_F(StreamTest, EntriesThatChangeBetweenStatAndRead) {
     std::string grow = file("grow", 100);
     stat(grow.c_str(), &st);
     std::ofstream(grow, std::ios::app) << std::string(4900, 'y');
-    EXPECT_EQ(backup_file(grow, "grow", st, 0), 0);
+    EXPECT_EQ(backup_file(dir(), grow, "grow", st, 0), 0);
     EXPECT_EQ(codes(drain()), (std::vector<int>{6, 702048, 702048, 800904}));
 }
 
@@ -112,7 +120,7 @@ TEST_F(StreamTest, ChunksReadTogetherKeepSlotBoundariesAndOrder) {
             std::ofstream(path, std::ios::trunc) << bytes;
             struct stat st;
             ASSERT_EQ(stat(path.c_str(), &st), 0);
-            ASSERT_EQ(backup_file(path, "data", st, 0), 0);
+            ASSERT_EQ(backup_file(dir(), path, "data", st, 0), 0);
             auto ps = drain();
             std::vector<int> expected{6};
             for (size_t i = 0; i < size / 2048; ++i) expected.push_back(702048);
@@ -130,14 +138,15 @@ TEST_F(StreamTest, NameTooLongForTheRecordIsReportedLikeAnUnopenableEntry) {
     struct stat st;
     stat(path.c_str(), &st);
     std::string name(kMaxRecordName + 1, 'n');
-    EXPECT_EQ(backup_file(path, name, st, 0), 0);
+    EXPECT_EQ(backup_file(dir(), path, name, st, 0), 0);
     auto ps = drain();
     ASSERT_EQ(ps.size(), 1u);
     EXPECT_EQ(ps[0].code, 102);
     EXPECT_EQ(ps[0].text(), name);
     EXPECT_TRUE(home_.logHas("(File name too long)"));
     // The longest name that fits: a record of 49 + 255 bytes.
-    EXPECT_EQ(backup_file(path, std::string(kMaxRecordName, 'n'), st, 0), 0);
+    std::string longest = file(std::string(kMaxRecordName, 'n'), 3);
+    EXPECT_EQ(backup_file(dir(), longest, std::string(kMaxRecordName, 'n'), st, 0), 0);
     ps = drain();
     ASSERT_EQ(ps.size(), 2u);
     EXPECT_EQ(ps[0].payload.size(), 49 + kMaxRecordName);
@@ -162,13 +171,13 @@ TEST_F(StreamTest, ListedRawDevicesSendTheirListedSize) {
 
     struct stat st;
     stat(dev.c_str(), &st);
-    EXPECT_EQ(backup_file(dev, "rawzero", st, 0), 0);
+    EXPECT_EQ(backup_file(dir(), dev, "rawzero", st, 0), 0);
     auto ps = drain();
     EXPECT_EQ(codes(ps), (std::vector<int>{6, 702048, 802048}));
     EXPECT_EQ(decodeBackupAttributes(ps[0].payload)->size, 4096u);
     EXPECT_EQ(decodeBackupAttributes(ps[0].payload)->kind, 0);
     stat(other.c_str(), &st);
-    EXPECT_EQ(backup_file(other, "rawnull", st, 0), 0);
+    EXPECT_EQ(backup_file(dir(), other, "rawnull", st, 0), 0);
     ps = drain();
     EXPECT_EQ(codes(ps), (std::vector<int>{6, 800000}));
     EXPECT_EQ(decodeBackupAttributes(ps[0].payload)->size, 0u);
@@ -192,7 +201,7 @@ TEST_F(StreamTest, LinkTargetsAreCutAtTheLinkBuffer) {
     ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
     struct stat st;
     lstat(link.c_str(), &st);
-    EXPECT_EQ(backup_file(link, "longlink", st, 0), 0);
+    EXPECT_EQ(backup_file(dir(), link, "longlink", st, 0), 0);
     EXPECT_EQ(codes(drain()), (std::vector<int>{6, 802048}));
 }
 
@@ -201,7 +210,7 @@ TEST_F(StreamTest, RestartFromTheStartOfTheNamedFile) {
     struct stat st;
     stat(path.c_str(), &st);
     job().restartOffset = -1;  // resend the named file from its start, without its header
-    EXPECT_EQ(backup_file(path, "again", st, 0), 0);
+    EXPECT_EQ(backup_file(dir(), path, "again", st, 0), 0);
     EXPECT_EQ(codes(drain()), (std::vector<int>{702048, 800952}));
     EXPECT_EQ(job().restartOffset, 0);
 }

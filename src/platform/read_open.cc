@@ -1,0 +1,38 @@
+#include "platform/read_open.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+
+namespace tavik::platform {
+
+ReadOpen openToRead(int dirFd, const char* name, bool keepAccessTime) {
+    constexpr int kFlags = O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC;
+    ReadOpen r;
+    if (keepAccessTime) {
+        r.fd = ::openat(dirFd, name, kFlags | O_NOATIME);
+        if (r.fd >= 0) {
+            r.accessTimeKept = true;
+            return r;
+        }
+        if (errno != EPERM) return r;
+    }
+    r.fd = ::openat(dirFd, name, kFlags);
+    return r;
+}
+
+ssize_t readvBlocking(int fd, const iovec* iov, int count) {
+    for (;;) {
+        ssize_t m = ::readv(fd, iov, count);
+        if (m >= 0) return m;
+        if (errno == EINTR) continue;
+        if (errno != EAGAIN) return m;
+        int flags = ::fcntl(fd, F_GETFL);
+        if (flags < 0 || !(flags & O_NONBLOCK) || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+            errno = EAGAIN;
+            return -1;
+        }
+    }
+}
+
+}  // namespace tavik::platform
