@@ -18,7 +18,7 @@
 #include "filter/match.h"
 #include "groom/groom.h"
 #include "log/ulog.h"
-#include "platform/fd.h"
+#include "platform/dir_stream.h"
 #include "platform/fs_type.h"
 #include "request/job_context.h"
 #include "transport/packet.h"
@@ -86,12 +86,24 @@ int skipCode(int8_t newCode) {
 // Whether the directory entry's type already rules out a directory, so that
 // a pass that wants only directories (or only the rest) need not examine it.
 // Unknown types, and links that are followed, still have to be examined.
-bool knownNotDirectory(const dirent* e) {
-    if (e->d_type == DT_UNKNOWN || e->d_type == DT_DIR) return false;
-    return !(e->d_type == DT_LNK && settings().followLinks);
+bool knownNotDirectory(unsigned char type) {
+    if (type == DT_UNKNOWN || type == DT_DIR) return false;
+    return !(type == DT_LNK && settings().followLinks);
 }
 
-bool knownDirectory(const dirent* e) { return e->d_type == DT_DIR; }
+// Whether the directory lies on an NFS file system (then it is skipped).
+// The type belongs to the file system, so a directory on the device of one
+// already found local is not examined again.
+bool onNfs(const std::string& dirPath, dev_t dev) {
+    BackupState& b = backupState();
+    if (b.localDevKnown && b.localDev == dev) return false;
+    int r = skip_nfs(dirPath);
+    if (r == 0) {
+        b.localDevKnown = true;
+        b.localDev = dev;
+    }
+    return r != 0;
+}
 
 }  // namespace
 
@@ -118,7 +130,7 @@ void checkRestartPoint(const std::string& path) {
     }
 }
 
-int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat) {
+int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, bool* accessTimeKept) {
     BackupState& b = backupState();
     const Settings& s = settings();
     JobContext& ctx = job();
@@ -131,7 +143,7 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat) 
         ulog("Skip file system %s", dirPath.c_str());
         return leave(queueStatus(skipCode(code::kFsSkip)));
     }
-    if (s.skipNfs && skip_nfs(dirPath) != 0) {
+    if (s.skipNfs && onNfs(dirPath, dirStat.st_dev)) {
         ulog(MSG_NFS_MOUNTED_DIRECTORY_SKIPPED, kPrefix, dirPath.c_str());
         return leave(queueStatus(skipCode(code::kNfsSkip)));
     }
@@ -139,12 +151,13 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat) 
         ulog(MSG_FAILED_ACCESS_DIRECTORY, kPrefix, dirPath.c_str(), errText());
         return leave(queueStatus(code::kNoDir));
     }
-    platform::UniqueDir dir(::opendir(dirPath.c_str()));
-    if (!dir) {
+    platform::DirStream dir;
+    if (!dir.open(dirPath.c_str(), s.resetAccessTime)) {
         ulog(MSG_FAILED_OPEN_SOURCE_DIR, kPrefix, dirPath.c_str(), errText());
         return leave(queueStatus(code::kNoDir));
     }
-    int dirFd = ::dirfd(dir.get());
+    if (accessTimeKept) *accessTimeKept = dir.accessTimeKept();
+    int dirFd = dir.fd();
     bool newServer = ctx.serverVersion >= transport::kNewServerVersion;
     // Entries the first pass could not examine: the second examines (and
     // logs) them again, as it would if it examined every entry. Every other
@@ -153,29 +166,29 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat) 
     std::vector<std::string> unexamined;
 
     if (mode == 2) {
-        while (dirent* e = ::readdir(dir.get())) {
-            if (dot(e->d_name) || outsideTopList(e->d_name)) continue;
+        while (const platform::DirStream::Entry* e = dir.next()) {
+            if (dot(e->name) || outsideTopList(e->name)) continue;
             if (atPacketBoundary() != 0) return leave(-1);
-            std::string path = dirPath + e->d_name;
+            std::string path = dirPath + e->name;
             struct stat st;
             if (path.size() >= kPathBuffer) {
                 if (!isDirectory(path)) {  // a directory is reported by the second pass
-                    int r = reportTooLong(path, e->d_name);
+                    int r = reportTooLong(path, e->name);
                     if (r != 0) return leave(r);
                 }
                 continue;
             }
-            if (knownDirectory(e)) continue;  // the second pass examines it
-            if (!entryStat(dirFd, e->d_name, path, st)) {
-                unexamined.emplace_back(e->d_name);
+            if (e->type == DT_DIR) continue;  // the second pass examines it
+            if (!entryStat(dirFd, e->name, path, st)) {
+                unexamined.emplace_back(e->name);
                 continue;
             }
             if (S_ISDIR(st.st_mode)) continue;
             bool take = filter::FileSelected(b.filter, path, st) == 1;
-            if (!newServer && !take) take = filter::OldFileSelected(b.oldSelection, e->d_name, st) != 0;
+            if (!newServer && !take) take = filter::OldFileSelected(b.oldSelection, e->name, st) != 0;
             if (!take) continue;
             if (restartPending()) checkRestartPoint(path);
-            int r = backup_file(dirFd, path, e->d_name, st, 0);
+            int r = backup_file(dirFd, path, e->name, st, 0);
             if (r != 0) return leave(r);
         }
     }
@@ -183,11 +196,10 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat) 
     if (b.dirDepth >= ctx.maxDirDepth) {
         ulog(MSG_EXCEEDS_MAXIMUM_LEVEL, kPrefix, int(ctx.maxDirDepth));
     } else {
-        ::rewinddir(dir.get());
+        bool rewound = dir.rewind();
         bool dirPatterns = !b.filter.DirIncPattern.empty() || !b.filter.DirExcPattern.empty();
         for (;;) {
-            errno = 0;
-            dirent* e = ::readdir(dir.get());
+            const platform::DirStream::Entry* e = rewound ? dir.next() : nullptr;
             if (!e) {
                 if (errno != 0) {
                     std::printf("Failed in readdir(), %s\n", std::strerror(errno));
@@ -195,46 +207,47 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat) 
                 }
                 break;
             }
-            if (dot(e->d_name) || outsideTopList(e->d_name)) continue;
-            if (mode == 2 && knownNotDirectory(e) &&
-                std::find(unexamined.begin(), unexamined.end(), e->d_name) == unexamined.end())
+            if (dot(e->name) || outsideTopList(e->name)) continue;
+            if (mode == 2 && knownNotDirectory(e->type) &&
+                std::find(unexamined.begin(), unexamined.end(), e->name) == unexamined.end())
                 continue;
             if (atPacketBoundary() != 0) return leave(-1);
-            std::string path = dirPath + e->d_name;
+            std::string path = dirPath + e->name;
             struct stat st;
             if (path.size() + 1 >= kPathBuffer) {
                 // No room for the directory's "/": refused and reported.
                 if (isDirectory(path)) {
-                    int r = reportTooLong(path, e->d_name);
+                    int r = reportTooLong(path, e->name);
                     if (r != 0) return leave(r);
                 }
                 continue;
             }
-            if (!entryStat(dirFd, e->d_name, path, st)) continue;
+            if (!entryStat(dirFd, e->name, path, st)) continue;
             if (!S_ISDIR(st.st_mode)) continue;
             if (b.hooks.isProtectedDir && b.hooks.isProtectedDir(path)) {
                 ulog(MSG_PROTECTED_DIRECTORY, kPrefix, path.c_str(), b.hooks.controlFile.c_str());
                 continue;
             }
             int submode = 2;
+            bool timesKept = false;  // the subdirectory was read without touching its access time
             if (newServer) {
                 if (dirPatterns) {
                     submode = int(filter::DirVerdictOf(b.filter, path + "/"));
                     if (submode == 0) continue;
                 }
             } else if (b.dirDepth == 1 && b.oldSelection.dirCount != 0 &&
-                       filter::OldDirListed(b.oldSelection, e->d_name) == 0) {
+                       filter::OldDirListed(b.oldSelection, e->name) == 0) {
                 continue;
             }
-            if (std::strlen(e->d_name) > kMaxRecordName) {
+            if (std::strlen(e->name) > kMaxRecordName) {
                 errno = ENAMETOOLONG;
                 ulog(MSG_FAILED_OPEN_SOURCE_DIR, kPrefix, path.c_str(), errText());
-                int r = queueStatus(code::kNoFile, e->d_name);
+                int r = queueStatus(code::kNoFile, e->name);
                 if (r != 0) return leave(r);
                 continue;
             }
             if (newServer && restartPending()) checkRestartPoint(path);
-            int r = sendAttributes(st, e->d_name, 16, path);
+            int r = sendAttributes(st, e->name, 16, path);
             if (r != 0) {
                 ulog(MSG_FAILED_SEND_ATTRIBUTES, kPrefix, path.c_str());
                 return leave(r);
@@ -248,15 +261,15 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat) 
                 r = queueStatus(code::kEndDir);
                 if (r != 0) return leave(r);
             } else {
-                r = ws_backup(path + "/", submode, st);
+                r = ws_backup(path + "/", submode, st, &timesKept);
                 b.ancestors.pop();
                 if (r != 0) return leave(r);
             }
-            if (s.resetAccessTime && setFileTimesAt(dirFd, e->d_name, st) != 0)
+            if (s.resetAccessTime && !timesKept && setFileTimesAt(dirFd, e->name, st) != 0)
                 ulog(MSG_FAILED_SET_TIME, kPrefix, path.c_str(), errText());
         }
     }
-    dir.reset();
+    dir.close();
     return leave(queueStatus(code::kEndDir));
 }
 

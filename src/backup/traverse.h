@@ -16,7 +16,9 @@
 
 namespace tavik::backup {
 
-int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat);
+// `accessTimeKept`, when given, tells whether the directory was read without
+// touching its access time (so that the caller need not reset it).
+int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, bool* accessTimeKept = nullptr);
 void checkRestartPoint(const std::string& path);
 // 1 NFS, 0 another type, -1 (logged) when the file system cannot be examined.
 int skip_nfs(const std::string& path);

@@ -203,13 +203,17 @@ TEST_F(BackupStreamTest, ProtectedDirectoriesAreLeftOutAndAccessTimesRestored) {
     tree_.dir("prot");
     tree_.file("prot/inside", "p");
     tree_.file("read", "r");
+    tree_.dir("kept");
+    tree_.file("kept/f", "k");
     struct timespec old[2] = {{1000000, 0}, {0, UTIME_OMIT}};  // accessed long before its change
     utimensat(AT_FDCWD, tree_.path("read").c_str(), old, 0);
-    struct stat before;
+    utimensat(AT_FDCWD, tree_.path("kept").c_str(), old, 0);
+    struct stat before, dirBefore;
     stat(tree_.path("read").c_str(), &before);
+    stat(tree_.path("kept").c_str(), &dirBefore);
     ASSERT_TRUE(start());
     std::ofstream(daemon_.home() + "tvk.cntl") << tree_.path("prot") << "\n";
-    EXPECT_EQ(backup({}), (std::vector<std::string>{"6:", "6:read", "8:1", "9", "3"}));
+    EXPECT_EQ(backup({}), (std::vector<std::string>{"6:", "6:read", "8:1", "6:kept", "6:f", "8:1", "9", "9", "3"}));
     EXPECT_NE(daemon_.log().find("(ws_backup) Protected Directory [" + tree_.path("prot") + "] in " + daemon_.home() +
                                  "tvk.cntl"),
               std::string::npos);
@@ -219,6 +223,9 @@ TEST_F(BackupStreamTest, ProtectedDirectoriesAreLeftOutAndAccessTimesRestored) {
     // Read without touching the access time, so the file does not look changed either.
     EXPECT_EQ(st.st_ctim.tv_sec, before.st_ctim.tv_sec);
     EXPECT_EQ(st.st_ctim.tv_nsec, before.st_ctim.tv_nsec);
+    stat(tree_.path("kept").c_str(), &st);
+    EXPECT_EQ(st.st_atime, 1000000);
+    EXPECT_EQ(st.st_ctim.tv_nsec, dirBefore.st_ctim.tv_nsec);
 }
 
 TEST_F(BackupStreamTest, ListedRawDeviceIsSentAsData) {
