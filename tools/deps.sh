@@ -8,7 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev          # libFuzzer targets
   libcrypt-dev                       # password checks against the shadow file
-  zlib1g-dev                         # archive checksums of tavikctl
+  libisal-dev                        # archive checksums of tavikctl (CRC-32)
   locales                            # localedef for the locale tests
   passwd                             # useradd/chpasswd for the login tests
   iproute2 procps netcat-openbsd     # ss/ipcs/pgrep and nc for tests and benchmarks

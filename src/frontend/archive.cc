@@ -3,11 +3,12 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+
+#include <isa-l/crc.h>
 
 #include "wire/bytes.h"
 
@@ -56,16 +57,10 @@ bool goodName(const std::string& name) {
 }  // namespace
 
 uint32_t crc32Update(uint32_t crc, std::span<const uint8_t> bytes) {
-    // zlib takes lengths as uInt: feed large spans in pieces.
-    const uint8_t* p = bytes.data();
-    size_t left = bytes.size();
-    while (left > 0) {
-        uInt piece = left > (1u << 30) ? (1u << 30) : uInt(left);
-        crc = uint32_t(::crc32(crc, p, piece));
-        p += piece;
-        left -= piece;
-    }
-    return crc;
+    // The CRC-32 of zlib and gzip, computed with the carry-less multiply
+    // instructions where the processor has them: at several GB/s it costs
+    // the receiver a tenth of what the table-driven version did.
+    return crc32_gzip_refl(crc, bytes.data(), bytes.size());
 }
 
 std::vector<uint8_t> encodeArchiveHeader(const ArchiveHeader& header) {

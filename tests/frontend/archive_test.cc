@@ -96,6 +96,12 @@ TEST(ArchiveFormat, HeaderGoldenBytes) {
 TEST(ArchiveFormat, TrailerGoldenLayoutWithStandardCrc32) {
     const uint8_t check[] = {'1', '2', '3', '4', '5', '6', '7', '8', '9'};
     EXPECT_EQ(crc32Update(0, check), 0xCBF43926u);  // the CRC-32 check value
+    // Continued over pieces, as the archive writer feeds it packet by packet.
+    EXPECT_EQ(crc32Update(crc32Update(0, std::span(check).first(4)), std::span(check).subspan(4)), 0xCBF43926u);
+    std::vector<uint8_t> large(100000);
+    for (size_t i = 0; i < large.size(); ++i) large[i] = uint8_t(i * 131 + 7);
+    EXPECT_EQ(crc32Update(crc32Update(0, std::span(large).first(33333)), std::span(large).subspan(33333)),
+              crc32Update(0, large));
 
     ArchiveTrailer t;
     t.crc = 0xA1B2C3D4;
