@@ -92,6 +92,7 @@ private:
     [[nodiscard]] int answer(uint8_t code) { return transport::syncSendCode(socket_, static_cast<int8_t>(code)); }
 
     int socket_;
+    transport::ReadAhead ahead_;  // nothing but the command stream follows on the socket
     const JobContext& ctx_;
     bool verbose_;
     bool followLinks_;
@@ -129,7 +130,7 @@ int CompareSession::run() {
         size_t room = count_ + restore::kMaxDataPayload;
         if (room > data_.size()) room = data_.size();
         transport::FileDataBuffer incoming{std::span<uint8_t>(data_.data(), room), count_};
-        if (transport::GetReply(socket_, code, record_, &incoming) != 0) {
+        if (transport::GetReply(socket_, code, record_, &incoming, ahead_) != 0) {
             return answer(verdict::kStop) == 0 ? 0 : transport::kFailed;
         }
         count_ = incoming.fill;

@@ -142,7 +142,7 @@ struct FileDataBuffer {
 int GetReply(int fd, int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fileData = nullptr);
 
 // Bytes read ahead from a connection on which only packets for this reader
-// follow (the restore command stream): one recv takes as much as the peer
+// follow (the restore and compare command streams): one recv takes as much as the peer
 // has sent, so that a packet of a few kilobytes costs no system call of its
 // own.
 struct ReadAhead {
