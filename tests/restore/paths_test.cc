@@ -1,5 +1,6 @@
 // Path creation, the destination child, the rename rule and the hard-link
-// table, on real directories; log lines read back from the scratch log.
+// table's capacity, on real directories; log lines read back from the
+// scratch log. Links themselves are made in the stream and end-to-end tests.
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "daemon/scratch_home.h"
+#include "restore/agent_run.h"
 #include "restore/paths.h"
 
 namespace tavik::restore {
@@ -91,12 +92,8 @@ TEST_F(PathsTest, MakePathStopsAtTheFirstFailureWithTheNameCutThere) {
 
 TEST_F(PathsTest, MakeRestorePathRunsTheChildUnderTheLogin) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to switch identity";
-    ::chmod(home_.dir().c_str(), 0777);
-    // The child writes the log as the login.
-    ::chmod(paths().logDir.c_str(), 0777);
-    std::ofstream(paths().logPath, std::ios::app).flush();
-    ::chmod(paths().logPath.c_str(), 0666);
-    auto asNobody = [] { return ::setgid(kNobody) == 0 && ::setuid(kNobody) == 0; };
+    testing::openToAnyone(home_);  // the child writes the log as the login
+    auto asNobody = [] { return testing::becomeUser(kNobody); };
     // Made by the child: owned by the login.
     EXPECT_EQ(make_restore_path(at("dest/"), {kNobody, kNobody}, asNobody), 0);
     EXPECT_EQ(statOf(at("dest")).st_uid, kNobody);
@@ -115,36 +112,6 @@ TEST_F(PathsTest, MakeRestorePathRunsTheChildUnderTheLogin) {
     ::sigaction(SIGCHLD, nullptr, &sa);
     EXPECT_EQ(sa.sa_handler, SIG_IGN);
     ::signal(SIGCHLD, SIG_DFL);  // later tests wait for their children
-}
-
-TEST_F(PathsTest, PostmlLinksTheSecondNameAndGivesItTheRecordsTimes) {
-    HardLinkTable table;
-    table.reset();
-    RestoreAttributes a;
-    a.dev = 3;
-    a.ino = 41;
-    a.nlink = 2;
-    a.atime = 1000;
-    a.mtime = 2000;
-    PathBuffer p;
-    ASSERT_TRUE(p.assign(at("one")));
-    EXPECT_EQ(table.postml(p, a, {geteuid(), getegid()}, false), 0);
-    std::ofstream(at("one")) << "content";
-    ASSERT_TRUE(p.assign(at("x/two")));
-    EXPECT_EQ(table.postml(p, a, {geteuid(), getegid()}, false), 1);
-    EXPECT_EQ(statOf(at("x/two")).st_ino, statOf(at("one")).st_ino);
-    EXPECT_EQ(statOf(at("x/two")).st_mtime, 2000);
-    // Same inode number, other device: a file of its own.
-    a.dev = 4;
-    ASSERT_TRUE(p.assign(at("three")));
-    EXPECT_EQ(table.postml(p, a, {geteuid(), getegid()}, false), 0);
-    EXPECT_EQ(table.count(), 2u);
-    // The first name is gone: the link cannot be made.
-    ::unlink(at("three").c_str());
-    ASSERT_TRUE(p.assign(at("four")));
-    EXPECT_EQ(table.postml(p, a, {geteuid(), getegid()}, false), -1);
-    EXPECT_TRUE(home_.logHas("(postml) Can't create hardlink for <" + at("three") + "> & <" + at("four") +
-                             "> (No such file or directory)"));
 }
 
 TEST_F(PathsTest, TheTableTakes5000NamesThenRefusesWithOneMessage) {

@@ -1,4 +1,4 @@
-// The restore attribute record: golden bytes, round trips, every truncation
+// The restore attribute record: golden bytes both ways, every truncation
 // and the name bounds.
 #include <gtest/gtest.h>
 
@@ -28,35 +28,21 @@ RestoreAttributes sample() {
     return a;
 }
 
-TEST(RestoreRecord, GoldenBytes) {
+TEST(RestoreRecord, GoldenBytesBothWays) {
     std::vector<uint8_t> expected = {
         0x04, 0x03, 0x02, 0x01, 0x08, 0x07, 0x06, 0x05, 0xA4, 0x81, 0x00, 0x00,  // dev ino mode
         0x02, 0x00, 0x00, 0x00, 0xE9, 0x03, 0x00, 0x00, 0x64, 0x00, 0x00, 0x00,  // nlink uid gid
         0x03, 0x00, 0x40, 0x00, 0x00, 0x10, 0x5E, 0x5F, 0xD2, 0x02, 0x96, 0x49,  // rdev atime mtime
         0xDD, 0xCC, 0xBB, 0xAA, 0x70, 0x11, 0x01, 0x00, 0x44, 0x33, 0x22, 0x11,  // 36 size 44
         '/', 'h', 'o', 'm', 'e', '/', 'u', '/', 'f', 0};
-    EXPECT_EQ(encodeRestoreAttributes(sample()), expected);
-    RestoreAttributes back;
-    ASSERT_EQ(decodeRestoreAttributes(expected, back), RecordError::None);
-    EXPECT_EQ(back.mode, 0100644u);
-    EXPECT_EQ(back.size, 70000u);
-    EXPECT_EQ(back.name, "/home/u/f");
-}
-
-TEST(RestoreRecord, RoundTripOfEveryField) {
-    RestoreAttributes a = sample();
-    RestoreAttributes b;
-    ASSERT_EQ(decodeRestoreAttributes(encodeRestoreAttributes(a), b), RecordError::None);
+    RestoreAttributes a = sample(), b;
+    EXPECT_EQ(encodeRestoreAttributes(a), expected);
+    ASSERT_EQ(decodeRestoreAttributes(expected, b), RecordError::None);
     EXPECT_EQ(std::vector<uint32_t>({b.dev, b.ino, b.mode, b.nlink, b.uid, b.gid, b.rdev, b.atime, b.mtime,
                                      b.unused36, b.size, b.unused44}),
               std::vector<uint32_t>({a.dev, a.ino, a.mode, a.nlink, a.uid, a.gid, a.rdev, a.atime, a.mtime,
                                      a.unused36, a.size, a.unused44}));
     EXPECT_EQ(b.name, a.name);
-    EXPECT_FALSE(b.isSpecial());
-    b.mode = 010600;
-    EXPECT_TRUE(b.isSpecial());
-    b.mode = 0120777;
-    EXPECT_EQ(b.type(), kTypeSymlink);
 }
 
 TEST(RestoreRecord, EveryTruncation) {
