@@ -4,7 +4,6 @@
 // packets the child sent back, split by their headers.
 #pragma once
 
-#include <grp.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -12,7 +11,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <fstream>
 #include <functional>
 #include <utility>
 #include <vector>
@@ -31,17 +29,15 @@ struct Packet {
 inline std::vector<uint8_t> streamOf(const std::vector<Packet>& packets) {
     std::vector<uint8_t> out;
     for (const Packet& p : packets) {
-        transport::PacketHeader h;
-        h.code = static_cast<int8_t>(p.code);
-        h.length = static_cast<uint16_t>(p.data.size());
-        transport::HeaderBytes bytes = transport::encodeHeader(h);
-        out.insert(out.end(), bytes.begin(), bytes.end());
+        transport::HeaderBytes h = transport::encodeHeader(
+            {.code = static_cast<int8_t>(p.code), .length = static_cast<uint16_t>(p.data.size())});
+        out.insert(out.end(), h.begin(), h.end());
         out.insert(out.end(), p.data.begin(), p.data.end());
     }
     return out;
 }
 
-// Whole packets; a payload cut short by the end keeps what there is.
+// Whole headers; a payload cut short by the end keeps what there is.
 inline std::vector<Packet> packetsOf(const std::vector<uint8_t>& bytes) {
     std::vector<Packet> out;
     for (size_t at = 0; bytes.size() - at >= transport::kHeaderSize;) {
@@ -49,10 +45,9 @@ inline std::vector<Packet> packetsOf(const std::vector<uint8_t>& bytes) {
         std::copy_n(bytes.begin() + static_cast<long>(at), h.size(), h.begin());
         transport::PacketHeader header = transport::decodeHeader(h);
         at += transport::kHeaderSize;
-        size_t length = std::min<size_t>(header.length, bytes.size() - at);
-        out.push_back({static_cast<uint8_t>(header.code),
-                       {bytes.begin() + static_cast<long>(at), bytes.begin() + static_cast<long>(at + length)}});
-        at += length;
+        size_t end = at + std::min<size_t>(header.length, bytes.size() - at);
+        out.emplace_back(static_cast<uint8_t>(header.code), std::vector<uint8_t>(bytes.data() + at, bytes.data() + end));
+        at = end;
     }
     return out;
 }
@@ -79,7 +74,6 @@ struct Run {
 // writes `stream`, closes its end for writing and reads until the child's
 // end closes.
 inline Run runAgent(const std::vector<uint8_t>& stream, const std::function<int(int)>& agent) {
-    Run out;
     SocketPair pair;
     ::signal(SIGCHLD, SIG_DFL);  // the child's status is collected below
     pid_t child = ::fork();
@@ -94,23 +88,12 @@ inline Run runAgent(const std::vector<uint8_t>& stream, const std::function<int(
         sent += static_cast<size_t>(n);
     }
     ::shutdown(pair.server, SHUT_WR);
+    Run out;
     out.packets = packetsOf(drain(pair.server));
     int status = 0;
     ::waitpid(child, &status, 0);
     out.result = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return out;
-}
-
-// Drops root for `uid` (its group id the same number), groups first.
-inline bool becomeUser(uid_t uid) { return ::setgroups(0, nullptr) == 0 && ::setgid(uid) == 0 && ::setuid(uid) == 0; }
-
-// The scratch home, its log folder and its log open to a child that has
-// become another user.
-inline void openToAnyone(const ScratchHome& home) {
-    ::chmod(home.dir().c_str(), 0777);
-    ::chmod(paths().logDir.c_str(), 0777);
-    std::ofstream(paths().logPath, std::ios::app).flush();
-    ::chmod(paths().logPath.c_str(), 0666);
 }
 
 }  // namespace tavik::testing
