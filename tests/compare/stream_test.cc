@@ -48,18 +48,16 @@ protected:
     Bytes record(const std::string& name) const {
         struct stat st {};
         ::lstat((tree_ + "/" + name).c_str(), &st);
-        restore::RestoreAttributes a;
-        a.name = name;
-        a.mode = st.st_mode;
-        a.nlink = static_cast<uint32_t>(st.st_nlink);
-        a.uid = st.st_uid;
-        a.gid = st.st_gid;
-        a.mtime = platform::wireTime(st.st_mtime);
-        a.size = platform::wireSize(st.st_size);
-        return restore::encodeRestoreAttributes(a);
+        return restore::encodeRestoreAttributes({.mode = st.st_mode, .nlink = static_cast<uint32_t>(st.st_nlink),
+                                                 .uid = st.st_uid, .gid = st.st_gid,
+                                                 .mtime = platform::wireTime(st.st_mtime),
+                                                 .size = platform::wireSize(st.st_size), .name = name});
     }
-    testing::Run compare(const Bytes& stream) {
-        return testing::runAgent(stream, [&](int fd) {
+    // ws_compare's result and packets for `stream` followed by `tail` zero bytes.
+    testing::Run compare(const std::vector<Packet>& stream, size_t tail = 0) {
+        Bytes bytes = testing::streamOf(stream);
+        bytes.resize(bytes.size() + tail, 0);
+        return testing::runAgent(bytes, [&](int fd) {
             if (::chdir(tree_.c_str()) != 0) return 99;
             return ws_compare(fd, tree_ + "/", ctx_);
         });
@@ -81,18 +79,14 @@ protected:
 
 TEST_F(CompareStream, OverlongNamesAreAnsweredAsObjectsThatCannotBeExamined) {
     makeFile("f", "data");
-    testing::Run r = compare(testing::streamOf({
-        {command::kOpenFile, longNameRecord(1024)},
-        {command::kMof, Bytes(2048, 'x')},
-        {command::kEndf, Bytes(10, 'x')},
+    testing::Run r = compare({
+        {command::kOpenFile, longNameRecord(1024)}, {command::kMof, Bytes(2048, 'x')}, {command::kEndf, Bytes(10, 'x')},
         {command::kMkdir, longNameRecord(4000)},
-        {command::kOpenFile, longNameRecord(1023)},  // fits the buffer; too long for the system
-        {command::kEndf},
-        {command::kOpenFile, record("f")},  // the stream goes on
-        {command::kEndf, {'d', 'a', 't', 'a'}},
+        {command::kOpenFile, longNameRecord(1023)}, {command::kEndf},  // fits the buffer; too long for the system
+        {command::kOpenFile, record("f")}, {command::kEndf, {'d', 'a', 't', 'a'}},  // the stream goes on
         {command::kEndf},  // no file to end: nothing is compared
         {command::kEnd},
-    }));
+    });
     EXPECT_EQ(r.result, 0);
     EXPECT_EQ(r.codes(), (std::vector<int>{0xD2, 0, 0xD3, 0xD2, 0, 0, 0, 0, 3}));
     EXPECT_TRUE(home_.logHas("(ws_compare[OPENFILE]) Failed to get the attributes (lstat) of " + std::string(100, 'n') +
@@ -103,23 +97,21 @@ TEST_F(CompareStream, OverlongNamesAreAnsweredAsObjectsThatCannotBeExamined) {
 
 TEST_F(CompareStream, OversizedPacketsEndTheJobWithCode100) {
     makeFile("f", std::string(5000, 'a'));
-    Bytes cutInAHeader = testing::streamOf({{command::kOpenFile, record("f")}});
-    cutInAHeader.resize(cutInAHeader.size() + 3, 0);
     const struct {
         const char* what;
-        Bytes stream;
+        std::vector<Packet> stream;
+        size_t tail;
         std::vector<int> codes;
     } rows[] = {
         {"a data payload larger than one packet may carry",
-         testing::streamOf({{command::kOpenFile, record("f")}, {command::kMof, Bytes(2049, 'a')}, {command::kEnd}}),
-         {0, 100}},
+         {{command::kOpenFile, record("f")}, {command::kMof, Bytes(2049, 'a')}, {command::kEnd}}, 0, {0, 100}},
         {"a record larger than the record area",
-         testing::streamOf({{command::kOpenFile, longNameRecord(60000)}, {command::kEnd}}), {100}},
-        {"a stream that stops in a header", cutInAHeader, {0, 100}},
+         {{command::kOpenFile, longNameRecord(60000)}, {command::kEnd}}, 0, {100}},
+        {"a stream that stops in a header", {{command::kOpenFile, record("f")}}, 3, {0, 100}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
-        testing::Run r = compare(row.stream);
+        testing::Run r = compare(row.stream, row.tail);
         EXPECT_EQ(r.result, 0);
         EXPECT_EQ(r.codes(), row.codes);
     }
@@ -139,8 +131,7 @@ TEST_F(CompareStream, LargeFilesCompareByTheLow32BitsOfTheirSize) {
     EXPECT_EQ(wire::loadLe32(&same[restore::kRecSize]), 10u);
     Bytes other = same;
     wire::storeLe32(&other[restore::kRecSize], 11);
-    testing::Run r =
-        compare(testing::streamOf({{command::kOpenFile, same}, {command::kOpenFile, other}, {command::kAbort}}));
+    testing::Run r = compare({{command::kOpenFile, same}, {command::kOpenFile, other}, {command::kAbort}});
     EXPECT_EQ(r.result, 0);
     EXPECT_EQ(r.codes(), (std::vector<int>{0, 0xD5}));
     EXPECT_TRUE(home_.logHas("(ws_compare[OPENFILE]) File [big] size is changed (11 -> 10)"));
@@ -150,8 +141,8 @@ TEST_F(CompareStream, DeletingGroomingThatFindsNothingSendsNoReport) {
     makeFile("f", "data");
     ctx_.groomRecord.assign(24, 0);
     ctx_.groomRecord[12] = 0x04;
-    testing::Run r = compare(testing::streamOf(
-        {{command::kOpenFile, record("f")}, {command::kEndf, {'D', 'a', 't', 'a'}}, {command::kEnd}}));
+    testing::Run r = compare({{command::kOpenFile, record("f")}, {command::kEndf, {'D', 'a', 't', 'a'}},  // not "data"
+                              {command::kEnd}});
     EXPECT_EQ(r.result, 0);
     EXPECT_EQ(r.codes(), (std::vector<int>{0, 0xDA, 3}));
     EXPECT_TRUE(home_.logHas("Total 0 files were deleted"));
@@ -160,10 +151,7 @@ TEST_F(CompareStream, DeletingGroomingThatFindsNothingSendsNoReport) {
 
 TEST_F(CompareStream, SendFileSendsFullPacketsThenOneShorterEnd) {
     const std::vector<std::pair<size_t, std::vector<std::pair<int, size_t>>>> cases = {  // size: code, length
-        {0, {{8, 0}}},
-        {100, {{8, 100}}},
-        {2048, {{7, 2048}, {8, 0}}},
-        {4096, {{7, 2048}, {7, 2048}, {8, 0}}},
+        {0, {{8, 0}}}, {100, {{8, 100}}}, {2048, {{7, 2048}, {8, 0}}}, {4096, {{7, 2048}, {7, 2048}, {8, 0}}},
         {5000, {{7, 2048}, {7, 2048}, {8, 904}}},
     };
     for (const auto& [size, packets] : cases) {

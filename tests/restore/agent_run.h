@@ -46,7 +46,7 @@ inline std::vector<Packet> packetsOf(const std::vector<uint8_t>& bytes) {
         transport::PacketHeader header = transport::decodeHeader(h);
         at += transport::kHeaderSize;
         size_t end = at + std::min<size_t>(header.length, bytes.size() - at);
-        out.emplace_back(static_cast<uint8_t>(header.code), std::vector<uint8_t>(bytes.data() + at, bytes.data() + end));
+        out.emplace_back(static_cast<uint8_t>(header.code), std::vector<uint8_t>(&bytes[0] + at, &bytes[0] + end));
         at = end;
     }
     return out;

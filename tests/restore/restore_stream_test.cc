@@ -15,21 +15,8 @@ namespace tavik::frontend {
 namespace {
 
 backup::BackupAttributes regular(uint32_t size) {
-    backup::BackupAttributes b;
-    b.dev = 7;
-    b.ino = 99;
-    b.mode = 0100640;
-    b.nlink = 1;
-    b.uid = 12;
-    b.gid = 34;
-    b.rdev = 5;
-    b.atime = 111;
-    b.mtime = 222;
-    b.dosTime = 0x1234;
-    b.dosDate = 0x5678;
-    b.size = size;
-    b.name = "f";
-    return b;
+    return {.dev = 7, .ino = 99, .mode = 0100640, .nlink = 1, .uid = 12, .gid = 34, .rdev = 5, .atime = 111,
+            .mtime = 222, .dosTime = 0x1234, .dosDate = 0x5678, .size = size, .name = "f"};
 }
 
 // An encoder that collects its packets.
@@ -59,7 +46,8 @@ TEST(RestoreStreamEncoder, DataIsCutInto2048BytePayloadsWithTheRestInEndf) {
             ASSERT_EQ(packets.size(), pieces.size() + 1) << size;
             EXPECT_EQ(packets[0].code, restore::command::kOpenFile);
             for (size_t i = 0; i < pieces.size(); ++i) {
-                EXPECT_EQ(packets[i + 1].code, i + 1 == pieces.size() ? restore::command::kEndf : restore::command::kMof);
+                const int code = i + 1 < pieces.size() ? restore::command::kMof : restore::command::kEndf;
+                EXPECT_EQ(packets[i + 1].code, code);
                 EXPECT_EQ(packets[i + 1].data.size(), pieces[i]) << size << " piece " << i;
             }
         }
