@@ -9,19 +9,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "daemon/state.h"
+#include "scratch.h"
 #include "transport/browser.h"
 
 using namespace tavik::transport;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool once = [] {
-        tavik::paths().logPath = "/dev/null";
-        tavik::paths().oldLogPath = "/dev/null";
-        return true;
-    }();
-    (void)once;
-
+    tavik::fuzz::discardLog();
     int fds[2];
     if (size <= 4096 && ::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0) {
         if (size > 0 && ::send(fds[1], data, size, MSG_NOSIGNAL) != static_cast<ssize_t>(size)) abort();

@@ -14,25 +14,17 @@
 #include "filter/filter.h"
 #include "filter/items.h"
 #include "filter/match.h"
+#include "scratch.h"
 #include "wire/bytes.h"
-
-namespace {
-
-void logToScratch() {
-    static bool done = false;
-    if (done) return;
-    done = true;
-    tavik::paths().deriveFrom("/tmp/tavik-fuzz-filter/");
-    mkdir("/tmp/tavik-fuzz-filter", 0777);
-    mkdir(tavik::paths().logDir.c_str(), 0777);
-    setenv("TZ", "EST5EDT,M3.2.0,M11.1.0", 1);
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace tavik::filter;
-    logToScratch();
+    static bool once = [] {
+        tavik::fuzz::scratchHome("filter");
+        setenv("TZ", "EST5EDT,M3.2.0,M11.1.0", 1);
+        return true;
+    }();
+    (void)once;
     tavik::wire::ByteReader in(data, size);
     uint8_t mode = 0;
     uint8_t count = 0;

@@ -1,39 +1,19 @@
 // Arbitrary bytes as groom.cntl and as a package information file, then the
 // protected test over paths taken from the same bytes; and the same bytes as
 // a GROOMING payload and tape record.
-#include <unistd.h>
-
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
 #include "groom/groom.h"
 #include "groom/record.h"
+#include "scratch.h"
 #include "wire/bytes.h"
-
-namespace {
-
-char scratchName[] = "/tmp/fuzz-groom-cntl-XXXXXX";
-
-void removeScratch() { unlink(scratchName); }
-
-std::string scratchFile() {
-    static bool made = [] {
-        int fd = mkstemp(scratchName);
-        if (fd < 0) abort();
-        close(fd);
-        atexit(removeScratch);
-        return true;
-    }();
-    (void)made;
-    return scratchName;
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace tavik::groom;
-    std::string file = scratchFile();
+    static const std::string file = tavik::fuzz::scratchDir("groom-cntl") + "/groom.cntl";
     FILE* out = fopen(file.c_str(), "w");
     if (!out) return 0;
     fwrite(data, 1, size, out);

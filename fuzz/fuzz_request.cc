@@ -10,15 +10,11 @@
 #include "request/commands.h"
 #include "request/job_context.h"
 #include "request/request.h"
+#include "scratch.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool once = [] {
-        tavik::paths().logPath = "/dev/null";
-        tavik::paths().oldLogPath = "/dev/null";
-        tavik::settings().verbose = true;
-        return true;
-    }();
-    (void)once;
+    tavik::fuzz::discardLog();
+    tavik::settings().verbose = true;
     tavik::JobContext ctx;
     tavik::prepareForConnection(ctx);
     tavik::Channel channel{std::span<const uint8_t>(data, size)};

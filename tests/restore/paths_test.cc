@@ -1,7 +1,8 @@
-// Path creation, the destination child, the rename rule and the hard-link
-// table, on real directories; log lines read back from the scratch log.
+// The rename rule, path creation's failure, the destination child's death
+// and the hard-link table's capacity, on real directories; log lines read
+// back from the scratch log. Paths and links that are made are checked by the
+// stream and end-to-end tests.
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -16,8 +17,6 @@
 
 namespace tavik::restore {
 namespace {
-
-constexpr uid_t kNobody = 65534;
 
 std::string renamed(const std::string& name) {
     PathBuffer p;
@@ -56,29 +55,7 @@ class PathsTest : public ::testing::Test {
 protected:
     testing::ScratchHome home_;
     std::string at(const std::string& name) const { return home_.dir() + "/" + name; }
-    static struct stat statOf(const std::string& path) {
-        struct stat st {};
-        if (::lstat(path.c_str(), &st) != 0) st.st_mode = 0;
-        return st;
-    }
 };
-
-TEST_F(PathsTest, MakePathMakesTheParentsOnly) {
-    if (geteuid() != 0) GTEST_SKIP() << "needs root to give directories away";
-    PathBuffer p;
-    ASSERT_TRUE(p.assign(at("a/b/c")));
-    ASSERT_EQ(make_path(p, {kNobody, kNobody}), 0);
-    EXPECT_EQ(std::string(p.c_str()), at("a/b/c"));
-    struct stat b = statOf(at("a/b"));
-    EXPECT_EQ(b.st_mode, static_cast<mode_t>(040755));
-    EXPECT_EQ(b.st_uid, kNobody);
-    EXPECT_EQ(statOf(at("a/b/c")).st_mode, 0u);
-    ASSERT_TRUE(p.assign(at("a/b/c/")));  // a trailing slash makes the last one too
-    ASSERT_EQ(make_path(p, {0, 0}), 0);
-    EXPECT_TRUE(S_ISDIR(statOf(at("a/b/c")).st_mode));
-    EXPECT_EQ(statOf(at("a/b/c")).st_uid, 0u);
-    EXPECT_EQ(statOf(at("a/b")).st_uid, kNobody);  // existing ones are left as they are
-}
 
 TEST_F(PathsTest, MakePathStopsAtTheFirstFailureWithTheNameCutThere) {
     std::ofstream(at("file")) << "x";
@@ -89,62 +66,14 @@ TEST_F(PathsTest, MakePathStopsAtTheFirstFailureWithTheNameCutThere) {
     EXPECT_TRUE(home_.logHas("(make_path) Failed to make directory <" + at("file/sub") + "> (Not a directory)"));
 }
 
-TEST_F(PathsTest, MakeRestorePathRunsTheChildUnderTheLogin) {
-    if (geteuid() != 0) GTEST_SKIP() << "needs root to switch identity";
-    ::chmod(home_.dir().c_str(), 0777);
-    // The child writes the log as the login.
-    ::chmod(paths().logDir.c_str(), 0777);
-    std::ofstream(paths().logPath, std::ios::app).flush();
-    ::chmod(paths().logPath.c_str(), 0666);
-    auto asNobody = [] { return ::setgid(kNobody) == 0 && ::setuid(kNobody) == 0; };
-    // Made by the child: owned by the login.
-    EXPECT_EQ(make_restore_path(at("dest/"), {kNobody, kNobody}, asNobody), 0);
-    EXPECT_EQ(statOf(at("dest")).st_uid, kNobody);
-    EXPECT_EQ(make_restore_path(at("dest/"), {kNobody, kNobody}, asNobody), 0);  // exists and is writable
-    // A root-only directory: the login may neither use nor make it.
-    ::mkdir(at("private").c_str(), 0700);
-    EXPECT_EQ(make_restore_path(at("private/"), {kNobody, kNobody}, asNobody), 2);
-    EXPECT_TRUE(home_.logHas("(make_dir) Failed to Access Directory [" + at("private/") + "] (Permission denied)"));
-    EXPECT_EQ(make_restore_path(at("private/in/"), {kNobody, kNobody}, asNobody), 2);
-    EXPECT_TRUE(home_.logHas("(make_dir) Failed to get the attributes (stat) of " + at("private/in/")));
-    // The identity switch fails; the child is killed.
-    EXPECT_EQ(make_restore_path(at("dest/"), {0, 0}, [] { return false; }), 1);
+// The login's child making the root is checked with the restore job (stream
+// tests) and end to end; here, a child that dies.
+TEST_F(PathsTest, MakeRestorePathFailsWhenTheChildIsKilledAndIgnoresSigchldAgain) {
     EXPECT_EQ(make_restore_path(at("dest/"), {0, 0}, [] { return ::raise(SIGKILL) == 0; }), -1);
-    // SIGCHLD is ignored again afterwards, as the job process had it.
-    struct sigaction sa {};
+    struct sigaction sa {};  // as the job process had it
     ::sigaction(SIGCHLD, nullptr, &sa);
     EXPECT_EQ(sa.sa_handler, SIG_IGN);
     ::signal(SIGCHLD, SIG_DFL);  // later tests wait for their children
-}
-
-TEST_F(PathsTest, PostmlLinksTheSecondNameAndGivesItTheRecordsTimes) {
-    HardLinkTable table;
-    table.reset();
-    RestoreAttributes a;
-    a.dev = 3;
-    a.ino = 41;
-    a.nlink = 2;
-    a.atime = 1000;
-    a.mtime = 2000;
-    PathBuffer p;
-    ASSERT_TRUE(p.assign(at("one")));
-    EXPECT_EQ(table.postml(p, a, {geteuid(), getegid()}, false), 0);
-    std::ofstream(at("one")) << "content";
-    ASSERT_TRUE(p.assign(at("x/two")));
-    EXPECT_EQ(table.postml(p, a, {geteuid(), getegid()}, false), 1);
-    EXPECT_EQ(statOf(at("x/two")).st_ino, statOf(at("one")).st_ino);
-    EXPECT_EQ(statOf(at("x/two")).st_mtime, 2000);
-    // Same inode number, other device: a file of its own.
-    a.dev = 4;
-    ASSERT_TRUE(p.assign(at("three")));
-    EXPECT_EQ(table.postml(p, a, {geteuid(), getegid()}, false), 0);
-    EXPECT_EQ(table.count(), 2u);
-    // The first name is gone: the link cannot be made.
-    ::unlink(at("three").c_str());
-    ASSERT_TRUE(p.assign(at("four")));
-    EXPECT_EQ(table.postml(p, a, {geteuid(), getegid()}, false), -1);
-    EXPECT_TRUE(home_.logHas("(postml) Can't create hardlink for <" + at("three") + "> & <" + at("four") +
-                             "> (No such file or directory)"));
 }
 
 TEST_F(PathsTest, TheTableTakes5000NamesThenRefusesWithOneMessage) {

@@ -1,4 +1,4 @@
-// The restore attribute record: golden bytes, round trips, every truncation
+// The restore attribute record: golden bytes both ways, every truncation
 // and the name bounds.
 #include <gtest/gtest.h>
 
@@ -11,60 +11,29 @@ namespace tavik::restore {
 namespace {
 
 RestoreAttributes sample() {
-    RestoreAttributes a;
-    a.dev = 0x01020304;
-    a.ino = 0x05060708;
-    a.mode = 0100644;
-    a.nlink = 2;
-    a.uid = 1001;
-    a.gid = 100;
-    a.rdev = 0x00400003;
-    a.atime = 0x5F5E1000;
-    a.mtime = 0x499602D2;
-    a.unused36 = 0xAABBCCDD;
-    a.size = 70000;
-    a.unused44 = 0x11223344;
-    a.name = "/home/u/f";
-    return a;
+    return {.dev = 0x01020304, .ino = 0x05060708, .mode = 0100644, .nlink = 2, .uid = 1001, .gid = 100,
+            .rdev = 0x00400003, .atime = 0x5F5E1000, .mtime = 0x499602D2, .unused36 = 0xAABBCCDD, .size = 70000,
+            .unused44 = 0x11223344, .name = "/home/u/f"};
 }
 
-TEST(RestoreRecord, GoldenBytes) {
+TEST(RestoreRecord, GoldenBytesBothWays) {
     std::vector<uint8_t> expected = {
         0x04, 0x03, 0x02, 0x01, 0x08, 0x07, 0x06, 0x05, 0xA4, 0x81, 0x00, 0x00,  // dev ino mode
         0x02, 0x00, 0x00, 0x00, 0xE9, 0x03, 0x00, 0x00, 0x64, 0x00, 0x00, 0x00,  // nlink uid gid
         0x03, 0x00, 0x40, 0x00, 0x00, 0x10, 0x5E, 0x5F, 0xD2, 0x02, 0x96, 0x49,  // rdev atime mtime
         0xDD, 0xCC, 0xBB, 0xAA, 0x70, 0x11, 0x01, 0x00, 0x44, 0x33, 0x22, 0x11,  // 36 size 44
         '/', 'h', 'o', 'm', 'e', '/', 'u', '/', 'f', 0};
-    EXPECT_EQ(encodeRestoreAttributes(sample()), expected);
-    RestoreAttributes back;
-    ASSERT_EQ(decodeRestoreAttributes(expected, back), RecordError::None);
-    EXPECT_EQ(back.mode, 0100644u);
-    EXPECT_EQ(back.size, 70000u);
-    EXPECT_EQ(back.name, "/home/u/f");
-}
-
-TEST(RestoreRecord, RoundTripOfEveryField) {
-    RestoreAttributes a = sample();
-    RestoreAttributes b;
-    ASSERT_EQ(decodeRestoreAttributes(encodeRestoreAttributes(a), b), RecordError::None);
-    EXPECT_EQ(std::vector<uint32_t>({b.dev, b.ino, b.mode, b.nlink, b.uid, b.gid, b.rdev, b.atime, b.mtime,
-                                     b.unused36, b.size, b.unused44}),
-              std::vector<uint32_t>({a.dev, a.ino, a.mode, a.nlink, a.uid, a.gid, a.rdev, a.atime, a.mtime,
-                                     a.unused36, a.size, a.unused44}));
-    EXPECT_EQ(b.name, a.name);
-    EXPECT_FALSE(b.isSpecial());
-    b.mode = 010600;
-    EXPECT_TRUE(b.isSpecial());
-    b.mode = 0120777;
-    EXPECT_EQ(b.type(), kTypeSymlink);
+    RestoreAttributes a = sample(), b;
+    EXPECT_EQ(encodeRestoreAttributes(a), expected);
+    ASSERT_EQ(decodeRestoreAttributes(expected, b), RecordError::None);
+    EXPECT_EQ(encodeRestoreAttributes(b), expected);  // every field came back to its place
 }
 
 TEST(RestoreRecord, EveryTruncation) {
     std::vector<uint8_t> full = encodeRestoreAttributes(sample());
     for (size_t n = 0; n < full.size(); ++n) {
         RestoreAttributes out;
-        std::span<const uint8_t> cut(full.data(), n);
-        RecordError e = decodeRestoreAttributes(cut, out);
+        RecordError e = decodeRestoreAttributes(std::span<const uint8_t>(full.data(), n), out);
         if (n < kRecName) {
             EXPECT_EQ(e, RecordError::Short) << n;
             EXPECT_TRUE(out.name.empty());

@@ -1,0 +1,82 @@
+// The harness of the command-stream targets (restore, compare): the job of
+// one input, the input's packets framed again with every MKDIR and OPENFILE
+// record that decodes passed through the target's confinement, and the
+// stream served to the agent over a real socket pair.
+#pragma once
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "request/job_context.h"
+#include "restore/restore_record.h"
+#include "scratch.h"
+#include "transport/packet.h"
+#include "wire/bytes.h"
+
+namespace tavik::fuzz {
+
+// The job of one input; `interval` chooses the acknowledgement interval.
+inline JobContext streamJob(uint8_t interval) {
+    JobContext ctx;
+    prepareForConnection(ctx);
+    ctx.ackInterval = interval % 4;
+    ctx.serverVersion = 52;
+    return ctx;
+}
+
+// `input` as packets: each length cut to the bytes there are, each record of
+// a MKDIR or OPENFILE that decodes given to `confine(RestoreAttributes&)` and
+// encoded again. Records the agent refuses unread (too short, names of 1024
+// bytes or more) pass unchanged.
+template <class Confine>
+std::vector<uint8_t> reframe(std::span<const uint8_t> input, Confine confine) {
+    std::vector<uint8_t> stream;
+    wire::ByteReader in(input);
+    transport::HeaderBytes hb{};
+    while (in.remaining() >= transport::kHeaderSize && in.getBytes(hb)) {
+        transport::PacketHeader h = transport::decodeHeader(hb);
+        std::span<const uint8_t> payload;
+        if (!in.view(std::min<size_t>(h.length, in.remaining()), payload)) break;
+        std::vector<uint8_t> body(payload.begin(), payload.end());
+        restore::RestoreAttributes a;
+        if ((h.code == restore::command::kMkdir || h.code == restore::command::kOpenFile) &&
+            restore::decodeRestoreAttributes(payload, a) == restore::RecordError::None) {
+            confine(a);
+            body = restore::encodeRestoreAttributes(a);
+        }
+        if (body.size() > 65535) body.resize(65535);
+        h.length = static_cast<uint16_t>(body.size());
+        transport::HeaderBytes out = transport::encodeHeader(h);
+        stream.insert(stream.end(), out.begin(), out.end());
+        stream.insert(stream.end(), body.begin(), body.end());
+    }
+    return stream;
+}
+
+// Writes `stream` into one end of a socket pair whose buffers hold every
+// input the fuzzer makes, closes that end for writing and runs
+// `serve(agentSocket)` on the other.
+template <class Serve>
+void serveStream(const std::vector<uint8_t>& stream, Serve serve) {
+    int fds[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) return;
+    int big = 1 << 20;
+    ::setsockopt(fds[1], SOL_SOCKET, SO_SNDBUF, &big, sizeof big);
+    ::setsockopt(fds[0], SOL_SOCKET, SO_SNDBUF, &big, sizeof big);
+    for (size_t sent = 0; sent < stream.size();) {
+        ssize_t n = ::send(fds[1], stream.data() + sent, stream.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n <= 0) break;
+        sent += static_cast<size_t>(n);
+    }
+    ::shutdown(fds[1], SHUT_WR);
+    serve(fds[0]);
+    ::close(fds[0]);
+    ::close(fds[1]);
+}
+
+}  // namespace tavik::fuzz
