@@ -109,30 +109,6 @@ TEST_F(GroomingLibrary, DeletesFiftyRecordedFilesLatestFirst) {
     EXPECT_TRUE(tempFiles().empty());
 }
 
-TEST_F(GroomingLibrary, WorkFileWithCatalogueTexts) {
-    setenv("LANG", "C", 1);
-    setenv("NLSPATH", "/nonexistent/%N", 1);
-    tavik::nls::CloseMessages();  // set 13 may be cached as missing from an earlier look-up
-    tavik::nls::OpenMessages(TAVIK_CATALOGUE_HOME, "tavik");
-    std::string a = makeFile("x/a", 5);
-    std::string b = makeFile("x/b", 6);
-    setTimes(a, kJan2, kJan2);
-    setTimes(b, kJan2, kJan2 + 3600);
-    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
-    record(a);
-    record(b);
-    ASSERT_EQ(endGrooming(), 0);
-    std::string work = readFile(GroomingWorkFile());
-    tavik::nls::CloseMessages();
-    EXPECT_EQ(work, "\nTape name: WEEKLY-07\nSession number: 0042\n\n"
-                    "01/02/20 04:00            6 " + b + "\n"
-                    "01/02/20 03:00            5 " + a + "\n"
-                    "\nFiles deleted in all: 2\n");
-    ASSERT_EQ(MigrateLog(GroomingWorkFile()), 0);
-    std::vector<std::string> logLines = lines(readFile(tavik::paths().logPath));
-    ASSERT_EQ(logLines.size(), 2u) << "only the file lines carry a path as the fourth word";
-}
-
 TEST_F(GroomingLibrary, UnremovableFileIsLoggedAndSkipped) {
     // The grooming runs in a child without the right to remove under ro/:
     // as root the child becomes nobody, otherwise ro/ is made read-only.
@@ -298,54 +274,40 @@ TEST_F(GroomingLibrary, ForkedChildLeavesTheParentsFilesAlone) {
     EXPECT_FALSE(fs::exists(work));
 }
 
-TEST_F(GroomingLibrary, SymbolicLinkIntoProtectedDirectoryIsNotFollowed) {
-    writeFile(home_ + "/groom.cntl", tree_ + "/keep\n");
+TEST_F(GroomingLibrary, LinksNeverLeadIntoProtectedDirectories) {
+    writeFile(home_ + "/groom.cntl", tree_ + "/keep/\n");
     std::string precious = makeFile("keep/precious", 3);
+    std::string swapped = makeFile("keep/f", 3);
+    std::string later = makeFile("keep/later", 1);
+    std::string plain = makeFile("plain/f", 3);
     fs::create_directory_symlink(tree_ + "/keep", tree_ + "/link");
     ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
     record(tree_ + "/link/precious");
-    ASSERT_EQ(endGrooming(), 0);
-    EXPECT_TRUE(fs::exists(precious));
-    EXPECT_EQ(GroomedCount(), 0);
-}
-
-TEST_F(GroomingLibrary, DirectorySwappedForALinkAfterRecordingIsNotFollowed) {
-    writeFile(home_ + "/groom.cntl", tree_ + "/keep\n");
-    std::string precious = makeFile("keep/f", 3);
-    std::string plain = makeFile("plain/f", 3);
-    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
+    // A directory swapped for a link after its file was recorded.
     record(plain);
     fs::rename(tree_ + "/plain", tree_ + "/plain-moved");
     fs::create_directory_symlink(tree_ + "/keep", tree_ + "/plain");
     ASSERT_EQ(endGrooming(), 0);
-    EXPECT_TRUE(fs::exists(precious));
-    EXPECT_TRUE(fs::exists(tree_ + "/plain-moved/f"));
     EXPECT_EQ(GroomedCount(), 0);
+    EXPECT_TRUE(fs::exists(precious));
+    EXPECT_TRUE(fs::exists(swapped));
+    EXPECT_TRUE(fs::exists(tree_ + "/plain-moved/f"));
+
+    // groom.cntl is read for every grooming, unchanged or not.
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
+    record(later);
+    ASSERT_EQ(endGrooming(), 0);
+    EXPECT_TRUE(fs::exists(later)) << "the second grooming kept the control file's names";
+
+    // A missing control file stops nothing.
+    fs::remove(home_ + "/groom.cntl");
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
+    record(later);
+    ASSERT_EQ(endGrooming(), 0);
+    EXPECT_FALSE(fs::exists(later));
 }
 
-TEST_F(GroomingLibrary, ControlFileIsReadForEveryGrooming) {
-    writeFile(home_ + "/groom.cntl", tree_ + "/keep/\n");
-    std::string a = makeFile("keep/a", 1);
-    std::string b = makeFile("keep/b", 1);
-    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
-    record(a);
-    ASSERT_EQ(endGrooming(), 0);
-    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
-    record(b);
-    ASSERT_EQ(endGrooming(), 0);
-    EXPECT_TRUE(fs::exists(a));
-    EXPECT_TRUE(fs::exists(b)) << "the second grooming kept the control file's names";
-}
-
-TEST_F(GroomingLibrary, MissingControlFileStopsNothing) {
-    std::string a = makeFile("a/a", 1);
-    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
-    record(a);
-    ASSERT_EQ(endGrooming(), 0);
-    EXPECT_FALSE(fs::exists(a));
-}
-
-TEST_F(GroomingLibrary, SortedListThatCannotBeMadeFailsWithTwo) {
+TEST_F(GroomingLibrary, WithoutTemporaryDirectoryNothingIsDeleted) {
     std::string a = makeFile("a/a", 1);
     ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
     record(a);
@@ -353,15 +315,13 @@ TEST_F(GroomingLibrary, SortedListThatCannotBeMadeFailsWithTwo) {
     fs::rename(tmp_, root_ + "/tmp-moved");
     EXPECT_EQ(endGrooming(), 2);
     EXPECT_TRUE(fs::exists(a));
-}
-
-TEST_F(GroomingLibrary, WithoutTemporaryDirectoryGroomingDoesNotBegin) {
-    tavik::groom::groomingEnvironment().tempDir = root_ + "/missing";
+    // Nor does grooming begin without it; messages then go to standard error.
     EXPECT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), -1);
     struct stat file = {};
     file.st_mode = S_IFREG;
-    EXPECT_EQ(RecordGrooming((tree_ + "/x/y").c_str(), file), 0);
+    EXPECT_EQ(RecordGrooming(a.c_str(), file), 0);
     EXPECT_EQ(EndGrooming(), -1);
+    EXPECT_TRUE(fs::exists(a));
     testing::internal::CaptureStderr();
     grlog("to standard error %d\n", 7);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "to standard error 7\n");
