@@ -347,10 +347,6 @@ TEST_F(BrowserTest, MountListFromTheTable) {
     EXPECT_EQ(names, (std::vector<std::string>{"/", dir_ + "/with space"}));
     EXPECT_TRUE(home_.logHas(
         "(SendFSData) Failed to get the attributes (stat) of /no/such/dir (No such file or directory)"));
-
-    // Old servers' empty path is a directory name (select 3: it is tried).
-    sendBytes(sp_.server, request(15, 3, 21, ""));
-    EXPECT_EQ(nextCode(sp_.server), 16);
 }
 
 TEST_F(BrowserTest, MountTableThatCannotBeOpenedAnswers101) {

@@ -1,6 +1,8 @@
 // Packet exchange over real socket pairs: header bytes, whole-buffer
 // transfers and their failures with their log lines, the retry waits, status
-// packets, GetReply bounds, the acknowledgement rule and the stalled sender.
+// packets, GetReply bounds, the acknowledgement rule and a stalled send
+// outside the sender (the sender's own stall, which puts the backup process
+// to sleep, is tested end to end).
 #include "transport/packet.h"
 
 #include <sys/wait.h>
@@ -9,7 +11,6 @@
 
 #include <array>
 #include <chrono>
-#include <csignal>
 #include <vector>
 
 #include "daemon/scratch_home.h"
@@ -230,41 +231,6 @@ TEST_F(PacketTest, StalledSendOutsideTheSenderFailsAfterTheSpanTapeAlarm) {
     EXPECT_NE(log.find("(blockSend) Span Tape Failed"), std::string::npos);
     // Not the sender: the parent is never signalled.
     EXPECT_EQ(log.find("into sleep"), std::string::npos);
-}
-
-volatile sig_atomic_t gUsr1 = 0;
-void countUsr1(int) { gUsr1 = gUsr1 + 1; }
-
-TEST_F(PacketTest, StalledSenderPutsBackupProcessToSleepAndWakesIt) {
-    settings().timeDivisor = 10000;  // 180 s -> 18 ms
-    struct sigaction sa {};
-    sa.sa_handler = countUsr1;
-    sigaction(SIGUSR1, &sa, nullptr);
-    gUsr1 = 0;
-    SocketPair sp;
-    fillSocket(sp.agent);
-    pid_t child = fork();
-    if (child == 0) {
-        tavik::transport::transport().senderProcess = true;
-        std::vector<uint8_t> more(4096, 'q');
-        _exit(blockSend(sp.agent, more.data(), more.size()) == 0 ? 0 : 1);
-    }
-    // Wait for the sleep signal, then read so that the sender progresses.
-    for (int i = 0; i < 500 && gUsr1 == 0; ++i) usleep(10000);
-    EXPECT_EQ(gUsr1, 1);
-    std::vector<uint8_t> sink(1 << 20);
-    int status = 0;
-    while (waitpid(child, &status, WNOHANG) == 0) {
-        ::recv(sp.server, sink.data(), sink.size(), MSG_DONTWAIT);
-        usleep(1000);
-    }
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_EQ(gUsr1, 2);
-    std::string log = home_.log();
-    std::string pid = std::to_string(getpid());
-    EXPECT_NE(log.find("Put Backup Process(" + pid + ") into sleep"), std::string::npos);
-    EXPECT_NE(log.find("Wake Backup Process(" + pid + ") up"), std::string::npos);
-    signal(SIGUSR1, SIG_DFL);
 }
 
 TEST_F(PacketTest, ReadAheadServesManyPacketsFromOneReceiveAndFailsLikeBlockRecv) {
