@@ -93,9 +93,7 @@ TEST_F(ControlFilesTest, UnreadableFileIsLogged) {
         DirList list;
         _exit(dir_cntl(paths().cntlPath.c_str(), list) == -1 && list.names.empty() ? 0 : 1);
     }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(tavik::testing::exitStatusOf(child), 0);
     EXPECT_TRUE(home_.logHas("(dir_cntl) Faied to open " + paths().cntlPath + " (Permission denied)"));
 }
 

@@ -62,8 +62,7 @@ protected:
         std::array<uint8_t, 8> h{};
         ssize_t n = ::recv(sp.server, h.data(), h.size(), MSG_WAITALL);
         sp.closeServer();  // the job waits for its parameters: end it
-        int status = 0;
-        ::waitpid(child, &status, 0);
+        tavik::testing::exitStatusOf(child);
         return n == 8 ? h[2] : -1;
     }
     tavik::testing::ScratchHome home_;
@@ -83,9 +82,7 @@ TEST_F(JobProcessTest, ChuidSwitchesGroupsGidUidAndRootCannotComeBack) {
         if (::setuid(0) == 0) _exit(4);
         _exit(0);
     }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(tavik::testing::exitStatusOf(child), 0);
 }
 
 TEST_F(JobProcessTest, FailedSwitchIsLoggedAndAnswered119) {

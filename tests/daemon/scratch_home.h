@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -74,6 +75,13 @@ struct SocketPair {
         server = -1;
     }
 };
+
+// Waits for the child `pid`: its exit status, or -1 when it did not exit.
+inline int exitStatusOf(pid_t pid) {
+    int status = 0;
+    if (::waitpid(pid, &status, 0) != pid) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
 // A TCP connection to `port` on the loopback address; -1 when refused.
 inline int connectLoopback(uint16_t port) {

@@ -138,10 +138,7 @@ TEST_F(GroomingLibrary, UnremovableFileIsLoggedAndSkipped) {
         int rc = EndGrooming();
         _exit(rc == 0 && GroomedCount() == 1 ? 0 : 6);
     }
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    ASSERT_TRUE(WIFEXITED(status));
-    ASSERT_EQ(WEXITSTATUS(status), 0);
+    ASSERT_EQ(tavik::testing::exitStatusOf(pid), 0);
     chmod((tree_ + "/ro").c_str(), 0755);
     EXPECT_TRUE(fs::exists(ro1));
     EXPECT_TRUE(fs::exists(ro2));
@@ -265,8 +262,7 @@ TEST_F(GroomingLibrary, ForkedChildLeavesTheParentsFilesAlone) {
         RemoveGroomingTempFiles();  // what cleanup does in any process
         _exit(0);
     }
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_EQ(tavik::testing::exitStatusOf(pid), 0);
     EXPECT_TRUE(fs::exists(candidates));
     EXPECT_TRUE(fs::exists(work));
     RemoveGroomingTempFiles();

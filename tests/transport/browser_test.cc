@@ -17,6 +17,7 @@
 #include <fstream>
 #include <set>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "daemon/mount_table.h"
@@ -118,10 +119,7 @@ protected:
     }
     // Waits for the child; its exit status.
     int finish() {
-        int status = 0;
-        ::waitpid(child_, &status, 0);
-        child_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return tavik::testing::exitStatusOf(std::exchange(child_, -1));
     }
     std::string path(const std::string& name) const { return dir_ + "/" + name; }
 

@@ -76,9 +76,7 @@ TEST_F(PacketTest, WholeBufferTransfersAndZeroLengths) {
     std::vector<uint8_t> got(data.size(), 0xFF);
     EXPECT_EQ(blockRecv(sp.agent, got.data(), got.size()), 0);
     EXPECT_EQ(got, data);
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(tavik::testing::exitStatusOf(child), 0);
 
     EXPECT_EQ(blockSend(sp.agent, nullptr, 0), 0);
     EXPECT_EQ(blockRecv(sp.agent, nullptr, 0), 0);
