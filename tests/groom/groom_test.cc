@@ -10,7 +10,6 @@
 #include <clocale>
 #include <cstdlib>
 #include <ctime>
-#include <regex>
 
 #include "daemon/state.h"
 #include "nls/messages.h"
@@ -87,10 +86,7 @@ TEST_F(GroomingLibrary, DeletesFiftyRecordedFilesLatestFirst) {
         expected += line;
     }
     expected += "\ncatgetsErr";
-    std::string work = readFile(GroomingWorkFile());
-    EXPECT_EQ(work, expected);
-    std::regex shape(R"(^\d\d/\d\d/\d\d \d\d:\d\d [ \d]{11}\d /\S+$)");
-    EXPECT_TRUE(std::regex_match(lines(work)[3], shape)) << lines(work)[3];
+    EXPECT_EQ(readFile(GroomingWorkFile()), expected);
 
     // Only the work file is left of grooming's temporary files.
     EXPECT_EQ(tempFiles(), std::vector<std::string>{GroomingWorkFile()});

@@ -52,8 +52,6 @@ RequestFields fields(const std::string& root, int version = 52) {
 
 TEST_F(RequestTest, RecordFieldsAndTheRootInOrAfterTheRecord) {
     std::vector<uint8_t> packet = buildRequestPacket(fields("/home/alice"));
-    ASSERT_EQ(packet.size(), 8u + 680u);
-    EXPECT_EQ(wire::loadLe16(&packet[6]), 680);
     ASSERT_EQ(read(packet), 0);
     EXPECT_EQ(ctx_.jobRoot, "/home/alice");
     EXPECT_EQ(ctx_.request.loginID(), "alice");
@@ -72,9 +70,7 @@ TEST_F(RequestTest, RecordFieldsAndTheRootInOrAfterTheRecord) {
 
     // A long root follows the record.
     std::string root = "/" + std::string(299, 'd');
-    packet = buildRequestPacket(fields(root));
-    EXPECT_EQ(wire::loadLe16(&packet[6]), 680 + 301);
-    ASSERT_EQ(read(packet), 0);
+    ASSERT_EQ(read(buildRequestPacket(fields(root))), 0);
     EXPECT_EQ(ctx_.jobRoot, root);
     EXPECT_EQ(ctx_.request.root(), root.substr(0, 175));
 }
