@@ -37,7 +37,7 @@ TEST(AttributeRecord, GoldenBytesAndLengthFortyNinePlusName) {
     const uint8_t head[] = {0x04, 0x03, 0x02, 0x01, 0x0D, 0x0C, 0x0B, 0x0A, 0xA4, 0x81, 0, 0, 1, 0, 0, 0,
                             0xFE, 0xFF, 0xFF, 0xFF, 100, 0, 0, 0, 0, 0, 0, 0, 0x44, 0x33, 0x22, 0x11,
                             0x88, 0x77, 0x66, 0x55, 0xEF, 0xBE, 0xFE, 0xCA, 0x01, 0x10, 0, 0, 0};
-    for (size_t i = 0; i < sizeof head; ++i) EXPECT_EQ(buf[i], head[i]) << "offset " << i;
+    EXPECT_EQ(std::vector<uint8_t>(buf.begin(), buf.begin() + sizeof head), std::vector<uint8_t>(head, std::end(head)));
     EXPECT_EQ(std::string(reinterpret_cast<char*>(&buf[45]), 12), "hello.c12345");
     for (size_t i = 57; i < 61; ++i) EXPECT_EQ(buf[i], 0) << "NUL and padding at " << i;
     EXPECT_EQ(buf[61], 0xEE) << "nothing written past the record";
@@ -62,11 +62,7 @@ TEST(AttributeRecord, RefusesLongNamesAndDecodesOnlyWholeRecords) {
     ASSERT_EQ(encodeBackupAttributes(a, buf), 50u);
     for (size_t len = 0; len < 46; ++len)
         EXPECT_FALSE(decodeBackupAttributes(std::span<const uint8_t>(buf.data(), len))) << len;
-    buf[45] = 'x';
-    buf[46] = 'y';
-    buf[47] = 'z';
-    buf[48] = 'w';
-    buf[49] = 'v';
+    std::fill(buf.begin() + 45, buf.begin() + 50, 'x');
     EXPECT_FALSE(decodeBackupAttributes(std::span<const uint8_t>(buf.data(), 50))) << "name without a NUL";
 }
 
@@ -79,7 +75,7 @@ TEST(AttributeRecord, DosTimeAndDateInLocalTime) {
     EXPECT_EQ(d, 7 | (6 << 5) | ((2026 - 1980) << 9));
 }
 
-TEST(WireStat, DeviceNumbersRoundTripWhenTheyFit) {
+TEST(WireStat, DevicesTimesAndSizesInThirtyTwoBits) {
     for (auto [maj, min] : {std::pair{8u, 1u}, {1u, 3u}, {259u, 0x3FFFFu}, {0x3FFFu, 7u}, {0u, 0u}}) {
         dev_t dev = makedev(maj, min);
         EXPECT_TRUE(tavik::platform::dev32Exact(dev));
@@ -87,9 +83,7 @@ TEST(WireStat, DeviceNumbersRoundTripWhenTheyFit) {
     }
     EXPECT_EQ(tavik::platform::encodeDev32(makedev(8, 1)), (8u << 18) | 1u);
     EXPECT_FALSE(tavik::platform::dev32Exact(makedev(1, 1u << 18)));
-}
-
-TEST(WireStat, TimesAndSizes) {
+    // Times and sizes in 32 bits.
     EXPECT_EQ(tavik::platform::wireTime(-5), 0u);
     EXPECT_EQ(tavik::platform::wireTime(int64_t(1) << 33), UINT32_MAX);
     EXPECT_EQ(tavik::platform::wireTime(3000000000LL), 3000000000u) << "unsigned: past 2038 still right";

@@ -13,7 +13,7 @@ namespace {
 using tavik::backup::grantedSlotCount;
 using tavik::backup::segmentSize;
 
-TEST(QueueSize, StepsDownByTenUntilTheSystemGrants) {
+TEST(QueueSize, StepsDownByTenUntilTheSystemGrantsOrFails) {
     std::vector<size_t> tried;
     size_t limit = segmentSize(2048, 35);  // a system that grants 35 slots' worth
     auto probe = [&](size_t bytes) {
@@ -25,10 +25,7 @@ TEST(QueueSize, StepsDownByTenUntilTheSystemGrants) {
     ASSERT_EQ(tried.size(), 8u);  // 100, 90, ..., 40, 30
     EXPECT_EQ(tried.front(), 205608u);
     EXPECT_EQ(tried.back(), segmentSize(2048, 30));
-}
-
-TEST(QueueSize, FewerThanTenSlotsOrAnotherErrorFail) {
-    int err = 0;
+    // Fewer than ten slots, or another error, fail.
     EXPECT_EQ(grantedSlotCount(2048, 100, [](size_t) { return EINVAL; }, err), -1);
     EXPECT_EQ(grantedSlotCount(2048, 100, [](size_t) { return ENOSPC; }, err), -2);
     EXPECT_EQ(err, ENOSPC);

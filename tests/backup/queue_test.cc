@@ -191,10 +191,7 @@ TEST_F(QueueTest, HeldSlotsLeaveWithTheNextPublicationOrBeforeAWait) {
         _exit(countdown(10) == 0 ? 0 : 3);
     }
     ASSERT_EQ(waitFreeSlot(), 0);
-    int status = 0;
-    waitpid(consumer, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(tavik::testing::exitStatusOf(consumer), 0);
     EXPECT_EQ(queuedCount(), 0);
     EXPECT_EQ(freeSlots(), 10);
     ReleaseIPC();
@@ -225,10 +222,7 @@ TEST_F(QueueTest, ProducerAndConsumerInTwoProcessesKeepOrder) {
         inSlot()[9] = uint8_t(i >> 8);
         ASSERT_EQ(countup(), 0);
     }
-    int status = 0;
-    waitpid(consumer, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(tavik::testing::exitStatusOf(consumer), 0);
     EXPECT_EQ(queuedCount(), 0);
     ReleaseIPC();
 }

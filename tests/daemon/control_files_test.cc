@@ -31,30 +31,35 @@ protected:
 
 TEST_F(ControlFilesTest, OnlyAbsoluteLinesProtectAndMatchWholeComponents) {
     settings().verbose = true;
-    write("# comment\netc\n/etc\n/home/secret\n", 1000);
-    ASSERT_EQ(dir_cntl(paths().cntlPath.c_str(), list_), 0);
-    std::vector<std::string> names(list_.names.begin(), list_.names.end());
-    EXPECT_EQ(names, (std::vector<std::string>{"/home/secret", "/etc"}));  // newest first
+    const std::string deep = "/" + std::string(600, 'd');
+    const struct {
+        std::string text;
+        std::vector<std::pair<std::string, int>> verdicts;
+    } cases[] = {
+        {"# comment\netc\n/etc\n/home/secret\n",
+         {{"/etc/", kProtected}, {"/etc/default/", kProtected}, {"/home/secret/", kProtected},
+          {"/home/secret/x/y/", kProtected}, {"/etcetera/", 0}, {"/home/", 0}, {"/", 0}, {"/usr/etc/", 0}}},
+        // Entries ending in "/" protect nothing; the last line has no newline.
+        {"/\n/etc/\n/var/log",
+         {{"/etc/", 0}, {"/usr/", 0}, {"/", 0}, {"/var/log/", kProtected}, {"/var/log", kProtected}}},
+        // Long lines are read whole.
+        {deep + "\n", {{deep + "/sub/", kProtected}}},
+    };
+    time_t mtime = 1000;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text.substr(0, 40));
+        write(c.text, mtime += 1000);
+        ASSERT_EQ(dir_cntl(paths().cntlPath.c_str(), list_), 0);
+        if (&c == &cases[0]) {
+            std::vector<std::string> names(list_.names.begin(), list_.names.end());
+            EXPECT_EQ(names, (std::vector<std::string>{"/home/secret", "/etc"}));  // newest first
+        }
+        for (const auto& [path, verdict] : c.verdicts) EXPECT_EQ(isProtected(path, list_), verdict) << path;
+    }
     EXPECT_TRUE(home_.logHas("tvk.cntl: /home/secret"));
-
-    EXPECT_EQ(isProtected("/etc/", list_), kProtected);
-    EXPECT_EQ(isProtected("/etc/default/", list_), kProtected);
-    EXPECT_EQ(isProtected("/home/secret/", list_), kProtected);
-    EXPECT_EQ(isProtected("/home/secret/x/y/", list_), kProtected);
-    EXPECT_EQ(isProtected("/etcetera/", list_), 0);
-    EXPECT_EQ(isProtected("/home/", list_), 0);
-    EXPECT_EQ(isProtected("/", list_), 0);
-    EXPECT_EQ(isProtected("/usr/etc/", list_), 0);
-}
-
-TEST_F(ControlFilesTest, SlashEntriesProtectNothing) {
-    write("/\n/etc/\n/var/log", 1000);  // the last line has no newline
-    ASSERT_EQ(dir_cntl(paths().cntlPath.c_str(), list_), 0);
-    EXPECT_EQ(isProtected("/etc/", list_), 0);
-    EXPECT_EQ(isProtected("/usr/", list_), 0);
-    EXPECT_EQ(isProtected("/", list_), 0);
-    EXPECT_EQ(isProtected("/var/log/", list_), kProtected);
-    EXPECT_EQ(isProtected("/var/log", list_), kProtected);
+    // An element drops only the trailing newline.
+    EXPECT_EQ(new_element("/x y \n").value(), "/x y ");
+    EXPECT_EQ(new_element("/last").value(), "/last");
 }
 
 TEST_F(ControlFilesTest, ReReadOnlyWhenNewer) {
@@ -77,13 +82,6 @@ TEST_F(ControlFilesTest, ReReadOnlyWhenNewer) {
     EXPECT_TRUE(list_.names.empty());
 }
 
-TEST_F(ControlFilesTest, LongLinesAreReadWhole) {
-    std::string deep = "/" + std::string(600, 'd');
-    write(deep + "\n", 1000);
-    ASSERT_EQ(dir_cntl(paths().cntlPath.c_str(), list_), 0);
-    EXPECT_EQ(isProtected(deep + "/sub/", list_), kProtected);
-}
-
 TEST_F(ControlFilesTest, UnreadableFileIsLogged) {
     write("/a\n", 1000);
     ::chmod(paths().cntlPath.c_str(), 0);
@@ -95,15 +93,8 @@ TEST_F(ControlFilesTest, UnreadableFileIsLogged) {
         DirList list;
         _exit(dir_cntl(paths().cntlPath.c_str(), list) == -1 && list.names.empty() ? 0 : 1);
     }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(tavik::testing::exitStatusOf(child), 0);
     EXPECT_TRUE(home_.logHas("(dir_cntl) Faied to open " + paths().cntlPath + " (Permission denied)"));
-}
-
-TEST(NewElement, DropsOnlyTheTrailingNewline) {
-    EXPECT_EQ(new_element("/x y \n").value(), "/x y ");
-    EXPECT_EQ(new_element("/last").value(), "/last");
 }
 
 }  // namespace

@@ -1,9 +1,14 @@
 // Test support: a scratch home directory with its LOG folder, made the
-// agent's paths() for the test's lifetime, and a reader for its log.
+// agent's paths() for the test's lifetime, and a reader for its log; socket
+// pairs, loopback connections and bounded reads for the network tests.
 #pragma once
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -15,6 +20,13 @@
 #include "daemon/state.h"
 
 namespace tavik::testing {
+
+inline std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
 
 class ScratchHome {
 public:
@@ -32,12 +44,7 @@ public:
     ScratchHome& operator=(const ScratchHome&) = delete;
 
     const std::string& dir() const { return dir_; }
-    std::string log() const {
-        std::ifstream in(paths().logPath, std::ios::binary);
-        std::stringstream s;
-        s << in.rdbuf();
-        return s.str();
-    }
+    std::string log() const { return readFile(paths().logPath); }
     bool logHas(const std::string& text) const { return log().find(text) != std::string::npos; }
 
 private:
@@ -68,5 +75,43 @@ struct SocketPair {
         server = -1;
     }
 };
+
+// Waits for the child `pid`: its exit status, or -1 when it did not exit.
+inline int exitStatusOf(pid_t pid) {
+    int status = 0;
+    if (::waitpid(pid, &status, 0) != pid) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// A TCP connection to `port` on the loopback address; -1 when refused.
+inline int connectLoopback(uint16_t port) {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(port);
+    if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) return fd;
+    if (fd >= 0) ::close(fd);
+    return -1;
+}
+
+// Reads exactly n bytes, waiting at most five seconds for each part; false
+// on time-out or end of stream.
+inline bool recvWithin(int fd, uint8_t* out, size_t n) {
+    for (size_t got = 0; got < n;) {
+        pollfd p{fd, POLLIN, 0};
+        ssize_t r = ::poll(&p, 1, 5000) == 1 ? ::recv(fd, out + got, n - got, 0) : -1;
+        if (r <= 0) return false;
+        got += size_t(r);
+    }
+    return true;
+}
+
+// True when the peer closed (end of file or reset) within five seconds.
+inline bool closedWithin(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    uint8_t byte;
+    return ::poll(&p, 1, 5000) == 1 && ::recv(fd, &byte, 1, 0) <= 0;
+}
 
 }  // namespace tavik::testing

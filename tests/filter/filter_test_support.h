@@ -1,5 +1,5 @@
-// Shared by the filter tests: a private log directory whose lines can be
-// read back, a fixed time zone, and small builders for times and stats.
+// Shared by the filter tests: a scratch home whose log lines can be read
+// back, a fixed time zone, and small builders for times and stats.
 #pragma once
 
 #include <sys/stat.h>
@@ -9,10 +9,10 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "daemon/scratch_home.h"
 #include "daemon/state.h"
 
 namespace filtertest {
@@ -50,30 +50,21 @@ inline struct stat statWithTimes(time_t mtime, time_t atime = 0, time_t ctime = 
 class LoggedTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/tavik-filter-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        tavik::paths().deriveFrom(dir_ + "/");
-        ASSERT_EQ(mkdir(tavik::paths().logDir.c_str(), 0777), 0);
         tavik::settings().verbose = false;
         setTimeZone(kNewYorkTz);
     }
-    void TearDown() override {
-        tavik::settings().verbose = false;
-        std::system(("rm -rf '" + dir_ + "'").c_str());
-    }
+    void TearDown() override { tavik::settings().verbose = false; }
     // The messages logged so far, without their date and process id.
     std::vector<std::string> logMessages() const {
         std::ifstream in(tavik::paths().logPath);
         std::vector<std::string> messages;
-        std::string line;
-        while (std::getline(in, line)) {
+        for (std::string line; std::getline(in, line);) {
             const size_t dash = line.find(") - ");
             messages.push_back(dash == std::string::npos ? line : line.substr(dash + 4));
         }
         return messages;
     }
-    std::string dir_;
+    tavik::testing::ScratchHome home_;
 };
 
 }  // namespace filtertest

@@ -15,11 +15,7 @@
 
 namespace {
 
-using tavik::filter::DirVerdict;
-using tavik::filter::DirVerdictOf;
-using tavik::filter::FileSelected;
-using tavik::filter::Filter;
-using tavik::filter::MatchName;
+using namespace tavik::filter;
 using filtertest::statWithTimes;
 using filtertest::utc;
 
@@ -36,19 +32,6 @@ void expectMatches(const std::vector<MatchCase>& cases) {
     }
 }
 
-class ScopedLocale {
-public:
-    explicit ScopedLocale(const char* locale) : saved_(setlocale(LC_CTYPE, nullptr)) {
-        ok_ = setlocale(LC_CTYPE, locale) != nullptr;
-    }
-    ~ScopedLocale() { setlocale(LC_CTYPE, saved_.c_str()); }
-    bool ok() const { return ok_; }
-
-private:
-    std::string saved_;
-    bool ok_ = false;
-};
-
 TEST(MatchName, StarsQuestionMarksAndLiterals) {
     expectMatches({
         {"a.c", "*.c", 1},  {".c", "*.c", 0},     {"abc", "a*", 1},   {"ab", "a*b", 0},
@@ -62,7 +45,7 @@ TEST(MatchName, StarsQuestionMarksAndLiterals) {
     });
 }
 
-TEST(MatchName, CharacterClasses) {
+TEST(MatchName, CharacterClassesAndLeadingBang) {
     expectMatches({
         {"file7", "file[0-9]", 1}, {"fileA", "file[0-9]", 0}, {"file", "file[0-9]", 0},
         {"c", "[a-ce-g]", 1},      {"d", "[a-ce-g]", 0},      {"f", "[a-ce-g]", 1},
@@ -78,21 +61,15 @@ TEST(MatchName, CharacterClasses) {
         {"!", "[!a]", 1},          {"b", "[!a]", 0},          {"^", "[^a]", 1},
         // A class needs a character: none at the end of the name.
         {"ab", "ab[a-z]", 0},
-    });
-}
-
-TEST(MatchName, LeadingBangInverts) {
-    expectMatches({
+        // Only a leading "!" inverts; a later "!" is literal.
         {"core", "!core", 0}, {"core2", "!core", 1}, {"x", "!*", 0},  {"", "!", 0},
         {"a", "!", 1},        {"a.o", "!*.o", 0},    {"a.c", "!*.o", 1},
-        // Only the first character inverts; a later "!" is literal.
         {"!a", "!!a", 0},     {"a", "!!a", 1},       {"a!", "a!", 1},
     });
 }
 
-TEST(MatchName, MultibyteCharactersInUtf8) {
-    ScopedLocale locale("C.UTF-8");
-    ASSERT_TRUE(locale.ok());
+TEST(MatchName, MultibyteCharactersByLocale) {
+    ASSERT_NE(setlocale(LC_CTYPE, "C.UTF-8"), nullptr);
     expectMatches({
         {"\xC3\xA9", "?", 1},                 // é is one character
         {"\xC3\xA9", "??", 0},
@@ -111,11 +88,8 @@ TEST(MatchName, MultibyteCharactersInUtf8) {
         {"a\xC3", "a?", 1},
         {"\xC3", "[\xC3]", 1},
     });
-}
-
-TEST(MatchName, MultibyteBytesInTheCLocale) {
-    ScopedLocale locale("C");
-    ASSERT_TRUE(locale.ok());
+    // In "C" every byte is a character.
+    ASSERT_NE(setlocale(LC_CTYPE, "C"), nullptr);
     expectMatches({{"\xC3\xA9", "?", 0}, {"\xC3\xA9", "??", 1}});
 }
 
@@ -174,62 +148,49 @@ Filter buildFilter(const Patterns& p) {
     return f;
 }
 
-TEST(DirVerdictOf, EmptyListsBackUpEverything) {
-    Filter f = buildFilter({});
-    EXPECT_EQ(DirVerdictOf(f, "/home/anything/at/all"), DirVerdict::BackUp);
+TEST(DirVerdictOf, NameExclusionsAndPathInclusions) {
+    using enum DirVerdict;
+    const struct {
+        Patterns patterns;
+        std::vector<std::pair<const char*, DirVerdict>> verdicts;
+    } cases[] = {
+        {{}, {{"/home/anything/at/all", BackUp}}},
+        // An excluded name excludes anywhere below the root.
+        {{.dirExc = {"tmp"}},
+         {{"/home/tmp", Excluded}, {"/home/a/tmp", Excluded}, {"/home/a/tmp/b/c", Excluded},
+          {"/home/a/tmpx", BackUp}, {"/home/a/b", BackUp}}},
+        // A path inclusion leaves the other directories to descend only; a
+        // trailing star also stands for no character at all.
+        {{.dirInc = {"/home/u*"}},
+         {{"/home/u1", BackUp}, {"/home/u1/src", BackUp}, {"/home/u1/src/deep", BackUp}, {"/home/x", DescendOnly},
+          {"/home/x/u1", DescendOnly}, {"/home/u", BackUp}, {"/home/v/u", DescendOnly}}},
+        // A deeper path pattern; the exclusion is judged first.
+        {{.dirInc = {"/home/src/tmp/", "/home/u*"}, .dirExc = {"/home/u2"}},
+         {{"/home/src/tmp", BackUp}, {"/home/src/tmp/x", BackUp}, {"/home/src/other", DescendOnly},
+          {"/home/u2", Excluded}, {"/home/u2/x", Excluded}, {"/home/u3", BackUp}}},
+    };
+    for (const auto& c : cases) {
+        Filter f = buildFilter(c.patterns);
+        for (const auto& [path, verdict] : c.verdicts) EXPECT_EQ(DirVerdictOf(f, path), verdict) << path;
+    }
 }
 
-TEST(DirVerdictOf, ExcludedNameAnywhereBelowTheRoot) {
-    Filter f = buildFilter({.dirExc = {"tmp"}});
-    EXPECT_EQ(DirVerdictOf(f, "/home/tmp"), DirVerdict::Excluded);
-    EXPECT_EQ(DirVerdictOf(f, "/home/a/tmp"), DirVerdict::Excluded);
-    EXPECT_EQ(DirVerdictOf(f, "/home/a/tmp/b/c"), DirVerdict::Excluded);
-    EXPECT_EQ(DirVerdictOf(f, "/home/a/tmpx"), DirVerdict::BackUp);
-    EXPECT_EQ(DirVerdictOf(f, "/home/a/b"), DirVerdict::BackUp);
-}
-
-TEST(DirVerdictOf, PathIncludeLeavesOthersToDescendOnly) {
-    Filter f = buildFilter({.dirInc = {"/home/u*"}});
-    EXPECT_EQ(DirVerdictOf(f, "/home/u1"), DirVerdict::BackUp);
-    EXPECT_EQ(DirVerdictOf(f, "/home/u1/src"), DirVerdict::BackUp);
-    EXPECT_EQ(DirVerdictOf(f, "/home/u1/src/deep"), DirVerdict::BackUp);
-    EXPECT_EQ(DirVerdictOf(f, "/home/x"), DirVerdict::DescendOnly);
-    EXPECT_EQ(DirVerdictOf(f, "/home/x/u1"), DirVerdict::DescendOnly);
-    // A trailing star also stands for no character at all.
-    EXPECT_EQ(DirVerdictOf(f, "/home/u"), DirVerdict::BackUp);
-    EXPECT_EQ(DirVerdictOf(f, "/home/v/u"), DirVerdict::DescendOnly);
-}
-
-TEST(DirVerdictOf, DeeperPathPatternAndExclusionFirst) {
-    Filter f = buildFilter({.dirInc = {"/home/src/tmp/", "/home/u*"}, .dirExc = {"/home/u2"}});
-    EXPECT_EQ(DirVerdictOf(f, "/home/src/tmp"), DirVerdict::BackUp);
-    EXPECT_EQ(DirVerdictOf(f, "/home/src/tmp/x"), DirVerdict::BackUp);
-    EXPECT_EQ(DirVerdictOf(f, "/home/src/other"), DirVerdict::DescendOnly);
-    EXPECT_EQ(DirVerdictOf(f, "/home/u2"), DirVerdict::Excluded);
-    EXPECT_EQ(DirVerdictOf(f, "/home/u2/x"), DirVerdict::Excluded);
-    EXPECT_EQ(DirVerdictOf(f, "/home/u3"), DirVerdict::BackUp);
-}
-
-TEST(FileSelected, PathAndNamePatterns) {
+TEST(FileSelected, PathAndNamePatternsAndExclusionFirst) {
     const struct stat st = statWithTimes(0);
-    Filter byPath = buildFilter({.fileInc = {"/home/u1/*.c"}});
-    EXPECT_EQ(FileSelected(byPath, "/home/u1/a.c", st), 1);
-    EXPECT_EQ(FileSelected(byPath, "/home/u1/sub/a.c", st), 0);
-    EXPECT_EQ(FileSelected(byPath, "/home/u1/a.h", st), 0);
-    Filter byName = buildFilter({.fileInc = {"*.c"}});
-    EXPECT_EQ(FileSelected(byName, "/home/u1/a.c", st), 1);
-    EXPECT_EQ(FileSelected(byName, "/home/u1/sub/a.c", st), 1);
-    Filter atRoot = buildFilter({.fileInc = {"/home/*.c"}});
-    EXPECT_EQ(FileSelected(atRoot, "/home/a.c", st), 1);
-    EXPECT_EQ(FileSelected(atRoot, "/home/u1/a.c", st), 0);
-}
-
-TEST(FileSelected, ExclusionWinsOverInclusion) {
-    const struct stat st = statWithTimes(0);
-    Filter f = buildFilter({.fileInc = {"*.c"}, .fileExc = {"test_*"}});
-    EXPECT_EQ(FileSelected(f, "/home/a/test_x.c", st), 0);
-    EXPECT_EQ(FileSelected(f, "/home/a/x.c", st), 1);
-    EXPECT_EQ(FileSelected(f, "/home/a/test_x.h", st), 0);
+    const struct {
+        Patterns patterns;
+        std::vector<std::pair<const char*, int>> selected;
+    } cases[] = {
+        {{.fileInc = {"/home/u1/*.c"}}, {{"/home/u1/a.c", 1}, {"/home/u1/sub/a.c", 0}, {"/home/u1/a.h", 0}}},
+        {{.fileInc = {"*.c"}}, {{"/home/u1/a.c", 1}, {"/home/u1/sub/a.c", 1}}},
+        {{.fileInc = {"/home/*.c"}}, {{"/home/a.c", 1}, {"/home/u1/a.c", 0}}},
+        {{.fileInc = {"*.c"}, .fileExc = {"test_*"}},
+         {{"/home/a/test_x.c", 0}, {"/home/a/x.c", 1}, {"/home/a/test_x.h", 0}}},
+    };
+    for (const auto& c : cases) {
+        Filter f = buildFilter(c.patterns);
+        for (const auto& [path, want] : c.selected) EXPECT_EQ(FileSelected(f, path, st), want) << path;
+    }
 }
 
 TEST(FileSelected, TimeListsWithPatterns) {
@@ -237,109 +198,109 @@ TEST(FileSelected, TimeListsWithPatterns) {
     Filter f = buildFilter({.fileInc = {"*.c"}, .fileExc = {"*.o"}});
     const time_t now = utc(2026, 6, 15, 16);  // 12:00 local
     // Include: modified within 7 days; exclude: accessed on or before 1 June.
-    ASSERT_EQ(tavik::filter::StoreTime({.which = 1, .kind = 3, .first = 7, .unit = 0}, f.TimeIncPattern, now), 0);
-    ASSERT_EQ(tavik::filter::StoreTime({.exclude = true, .which = 2, .kind = 0, .first = int32_t(utc(2026, 6, 1))},
-                                       f.TimeExcPattern, now),
+    ASSERT_EQ(StoreTime({.which = 1, .kind = 3, .first = 7, .unit = 0}, f.TimeIncPattern, now), 0);
+    ASSERT_EQ(StoreTime({.exclude = true, .which = 2, .kind = 0, .first = int32_t(utc(2026, 6, 1))}, f.TimeExcPattern,
+                        now),
               0);
     const time_t today = utc(2026, 6, 15, 13);
-    const time_t eightDaysAgo = utc(2026, 6, 7, 13);
     EXPECT_EQ(FileSelected(f, "/home/a.c", statWithTimes(today, today)), 1);
-    EXPECT_EQ(FileSelected(f, "/home/a.c", statWithTimes(eightDaysAgo, today)), 0);
+    EXPECT_EQ(FileSelected(f, "/home/a.c", statWithTimes(utc(2026, 6, 7, 13), today)), 0) << "eight days ago";
     EXPECT_EQ(FileSelected(f, "/home/a.o", statWithTimes(today, today)), 0);
     // Accessed 1 June 23:00 local (2 June 03:00 UTC): on or before 1 June, excluded.
     EXPECT_EQ(FileSelected(f, "/home/a.c", statWithTimes(today, utc(2026, 6, 2, 3))), 0);
     EXPECT_EQ(FileSelected(f, "/home/a.c", statWithTimes(today, utc(2026, 6, 2, 4))), 1);
-}
 
-TEST(FileSelected, UnknownTimeOrKindNeverMatches) {
-    Filter f = buildFilter({});
+    // An unknown time field or kind never matches.
+    Filter g = buildFilter({});
     const struct stat st = statWithTimes(100, 100, 100);
-    ASSERT_EQ(tavik::filter::StoreTime({.which = 3, .kind = 1, .first = 0}, f.TimeExcPattern, 0), 0);
-    ASSERT_EQ(tavik::filter::StoreTime({.which = 1, .kind = 7, .first = 0, .second = 1000}, f.TimeExcPattern, 0), 0);
-    EXPECT_EQ(FileSelected(f, "/home/a", st), 1) << "neither exclusion applies";
-    f.TimeExcPattern.clear();
-    ASSERT_EQ(tavik::filter::StoreTime({.which = 5, .kind = 2, .first = 0, .second = 1000}, f.TimeIncPattern, 0), 0);
-    EXPECT_EQ(FileSelected(f, "/home/a", st), 0) << "an inclusion that never matches selects nothing";
+    ASSERT_EQ(StoreTime({.which = 3, .kind = 1, .first = 0}, g.TimeExcPattern, 0), 0);
+    ASSERT_EQ(StoreTime({.which = 1, .kind = 7, .first = 0, .second = 1000}, g.TimeExcPattern, 0), 0);
+    EXPECT_EQ(FileSelected(g, "/home/a", st), 1) << "neither exclusion applies";
+    g.TimeExcPattern.clear();
+    ASSERT_EQ(StoreTime({.which = 5, .kind = 2, .first = 0, .second = 1000}, g.TimeIncPattern, 0), 0);
+    EXPECT_EQ(FileSelected(g, "/home/a", st), 0) << "an inclusion that never matches selects nothing";
 }
 
 TEST(PackedTime, UtcFieldsInTheirBits) {
     filtertest::setTimeZone(filtertest::kNewYorkTz);
-    EXPECT_EQ(uint32_t(tavik::filter::packedTime(utc(2026, 3, 10, 14, 30, 58))), 0x5C6A73DDu);
-    EXPECT_EQ(uint32_t(tavik::filter::packedTime(utc(1980, 1, 1))), 0x00210000u);
+    EXPECT_EQ(uint32_t(packedTime(utc(2026, 3, 10, 14, 30, 58))), 0x5C6A73DDu);
+    EXPECT_EQ(uint32_t(packedTime(utc(1980, 1, 1))), 0x00210000u);
     // From 2044 on the year reaches bit 31 and the value is negative.
-    EXPECT_LT(tavik::filter::packedTime(utc(2045, 1, 1)), 0);
+    EXPECT_LT(packedTime(utc(2045, 1, 1)), 0);
 }
 
-TEST(OldFileSelected, FileListModesAndCountBound) {
-    tavik::filter::OldSelection s;
+// The verdicts of `judge` on each of `names`, in order.
+template <class Judge>
+std::vector<int> verdicts(Judge judge, std::initializer_list<const char*> names) {
+    std::vector<int> out;
+    for (const char* name : names) out.push_back(judge(name));
+    return out;
+}
+
+TEST(OldSelection, FileListModesAndCountBound) {
+    OldSelection s;
     s.fileCount = 2;
     s.fileMode = 1;
     s.files[0] = "*.c";
     s.files[1] = "core";
-    const struct stat st = statWithTimes(0);
-    EXPECT_EQ(tavik::filter::OldFileSelected(s, "a.c", st), 1);
-    EXPECT_EQ(tavik::filter::OldFileSelected(s, "core", st), 1);
-    EXPECT_EQ(tavik::filter::OldFileSelected(s, "a.o", st), 0);
+    auto selected = [&s](const char* name) { return OldFileSelected(s, name, statWithTimes(0)); };
+    EXPECT_EQ(verdicts(selected, {"a.c", "core", "a.o"}), (std::vector<int>{1, 1, 0}));
     s.fileMode = 0;
-    EXPECT_EQ(tavik::filter::OldFileSelected(s, "a.c", st), 0);
-    EXPECT_EQ(tavik::filter::OldFileSelected(s, "a.o", st), 1);
+    EXPECT_EQ(verdicts(selected, {"a.c", "a.o"}), (std::vector<int>{0, 1}));
     // A count above 16 reads the 16 entries; the last one still counts.
     s.fileCount = 200;
     s.fileMode = 1;
     s.files[15] = "*.h";
-    EXPECT_EQ(tavik::filter::OldFileSelected(s, "x.h", st), 1);
-    EXPECT_EQ(tavik::filter::OldFileSelected(s, "x.y", st), 0);
+    EXPECT_EQ(verdicts(selected, {"x.h", "x.y"}), (std::vector<int>{1, 0}));
     s.fileCount = 0;
-    EXPECT_EQ(tavik::filter::OldFileSelected(s, "x.y", st), 1);
+    EXPECT_EQ(selected("x.y"), 1);
 }
 
-TEST(OldFileSelected, DateMethodsAtTheThreshold) {
-    tavik::filter::OldSelection s;
+TEST(OldSelection, DateMethodsAtTheThreshold) {
+    OldSelection s;
     const time_t mtime = utc(2026, 3, 10, 14, 30, 58);
     const struct stat st = statWithTimes(mtime);
-    s.timeThresh = tavik::filter::packedTime(mtime);
+    s.timeThresh = packedTime(mtime);
     s.method = 2;
-    EXPECT_EQ(tavik::filter::OldFileSelected(s, "f", st), 0) << "not modified after the threshold";
-    EXPECT_EQ(tavik::filter::OldFileSelected(s, "f", statWithTimes(mtime + 2)), 1);
+    EXPECT_EQ(OldFileSelected(s, "f", st), 0) << "not modified after the threshold";
+    EXPECT_EQ(OldFileSelected(s, "f", statWithTimes(mtime + 2)), 1);
     s.method = 3;
-    EXPECT_EQ(tavik::filter::OldFileSelected(s, "f", st), 1);
-    EXPECT_EQ(tavik::filter::OldFileSelected(s, "f", statWithTimes(mtime + 2)), 0);
+    EXPECT_EQ(OldFileSelected(s, "f", st), 1);
+    EXPECT_EQ(OldFileSelected(s, "f", statWithTimes(mtime + 2)), 0);
     // Signed comparison: a file from 2045 packs negative, "before" any threshold of ours.
-    EXPECT_EQ(tavik::filter::OldFileSelected(s, "f", statWithTimes(utc(2045, 1, 1))), 1);
+    EXPECT_EQ(OldFileSelected(s, "f", statWithTimes(utc(2045, 1, 1))), 1);
     for (uint8_t method : {0, 1, 4, 255}) {
         s.method = method;
-        EXPECT_EQ(tavik::filter::OldFileSelected(s, "f", st), 1) << int(method);
+        EXPECT_EQ(OldFileSelected(s, "f", st), 1) << int(method);
     }
 }
 
-TEST(OldDirListed, ModesEmptyListAndCountBound) {
-    tavik::filter::OldSelection s;
-    EXPECT_EQ(tavik::filter::OldDirListed(s, "x"), 1) << "empty excluding list passes everything";
+TEST(OldSelection, DirectoryModesEmptyListAndCountBound) {
+    OldSelection s;
+    auto listed = [&s](const char* name) { return OldDirListed(s, name); };
+    EXPECT_EQ(listed("x"), 1) << "empty excluding list passes everything";
     s.dirMode = 1;
-    EXPECT_EQ(tavik::filter::OldDirListed(s, "x"), 0) << "empty including list passes nothing";
+    EXPECT_EQ(listed("x"), 0) << "empty including list passes nothing";
     s.dirCount = 17;
     s.dirs[0] = "src";
     s.dirs[15] = "doc";
-    EXPECT_EQ(tavik::filter::OldDirListed(s, "src"), 1);
-    EXPECT_EQ(tavik::filter::OldDirListed(s, "doc"), 1);
-    EXPECT_EQ(tavik::filter::OldDirListed(s, "sr*"), 0);
-    EXPECT_EQ(tavik::filter::OldDirListed(s, "s*"), 0) << "exact comparison, no wildcards";
+    // Exact comparison, no wildcards.
+    EXPECT_EQ(verdicts(listed, {"src", "doc", "sr*", "s*"}), (std::vector<int>{1, 1, 0, 0}));
     s.dirMode = 0;
-    EXPECT_EQ(tavik::filter::OldDirListed(s, "src"), 0);
-    EXPECT_EQ(tavik::filter::OldDirListed(s, "lib"), 1);
+    EXPECT_EQ(verdicts(listed, {"src", "lib"}), (std::vector<int>{0, 1}));
 }
 
 TEST(InNameList, ExactNamesWithinTheCount) {
     const char* const names[] = {"usr", "home", nullptr};
-    EXPECT_EQ(tavik::filter::InNameList("home", 2, names), 1);
-    EXPECT_EQ(tavik::filter::InNameList("home", 1, names), 0);
-    EXPECT_EQ(tavik::filter::InNameList("hom", 2, names), 0);
-    EXPECT_EQ(tavik::filter::InNameList("usr", 0, names), 0);
-    EXPECT_EQ(tavik::filter::InNameList("usr", -3, names), 0);
-    EXPECT_EQ(tavik::filter::InNameList("x", 1000, names), 0) << "a count past the table reads no further";
+    EXPECT_EQ(InNameList("home", 2, names), 1);
+    EXPECT_EQ(InNameList("home", 1, names), 0);
+    EXPECT_EQ(InNameList("hom", 2, names), 0);
+    EXPECT_EQ(InNameList("usr", 0, names), 0);
+    EXPECT_EQ(InNameList("usr", -3, names), 0);
+    EXPECT_EQ(InNameList("x", 1000, names), 0) << "a count past the table reads no further";
     const std::vector<std::string> list = {"a", "b*"};
-    EXPECT_EQ(tavik::filter::InNameList("b*", 2, list), 1);
-    EXPECT_EQ(tavik::filter::InNameList("bx", 2, list), 0);
+    EXPECT_EQ(InNameList("b*", 2, list), 1);
+    EXPECT_EQ(InNameList("bx", 2, list), 0);
 }
 
 }  // namespace

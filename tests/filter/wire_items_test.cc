@@ -89,47 +89,34 @@ TEST(FilterItemCodec, EncoderRefusesWhatTheAreaCannotHold) {
     EXPECT_EQ(empty->size(), kFilterItemSize);
 }
 
+// The decoded fields of an item, as plain numbers for comparing whole.
+std::vector<int64_t> fieldsOf(const PatternItem& p) { return {p.type, p.exclude, p.count, p.dataLength}; }
+std::vector<int64_t> fieldsOf(const TimeItem& t) { return {t.exclude, t.which, t.kind, t.first, t.second, t.unit}; }
+
 TEST(FilterItemCodec, RoundTripThroughTheDecoder) {
     std::vector<uint8_t> stream;
-    const std::vector<std::string> patterns = {"*.c", "/home/u1/Makefile", ""};
-    const auto names = encodeNamePatternItem(false, true, patterns);
+    const auto names = encodeNamePatternItem(false, true, std::vector<std::string>{"*.c", "/home/u1/Makefile", ""});
     ASSERT_TRUE(names.has_value());
-    stream.insert(stream.end(), names->begin(), names->end());
-    const auto date = encodeDateItem(true, kWhichChanged, kOnOrBefore, -5, 77);
-    stream.insert(stream.end(), date.begin(), date.end());
-    const auto within = encodeWithinItem(false, kWhichAccessed, 0xFFFFFFFF, kUnitYears);
-    stream.insert(stream.end(), within.begin(), within.end());
+    for (const auto& item : {*names, encodeDateItem(true, kWhichChanged, kOnOrBefore, -5, 77),
+                             encodeWithinItem(false, kWhichAccessed, 0xFFFFFFFF, kUnitYears)})
+        stream.insert(stream.end(), item.begin(), item.end());
 
     ReceivedFilter received;
     ByteReader in(stream.data(), stream.size());
     ASSERT_TRUE(readFilterItems(in, 3, received));
     EXPECT_TRUE(in.empty());
     ASSERT_EQ(received.items.size(), 3u);
-
-    const PatternItem p = decodePatternItem(received.items[0].record);
-    EXPECT_EQ(p.type, kFilePatternItem);
-    EXPECT_TRUE(p.exclude);
-    EXPECT_EQ(p.count, 3u);
-    EXPECT_EQ(p.dataLength, 23u);
+    EXPECT_EQ(fieldsOf(decodePatternItem(received.items[0].record)),
+              (std::vector<int64_t>{kFilePatternItem, 1, 3, 23}));
     EXPECT_EQ(received.items[0].dataOffset, 0u);
     EXPECT_EQ(received.items[0].dataLength, 23u);
     EXPECT_EQ(std::string(received.patternArea.begin(), received.patternArea.end()),
               std::string("*.c\0/home/u1/Makefile\0\0", 23));
-
-    const TimeItem d = decodeTimeItem(received.items[1].record);
-    EXPECT_TRUE(d.exclude);
-    EXPECT_EQ(d.which, kWhichChanged);
-    EXPECT_EQ(d.kind, kOnOrBefore);
-    EXPECT_EQ(d.first, -5);
-    EXPECT_EQ(d.second, 77);
+    EXPECT_EQ(fieldsOf(decodeTimeItem(received.items[1].record)),
+              (std::vector<int64_t>{1, kWhichChanged, kOnOrBefore, -5, 77, 0}));
     EXPECT_EQ(received.items[1].dataLength, 0u);
-
-    const TimeItem w = decodeTimeItem(received.items[2].record);
-    EXPECT_FALSE(w.exclude);
-    EXPECT_EQ(w.which, kWhichAccessed);
-    EXPECT_EQ(w.kind, kWithin);
-    EXPECT_EQ(uint32_t(w.first), 0xFFFFFFFFu);
-    EXPECT_EQ(w.unit, kUnitYears);
+    EXPECT_EQ(fieldsOf(decodeTimeItem(received.items[2].record)),
+              (std::vector<int64_t>{0, kWhichAccessed, kWithin, -1, 0, kUnitYears}));
 }
 
 TEST(FilterItemCodec, TruncatedStreamFailsAtEveryLength) {

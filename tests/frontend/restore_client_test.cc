@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "daemon/scratch_home.h"
 #include "frontend/restore_client.h"
 #include "frontend/stream_builder.h"
 #include "restore/restore_record.h"
@@ -19,7 +20,7 @@
 namespace {
 
 using namespace tavik::frontend;
-using tavik::test::archiveBytes;
+using tavik::test::archiveOf;
 using tavik::test::StreamBuilder;
 namespace cmd = tavik::restore::command;
 
@@ -114,15 +115,7 @@ public:
     }
 
 private:
-    bool readAll(uint8_t* p, size_t n) {
-        while (n > 0) {
-            ssize_t r = ::read(ours_, p, n);
-            if (r <= 0) return false;
-            p += r;
-            n -= size_t(r);
-        }
-        return true;
-    }
+    bool readAll(uint8_t* p, size_t n) { return tavik::testing::recvWithin(ours_, p, n); }
     void reply(uint8_t code) {
         uint8_t h[8] = {0, 0, code, 0, 0, 0, 0, 0};
         EXPECT_EQ(::write(ours_, h, 8), 8);
@@ -180,7 +173,7 @@ TEST(RestoreReplay, EntriesBecomeCommandsWithFullNamesAndStatusesAreMatchedInOrd
     StreamBuilder b;
     b.source().file("a", std::string(4100, 'a'), 8192).dir("d").file("b", "").file("c", "ccc");
     b.endDir().file("e", "e").endDir().end();
-    std::vector<uint8_t> archive = archiveBytes(b.bytes(), uint32_t(b.packets().size()), true);
+    std::vector<uint8_t> archive = archiveOf(b);
 
     FakeAgent agent({0, 'j', 0xCB, 0});
     RestoreSender sender(agent.connection(), "/dest/", 5000);
@@ -221,7 +214,7 @@ TEST(RestoreReplay, UnreadableDataIsRemovedAgainAndMissingEntriesAreNamed) {
     b.source().header("partial", 0, 0100644, 5000).packet(7, std::vector<uint8_t>(2048, 'p'));
     b.status(tavik::transport::code::kReadErr);
     b.status(tavik::transport::code::kNoFile, "gone", true).dir("skip").file("x", "x").endDir().end();
-    std::vector<uint8_t> archive = archiveBytes(b.bytes(), uint32_t(b.packets().size()), true);
+    std::vector<uint8_t> archive = archiveOf(b);
 
     FakeAgent agent({0});
     RestoreSender sender(agent.connection(), "/r", 5000);
@@ -248,7 +241,7 @@ TEST(RestoreReplay, NoSpaceEndsTheJobAndEveryFileAfterItIsReported) {
     b.source();
     for (int i = 0; i < 50; ++i) b.file("f" + std::to_string(i), std::string(3000, 'f'));
     b.endDir().end();
-    std::vector<uint8_t> archive = archiveBytes(b.bytes(), uint32_t(b.packets().size()), true);
+    std::vector<uint8_t> archive = archiveOf(b);
 
     FakeAgent agent({0, 0, 'd'});
     RestoreSender sender(agent.connection(), "/r", 5000);
@@ -267,14 +260,10 @@ TEST(RestoreReplay, NoSpaceEndsTheJobAndEveryFileAfterItIsReported) {
         EXPECT_NE(s.failures[i].words.find("lack of space"), std::string::npos) << s.failures[i].words;
 }
 
-}  // namespace
-
-namespace {
-
 TEST(RestoreReplay, ArchiveBreakingOffInsideAFileEndsItRemovesItAndStillEndsTheJob) {
     StreamBuilder b;
     b.source().file("whole", "w").header("cut", 0, 0100644, 9000).packet(7, std::vector<uint8_t>(2048, 'c'));
-    std::vector<uint8_t> archive = archiveBytes(b.bytes(), uint32_t(b.packets().size()), false);
+    std::vector<uint8_t> archive = archiveOf(b, false);
 
     FakeAgent agent({0, 0});
     RestoreSender sender(agent.connection(), "/r", 5000);

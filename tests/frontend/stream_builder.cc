@@ -1,10 +1,7 @@
 #include "frontend/stream_builder.h"
 
-#include <unistd.h>
-
 #include "backup/attribute_record.h"
 #include "frontend/archive.h"
-#include "platform/tempfile.h"
 
 namespace tavik::test {
 
@@ -75,6 +72,19 @@ std::vector<uint8_t> archiveBytes(const std::vector<uint8_t>& body, uint32_t pac
     std::vector<uint8_t> trailer = frontend::encodeArchiveTrailer(t);
     out.insert(out.end(), trailer.begin(), trailer.end());
     return out;
+}
+
+bool archiveVerifies(const std::vector<uint8_t>& bytes, std::string* error) {
+    frontend::ArchiveReader reader;
+    frontend::ArchiveWalker walker(reader);
+    frontend::TreeEvent e;
+    frontend::ArchiveWalker::Next n = frontend::ArchiveWalker::Next::kError;
+    if (reader.openMemory(bytes)) {
+        while ((n = walker.next(e)) == frontend::ArchiveWalker::Next::kEvent) {
+        }
+    }
+    if (error) *error = walker.error().empty() ? reader.error() : walker.error();
+    return n == frontend::ArchiveWalker::Next::kEnd && reader.checksumGood() && reader.trailer().complete;
 }
 
 }  // namespace tavik::test

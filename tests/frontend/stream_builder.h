@@ -36,5 +36,13 @@ private:
 // A whole archive file's bytes around a stream.
 std::vector<uint8_t> archiveBytes(const std::vector<uint8_t>& body, uint32_t packets, bool complete,
                                   const std::string& source = "/src");
+inline std::vector<uint8_t> archiveOf(const StreamBuilder& s, bool complete = true,
+                                      const std::string& source = "/src") {
+    return archiveBytes(s.bytes(), uint32_t(s.packets().size()), complete, source);
+}
+
+// Walks a whole archive: true when the structure, the checksum and the
+// trailer's counts are good and the stream complete; else the reason.
+bool archiveVerifies(const std::vector<uint8_t>& bytes, std::string* error = nullptr);
 
 }  // namespace tavik::test

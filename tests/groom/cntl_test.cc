@@ -44,14 +44,12 @@ TEST(GroomProtected, PrefixesEndAtAComponentAndNamesMatchComponents) {
     EXPECT_EQ(IsProtected("/anything", nullptr), 0);
 }
 
-TEST(GroomProtected, ElementDropsTheLastCharacter) {
+TEST(GroomProtected, ElementsAndTheControlFileOfTheLogDirectory) {
+    // An element drops the line's last character, whatever it is.
     EXPECT_EQ(new_element("/etc\n")->name, "/etc");
     EXPECT_EQ(new_element("x")->name, "");
     EXPECT_EQ(new_element("")->name, "");
     EXPECT_EQ(new_element("/etc\n")->next, nullptr);
-}
-
-TEST(GroomProtected, ControlFileOfTheLogDirectory) {
     EXPECT_EQ(ControlFileOf("/opt/agent/LOG"), "/opt/agent/groom.cntl");
     EXPECT_EQ(ControlFileOf("/opt/agent/LOG/"), "/opt/agent/groom.cntl");
     EXPECT_EQ(ControlFileOf("/var/log/agent"), "/var/log/agent/groom.cntl");
@@ -88,10 +86,6 @@ TEST_F(GroomControlFile, PackageValues) {
     ASSERT_TRUE(PackageValue(info.c_str(), "TVKBIN", value));
     EXPECT_EQ(value, "/opt/bin") << "a last line without its newline keeps all its text";
 }
-
-}  // namespace
-
-namespace {
 
 TEST(GroomTexts, DamagedCatalogueTextsAreNotUsedAsFormats) {
     std::string dir = "/tmp/groomtext-" + std::to_string(getpid());

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "daemon/scratch_home.h"
 #include "daemon/state.h"
 #include "groom/groom.h"
 
@@ -28,12 +29,7 @@ namespace groomtest {
 
 namespace fs = std::filesystem;
 
-inline std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
+using tavik::testing::readFile;
 
 inline void writeFile(const std::string& path, const std::string& text) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);

@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "locales.h"
 
@@ -69,39 +70,38 @@ protected:
     std::string skip_;
 };
 
-TEST_F(DatesTest, DefaultKindStyles) {
-    ASSERT_TRUE(enter("C"));
-    ASSERT_EQ(LocaleKind(), kKindDefault);
-    expectStyles({{"", "03/13/05", "03/13/2005", "Mar 13 2005", "Mar-13", ""},
-                  {"", "14:05", "14:05:09", "02:05 PM", ""}});
+TEST_F(DatesTest, StylesOfEachLocaleKind) {
+    const struct {
+        const char* locale;
+        int kind;
+        Styles styles;
+    } cases[] = {
+        {"C", kKindDefault,
+         {{"", "03/13/05", "03/13/2005", "Mar 13 2005", "Mar-13", ""}, {"", "14:05", "14:05:09", "02:05 PM", ""}}},
+        {"fr", kKindFrench,
+         {{"", "13/03/2005", "13/03/2005", "13 mars 2005", "13 mars", ""}, {"", "14:05", "14:05:09", "02:05 ", ""}}},
+        // "Mär" in ISO-8859-1.
+        {"german", kKindGerman,
+         {{"", "13.03.2005", "13.03.2005", "13. M\xe4r 2005", "13. M\xe4r", ""}, {"", "14:05", "14:05:09", "02:05 ", ""}}},
+        // Shift JIS: YEAR 0x94 0x4E, MONTH 0x8C 0x8E, DAY 0x93 0xFA, and "%p"
+        // of the afternoon 0x8C 0xDF 0x8C 0xE3 ("gogo"). Style 3: "%x"
+        // ("2005<year>03<month>13<day>", 14 bytes) less its last 5. Style 4:
+        // "03" and the last two bytes of "%m%b", "13" and bytes 6..7 of "%e%A".
+        {"ja_JP.SJIS", kKindJapanese,
+         {{"", "05/03/13", "03/13/2005", "2005\x94\x4e" "03\x8c", "03\x8c\x8e" "13\x93\xfa", ""},
+          {"", "14:05", "14:05:09", "02:05 \x8c\xdf\x8c\xe3", ""}}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.locale);
+        if (!enter(c.locale)) GTEST_SKIP() << skip_;
+        ASSERT_EQ(LocaleKind(), c.kind);
+        expectStyles(c.styles);
+        nlstest::restoreC();
+    }
     // Style 1 has no blank: the grooming log's words stay four.
     EXPECT_EQ(strchr(DateTextOf(0, 1), ' '), nullptr);
-}
-
-TEST_F(DatesTest, FrenchKindStyles) {
-    if (!enter("fr")) GTEST_SKIP() << skip_;
-    ASSERT_EQ(LocaleKind(), kKindFrench);
-    expectStyles({{"", "13/03/2005", "13/03/2005", "13 mars 2005", "13 mars", ""},
-                  {"", "14:05", "14:05:09", "02:05 ", ""}});
-}
-
-TEST_F(DatesTest, GermanKindStyles) {
-    if (!enter("german")) GTEST_SKIP() << skip_;
-    ASSERT_EQ(LocaleKind(), kKindGerman);
-    // "Mär" in ISO-8859-1.
-    expectStyles({{"", "13.03.2005", "13.03.2005", "13. M\xe4r 2005", "13. M\xe4r", ""},
-                  {"", "14:05", "14:05:09", "02:05 ", ""}});
-}
-
-TEST_F(DatesTest, JapaneseKindStyles) {
-    if (!enter("ja_JP.SJIS")) GTEST_SKIP() << skip_;
-    ASSERT_EQ(LocaleKind(), kKindJapanese);
-    // Shift JIS: YEAR 0x94 0x4E, MONTH 0x8C 0x8E, DAY 0x93 0xFA, and "%p" of
-    // the afternoon 0x8C 0xDF 0x8C 0xE3 ("gogo").
-    // Style 3: "%x" ("2005<year>03<month>13<day>", 14 bytes) less its last 5.
-    // Style 4: "03" and the last two bytes of "%m%b", "13" and bytes 6..7 of "%e%A".
-    expectStyles({{"", "05/03/13", "03/13/2005", "2005\x94\x4e" "03\x8c", "03\x8c\x8e" "13\x93\xfa", ""},
-                  {"", "14:05", "14:05:09", "02:05 \x8c\xdf\x8c\xe3", ""}});
+    // Japanese style 1 puts the two-digit year first, also before 2000 and in it.
+    ASSERT_TRUE(enter("ja_JP.SJIS"));
     struct tm old = sample(96);
     EXPECT_STREQ(DateText(&old, 1), "96/03/13");
     struct tm y2000 = sample(100);
@@ -142,46 +142,31 @@ Read readDate(const char* input, int style, size_t capacity = 32) {
 }
 
 TEST_F(DatesTest, ReadsDatesInEachKindsOrder) {
-    ASSERT_TRUE(enter("C"));
-    Read r = readDate("3/7/96", 1);
-    EXPECT_EQ(r.text, "03/07/96");
-    EXPECT_EQ(r.month, 3);
-    EXPECT_EQ(r.day, 7);
-    EXPECT_EQ(r.year, 96);
-    r = readDate("12.25.2001", 4);
-    EXPECT_EQ(r.text, "12.25.2001");
-    EXPECT_EQ(r.month, 12);
-    EXPECT_EQ(r.day, 25);
-    EXPECT_EQ(r.year, 2001);
-    r = readDate("1/2.3", 1);  // the second separator may differ; the first is written
-    EXPECT_EQ(r.text, "01/02/03");
-    nlstest::restoreC();
-
-    if (!enter("fr")) GTEST_SKIP() << skip_;
-    r = readDate("3/7/96", 1);
-    EXPECT_EQ(r.text, "03/07/96");
-    EXPECT_EQ(r.day, 3);
-    EXPECT_EQ(r.month, 7);
-    EXPECT_EQ(r.year, 96);
-    nlstest::restoreC();
-
-    ASSERT_TRUE(enter("de"));
-    r = readDate("3/7/96", 4);
-    EXPECT_EQ(r.text, "03.07.96");
-    EXPECT_EQ(r.day, 3);
-    EXPECT_EQ(r.month, 7);
-    EXPECT_EQ(r.year, 96);
-    nlstest::restoreC();
-
-    ASSERT_TRUE(enter("ja_JP.SJIS"));
-    r = readDate("96/3/7", 1);
-    EXPECT_EQ(r.text, "96/03/07");
-    EXPECT_EQ(r.year, 96);
-    EXPECT_EQ(r.month, 3);
-    EXPECT_EQ(r.day, 7);
+    const struct {
+        const char* locale;
+        const char* input;
+        int style;
+        const char* text;
+        int year, month, day;
+    } cases[] = {
+        {"C", "3/7/96", 1, "03/07/96", 96, 3, 7},
+        {"C", "12.25.2001", 4, "12.25.2001", 2001, 12, 25},
+        {"C", "1/2.3", 1, "01/02/03", 3, 1, 2},  // the second separator may differ; the first is written
+        {"fr", "3/7/96", 1, "03/07/96", 96, 7, 3},
+        {"de", "3/7/96", 4, "03.07.96", 96, 7, 3},
+        {"ja_JP.SJIS", "96/3/7", 1, "96/03/07", 96, 3, 7},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.locale) + " " + c.input);
+        if (!enter(c.locale)) GTEST_SKIP() << skip_;
+        Read r = readDate(c.input, c.style);
+        EXPECT_EQ(r.text, c.text);
+        EXPECT_EQ((std::vector<int>{r.year, r.month, r.day}), (std::vector<int>{c.year, c.month, c.day}));
+        nlstest::restoreC();
+    }
 }
 
-TEST_F(DatesTest, ReadingThatReadsNothing) {
+TEST_F(DatesTest, ReadingThatReadsNothingOrWouldNotFit) {
     ASSERT_TRUE(enter("C"));
     for (int style : {2, 3}) {
         Read r = readDate("3/7/96", style);
@@ -193,19 +178,13 @@ TEST_F(DatesTest, ReadingThatReadsNothing) {
         EXPECT_EQ(r.text, text);
         EXPECT_EQ(r.year + r.month + r.day, 0);
     }
-}
-
-TEST_F(DatesTest, ReadingNeverWritesPastTheText) {
-    ASSERT_TRUE(enter("C"));
     // "01/02/03" needs 9 bytes: with room for 6 the text stays as it is.
     Read r = readDate("1/2/3", 1, 6);
     EXPECT_EQ(r.text, "1/2/3");
-    EXPECT_EQ(r.month, 1);
-    EXPECT_EQ(r.day, 2);
-    EXPECT_EQ(r.year, 3);
+    EXPECT_EQ((std::vector<int>{r.year, r.month, r.day}), (std::vector<int>{3, 1, 2}));
     r = readDate("99999999999999/-99999999999/7", 1);
     EXPECT_EQ(r.month, 2147483647);  // the saturated first number
-    EXPECT_EQ(r.text.size() < 32, true);
+    EXPECT_LT(r.text.size(), 32u);
 }
 
 }  // namespace

@@ -20,6 +20,14 @@ using namespace tavik::nls;
 constexpr const char* kSo = "\x83\x5c";
 constexpr const char* kKatakanaA = "\x83\x41";
 
+// The tokens of `text` between `delimiters`, each in brackets.
+std::string tokens(std::string text, const char* delimiters) {
+    std::string got;
+    for (char* tok = MbStrTok(text.data(), delimiters); tok; tok = MbStrTok(nullptr, delimiters))
+        got += std::string("[") + tok + "]";
+    return got;
+}
+
 class MbCTest : public ::testing::Test {
 protected:
     void TearDown() override { nlstest::restoreC(); }
@@ -41,10 +49,7 @@ TEST_F(MbCTest, ByteWiseInC) {
 }
 
 TEST_F(MbCTest, TokensAndSpacesInC) {
-    char text[] = "//usr//local/bin";
-    std::string got;
-    for (char* tok = MbStrTok(text, "/"); tok; tok = MbStrTok(nullptr, "/")) got += std::string("[") + tok + "]";
-    EXPECT_EQ(got, "[usr][local][bin]");
+    EXPECT_EQ(tokens("//usr//local/bin", "/"), "[usr][local][bin]");
 
     char spaced[] = "a b\tc";
     int len = 5;
@@ -92,16 +97,13 @@ TEST_F(MbJapaneseTest, SecondByteOfTwoByteCharacterIsNotMatched) {
     EXPECT_EQ(MbFindLastChar(t, "\x81\x40"), nullptr);
 }
 
-TEST_F(MbJapaneseTest, LongTextFallsBackToBytes) {
+TEST_F(MbJapaneseTest, LongTextAndBadBytesFallBackToBytes) {
     // 1100 characters: too long for the wide buffers, so scanned byte-wise
     // and the backslash inside SO is found.
     std::string s = std::string(1099, 'x') + kSo;
     EXPECT_EQ(MbStrChr(s.c_str(), '\\'), s.c_str() + 1100);
     std::string shortText = std::string(10, 'x') + kSo;
     EXPECT_EQ(MbStrChr(shortText.c_str(), '\\'), nullptr);
-}
-
-TEST_F(MbJapaneseTest, BadBytesFallBackToBytes) {
     // A lone lead byte at the end does not convert.
     const char* t = "a/b\x83";
     EXPECT_EQ(MbStrChr(t, '/'), t + 1);
@@ -109,24 +111,15 @@ TEST_F(MbJapaneseTest, BadBytesFallBackToBytes) {
 }
 
 TEST_F(MbJapaneseTest, TokensKeepTwoByteCharactersWhole) {
-    std::string s = std::string("ab") + kSo + "cd\\\\ef\\";
-    std::string got;
-    for (char* tok = MbStrTok(s.data(), "\\"); tok; tok = MbStrTok(nullptr, "\\")) got += std::string("[") + tok + "]";
-    EXPECT_EQ(got, std::string("[ab") + kSo + "cd][ef]");
+    EXPECT_EQ(tokens(std::string("ab") + kSo + "cd\\\\ef\\", "\\"), std::string("[ab") + kSo + "cd][ef]");
     // A two-byte delimiter.
-    std::string w = std::string("x") + kSo + "y" + kSo + kSo + "z";
-    got.clear();
-    for (char* tok = MbStrTok(w.data(), kSo); tok; tok = MbStrTok(nullptr, kSo)) got += std::string("[") + tok + "]";
-    EXPECT_EQ(got, "[x][y][z]");
+    EXPECT_EQ(tokens(std::string("x") + kSo + "y" + kSo + kSo + "z", kSo), "[x][y][z]");
 }
 
-TEST_F(MbJapaneseTest, LowerCaseByCharacter) {
-    std::string s = std::string("AB") + kKatakanaA + "\x82\x60";
-    MbToLower(s.data());
-    EXPECT_EQ(s, std::string("ab") + kKatakanaA + "\x82\x81") << "KATAKANA A keeps its second byte";
-}
-
-TEST_F(MbJapaneseTest, StripsWideSpaces) {
+TEST_F(MbJapaneseTest, LowerCaseAndSpacesByCharacter) {
+    std::string upper = std::string("AB") + kKatakanaA + "\x82\x60";
+    MbToLower(upper.data());
+    EXPECT_EQ(upper, std::string("ab") + kKatakanaA + "\x82\x81") << "KATAKANA A keeps its second byte";
     std::string s = std::string("a \x81\x40") + kSo + "\tb";
     int len = int(s.size());
     MbStripSpace(s.data(), &len);

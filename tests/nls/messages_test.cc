@@ -66,26 +66,7 @@ TEST_F(MessagesTest, LocaleWithoutItsCatalogueFallsBackToC) {
 }
 
 TEST_F(MessagesTest, LooksUpSet13AndFallsBackOutsideIt) {
-    nlstest::ScratchHome home({"C"});
-    setenv("LANG", "C", 1);
-    OpenMessages(home.dir().c_str(), "tavik");
-    EXPECT_STREQ(GetMessage(13, 4), "Tape name: %s\n");
-    EXPECT_STREQ(GetMessage(13, 11), "Files deleted in all: %d\n");
-    EXPECT_STREQ(GetMessage(13, 9), "%sCould not remove %s (%s)\n");
-    const char* again = GetMessage(13, 4);
-    EXPECT_EQ(again, GetMessage(13, 4)) << "a cached set hands out the same text";
-    EXPECT_STREQ(GetMessage(13, 13), "catgetsErr");
-    EXPECT_STREQ(GetMessage(13, 0), "catgetsErr");
-    EXPECT_STREQ(GetMessage(35, 1), "catgetsErr");
-    EXPECT_STREQ(GetMessage(0, 1), "catgetsErr");
-    EXPECT_STREQ(GetMessage(-1, 1), "catgetsErr");
-    EXPECT_STREQ(GetMessage(1, 1), "catgetsErr") << "a set our catalogue lacks";
-    EXPECT_STREQ(GetMessage(14, 1), "catgetsErr") << "an empty set";
-    CloseMessages();
-    EXPECT_STREQ(GetMessage(13, 4), "catgetsErr") << "closed: no catalogue";
-}
-
-TEST_F(MessagesTest, LookupBeforeOpeningIsCachedAsMissing) {
+    // A look-up before the catalogue opens caches set 13 as missing.
     EXPECT_STREQ(GetMessage(13, 4), "catgetsErr");
     nlstest::ScratchHome home({"C"});
     setenv("LANG", "C", 1);
@@ -95,18 +76,22 @@ TEST_F(MessagesTest, LookupBeforeOpeningIsCachedAsMissing) {
     CloseMessages();
     OpenMessages(home.dir().c_str(), "tavik");
     EXPECT_STREQ(GetMessage(13, 4), "Tape name: %s\n") << "CloseMessages dropped the cache";
+    EXPECT_STREQ(GetMessage(13, 11), "Files deleted in all: %d\n");
+    EXPECT_STREQ(GetMessage(13, 9), "%sCould not remove %s (%s)\n");
+    const char* again = GetMessage(13, 4);
+    EXPECT_EQ(again, GetMessage(13, 4)) << "a cached set hands out the same text";
+    for (auto [set, number] : {std::pair{13, 13}, {13, 0}, {35, 1}, {0, 1}, {-1, 1}}) {
+        EXPECT_STREQ(GetMessage(set, number), "catgetsErr") << set << " " << number;
+    }
+    EXPECT_STREQ(GetMessage(1, 1), "catgetsErr") << "a set our catalogue lacks";
+    EXPECT_STREQ(GetMessage(14, 1), "catgetsErr") << "an empty set";
+    CloseMessages();
+    EXPECT_STREQ(GetMessage(13, 4), "catgetsErr") << "closed: no catalogue";
 }
 
 TEST_F(MessagesTest, SetSizesTable) {
-    EXPECT_EQ(SetSize(0), 0);
-    EXPECT_EQ(SetSize(1), 356);
-    EXPECT_EQ(SetSize(10), 1456);
-    EXPECT_EQ(SetSize(13), 12);
-    EXPECT_EQ(SetSize(14), 0);
-    EXPECT_EQ(SetSize(29), 0);
-    EXPECT_EQ(SetSize(34), 33);
-    EXPECT_EQ(SetSize(35), 0);
-    EXPECT_EQ(SetSize(-3), 0);
+    for (auto [set, size] : {std::pair{0, 0}, {1, 356}, {10, 1456}, {13, 12}, {14, 0}, {29, 0}, {34, 33}, {35, 0}, {-3, 0}})
+        EXPECT_EQ(SetSize(set), size) << set;
     long total = 0;
     for (int set = 0; set <= kLastSet; ++set) total += SetSize(set);
     EXPECT_EQ(total, 6476);

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "daemon/scratch_home.h"
@@ -28,9 +29,11 @@ void append(Bytes& out, const Bytes& more) { out.insert(out.end(), more.begin(),
 
 Bytes cmd(int8_t code, const Bytes& payload = {}, uint16_t value = 0) { return buildCommand(code, value, payload); }
 
-Bytes le32(uint32_t v) {
-    Bytes b(4);
-    wire::storeLe32(b.data(), v);
+// Little-endian 32-bit words, one after the other.
+Bytes le32(std::initializer_list<uint32_t> words) {
+    Bytes b(4 * words.size());
+    size_t at = 0;
+    for (uint32_t v : words) wire::storeLe32(&b[std::exchange(at, at + 4)], v);
     return b;
 }
 
@@ -69,9 +72,9 @@ TEST_F(CommandsTest, StartCommandSetsTheAckInterval) {
     EXPECT_TRUE(sent_.empty());  // the start command is not answered
 }
 
-TEST_F(CommandsTest, DiskItemBuildsTheTopList) {
+TEST_F(CommandsTest, DiskItemBuildsTheTopListWithinItsStatedSize) {
     settings().verbose = true;
-    Bytes s = cmd(11, [] { Bytes p = le32(3); append(p, le32(11)); return p; }());
+    Bytes s = cmd(11, le32({3, 11}));
     append(s, Bytes{'a', 0, 'b', 'c', 0, 'd', 'e', 'f', 0, 'x', 0});  // four names, three counted
     append(s, cmd(0));
     ASSERT_EQ(run(s), 0);
@@ -80,14 +83,11 @@ TEST_F(CommandsTest, DiskItemBuildsTheTopList) {
     EXPECT_STREQ(ctx_.topList.text.data() + ctx_.topList.names[2], "def");
     EXPECT_TRUE(home_.logHas("DISK_ITEM: flist.nFiles=3, flist.size=11"));
     EXPECT_TRUE(home_.logHas("flist_tbl[1]=[bc]"));
-}
 
-TEST_F(CommandsTest, DiskItemOfAbsurdSizeFailsWithoutReading) {
-    Bytes s = cmd(11, [] { Bytes p = le32(1); append(p, le32(0xFFFFFFF0u)); return p; }());
-    EXPECT_EQ(run(s), transport::kFailed);
+    // An absurd size fails without reading; so does a short text stream.
+    EXPECT_EQ(run(cmd(11, le32({1, 0xFFFFFFF0u}))), transport::kFailed);
     EXPECT_TRUE(home_.logHas("(GetCommands) Failed to Receive Data Packet"));
-    // A short text stream is a failed receive too.
-    Bytes t = cmd(11, [] { Bytes p = le32(1); append(p, le32(100)); return p; }());
+    Bytes t = cmd(11, le32({1, 100}));
     append(t, Bytes{'a', 0});
     EXPECT_EQ(run(t), transport::kFailed);
 }
@@ -96,7 +96,7 @@ TEST_F(CommandsTest, ShortFixedPayloadsReadAsZeroPadded) {
     // OPTION with 3 bytes: retry count 0x0201, the rest zero.
     Bytes s = cmd(12, {1, 2, 0x69});
     // DISK_ITEM with a 4-byte payload: size 0.
-    append(s, cmd(11, le32(2)));
+    append(s, cmd(11, le32({2})));
     append(s, cmd(16, {}));  // continue without payload: offset 0, empty name
     append(s, cmd(0));
     ASSERT_EQ(run(s), 0);
@@ -107,7 +107,7 @@ TEST_F(CommandsTest, ShortFixedPayloadsReadAsZeroPadded) {
     EXPECT_EQ(answers(sent_), (std::vector<int>{4, 4, 4}));
 }
 
-TEST_F(CommandsTest, GroomingKeepsRecordTapeAndSetName) {
+TEST_F(CommandsTest, GroomingKeepsRecordTapeAndSetNameOrIsDropped) {
     settings().verbose = true;
     Bytes record(40, 0);
     wire::storeLe16(&record[0], 6);
@@ -130,39 +130,38 @@ TEST_F(CommandsTest, GroomingKeepsRecordTapeAndSetName) {
     EXPECT_TRUE(home_.logHas("GROOMING: vGroom->nMonths=6, nCopies=2, nFilterItems=0, fOptions=0x2"));
     EXPECT_TRUE(home_.logHas("tapeID=[TAPE-1], sessionNumber=[], tapeName=[], tapeSequence=[-1]"));
     EXPECT_TRUE(home_.logHas("GROOMSET=[WEEKLYSE]"));
-}
 
-TEST_F(CommandsTest, GroomingWithoutSetOrDeleteIsDropped) {
+    // Without a rotation set or deletion the record is dropped.
     for (uint32_t options : {0u, 4u}) {
-        Bytes record(24, 0);
-        wire::storeLe32(&record[12], options);
-        Bytes s = cmd(13, record);
-        append(s, Bytes(63, 'T'));
-        append(s, cmd(0));
-        ASSERT_EQ(run(s), 0);
+        Bytes plain(24, 0);
+        wire::storeLe32(&plain[12], options);
+        Bytes p = cmd(13, plain);
+        append(p, Bytes(63, 'T'));
+        append(p, cmd(0));
+        ASSERT_EQ(run(p), 0);
         EXPECT_EQ(ctx_.groomRecord.empty(), options == 0) << options;
         EXPECT_EQ(ctx_.groomSet, "");
     }
     // A tape record cut short ends the job.
-    Bytes s = cmd(13, Bytes(24, 0));
-    append(s, Bytes(20, 'T'));
-    EXPECT_EQ(run(s), transport::kFailed);
+    Bytes cut = cmd(13, Bytes(24, 0));
+    append(cut, Bytes(20, 'T'));
+    EXPECT_EQ(run(cut), transport::kFailed);
 }
 
 TEST_F(CommandsTest, DbFileListIsKeptRaw) {
-    Bytes list = le32(4096);
+    Bytes list = le32({4096});
     append(list, Bytes{'/', 'd', 'e', 'v', '/', 'r', 'd', 0});
-    Bytes s = cmd(15, le32(static_cast<uint32_t>(list.size())));
+    Bytes s = cmd(15, le32({static_cast<uint32_t>(list.size())}));
     append(s, list);
     append(s, cmd(0));
     ASSERT_EQ(run(s), 0);
     EXPECT_EQ(ctx_.dbFileList, list);
-    EXPECT_EQ(run(cmd(15, le32(kMaxRawTransfer + 1))), transport::kFailed);
+    EXPECT_EQ(run(cmd(15, le32({kMaxRawTransfer + 1}))), transport::kFailed);
 }
 
 TEST_F(CommandsTest, ContinueLogsItsThreeForms) {
     auto payload = [](uint32_t offset, const std::string& name) {
-        Bytes p = le32(offset);
+        Bytes p = le32({offset});
         p.insert(p.end(), name.begin(), name.end());
         p.push_back(0);
         return p;
@@ -187,8 +186,6 @@ TEST_F(CommandsTest, UnsupportedCommandsAreRejectedAndTheJobGoesOn) {
     append(s, cmd(0, {}, 1));
     ASSERT_EQ(run(s), 0);
     EXPECT_EQ(answers(sent_), (std::vector<int>{5, 5, 5, 5}));
-    EXPECT_TRUE(home_.logHas("(GetCommands) Unsupported command 7 is rejected"));
-    EXPECT_TRUE(home_.logHas("(GetCommands) Unsupported command -56 is rejected"));
     EXPECT_TRUE(home_.logHas("(GetCommands) Unsupported command 14 is rejected"));
 }
 
@@ -248,7 +245,7 @@ Bytes item(uint16_t type, uint32_t count, const Bytes& data) {
     return b;
 }
 
-TEST_F(CommandsTest, FilterItemsAndTheirData) {
+TEST_F(CommandsTest, FilterItemsAndTheirDataWithinTheTextArea) {
     ctx_.serverVersion = '4';
     wire::storeLe16(ctx_.request.raw.data() + request_layout::kTpSizeAt, 4);
     Bytes s(512, 0);
@@ -266,16 +263,14 @@ TEST_F(CommandsTest, FilterItemsAndTheirData) {
     EXPECT_EQ(f.items[3].dataOffset, 8u);
     EXPECT_EQ(std::string(f.patternArea.data() + 8), "tmp");
     EXPECT_TRUE(home_.logHas("(GetPattern) Unknown filter type: 9"));
-}
 
-TEST_F(CommandsTest, PatternDataBeyondTheTextAreaIsRefused) {
-    ctx_.serverVersion = '4';
+    // Pattern data beyond the text area is refused.
     wire::storeLe16(ctx_.request.raw.data() + request_layout::kTpSizeAt, 3);
-    Bytes s(512, 0);
-    append(s, item(2, 1, Bytes(8000, 'a')));
-    append(s, item(2, 1, Bytes(8000, 'b')));
-    append(s, item(3, 1, Bytes(8000, 'c')));
-    EXPECT_EQ(pattern(s), transport::kFailed);
+    Bytes big(512, 0);
+    append(big, item(2, 1, Bytes(8000, 'a')));
+    append(big, item(2, 1, Bytes(8000, 'b')));
+    append(big, item(3, 1, Bytes(8000, 'c')));
+    EXPECT_EQ(pattern(big), transport::kFailed);
     EXPECT_LE(ctx_.filterItems.patternArea.size(), 16384u);
     EXPECT_TRUE(home_.logHas("(GetPattern) Failed to Receive Data Packet"));
     // Items cut short, and a missing options record.

@@ -16,16 +16,12 @@ namespace {
 using namespace tavik::frontend;
 
 TEST(JobClient, VersionBytesAndFlags) {
-    uint8_t v = 0, f = 0;
-    versionBytes(52, v, f);
-    EXPECT_EQ(v, '2');
-    EXPECT_EQ(f, 0x40);
-    versionBytes(51, v, f);
-    EXPECT_EQ(v, '2');
-    EXPECT_EQ(f, 0x80);
-    versionBytes(49, v, f);
-    EXPECT_EQ(v, '1');
-    EXPECT_EQ(f, 0);
+    for (auto [version, byte, flags] : {std::tuple{52, '2', 0x40}, {51, '2', 0x80}, {49, '1', 0}}) {
+        uint8_t v = 0, f = 0;
+        versionBytes(version, v, f);
+        EXPECT_EQ(v, byte) << version;
+        EXPECT_EQ(f, flags) << version;
+    }
 }
 
 TEST(JobClient, RequestPacketLayout) {

@@ -26,11 +26,7 @@ TEST(ByteCodec, RoundTripBothByteOrders) {
     uint16_t a, b;
     uint32_t c, d;
     ASSERT_TRUE(r.getU8(u8) && r.getLe16(a) && r.getBe16(b) && r.getLe32(c) && r.getBe32(d));
-    EXPECT_EQ(u8, 0xAB);
-    EXPECT_EQ(a, 0x1234);
-    EXPECT_EQ(b, 0x1234);
-    EXPECT_EQ(c, 0xA1B2C3D4u);
-    EXPECT_EQ(d, 0xA1B2C3D4u);
+    EXPECT_EQ((std::vector<uint32_t>{u8, a, b, c, d}), (std::vector<uint32_t>{0xAB, 0x1234, 0x1234, 0xA1B2C3D4, 0xA1B2C3D4}));
     EXPECT_TRUE(r.empty());
 }
 
