@@ -15,6 +15,7 @@
 #include "groom/record.h"
 #include "log/ulog.h"
 #include "platform/fd.h"
+#include "platform/read_open.h"
 #include "platform/signals.h"
 #include "platform/wire_stat.h"
 #include "backup/queue.h"
@@ -99,6 +100,7 @@ private:
     bool checkLocks_;
     bool detailed_;
     bool resetAccessTime_;
+    bool timesKept_ = false;  // the file in hand was opened without touching its access time
     bool grooming_ = false;
     uint32_t groomOptions_ = 0;
 
@@ -285,8 +287,11 @@ int CompareSession::openFile() {
         }
         // Not following links, a link swapped in since the lstat is not
         // opened; a FIFO swapped in does not block the job.
-        int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | (followLinks_ ? 0 : O_NOFOLLOW);
-        fd_.reset(::open(path_.c_str(), flags));
+        // Read without touching the access time where the kernel grants it.
+        platform::ReadOpen opened =
+            platform::openToRead(AT_FDCWD, path_.c_str(), resetAccessTime_, followLinks_ ? 0 : O_NOFOLLOW);
+        fd_.reset(opened.fd);
+        timesKept_ = opened.accessTimeKept;
         if (!fd_) {
             ulog(MSG_FAILED_OPEN_REGULAR, kOpenPrefix, path_.c_str(), errText());
             content_ = verdict::kCannotOpen;
@@ -399,7 +404,7 @@ int CompareSession::endf() {
     } else {
         if (count_ > 0) compareHeld(kEndfPrefix);
         fd_.reset();
-        if (resetAccessTime_) resetTimes();
+        if (resetAccessTime_ && !timesKept_) resetTimes();
     }
     count_ = 0;
     if (answer(content_) != 0) return transport::kFailed;

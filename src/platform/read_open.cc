@@ -6,8 +6,8 @@
 
 namespace tavik::platform {
 
-ReadOpen openToRead(int dirFd, const char* name, bool keepAccessTime) {
-    constexpr int kFlags = O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC;
+ReadOpen openToRead(int dirFd, const char* name, bool keepAccessTime, int extraFlags) {
+    const int kFlags = O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC | extraFlags;
     ReadOpen r;
     if (keepAccessTime) {
         r.fd = ::openat(dirFd, name, kFlags | O_NOATIME);

@@ -25,8 +25,9 @@ struct ReadOpen {
     bool accessTimeKept = false;  // opened with O_NOATIME
 };
 
-// `name` is opened relative to the directory `dirFd` (or AT_FDCWD).
-ReadOpen openToRead(int dirFd, const char* name, bool keepAccessTime);
+// `name` is opened relative to the directory `dirFd` (or AT_FDCWD), with
+// `extraFlags` (O_NOFOLLOW, say) besides the above.
+ReadOpen openToRead(int dirFd, const char* name, bool keepAccessTime, int extraFlags = 0);
 
 // readv that retries EINTR, and EAGAIN once the descriptor is made blocking.
 ssize_t readvBlocking(int fd, const iovec* iov, int count);
