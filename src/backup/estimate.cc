@@ -1,6 +1,7 @@
 #include "backup/estimate.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,7 +14,7 @@
 #include "filter/filter.h"
 #include "filter/match.h"
 #include "log/ulog.h"
-#include "platform/fd.h"
+#include "platform/dir_stream.h"
 #include "platform/fs_type.h"
 #include "request/channel.h"
 #include "request/commands.h"
@@ -28,9 +29,10 @@ struct Walk {
     uint16_t depth = 0;
 };
 
-bool statEntry(const std::string& path, struct stat& st) {
+// The entry by its name in the open directory.
+bool statEntry(int dirFd, const char* name, const std::string& path, struct stat& st) {
     if (path.size() >= kPathBuffer) return false;
-    return (settings().followLinks ? ::stat(path.c_str(), &st) : ::lstat(path.c_str(), &st)) == 0;
+    return ::fstatat(dirFd, name, &st, settings().followLinks ? 0 : AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 bool outsideTopList(const Walk& w, const char* name) {
@@ -43,19 +45,22 @@ bool outsideTopList(const Walk& w, const char* name) {
 
 bool dot(const char* name) { return name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0)); }
 
-void countDir(Walk& w, const std::string& dirPath, int mode) {
+// Counts below the directory; true when it was read without touching its
+// access time (nothing to reset then).
+bool countDir(Walk& w, const std::string& dirPath, int mode) {
     BackupState& b = backupState();
     const Settings& s = settings();
     w.depth++;
-    platform::UniqueDir dir;
-    if (!(s.skipNfs && platform::isNfsPath(dirPath.c_str()) != 0)) dir.reset(::opendir(dirPath.c_str()));
-    if (dir) {
+    platform::DirStream dir;
+    bool opened = !(s.skipNfs && platform::isNfsPath(dirPath.c_str()) != 0) &&
+                  dir.open(dirPath.c_str(), s.resetAccessTime);
+    if (opened) {
         if (mode == 2) {
-            while (dirent* e = ::readdir(dir.get())) {
-                if (dot(e->d_name) || outsideTopList(w, e->d_name)) continue;
-                std::string path = dirPath + e->d_name;
+            while (const platform::DirStream::Entry* e = dir.next()) {
+                if (dot(e->name) || outsideTopList(w, e->name) || e->type == DT_DIR) continue;
+                std::string path = dirPath + e->name;
                 struct stat st;
-                if (!statEntry(path, st) || S_ISDIR(st.st_mode)) continue;
+                if (!statEntry(dir.fd(), e->name, path, st) || S_ISDIR(st.st_mode)) continue;
                 if (filter::FileSelected(b.filter, path, st) != 1) continue;
                 w.count.files++;
                 uint32_t listed = 0;
@@ -65,27 +70,28 @@ void countDir(Walk& w, const std::string& dirPath, int mode) {
                     w.count.addBytes(listed);
                 }
             }
-            ::rewinddir(dir.get());
+            dir.rewind();
         }
         if (w.depth < job().maxDirDepth) {
-            while (dirent* e = ::readdir(dir.get())) {
-                if (dot(e->d_name) || outsideTopList(w, e->d_name)) continue;
-                std::string path = dirPath + e->d_name;
+            while (const platform::DirStream::Entry* e = dir.next()) {
+                if (dot(e->name) || outsideTopList(w, e->name) || !e->mayBeDirectory(s.followLinks)) continue;
+                std::string path = dirPath + e->name;
                 struct stat st;
-                if (!statEntry(path, st) || !S_ISDIR(st.st_mode)) continue;
+                if (!statEntry(dir.fd(), e->name, path, st) || !S_ISDIR(st.st_mode)) continue;
                 if (s.noCrossFs && st.st_dev != b.rootDev) continue;
                 if (b.hooks.isProtectedDir && b.hooks.isProtectedDir(path)) continue;
                 path += "/";
                 int submode = int(filter::DirVerdictOf(b.filter, path));
                 if (submode == 0) continue;
                 if (b.ancestors.push(st.st_dev, st.st_ino) == -2) continue;
-                countDir(w, path, submode);
+                bool kept = countDir(w, path, submode);
                 b.ancestors.pop();
-                if (s.resetAccessTime) setFileTimes(path, st);
+                if (s.resetAccessTime && !kept) setFileTimesAt(dir.fd(), e->name, st);
             }
         }
     }
     w.depth--;
+    return opened && dir.accessTimeKept();
 }
 
 }  // namespace
@@ -120,9 +126,9 @@ int estimate(const std::string& sourcePath, uint32_t& filesOut, uint32_t& kiloby
     Walk w;
     if (mode == 1 || mode == 2) {
         b.ancestors.push(st.st_dev, st.st_ino);
-        countDir(w, base, mode);
+        bool kept = countDir(w, base, mode);
         b.ancestors.pop();
-        if (settings().resetAccessTime) setFileTimes(base, st);
+        if (settings().resetAccessTime && !kept) setFileTimes(base, st);
     }
     filesOut = w.count.files;
     kilobytesOut = w.count.kilobytes();

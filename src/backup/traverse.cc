@@ -83,14 +83,6 @@ int skipCode(int8_t newCode) {
     return job().serverVersion >= kSkipCodesVersion ? newCode : code::kEndDir;
 }
 
-// Whether the directory entry's type already rules out a directory, so that
-// a pass that wants only directories (or only the rest) need not examine it.
-// Unknown types, and links that are followed, still have to be examined.
-bool knownNotDirectory(unsigned char type) {
-    if (type == DT_UNKNOWN || type == DT_DIR) return false;
-    return !(type == DT_LNK && settings().followLinks);
-}
-
 // Whether the directory lies on an NFS file system (then it is skipped).
 // The type belongs to the file system, so a directory on the device of one
 // already found local is not examined again.
@@ -208,7 +200,7 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, 
                 break;
             }
             if (dot(e->name) || outsideTopList(e->name)) continue;
-            if (mode == 2 && knownNotDirectory(e->type) &&
+            if (mode == 2 && !e->mayBeDirectory(s.followLinks) &&
                 std::find(unexamined.begin(), unexamined.end(), e->name) == unexamined.end())
                 continue;
             if (atPacketBoundary() != 0) return leave(-1);

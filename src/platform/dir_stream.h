@@ -8,6 +8,8 @@
 // needs resetting, and nothing else is asked of the kernel.
 #pragma once
 
+#include <dirent.h>
+
 #include <cstddef>
 #include <memory>
 
@@ -20,6 +22,13 @@ public:
     struct Entry {
         const char* name;
         unsigned char type;  // DT_* as the file system reports it, DT_UNKNOWN when it does not
+
+        // Whether the entry may be a directory, or lead to one when links
+        // are followed: only then need a walk that looks for directories
+        // examine it.
+        bool mayBeDirectory(bool followLinks) const {
+            return type == DT_DIR || type == DT_UNKNOWN || (followLinks && type == DT_LNK);
+        }
     };
 
     // False with errno set when the directory cannot be opened. With
