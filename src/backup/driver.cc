@@ -170,8 +170,9 @@ int startbackup(int jobSocket, const std::string& sourcePath) {
     b.ancestors.clear();
     b.ancestors.push(st.st_dev, st.st_ino);
     int mode = newServer ? int(filter::DirVerdictOf(b.filter, sourcePath)) : 2;
-    int result = ws_backup(sourcePath, mode, sourceStat);
-    if (settings().resetAccessTime && setFileTimes(sourcePath, sourceStat) != 0)
+    bool timesKept = false;
+    int result = ws_backup(sourcePath, mode, sourceStat, &timesKept);
+    if (settings().resetAccessTime && !timesKept && setFileTimes(sourcePath, sourceStat) != 0)
         ulog(MSG_FAILED_SET_TIME, kPrefix, sourcePath.c_str(), errText());
     b.ancestors.pop();
     if (!b.grooming) return result;
