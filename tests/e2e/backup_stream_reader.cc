@@ -85,7 +85,7 @@ bool BackupStreamReader::readUntilEnd(int timeoutMs, size_t stopAfter) {
         StreamPacket p;
         if (!readOne(p, timeoutMs)) return false;
         packets_.push_back(p);
-        if (p.code == 16 && followRenewals_) {
+        if (p.code == 16) {
             int s = ::socket(AF_INET, SOCK_STREAM, 0);
             sockaddr_in a{};
             a.sin_family = AF_INET;

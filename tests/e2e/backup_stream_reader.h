@@ -34,7 +34,6 @@ public:
         ackInterval_ = n;
         ackCode_ = ackCode;
     }
-    void followRenewals(bool follow) { followRenewals_ = follow; }
 
     // Reads up to END (true) or until the connection fails or `timeoutMs`
     // passes without a packet (false). `stopAfter` > 0 stops after that many
@@ -61,7 +60,6 @@ private:
     uint16_t ackInterval_ = 0;
     int8_t ackCode_ = 0;
     uint16_t ackCounter_ = 0;
-    bool followRenewals_ = true;
     int connection_ = 0;
     std::vector<StreamPacket> packets_;
     std::string error_;

@@ -1,73 +1,23 @@
-// Shared pieces of the backup end-to-end tests: a scratch tree, a job set-up
-// that drives the command phase with the front-end's job client and hands
-// the connection to a stream reader, and the check that a job left no IPC
-// object and no live registry line behind.
+// Shared pieces of the backup end-to-end tests: a job set-up that drives the
+// command phase with the front-end's job client and hands the connection to
+// a stream reader, the check that a job left no IPC object and no live
+// registry line behind, and a fixture with a daemon and a scratch tree.
 #pragma once
 
-#include <dirent.h>
-#include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <fstream>
 #include <functional>
 #include <memory>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "e2e/backup_stream_reader.h"
 #include "e2e/daemon_fixture.h"
 #include "frontend/job_client.h"
-#include "wire/bytes.h"
 
 namespace tavik::test {
-
-class Tree {
-public:
-    Tree() {
-        char tmpl[] = "/tmp/tavik-e2e-tree-XXXXXX";
-        if (mkdtemp(tmpl)) root_ = tmpl;
-        chmod(root_.c_str(), 0755);
-    }
-    ~Tree() { std::system(("rm -rf '" + root_ + "'").c_str()); }
-    // The root with its final "/".
-    std::string root() const { return root_ + "/"; }
-    std::string path(const std::string& rel) const { return root_ + "/" + rel; }
-    void file(const std::string& rel, const std::string& data, mode_t mode = 0644) const {
-        std::ofstream(path(rel), std::ios::binary) << data;
-        chmod(path(rel).c_str(), mode);
-    }
-    void dir(const std::string& rel, mode_t mode = 0755) const {
-        mkdir(path(rel).c_str(), mode);
-        chmod(path(rel).c_str(), mode);
-    }
-    // The names of a directory in readdir order.
-    std::vector<std::string> order(const std::string& rel = "") const {
-        std::vector<std::string> names;
-        DIR* d = opendir(rel.empty() ? root_.c_str() : path(rel).c_str());
-        while (dirent* e = d ? readdir(d) : nullptr) {
-            std::string n = e->d_name;
-            if (n != "." && n != "..") names.push_back(n);
-        }
-        if (d) closedir(d);
-        return names;
-    }
-
-private:
-    std::string root_;
-};
-
-inline std::string pattern(size_t n, unsigned seed = 1) {
-    std::string s(n, '\0');
-    for (size_t i = 0; i < n; ++i) s[i] = char((i * 131 + seed * 7 + i / 251) & 0xFF);
-    return s;
-}
 
 struct BackupSetup {
     std::string root;
@@ -106,11 +56,7 @@ inline std::unique_ptr<BackupStreamReader> beginBackup(const Daemon& daemon, con
         return nullptr;
     }
     if (s.serverVersion >= 50) {
-        std::array<uint8_t, 512> options{};
-        wire::storeLe16(options.data(), s.retryCount);
-        wire::storeLe16(options.data() + 2, s.retryInterval);
-        options[4] = s.flags;
-        EXPECT_TRUE(client.sendRaw(options));
+        EXPECT_TRUE(client.sendRaw(optionsRecord(s.retryCount, s.retryInterval, s.flags)));
         for (const auto& item : s.filterItems) EXPECT_TRUE(client.sendRaw(item));
     }
     if (s.commands) s.commands(client);
@@ -143,15 +89,33 @@ inline bool ipcReleased(const Daemon& daemon, int timeoutMs = 5000) {
     return false;
 }
 
-inline size_t countOf(const std::string& text, const std::string& needle) {
-    size_t n = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-    return n;
-}
+// A daemon (single-user mode by default, time-outs divided by 1000) and a
+// scratch tree to back up.
+class BackupTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (geteuid() != 0) GTEST_SKIP() << "needs root: device nodes, test logins and the daemon's identity";
+    }
+    bool start(const std::vector<std::string>& args = {"-v", "-S"}) {
+        // Job processes of a test login still write the shared log.
+        return daemon_.start(args, {{"TAVIK_TIME_DIVISOR", "1000"}}) && chmod(daemon_.home().c_str(), 0755) == 0;
+    }
+    // A whole backup (of the tree unless `s` names a root) read up to END
+    // (or, without `expectEnd`, until the agent stops); afterwards the job's
+    // IPC objects must be gone.
+    std::unique_ptr<BackupStreamReader> backup(BackupSetup s, bool expectEnd = true) {
+        if (s.root.empty()) s.root = tree_.root();
+        auto reader = beginBackup(daemon_, s);
+        if (!reader) return std::make_unique<BackupStreamReader>(-1);
+        EXPECT_EQ(reader->readUntilEnd(), expectEnd) << reader->error();
+        reader->closeAll();
+        EXPECT_TRUE(ipcReleased(daemon_));
+        return reader;
+    }
+    std::vector<std::string> summary(const BackupSetup& s) { return backup(s)->summary(); }
 
-inline std::vector<std::string> slice(const std::vector<std::string>& v, size_t from, size_t n) {
-    if (from >= v.size()) return {};
-    return std::vector<std::string>(v.begin() + long(from), v.begin() + long(std::min(v.size(), from + n)));
-}
+    Daemon daemon_;
+    Tree tree_;
+};
 
 }  // namespace tavik::test

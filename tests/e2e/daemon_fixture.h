@@ -1,4 +1,5 @@
-// A real tavikd for end-to-end tests.
+// A real tavikd for end-to-end tests, and the small helpers every
+// end-to-end test shares (scratch trees, file contents, times, records).
 //
 // The built binary is copied into a scratch home directory (the daemon's
 // home is derived from its own path), started on a port that is free for
@@ -7,12 +8,21 @@
 // status can be collected.
 #pragma once
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <cstdint>
+#include <cstdlib>
+#include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
+
+#include "wire/bytes.h"
 
 namespace tavik::test {
 
@@ -64,5 +74,113 @@ private:
 };
 
 std::string readFile(const std::string& path);
+
+// The same bytes for the same size and seed.
+inline std::string pattern(size_t n, unsigned seed = 1) {
+    std::string s(n, '\0');
+    for (size_t i = 0; i < n; ++i) s[i] = char((i * 131 + seed * 7 + i / 251) & 0xFF);
+    return s;
+}
+
+// lstat of `path`; st_mode 0 when there is nothing.
+inline struct stat statOf(const std::string& path) {
+    struct stat st {};
+    if (lstat(path.c_str(), &st) != 0) st.st_mode = 0;
+    return st;
+}
+
+// Access and modification times of `path` itself (a link is not followed).
+inline void setTimes(const std::string& path, time_t atime, time_t mtime, long atimeNsec = 0) {
+    timespec t[2] = {{atime, atimeNsec}, {mtime, 0}};
+    utimensat(AT_FDCWD, path.c_str(), t, AT_SYMLINK_NOFOLLOW);
+}
+
+inline std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    return out;
+}
+
+inline size_t countOf(const std::string& text, const std::string& needle) {
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+    return n;
+}
+
+// A whole-file write lock (F_WRLCK) or read lock held through the returned
+// descriptor (-1 when it could not be taken).
+inline int holdLock(const std::string& path, short type = F_WRLCK) {
+    int fd = open(path.c_str(), O_RDWR);
+    struct flock lock {};
+    lock.l_type = type;
+    if (fd >= 0 && fcntl(fd, F_SETLK, &lock) != 0) {
+        close(fd);
+        fd = -1;
+    }
+    return fd;
+}
+
+// The backup options record: lock attempts, seconds between them, flags.
+inline std::vector<uint8_t> optionsRecord(uint16_t attempts, uint16_t interval, uint8_t flags = 0) {
+    std::vector<uint8_t> r(512, 0);
+    wire::storeLe16(r.data(), attempts);
+    wire::storeLe16(r.data() + 2, interval);
+    r[4] = flags;
+    return r;
+}
+
+// The GROOMING command's record: months, one copy, options (0x02 rotation
+// set, 0x04 delete), the set name.
+inline std::vector<uint8_t> groomingRecord(uint32_t options, uint16_t months = 0, const std::string& set = "") {
+    std::vector<uint8_t> g(24, 0);
+    wire::storeLe16(&g[0], months);
+    wire::storeLe16(&g[2], 1);
+    wire::storeLe32(&g[12], options);
+    set.copy(reinterpret_cast<char*>(&g[16]), 8);
+    return g;
+}
+
+// A scratch directory (mode 0755), removed with all it holds at the end.
+class Tree {
+public:
+    explicit Tree(std::string tmpl = "/tmp/tavik-e2e-tree-XXXXXX") {
+        if (mkdtemp(tmpl.data())) root_ = tmpl;
+        chmod(root_.c_str(), 0755);
+    }
+    ~Tree() {
+        if (!root_.empty()) std::system(("rm -rf '" + root_ + "'").c_str());
+    }
+    Tree(const Tree&) = delete;
+    Tree& operator=(const Tree&) = delete;
+    // The root with its final "/".
+    std::string root() const { return root_ + "/"; }
+    const std::string& dir() const { return root_; }
+    std::string path(const std::string& rel) const { return root_ + "/" + rel; }
+    // A file with `data`; with `mtime` its access and modification times.
+    void file(const std::string& rel, const std::string& data, mode_t mode = 0644, time_t mtime = 0) const {
+        std::ofstream(path(rel), std::ios::binary | std::ios::trunc) << data;
+        chmod(path(rel).c_str(), mode);
+        if (mtime != 0) setTimes(path(rel), mtime, mtime);
+    }
+    void dir(const std::string& rel, mode_t mode = 0755) const {
+        mkdir(path(rel).c_str(), mode);
+        chmod(path(rel).c_str(), mode);
+    }
+    // The names of a directory in readdir order.
+    std::vector<std::string> order(const std::string& rel = "") const {
+        std::vector<std::string> names;
+        DIR* d = opendir(path(rel).c_str());
+        while (dirent* e = d ? readdir(d) : nullptr) {
+            std::string n = e->d_name;
+            if (n != "." && n != "..") names.push_back(n);
+        }
+        if (d) closedir(d);
+        return names;
+    }
+
+private:
+    std::string root_;
+};
 
 }  // namespace tavik::test

@@ -1,0 +1,565 @@
+// Backups on a real daemon, read packet by packet.
+// BackupStreamTest: the stream order for every entry kind, chunking, the
+// records and codes by server version, the depth limits, the top-level list
+// and filters, grooming and the estimate.
+// BackupFlowTest: acknowledgements, connection renewals by files and by
+// kilobytes, the restart point, the watchdog, lock tests, the tape-change
+// stall and several backups at once.
+// BackupFaultTest: the front-end drops the connection, the sender is killed,
+// entries the login may not read, a directory loop, paths longer than the
+// buffers; after each the job's IPC objects and registry lines are gone and
+// the daemon serves the next job.
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <thread>
+
+#include "e2e/backup_support.h"
+#include "e2e/test_user.h"
+#include "filter/items.h"
+
+namespace {
+
+using namespace tavik::test;
+using Summary = std::vector<std::string>;
+
+class BackupStreamTest : public BackupTest {};
+class BackupFlowTest : public BackupTest {};
+class BackupFaultTest : public BackupTest {
+protected:
+    // The next job is served normally.
+    void servesNextJob(BackupSetup s = {}) {
+        Tree other;
+        other.file("next", "n");
+        s.root = other.root();
+        EXPECT_EQ(summary(s), (Summary{"6:", "6:next", "8:1", "9", "3"}));
+    }
+};
+
+bool contains(const Summary& s, const std::string& word) { return std::find(s.begin(), s.end(), word) != s.end(); }
+
+TEST_F(BackupStreamTest, EveryEntryKindInStreamOrder) {
+    tree_.file("empty", "");
+    tree_.file("small", "hello");
+    std::string big = pattern(4097);
+    tree_.file("big", big);
+    symlink("target-text", tree_.path("link").c_str());
+    mkfifo(tree_.path("fifo").c_str(), 0644);
+    mknod(tree_.path("chardev").c_str(), S_IFCHR | 0644, makedev(1, 3));
+    int sock = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un sun{};
+    sun.sun_family = AF_UNIX;
+    std::snprintf(sun.sun_path, sizeof sun.sun_path, "%s", tree_.path("sock").c_str());
+    ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr*>(&sun), sizeof sun), 0);
+    tree_.dir("sub");
+    tree_.file("sub/inner", "abc");
+    ASSERT_TRUE(start());
+
+    auto reader = backup({});
+    close(sock);
+    std::map<std::string, Summary> data = {
+        {"empty", {"6:empty", "8:0"}},
+        {"small", {"6:small", "8:5"}},
+        {"big", {"6:big", "7:2048", "7:2048", "8:1"}},
+        {"link", {"6:link", "8:11"}},
+        {"fifo", {"6:fifo", "8:0"}},
+        {"chardev", {"6:chardev", "8:0"}},
+    };
+    Summary want = {"6:"};  // the socket is left out, the directory comes after the files
+    for (const std::string& name : tree_.order()) want.insert(want.end(), data[name].begin(), data[name].end());
+    for (std::string w : {"6:sub", "6:inner", "8:3", "9", "9", "3"}) want.push_back(w);
+    EXPECT_EQ(reader->summary(), want);
+
+    // Kinds, version bytes, sizes and types in the records.
+    std::map<std::string, uint32_t> sizes = {{"chardev", 0}, {"big", 4097}, {"link", 11}};
+    std::map<std::string, uint32_t> types = {{"link", 0xA000}, {"fifo", 0x1000}, {"chardev", 0x2000}};
+    for (const StreamPacket& p : reader->packets()) {
+        bool status = p.code == 9 || p.code == 3;
+        EXPECT_EQ(p.version, status ? 5 : 0) << int(p.code);
+        EXPECT_EQ(p.value, 0);
+        if (p.code != 6) continue;
+        EXPECT_EQ(p.kind(), p.name().empty() ? 17 : p.name() == "sub" ? 16 : 0) << p.name();
+        EXPECT_EQ(p.payload.size(), 49 + p.name().size());
+        if (sizes.count(p.name())) {
+            EXPECT_EQ(p.size(), sizes[p.name()]) << p.name();
+        }
+        if (types.count(p.name())) {
+            EXPECT_EQ(p.mode() & 0xF000, types[p.name()]) << p.name();
+        }
+    }
+    auto files = reader->files();
+    EXPECT_EQ(files["big"], big);
+    EXPECT_EQ(files["link"], "target-text");
+    EXPECT_EQ(files["sub/inner"], "abc");
+    EXPECT_TRUE(daemon_.waitForLog("Workstation Backup Ended"));
+    EXPECT_TRUE(daemon_.waitForLog("SO_SNDBUF = "));
+}
+
+TEST_F(BackupStreamTest, ChunksFollowTheJobsBufferSize) {
+    tree_.file("a", pattern(4096));
+    ASSERT_TRUE(start({"-v", "-S", "-b", "8192"}));
+    // Without option flag 0x40 the job uses 2048 whatever -b says.
+    EXPECT_EQ(summary({}), (Summary{"6:", "6:a", "7:2048", "7:2048", "8:0", "9", "3"}));
+    tree_.file("a", pattern(8193));
+    BackupSetup keep;
+    keep.flags = 0x40;
+    auto reader = backup(keep);
+    EXPECT_EQ(reader->summary(), (Summary{"6:", "6:a", "7:8192", "8:1", "9", "3"}));
+    EXPECT_EQ(reader->files()["a"], pattern(8193));
+}
+
+TEST_F(BackupStreamTest, OldServersGetNoSourceRecordAndTheShallowDepthLimit) {
+    std::string rel;
+    for (int i = 1; i <= 25; ++i) {
+        rel += (rel.empty() ? "d" : "/d") + std::to_string(i);
+        tree_.dir(rel);
+        tree_.file(rel + "/f", "x");
+    }
+    tree_.file("f", "x");
+    ASSERT_TRUE(start());
+    for (int version : {49, 52}) {
+        SCOPED_TRACE(version);
+        BackupSetup s;
+        s.serverVersion = version;
+        Summary got = summary(s);
+        ASSERT_FALSE(got.empty());
+        EXPECT_EQ(got.front(), version == 49 ? "6:f" : "6:");  // old servers get no record of the source
+        // Old servers: d1 (depth 2) .. d18 (depth 19) and the files down to depth 19.
+        EXPECT_EQ(std::count_if(got.begin(), got.end(), [](auto& w) { return w.rfind("6:d", 0) == 0; }),
+                  version == 49 ? 18 : 25);
+        EXPECT_EQ(std::count(got.begin(), got.end(), "6:f"), version == 49 ? 19 : 26);
+    }
+    EXPECT_EQ(countOf(daemon_.log(), "(ws_backup) Directory travering exceeds the maximun level 19"), 1u);
+}
+
+TEST_F(BackupStreamTest, SkippedFileSystemsCloseByVersion) {
+    Tree other("/dev/shm/tavik-e2e-fs-XXXXXX");
+    other.file("hidden", "x");
+    symlink(other.dir().c_str(), tree_.path("other").c_str());
+    ASSERT_TRUE(start());
+    BackupSetup s;
+    s.follow = 1;
+    s.flags = 0x01;  // do not cross file systems
+    EXPECT_EQ(summary(s), (Summary{"6:", "6:other", "18", "9", "3"}));
+    s.serverVersion = 50;
+    EXPECT_EQ(summary(s), (Summary{"6:", "6:other", "9", "9", "3"}));
+    EXPECT_TRUE(daemon_.waitForLog("Skip file system " + tree_.root() + "other/"));
+    s.flags = 0;  // crossing allowed: the other file system is read
+    EXPECT_EQ(summary(s), (Summary{"6:", "6:other", "6:hidden", "8:1", "9", "9", "3"}));
+}
+
+TEST_F(BackupStreamTest, TopListAndFiltersSelect) {
+    tree_.file("keep", "k");
+    tree_.file("drop", "d");
+    tree_.file("x.o", "o");
+    tree_.dir("dir");
+    tree_.file("dir/keep", "inner");
+    tree_.file("dir/y.o", "o");
+    ASSERT_TRUE(start());
+    BackupSetup top;
+    top.commands = [](tavik::frontend::JobClient& c) { EXPECT_EQ(c.diskItem({"keep", "dir"}), 4); };
+    // Only the listed names at the top; deeper levels are not limited.
+    EXPECT_EQ(backup(top)->files(),
+              (std::map<std::string, std::string>{{"keep", "k"}, {"dir/keep", "inner"}, {"dir/y.o", "o"}}));
+    BackupSetup filtered;
+    filtered.filterItems.push_back(*tavik::filter::encodeNamePatternItem(false, true, std::vector<std::string>{"*.o"}));
+    EXPECT_EQ(backup(filtered)->files(),
+              (std::map<std::string, std::string>{{"keep", "k"}, {"drop", "d"}, {"dir/keep", "inner"}}));
+}
+
+TEST_F(BackupStreamTest, ProtectedDirectoriesAreLeftOutAndAccessTimesRestored) {
+    tree_.dir("prot");
+    tree_.file("prot/inside", "p");
+    tree_.file("read", "r");
+    tree_.dir("kept");
+    tree_.file("kept/f", "k");
+    struct timespec old[2] = {{1000000, 0}, {0, UTIME_OMIT}};  // accessed long before its change
+    utimensat(AT_FDCWD, tree_.path("read").c_str(), old, 0);
+    utimensat(AT_FDCWD, tree_.path("kept").c_str(), old, 0);
+    struct stat before = statOf(tree_.path("read")), dirBefore = statOf(tree_.path("kept"));
+    ASSERT_TRUE(start());
+    std::ofstream(daemon_.home() + "tvk.cntl") << tree_.path("prot") << "\n";
+    EXPECT_EQ(summary({}), (Summary{"6:", "6:read", "8:1", "6:kept", "6:f", "8:1", "9", "9", "3"}));
+    EXPECT_TRUE(daemon_.waitForLog("(ws_backup) Protected Directory [" + tree_.path("prot") + "] in " +
+                                   daemon_.home() + "tvk.cntl"));
+    // Read without touching the access time, so nothing looks changed either.
+    for (auto [name, was] : {std::pair{"read", before}, std::pair{"kept", dirBefore}}) {
+        struct stat st = statOf(tree_.path(name));
+        EXPECT_EQ(st.st_atime, 1000000) << name;
+        EXPECT_EQ(st.st_ctim.tv_sec, was.st_ctim.tv_sec) << name;
+        EXPECT_EQ(st.st_ctim.tv_nsec, was.st_ctim.tv_nsec) << name;
+    }
+}
+
+TEST_F(BackupStreamTest, ListedRawDeviceIsSentAsData) {
+    mknod(tree_.path("raw").c_str(), S_IFCHR | 0600, makedev(1, 5));  // reads as zeros
+    ASSERT_TRUE(start());
+    std::string entry = std::string("\0\x10\0\0", 4) + tree_.path("raw") + '\0';  // size 4096, path, NUL
+    entry.resize((entry.size() + 3) / 4 * 4, '\0');
+    std::vector<uint8_t> list(entry.begin(), entry.end());
+    BackupSetup s;
+    s.commands = [&](tavik::frontend::JobClient& c) { EXPECT_EQ(c.dbFile(list), 4); };
+    auto reader = backup(s);
+    EXPECT_EQ(reader->summary(), (Summary{"6:", "6:raw", "7:2048", "8:2048", "9", "3"}));
+    EXPECT_EQ(reader->packets()[1].size(), 4096u);
+    EXPECT_EQ(reader->files()["raw"], std::string(4096, '\0'));
+}
+
+TEST_F(BackupStreamTest, DeletingGroomingReportsAndRemovesTheBackedUpFiles) {
+    tree_.dir("old");
+    tree_.file("old/one", "1");
+    tree_.file("old/two", "22");
+    ASSERT_TRUE(start());
+    BackupSetup s;
+    s.commands = [](tavik::frontend::JobClient& c) {
+        EXPECT_EQ(c.grooming(groomingRecord(0x04), std::vector<uint8_t>(63, 0)), 4);
+    };
+    Summary got = summary(s);
+    // After the source's ENDDIR: the count, then the work file as data.
+    auto at = std::find(got.begin(), got.end(), "14:2");
+    ASSERT_NE(at, got.end()) << ::testing::PrintToString(got);
+    EXPECT_EQ(*(at - 1), "9");
+    EXPECT_EQ((at + 1)->rfind("8:", 0), 0u);
+    EXPECT_EQ(got.back(), "3");
+    EXPECT_EQ(statOf(tree_.path("old/one")).st_mode, 0u);
+    EXPECT_EQ(statOf(tree_.path("old/two")).st_mode, 0u);
+    EXPECT_TRUE(S_ISDIR(statOf(tree_.path("old")).st_mode)) << "directories are never groomed";
+    EXPECT_TRUE(daemon_.waitForLog("Total 2 files were deleted"));
+}
+
+TEST_F(BackupStreamTest, EstimateCountsWhatABackupWouldSend) {
+    tree_.file("a", pattern(1000));
+    tree_.file("b", pattern(2048));
+    tree_.file("c", "");
+    mkfifo(tree_.path("fifo").c_str(), 0644);
+    tree_.dir("sub");
+    tree_.file("sub/d", pattern(3000));
+    ASSERT_TRUE(start());
+    auto ask = [&](const std::string& source, const std::vector<std::string>& names) {
+        tavik::frontend::JobClient c;
+        EXPECT_TRUE(c.connect("127.0.0.1", daemon_.port()));
+        tavik::frontend::RequestFields f;
+        f.root = tree_.root();
+        f.login = "root";
+        f.opMode = 7;  // a job of commands only
+        EXPECT_EQ(c.request(f), 4);
+        std::vector<uint8_t> payload(source.begin(), source.end());
+        for (const std::string& n : names) {
+            payload.push_back(0);
+            payload.insert(payload.end(), n.begin(), n.end());
+        }
+        payload.push_back(0);
+        EXPECT_EQ(c.command(14, payload), 4);
+        std::array<uint8_t, 8> reply{};
+        EXPECT_TRUE(c.recvRaw(reply));
+        return std::make_pair(tavik::wire::loadLe32(reply.data()), tavik::wire::loadLe32(reply.data() + 4));
+    };
+    EXPECT_EQ(ask(tree_.root(), {}), std::make_pair(5u, 5u));  // 6048 bytes
+    EXPECT_EQ(ask(tree_.root(), {"a", "b", "c", "fifo"}), std::make_pair(4u, 2u));
+    EXPECT_EQ(ask(tree_.path("nothing-here"), {}), std::make_pair(0u, 0u));
+}
+
+TEST_F(BackupFlowTest, AcknowledgementsEveryNthDataPacket) {
+    for (int i = 1; i <= 6; ++i) tree_.file("f" + std::to_string(i), pattern(5000, unsigned(i)));
+    ASSERT_TRUE(start());
+    BackupSetup s;
+    s.ackInterval = 3;
+    EXPECT_EQ(backup(s)->files().size(), 6u);
+    EXPECT_TRUE(daemon_.waitForLog("RCV_OK: AckCount=3"));
+
+    // An answer other than 0 in place of an acknowledgement ends the sender,
+    // and with it the job.
+    s.ackInterval = 2;
+    s.root = tree_.root();
+    auto bad = beginBackup(daemon_, s);
+    ASSERT_TRUE(bad);
+    bad->acknowledgeEvery(2, 5);
+    EXPECT_FALSE(bad->readUntilEnd());
+    EXPECT_TRUE(daemon_.waitForLog("(SendDaemon) Protocol error (Acknowledge expected)"));
+    EXPECT_TRUE(daemon_.waitForLog("(cleanup) Child process ("));
+    bad->closeAll();
+    EXPECT_TRUE(ipcReleased(daemon_));
+}
+
+TEST_F(BackupFlowTest, RenewalAfterFilesPutsTheLimitingPacketOnTheNewConnection) {
+    for (int i = 1; i <= 5; ++i) tree_.file("f" + std::to_string(i), pattern(10, unsigned(i)));
+    ASSERT_TRUE(start({"-v", "-S", "-R", "2"}));
+    BackupSetup s;
+    s.flags = 0x04;
+    auto reader = backup(s);
+    const auto& p = reader->packets();
+    std::vector<size_t> renewals, endfs;
+    for (size_t i = 0; i < p.size(); ++i) {
+        if (p[i].code == 16) renewals.push_back(i);
+        if (p[i].code == 8) endfs.push_back(i);
+    }
+    ASSERT_EQ(renewals.size(), 2u);
+    ASSERT_EQ(endfs.size(), 5u);
+    // Before the 2nd and the 4th ENDF, which go first on the new connection.
+    EXPECT_EQ(renewals[0] + 1, endfs[1]);
+    EXPECT_EQ(renewals[1] + 1, endfs[3]);
+    EXPECT_EQ(p[endfs[1]].connection, 1);
+    EXPECT_EQ(p[renewals[0]].connection, 0);
+    EXPECT_EQ(p.back().connection, 2);
+    EXPECT_EQ(p[renewals[0]].payload.size(), 0u);
+    EXPECT_NE(p[renewals[0]].value, 0);
+    EXPECT_EQ(reader->files().size(), 5u);
+    EXPECT_TRUE(daemon_.waitForLog("(reestablishTCP) New TCP fd="));
+    // Without option flag 0x04 there is no renewal.
+    s.flags = 0;
+    EXPECT_FALSE(contains(summary(s), "16"));
+}
+
+TEST_F(BackupFlowTest, RenewalAfterKilobytes) {
+    tree_.file("a", pattern(3000));
+    ASSERT_TRUE(start({"-v", "-S", "-r", "1"}));
+    BackupSetup s;
+    s.flags = 0x04;
+    s.ackInterval = 1;  // acknowledgements follow the renewal
+    auto reader = backup(s);
+    EXPECT_EQ(reader->summary(), (Summary{"6:", "6:a", "16", "7:2048", "8:952", "9", "3"}));
+    EXPECT_EQ(reader->packets()[3].connection, 1);
+    EXPECT_EQ(reader->files()["a"], pattern(3000));
+}
+
+TEST_F(BackupFlowTest, RestartPointWithAndWithoutOffset) {
+    tree_.dir("d");
+    for (const char* n : {"f1", "f2", "f3"}) tree_.file(std::string("d/") + n, n);
+    ASSERT_TRUE(start());
+    std::vector<std::string> order = tree_.order("d");
+    std::string named = tree_.root() + "d/" + order[1];
+    BackupSetup s;
+    auto restartAt = [&](uint32_t offset, const std::string& path) {
+        s.commands = [=](tavik::frontend::JobClient& c) { EXPECT_EQ(c.continueAt(offset, path), 4); };
+    };
+    // Offset 0: everything up to the named file is skipped.
+    restartAt(0, named);
+    EXPECT_EQ(summary(s), (Summary{"6:" + order[2], "8:2", "9", "9", "3"}));
+    EXPECT_TRUE(daemon_.waitForLog("Continue on file next to " + named));
+
+    // An offset: the file's data from there on, without its file header.
+    std::string big = pattern(10000);
+    tree_.file("d/" + order[1], big);
+    restartAt(6000, named);
+    auto reader = backup(s);
+    EXPECT_EQ(reader->summary(), (Summary{"7:2048", "8:1952", "6:" + order[2], "8:2", "9", "9", "3"}));
+    std::string tail;
+    for (size_t i = 0; i < 2; ++i) tail.append(reader->packets()[i].payload.begin(), reader->packets()[i].payload.end());
+    EXPECT_EQ(tail, big.substr(6000));
+
+    // A restart file that is never reached: no END, the job ends at once.
+    restartAt(0, tree_.root() + "nowhere");
+    EXPECT_TRUE(backup(s, false)->packets().empty());
+}
+
+TEST_F(BackupFlowTest, WatchdogAndLockTests) {
+    tree_.file("locked", "data");
+    int fd = holdLock(tree_.path("locked"));
+    ASSERT_GE(fd, 0);
+    ASSERT_TRUE(start({"-v", "-S", "-l"}));
+
+    // Four tries 100 s apart (0.1 s here) with a 30 s (30 ms) watchdog.
+    BackupSetup s;
+    s.flags = 0x02;
+    s.retryCount = 4;
+    s.retryInterval = 100;
+    Summary got = summary(s);
+    EXPECT_GE(std::count(got.begin(), got.end(), "47"), 2);
+    ASSERT_GE(got.size(), 4u);
+    EXPECT_EQ(Summary(got.end() - 3, got.end()), (Summary{"201:locked", "9", "3"}));
+    EXPECT_TRUE(daemon_.waitForLog("(SendDaemon) WATCH_DOG sent"));
+    EXPECT_TRUE(daemon_.waitForLog("(backup_file) File " + tree_.root() + "locked is locked by another process"));
+
+    // No watchdog without flag 0x02; no retries with a count of 0.
+    s.flags = 0;
+    s.retryCount = 0;
+    EXPECT_EQ(summary(s), (Summary{"6:", "201:locked", "9", "3"}));
+    // Released: the file is sent (the count of 0 still refuses without trying).
+    close(fd);
+    s.retryCount = 1;
+    EXPECT_EQ(summary(s), (Summary{"6:", "6:locked", "8:4", "9", "3"}));
+}
+
+TEST_F(BackupFlowTest, MandatoryLockModeIsTestedWithoutTheOption) {
+    tree_.file("sgid", "data", 02644);   // set-group-id without group execute: lock tested
+    tree_.file("sgidx", "data", 02754);  // with group execute: not tested
+    ASSERT_TRUE(start());
+    BackupSetup s;
+    s.retryCount = 0;
+    Summary got = summary(s);
+    EXPECT_TRUE(contains(got, "201:sgid"));
+    EXPECT_TRUE(contains(got, "6:sgidx"));
+}
+
+TEST_F(BackupFlowTest, TapeChangeStallPutsTheBackupProcessToSleepAndWakesIt) {
+    tree_.file("huge", pattern(8 << 20));
+    ASSERT_TRUE(start());
+    BackupSetup s;
+    s.root = tree_.root();
+    auto reader = beginBackup(daemon_, s);
+    ASSERT_TRUE(reader);
+    EXPECT_FALSE(reader->readUntilEnd(10000, 3));
+    // The server stops reading for longer than the 180 s (0.18 s) stall.
+    EXPECT_TRUE(daemon_.waitForLog("Put Backup Process("));
+    EXPECT_TRUE(daemon_.waitForLog("(span_tape_sleep) Received SIGUSR1 from child process"));
+    EXPECT_TRUE(reader->readUntilEnd()) << reader->error();
+    // The sender wakes it at its first progress (a wake-up signal that
+    // follows the sleep signal at once may merge with it; the backup process
+    // then goes on when slots are freed).
+    EXPECT_TRUE(daemon_.waitForLog("Wake Backup Process("));
+    EXPECT_TRUE(reader->files()["huge"] == pattern(8 << 20));
+    reader->closeAll();
+    EXPECT_TRUE(ipcReleased(daemon_));
+}
+
+TEST_F(BackupFlowTest, SeveralBackupsAtOnceReassembleExactly) {
+    std::vector<std::unique_ptr<Tree>> trees;
+    auto content = [](int t, int i) { return pattern(3000 * size_t(i) + size_t(t), unsigned(t * 10 + i)); };
+    for (int t = 0; t < 3; ++t) {
+        trees.push_back(std::make_unique<Tree>());
+        for (int i = 0; i < 8; ++i) trees[t]->file("f" + std::to_string(i), content(t, i));
+        trees[t]->dir("sub");
+        trees[t]->file("sub/g", pattern(70000, unsigned(t)));
+    }
+    // A ring of ten slots that fills often, with the bounded full-ring wait.
+    ASSERT_TRUE(start({"-v", "-S", "-m", "10", "-c", "5"}));
+    std::vector<std::map<std::string, std::string>> got(3);
+    std::vector<std::thread> jobs;
+    for (int t = 0; t < 3; ++t) {
+        jobs.emplace_back([&, t] {
+            BackupSetup s;
+            s.root = trees[t]->root();
+            s.ackInterval = uint16_t(t);  // none, every packet, every second
+            auto reader = beginBackup(daemon_, s);
+            if (!reader) return;
+            EXPECT_TRUE(reader->readUntilEnd()) << reader->error();
+            got[t] = reader->files();
+        });
+    }
+    for (auto& j : jobs) j.join();
+    EXPECT_TRUE(ipcReleased(daemon_));
+    for (int t = 0; t < 3; ++t) {
+        ASSERT_EQ(got[t].size(), 9u);
+        for (int i = 0; i < 8; ++i) EXPECT_EQ(got[t]["f" + std::to_string(i)], content(t, i));
+        EXPECT_EQ(got[t]["sub/g"], pattern(70000, unsigned(t)));
+    }
+}
+
+// The front-end resets the connection in the middle of the stream or after
+// its last packet.
+TEST_F(BackupFaultTest, FrontEndResetsTheConnectionMidBackupOrAfterTheEnd) {
+    tree_.file("huge", pattern(16 << 20));
+    Tree small;
+    small.file("a", "a");
+    ASSERT_TRUE(start());
+    struct Row {
+        const char* name;
+        const Tree& tree;
+        size_t stopAfter;
+        const char* line;
+    } rows[] = {{"mid-backup", tree_, 5, "(connrelease) Job aborted by front-end"},
+                {"after END", small, 0, "(connrelease) Received disconnect from localhost"}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        BackupSetup s;
+        s.root = row.tree.root();
+        auto reader = beginBackup(daemon_, s);
+        ASSERT_TRUE(reader);
+        EXPECT_EQ(reader->readUntilEnd(10000, row.stopAfter), row.stopAfter == 0);
+        linger hard{1, 0};  // a reset, as a front-end that dies
+        setsockopt(reader->fd(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+        reader->closeAll();
+        EXPECT_TRUE(daemon_.waitForLog(row.line));
+        EXPECT_TRUE(ipcReleased(daemon_));
+    }
+    EXPECT_TRUE(daemon_.waitForLog("(cleanup) Child process ("));
+    servesNextJob();
+}
+
+TEST_F(BackupFaultTest, KilledSenderEndsTheBackupProcess) {
+    tree_.file("huge", pattern(16 << 20));
+    ASSERT_TRUE(start());
+    BackupSetup s;
+    s.root = tree_.root();
+    auto reader = beginBackup(daemon_, s);  // and never read
+    ASSERT_TRUE(reader);
+    auto childrenOf = [](pid_t pid) {
+        std::ifstream in("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children");
+        std::vector<pid_t> out;
+        for (pid_t child; in >> child;) out.push_back(child);
+        return out;
+    };
+    pid_t sender = -1;
+    for (int i = 0; i < 250 && sender < 0; ++i) {
+        for (pid_t job : childrenOf(daemon_.pid()))
+            for (pid_t c : childrenOf(job)) sender = c;
+        if (sender < 0) usleep(20000);
+    }
+    ASSERT_GT(sender, 0);
+    kill(sender, SIGKILL);
+    EXPECT_TRUE(daemon_.waitForLog("(cleanup) Child process (" + std::to_string(sender) + ") died"));
+    EXPECT_TRUE(ipcReleased(daemon_));
+    reader->closeAll();
+    servesNextJob();
+}
+
+TEST_F(BackupFaultTest, EntriesTheLoginMayNotRead) {
+    TestUser user;
+    ASSERT_TRUE(user.ok());
+    tree_.file("open", "o");
+    tree_.file("secret", "s", 0600);
+    tree_.dir("private", 0700);
+    tree_.file("private/inside", "i");
+    mkfifo(tree_.path("fifo").c_str(), 0644);
+    ASSERT_TRUE(start({"-v"}));
+    BackupSetup s;
+    s.login = user.name();
+    s.password = kPassword;
+    std::map<std::string, Summary> data = {{"open", {"6:open", "8:1"}}, {"secret", {"102:secret"}}, {"fifo", {"102:fifo"}}};
+    Summary want = {"6:"};
+    for (const std::string& name : tree_.order()) want.insert(want.end(), data[name].begin(), data[name].end());
+    for (std::string w : {"6:private", "101", "9", "3"}) want.push_back(w);
+    EXPECT_EQ(summary(s), want);
+    std::string log = daemon_.log();
+    EXPECT_NE(log.find("(backup_file) Failed to open regular file " + tree_.root() + "secret (Permission denied)"),
+              std::string::npos);
+    EXPECT_NE(log.find("(backup_file) Failed to access special file " + tree_.root() + "fifo"), std::string::npos);
+    EXPECT_NE(log.find("(ws_backup) Failed to Access Directory [" + tree_.root() + "private/] (Permission denied)"),
+              std::string::npos);
+    servesNextJob(s);
+}
+
+TEST_F(BackupFaultTest, DirectoryLoopThroughAFollowedLink) {
+    tree_.dir("sub");
+    symlink("..", tree_.path("sub/up").c_str());
+    ASSERT_TRUE(start());
+    BackupSetup s;
+    s.follow = 1;
+    EXPECT_EQ(summary(s), (Summary{"6:", "6:sub", "6:up", "9", "9", "9", "3"}));
+    EXPECT_TRUE(daemon_.waitForLog("(ws_backup) Detected link to its ancestor of file " + tree_.root() + "sub/up"));
+    s.follow = 0;  // not followed, the link is sent as a link
+    EXPECT_EQ(summary(s), (Summary{"6:", "6:sub", "6:up", "8:2", "9", "9", "3"}));
+}
+
+TEST_F(BackupFaultTest, PathsLongerThanTheBuffersAreRefusedAndTheWalkGoesOn) {
+    std::string rel;
+    for (int level = 0; level < 4; ++level) {
+        rel += (rel.empty() ? "" : "/") + std::string(200, char('a' + level));
+        tree_.dir(rel);
+    }
+    std::string longFile(250, 'f'), longDir(250, 'g');
+    tree_.file(rel + "/" + longFile, "x");
+    tree_.dir(rel + "/" + longDir);
+    tree_.file(rel + "/ok", "fine");
+    tree_.file("last", "z");
+    ASSERT_TRUE(start());
+    Summary got = summary({});
+    for (const std::string& w : {"102:" + longFile, "102:" + longDir, std::string("6:ok"), std::string("6:last")})
+        EXPECT_TRUE(contains(got, w)) << w;
+    EXPECT_EQ(countOf(daemon_.log(), "(File name too long)"), 2u);
+}
+
+}  // namespace
