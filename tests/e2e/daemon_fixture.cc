@@ -137,13 +137,12 @@ int Daemon::stop() {
 
 std::string Daemon::log() const { return readFile(logPath()); }
 
-bool Daemon::waitForLog(const std::string& needle, int timeoutMs) const {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (log().find(needle) != std::string::npos) return true;
+bool Daemon::waitForLog(const std::string& needle, size_t times) const {
+    for (int waited = 0; waited < 5000; waited += 10) {
+        if (countOf(log(), needle) >= times) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    return log().find(needle) != std::string::npos;
+    return countOf(log(), needle) >= times;
 }
 
 bool Daemon::alive() const {

@@ -62,8 +62,9 @@ public:
     const LaunchResult& launcher() const { return launcher_; }
 
     std::string log() const;
-    // Waits until the log holds `needle` (polling); false after timeoutMs.
-    bool waitForLog(const std::string& needle, int timeoutMs = 5000) const;
+    // Waits until the log holds `needle` `times` times (polling); false
+    // after 5 seconds.
+    bool waitForLog(const std::string& needle, size_t times = 1) const;
     bool alive() const;
 
 private:
@@ -93,6 +94,12 @@ inline struct stat statOf(const std::string& path) {
 inline void setTimes(const std::string& path, time_t atime, time_t mtime, long atimeNsec = 0) {
     timespec t[2] = {{atime, atimeNsec}, {mtime, 0}};
     utimensat(AT_FDCWD, path.c_str(), t, AT_SYMLINK_NOFOLLOW);
+}
+
+// Writes `data` to `path`; with `mtime` its access and modification times.
+inline void writeFile(const std::string& path, const std::string& data, time_t mtime = 0) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << data;
+    if (mtime != 0) setTimes(path, mtime, mtime);
 }
 
 inline std::vector<std::string> lines(const std::string& text) {
@@ -159,9 +166,8 @@ public:
     std::string path(const std::string& rel) const { return root_ + "/" + rel; }
     // A file with `data`; with `mtime` its access and modification times.
     void file(const std::string& rel, const std::string& data, mode_t mode = 0644, time_t mtime = 0) const {
-        std::ofstream(path(rel), std::ios::binary | std::ios::trunc) << data;
+        writeFile(path(rel), data, mtime);
         chmod(path(rel).c_str(), mode);
-        if (mtime != 0) setTimes(path(rel), mtime, mtime);
     }
     void dir(const std::string& rel, mode_t mode = 0755) const {
         mkdir(path(rel).c_str(), mode);

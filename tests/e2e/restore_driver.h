@@ -1,13 +1,10 @@
-// The server's side of a restore command stream for end-to-end tests: the
-// front-end's job client sends MKDIR, OPENFILE, MOF, ENDF, UNLINK, END and
-// ABORT packets built with the restore record encoder and reads each answer.
-// With an acknowledgement interval the agent's acknowledgements of MOF
-// packets are read (and checked) as they fall due.
+// The server's side of a restore (or compare) command stream for end-to-end
+// tests: the front-end's job client sends MKDIR, OPENFILE, MOF, ENDF, UNLINK,
+// END and ABORT packets built with the restore record encoder and reads each
+// answer. With an acknowledgement interval the agent's acknowledgements of
+// MOF packets are read (and checked) as they fall due.
 #pragma once
 
-#include <sys/stat.h>
-
-#include <algorithm>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -18,9 +15,12 @@
 
 namespace tavik::test {
 
+inline std::span<const uint8_t> bytes(const std::string& s) {
+    return {reinterpret_cast<const uint8_t*>(s.data()), s.size()};
+}
+
 inline restore::RestoreAttributes restoreAttrs(const std::string& name, uint32_t mode, uint32_t uid = 0,
-                                               uint32_t gid = 0, uint32_t mtime = 1000000000,
-                                               uint32_t size = 0) {
+                                               uint32_t gid = 0, uint32_t mtime = 1000000000) {
     restore::RestoreAttributes a;
     a.name = name;
     a.mode = mode;
@@ -29,7 +29,6 @@ inline restore::RestoreAttributes restoreAttrs(const std::string& name, uint32_t
     a.gid = gid;
     a.atime = mtime + 3600;
     a.mtime = mtime;
-    a.size = size;
     return a;
 }
 
@@ -46,30 +45,24 @@ public:
     // One MOF packet; false also when a due acknowledgement did not come.
     bool mof(std::span<const uint8_t> data) {
         if (!send(restore::command::kMof, data)) return false;
-        if (ackInterval_ == 0) return true;
-        if (++mofs_ % ackInterval_ != 0) return true;
+        if (ackInterval_ == 0 || ++mofs_ % ackInterval_ != 0) return true;
         ++acks_;
         return client_.readAnswer() == 0;
     }
     // ENDF with its data; the file's status byte (0..255) or kNoAnswer.
-    int endf(std::span<const uint8_t> data = {}) {
-        if (!send(restore::command::kEndf, data)) return frontend::kNoAnswer;
-        return status();
+    int endf(std::span<const uint8_t> data = {}) { return send(restore::command::kEndf, data) ? status() : frontend::kNoAnswer; }
+    // The data in MOF payloads of at most 2048 bytes, the rest with ENDF.
+    int data(const std::string& text) {
+        std::span<const uint8_t> rest = bytes(text);
+        for (; rest.size() > restore::kMaxDataPayload; rest = rest.subspan(restore::kMaxDataPayload))
+            if (!mof(rest.first(restore::kMaxDataPayload))) return frontend::kNoAnswer;
+        return endf(rest);
     }
-    // OPENFILE, the data in payloads of at most 2048 bytes, ENDF.
-    int file(const restore::RestoreAttributes& a, const std::string& data = "") {
-        if (!openFile(a)) return frontend::kNoAnswer;
-        std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t*>(data.data()), data.size());
-        while (bytes.size() > restore::kMaxDataPayload) {
-            if (!mof(bytes.first(restore::kMaxDataPayload))) return frontend::kNoAnswer;
-            bytes = bytes.subspan(restore::kMaxDataPayload);
-        }
-        return endf(bytes);
+    // OPENFILE and the data.
+    int file(const restore::RestoreAttributes& a, const std::string& text = "") {
+        return openFile(a) ? data(text) : frontend::kNoAnswer;
     }
-    int end() {
-        if (!send(restore::command::kEnd)) return frontend::kNoAnswer;
-        return status();
-    }
+    int end() { return send(restore::command::kEnd) ? status() : frontend::kNoAnswer; }
     int status() {
         int answer = client_.readAnswer();
         return answer == frontend::kNoAnswer ? answer : answer & 0xFF;

@@ -1,5 +1,7 @@
 // A login made for one test and removed afterwards (useradd, chpasswd,
-// userdel), for end-to-end tests that need a real identity to switch to.
+// userdel), for end-to-end tests that need a real identity to switch to; and
+// a fixture that runs jobs as such a login on a daemon with shortened
+// time-outs.
 #pragma once
 
 #include <grp.h>
@@ -8,9 +10,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
+#include <array>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <functional>
 #include <string>
+
+#include "e2e/daemon_fixture.h"
+#include "frontend/job_client.h"
 
 namespace tavik::test {
 
@@ -26,8 +36,26 @@ inline bool runQuietly(const std::string& command) {
     return false;
 }
 
-// A login made for one test and removed afterwards, with a home directory
-// of its own and optionally a supplementary group.
+// Rewrites an account file under the account files' lock: `edit` may change
+// a line or drop it (false); `extra` is appended.
+inline bool rewriteAccountFile(const std::string& path, mode_t mode, const char* group,
+                               const std::function<bool(std::string&)>& edit, const std::string& extra = "") {
+    if (lckpwdf() != 0) return false;
+    std::ifstream in(path);
+    std::string text;
+    for (std::string line; std::getline(in, line);)
+        if (edit(line)) text += line + "\n";
+    text += extra;
+    std::string tmp = path + ".tavik-test";
+    bool ok = static_cast<bool>(std::ofstream(tmp) << text) && chmod(tmp.c_str(), mode) == 0;
+    const struct group* g = getgrnam(group);
+    ok = ok && g && chown(tmp.c_str(), 0, g->gr_gid) == 0 && rename(tmp.c_str(), path.c_str()) == 0;
+    ulckpwdf();
+    return ok;
+}
+
+// A login with a home directory of its own and optionally a supplementary
+// group; `method` is chpasswd's hash method (empty: the system's default).
 class TestUser {
 public:
     explicit TestUser(const std::string& method = "", bool withGroup = false) {
@@ -54,7 +82,8 @@ public:
         ok_ = true;
     }
     ~TestUser() {
-        if (!hiddenShadowLine_.empty()) editShadow(hiddenShadowLine_);
+        if (!hiddenShadowLine_.empty())
+            rewriteAccountFile("/etc/shadow", 0640, "shadow", [](std::string&) { return true; }, hiddenShadowLine_ + "\n");
         // Forced: a job process of the login may still be ending.
         runQuietly("userdel -f " + name_);
         if (!group_.empty()) runQuietly("groupdel " + group_);
@@ -80,70 +109,98 @@ public:
         chown(path.c_str(), uid_, gid_);
         chmod(path.c_str(), 0600);
     }
-
     // Takes the login's line out of the shadow file (the password file keeps
-    // it), under the account files' lock; the destructor puts it back.
-    bool hideFromShadow() { return editShadow(""); }
-
+    // it); the destructor puts it back.
+    bool hideFromShadow() {
+        return rewriteAccountFile("/etc/shadow", 0640, "shadow", [&](std::string& line) {
+            if (line.rfind(name_ + ":", 0) != 0) return true;
+            hiddenShadowLine_ = line;
+            return false;
+        });
+    }
     // Gives the login's password-file line the group id `gid` (such as
-    // "4294967295", which no process can take), under the account files'
-    // lock; userdel removes the line afterwards.
+    // "4294967295", which no process can take); userdel removes the line.
     bool setPasswdGroupId(const std::string& gid) {
-        if (lckpwdf() != 0) return false;
-        std::ifstream in("/etc/passwd");
-        std::string text, line;
         bool found = false;
-        while (std::getline(in, line)) {
-            if (line.rfind(name_ + ":", 0) == 0) {
-                // name:x:uid:gid:...
-                size_t at = 0;
-                for (int field = 0; field < 3 && at != std::string::npos; ++field) at = line.find(':', at + 1);
-                size_t end = at == std::string::npos ? at : line.find(':', at + 1);
-                if (end != std::string::npos) {
-                    line = line.substr(0, at + 1) + gid + line.substr(end);
-                    found = true;
-                }
-            }
-            text += line + "\n";
-        }
-        std::string tmp = "/etc/passwd.tavik-test";
-        bool ok = found && static_cast<bool>(std::ofstream(tmp) << text) && chmod(tmp.c_str(), 0644) == 0 &&
-                  rename(tmp.c_str(), "/etc/passwd") == 0;
-        ulckpwdf();
-        return ok;
+        bool ok = rewriteAccountFile("/etc/passwd", 0644, "root", [&](std::string& line) {
+            if (line.rfind(name_ + ":", 0) != 0) return true;
+            size_t at = 0;  // name:x:uid:gid:...
+            for (int field = 0; field < 3 && at != std::string::npos; ++field) at = line.find(':', at + 1);
+            size_t end = at == std::string::npos ? at : line.find(':', at + 1);
+            if (end == std::string::npos) return true;
+            line = line.substr(0, at + 1) + gid + line.substr(end);
+            found = true;
+            return true;
+        });
+        return ok && found;
     }
 
 private:
-    // Without `restore`: removes the login's line. With it: appends it.
-    bool editShadow(const std::string& restore) {
-        if (lckpwdf() != 0) return false;
-        std::ifstream in("/etc/shadow");
-        std::string text, line;
-        while (std::getline(in, line)) {
-            if (restore.empty() && line.rfind(name_ + ":", 0) == 0) {
-                hiddenShadowLine_ = line;
-                continue;
-            }
-            text += line + "\n";
-        }
-        if (!restore.empty()) {
-            text += restore + "\n";
-            hiddenShadowLine_.clear();
-        }
-        std::string tmp = "/etc/shadow.tavik-test";
-        bool ok = static_cast<bool>(std::ofstream(tmp) << text) && chmod(tmp.c_str(), 0640) == 0;
-        const group* shadowGroup = getgrnam("shadow");
-        if (shadowGroup) ok = ok && chown(tmp.c_str(), 0, shadowGroup->gr_gid) == 0;
-        ok = ok && rename(tmp.c_str(), "/etc/shadow") == 0;
-        ulckpwdf();
-        return ok;
-    }
-
     std::string hiddenShadowLine_;
     std::string name_, group_, home_;
     uid_t uid_ = 0;
     gid_t gid_ = 0;
     bool ok_ = false;
+};
+
+// Jobs as a test login on a daemon whose time-outs are divided by 1000;
+// `work_` is a directory in the login's home (made by makeWork()).
+class LoginJobTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (geteuid() != 0) GTEST_SKIP() << "needs root: creates a test login, device nodes and owners";
+        ASSERT_TRUE(user_.ok());
+        work_ = user_.home() + "/work";
+    }
+    bool startDaemon(const std::vector<std::string>& args = {"-v"}) {
+        // Job processes run as the login and still write the shared log.
+        return daemon_.start(args, {{"TAVIK_TIME_DIVISOR", "1000"}}) && chmod(daemon_.home().c_str(), 0755) == 0;
+    }
+    // A request of the login for `root` (password checked even from an
+    // equivalent host).
+    frontend::RequestFields fields(const std::string& root, uint8_t opMode) const {
+        frontend::RequestFields f;
+        f.root = root;
+        f.login = user_.name();
+        f.password = kPassword;
+        f.opMode = opMode;
+        f.acceptEA = 'e';
+        return f;
+    }
+    // Connects and sends the request; the answer.
+    int ask(const frontend::RequestFields& f) {
+        client_.close();
+        if (!client_.connect("127.0.0.1", daemon_.port())) return frontend::kNoAnswer;
+        return client_.request(f);
+    }
+    // The request, the OPTION record and the GROOMING record when given, the
+    // start command: the stream may begin. The answer to the request (4 when
+    // the job goes on).
+    int begin(const frontend::RequestFields& f, const std::vector<uint8_t>& options = {}, uint16_t ack = 0,
+              const std::vector<uint8_t>& groom = {}) {
+        int answer = ask(f);
+        if (answer != 4) return answer;
+        if (!options.empty() && client_.option(options) != 4) return frontend::kNoAnswer;
+        std::array<uint8_t, 63> tape{};  // tape id, sequence number, label
+        std::memcpy(tape.data(), "T0001", 5);
+        std::memcpy(tape.data() + 16, "0042", 4);
+        std::memcpy(tape.data() + 32, "WEEKLY-07", 9);
+        if (!groom.empty() && client_.grooming(groom, tape) != 4) return frontend::kNoAnswer;
+        return client_.start(ack) ? 4 : frontend::kNoAnswer;
+    }
+    void makeWork() {
+        mkdir(work_.c_str(), 0755);
+        chown(work_.c_str(), user_.uid(), user_.gid());
+    }
+    std::string at(const std::string& rel) const { return work_ + "/" + rel; }
+    // After the last answer the job process ends and closes the connection.
+    bool agentCloses() { return client_.readAnswer() == frontend::kNoAnswer; }
+    bool logHas(const std::string& text) const { return daemon_.log().find(text) != std::string::npos; }
+
+    TestUser user_;
+    std::string work_;
+    Daemon daemon_;
+    frontend::JobClient client_;
 };
 
 }  // namespace tavik::test
