@@ -8,12 +8,18 @@
 // status can be collected.
 #pragma once
 
+#include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/types.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
@@ -24,57 +30,18 @@
 
 #include "wire/bytes.h"
 
+#ifndef TAVIKD_PATH
+#error "TAVIKD_PATH must name the built daemon"
+#endif
+
 namespace tavik::test {
 
-// A port on which nothing listens for TCP or UDP right now.
-uint16_t freePort();
-
-struct LaunchResult {
-    int status = -1;     // exit status of the launching process (-1: did not exit)
-    std::string output;  // what it printed on standard output and error
-};
-
-class Daemon {
-public:
-    Daemon();
-    ~Daemon();
-    Daemon(const Daemon&) = delete;
-    Daemon& operator=(const Daemon&) = delete;
-
-    // Starts the daemon with `args` (a "-p PORT" is added unless args hold
-    // "-p"); environment additions in `env`. True when the launcher exited 0
-    // and the pid file names a live daemon.
-    bool start(const std::vector<std::string>& args = {"-v"}, const std::map<std::string, std::string>& env = {});
-    // Runs the copied binary once more with `args` and waits for the
-    // launching process (for tests of start-up failures).
-    LaunchResult launch(const std::vector<std::string>& args, const std::map<std::string, std::string>& env = {});
-
-    // SIGTERM, then waits for the daemon; returns its exit status (-1 if it
-    // had to be killed).
-    int stop();
-
-    const std::string& home() const { return home_; }  // ends in "/"
-    std::string logPath() const { return home_ + "LOG/tvk.log"; }
-    std::string pidPath() const { return home_ + "LOG/tavikd.pid"; }
-    std::string binary() const { return home_ + "tavikd"; }
-    uint16_t port() const { return port_; }
-    pid_t pid() const { return pid_; }
-    const LaunchResult& launcher() const { return launcher_; }
-
-    std::string log() const;
-    // Waits until the log holds `needle` `times` times (polling); false
-    // after 5 seconds.
-    bool waitForLog(const std::string& needle, size_t times = 1) const;
-    bool alive() const;
-
-private:
-    std::string home_;
-    uint16_t port_ = 0;
-    pid_t pid_ = -1;
-    LaunchResult launcher_;
-};
-
-std::string readFile(const std::string& path);
+inline std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
 
 // The same bytes for the same size and seed.
 inline std::string pattern(size_t n, unsigned seed = 1) {
@@ -187,6 +154,133 @@ public:
 
 private:
     std::string root_;
+};
+
+// A port on which nothing listens for TCP or UDP right now.
+inline uint16_t freePort() {
+    auto bindable = [](int type, uint16_t port) {
+        int fd = socket(AF_INET, type, 0), one = 1;
+        if (type == SOCK_STREAM) setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(port);
+        bool ok = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+        close(fd);
+        return ok;
+    };
+    static unsigned salt = unsigned(getpid()) * 7919u;
+    for (int attempt = 0; attempt < 200; ++attempt) {
+        uint16_t port = uint16_t(20000 + (salt++ % 30000));
+        if (bindable(SOCK_STREAM, port) && bindable(SOCK_DGRAM, port)) return port;
+    }
+    return 0;
+}
+
+// Waits for the child `pid` to exit, up to timeoutMs: its exit status (128 +
+// the signal when killed), or -1.
+inline int waitExit(pid_t pid, int timeoutMs) {
+    for (int waited = 0; waited <= timeoutMs; waited += 5) {
+        int status;
+        pid_t r = waitpid(pid, &status, WNOHANG);
+        if (r == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        if (r < 0) return -1;
+        usleep(5000);
+    }
+    return -1;
+}
+
+struct LaunchResult {
+    int status = -1;     // exit status of the launching process (-1: did not exit)
+    std::string output;  // what it printed on standard output and error
+};
+
+class Daemon {
+public:
+    Daemon() : home_(dir_.root()) {
+        prctl(PR_SET_CHILD_SUBREAPER, 1);
+        if (std::system(("cp '" TAVIKD_PATH "' '" + binary() + "'").c_str()) != 0) home_.clear();
+    }
+    ~Daemon() { stop(); }
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+
+    // Starts the daemon with `args` (a "-p PORT" is added unless args hold
+    // "-p"); environment additions in `env`. True when the launcher exited 0
+    // and the pid file names a live daemon.
+    bool start(const std::vector<std::string>& args = {"-v"}, const std::map<std::string, std::string>& env = {}) {
+        if (home_.empty()) return false;
+        std::vector<std::string> all = args;
+        if (std::find(args.begin(), args.end(), "-p") == args.end()) {
+            port_ = freePort();
+            all.insert(all.end(), {"-p", std::to_string(port_)});
+        }
+        launcher_ = launch(all, env);
+        pid_ = launcher_.status == 0 ? pid_t(std::atoi(readFile(pidPath()).c_str())) : -1;
+        return pid_ > 0 && alive();
+    }
+    // Runs the copied binary once more with `args` and waits for the
+    // launching process (for tests of start-up failures).
+    LaunchResult launch(const std::vector<std::string>& args, const std::map<std::string, std::string>& env = {}) {
+        std::string outPath = home_ + "launcher.out";
+        pid_t child = fork();
+        if (child == 0) {
+            int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            dup2(out, 1);
+            dup2(out, 2);
+            for (const auto& [k, v] : env) setenv(k.c_str(), v.c_str(), 1);
+            std::vector<std::string> argv0 = {binary()};
+            argv0.insert(argv0.end(), args.begin(), args.end());
+            std::vector<char*> cargs;
+            for (auto& a : argv0) cargs.push_back(a.data());
+            cargs.push_back(nullptr);
+            execv(cargs[0], cargs.data());
+            _exit(127);
+        }
+        int status = waitExit(child, 20000);
+        return {status, readFile(outPath)};
+    }
+    // SIGTERM, then waits for the daemon; returns its exit status (-1 if it
+    // had to be killed).
+    int stop() {
+        if (pid_ <= 0) return -1;
+        kill(pid_, SIGTERM);
+        int status = waitExit(pid_, 10000);
+        if (status == -1) {
+            kill(pid_, SIGKILL);
+            waitExit(pid_, 5000);
+        }
+        pid_ = -1;
+        return status;
+    }
+
+    const std::string& home() const { return home_; }  // ends in "/"
+    std::string logPath() const { return home_ + "LOG/tvk.log"; }
+    std::string pidPath() const { return home_ + "LOG/tavikd.pid"; }
+    std::string binary() const { return home_ + "tavikd"; }
+    uint16_t port() const { return port_; }
+    pid_t pid() const { return pid_; }
+    const LaunchResult& launcher() const { return launcher_; }
+    std::string log() const { return readFile(logPath()); }
+    // Waits until the log holds `needle` `times` times (polling); false
+    // after 5 seconds.
+    bool waitForLog(const std::string& needle, size_t times = 1) const {
+        for (int waited = 0; waited < 5000; waited += 10) {
+            if (countOf(log(), needle) >= times) return true;
+            usleep(10000);
+        }
+        return countOf(log(), needle) >= times;
+    }
+    bool alive() const {
+        int status;
+        return pid_ > 0 && waitpid(pid_, &status, WNOHANG) == 0;
+    }
+
+private:
+    Tree dir_;
+    std::string home_;
+    uint16_t port_ = 0;
+    pid_t pid_ = -1;
+    LaunchResult launcher_;
 };
 
 }  // namespace tavik::test
