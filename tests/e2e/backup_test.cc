@@ -9,21 +9,122 @@
 // entries the login may not read, a directory loop, paths longer than the
 // buffers; after each the job's IPC objects and registry lines are gone and
 // the daemon serves the next job.
-#include <signal.h>
-#include <sys/socket.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
 
-#include <algorithm>
+#include <functional>
+#include <memory>
 #include <thread>
 
-#include "e2e/backup_support.h"
+#include "e2e/backup_stream_reader.h"
 #include "e2e/test_user.h"
 #include "filter/items.h"
 
 namespace {
 
 using namespace tavik::test;
+namespace frontend = tavik::frontend;
+
+struct BackupSetup {
+    std::string root;
+    int serverVersion = frontend::kNewestServerVersion;
+    uint8_t follow = 0;
+    uint8_t flags = 0;
+    uint16_t retryCount = 5;
+    uint16_t retryInterval = 5;
+    std::vector<std::vector<uint8_t>> filterItems;
+    std::function<void(frontend::JobClient&)> commands;
+    uint16_t ackInterval = 0;
+    std::string login = "root";
+    std::string password;
+};
+
+// Runs the request and the command phase; the reader then owns the
+// connection. Null (with a test failure) when the agent refused.
+inline std::unique_ptr<BackupStreamReader> beginBackup(const Daemon& daemon, const BackupSetup& s) {
+    frontend::JobClient client;
+    if (!client.connect("127.0.0.1", daemon.port())) {
+        ADD_FAILURE() << client.lastError();
+        return nullptr;
+    }
+    frontend::RequestFields f;
+    f.root = s.root;
+    f.login = s.login;
+    f.password = s.password;
+    f.opMode = 0;
+    f.serverVersion = s.serverVersion;
+    f.follow = s.follow;
+    f.tpSize = uint16_t(s.filterItems.size());
+    if (!s.password.empty()) f.acceptEA = 'e';
+    int answer = client.request(f);
+    if (answer != 4) {
+        ADD_FAILURE() << "request answered " << answer;
+        return nullptr;
+    }
+    if (s.serverVersion >= 50) {
+        EXPECT_TRUE(client.sendRaw(optionsRecord(s.retryCount, s.retryInterval, s.flags)));
+        for (const auto& item : s.filterItems) EXPECT_TRUE(client.sendRaw(item));
+    }
+    if (s.commands) s.commands(client);
+    EXPECT_TRUE(client.start(s.ackInterval));
+    auto reader = std::make_unique<BackupStreamReader>(dup(client.fd()));
+    reader->acknowledgeEvery(s.ackInterval);
+    return reader;
+}
+
+// Waits until the registry holds no live line and every object it named is
+// gone from the kernel.
+inline bool ipcReleased(const Daemon& daemon, int timeoutMs = 5000) {
+    for (int waited = 0; waited <= timeoutMs; waited += 20) {
+        std::ifstream in(daemon.home() + "LOG/tvk.ipc");
+        std::string line;
+        bool live = false, objects = false;
+        while (std::getline(in, line)) {
+            if (line.empty()) continue;
+            if (line[0] == 'm' || line[0] == 's' || line[0] == 'q') live = true;
+            if (line[0] == '#' && line.size() > 2) {
+                int id = std::atoi(line.c_str() + 2);
+                shmid_ds ds{};
+                if (line[1] == 'm' && shmctl(id, IPC_STAT, &ds) == 0) objects = true;
+                if (line[1] == 's' && semctl(id, 0, GETVAL) >= 0) objects = true;
+            }
+        }
+        if (!live && !objects) return true;
+        usleep(20000);
+    }
+    return false;
+}
+
+// A daemon (single-user mode by default, time-outs divided by 1000) and a
+// scratch tree to back up.
+class BackupTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (geteuid() != 0) GTEST_SKIP() << "needs root: device nodes, test logins and the daemon's identity";
+    }
+    bool start(const std::vector<std::string>& args = {"-v", "-S"}) {
+        // Job processes of a test login still write the shared log.
+        return daemon_.start(args, {{"TAVIK_TIME_DIVISOR", "1000"}}) && chmod(daemon_.home().c_str(), 0755) == 0;
+    }
+    // A whole backup (of the tree unless `s` names a root) read up to END
+    // (or, without `expectEnd`, until the agent stops); afterwards the job's
+    // IPC objects must be gone.
+    std::unique_ptr<BackupStreamReader> backup(BackupSetup s, bool expectEnd = true) {
+        if (s.root.empty()) s.root = tree_.root();
+        auto reader = beginBackup(daemon_, s);
+        if (!reader) return std::make_unique<BackupStreamReader>(-1);
+        EXPECT_EQ(reader->readUntilEnd(), expectEnd) << reader->error();
+        reader->closeAll();
+        EXPECT_TRUE(ipcReleased(daemon_));
+        return reader;
+    }
+    std::vector<std::string> summary(const BackupSetup& s) { return backup(s)->summary(); }
+
+    Daemon daemon_;
+    Tree tree_;
+};
 using Summary = std::vector<std::string>;
 
 class BackupStreamTest : public BackupTest {};
@@ -160,7 +261,7 @@ TEST_F(BackupStreamTest, TopListAndFiltersSelect) {
     tree_.file("dir/y.o", "o");
     ASSERT_TRUE(start());
     BackupSetup top;
-    top.commands = [](tavik::frontend::JobClient& c) { EXPECT_EQ(c.diskItem({"keep", "dir"}), 4); };
+    top.commands = [](frontend::JobClient& c) { EXPECT_EQ(c.diskItem({"keep", "dir"}), 4); };
     // Only the listed names at the top; deeper levels are not limited.
     EXPECT_EQ(backup(top)->files(),
               (std::map<std::string, std::string>{{"keep", "k"}, {"dir/keep", "inner"}, {"dir/y.o", "o"}}));
@@ -201,7 +302,7 @@ TEST_F(BackupStreamTest, ListedRawDeviceIsSentAsData) {
     entry.resize((entry.size() + 3) / 4 * 4, '\0');
     std::vector<uint8_t> list(entry.begin(), entry.end());
     BackupSetup s;
-    s.commands = [&](tavik::frontend::JobClient& c) { EXPECT_EQ(c.dbFile(list), 4); };
+    s.commands = [&](frontend::JobClient& c) { EXPECT_EQ(c.dbFile(list), 4); };
     auto reader = backup(s);
     EXPECT_EQ(reader->summary(), (Summary{"6:", "6:raw", "7:2048", "8:2048", "9", "3"}));
     EXPECT_EQ(reader->packets()[1].size(), 4096u);
@@ -214,7 +315,7 @@ TEST_F(BackupStreamTest, DeletingGroomingReportsAndRemovesTheBackedUpFiles) {
     tree_.file("old/two", "22");
     ASSERT_TRUE(start());
     BackupSetup s;
-    s.commands = [](tavik::frontend::JobClient& c) {
+    s.commands = [](frontend::JobClient& c) {
         EXPECT_EQ(c.grooming(groomingRecord(0x04), std::vector<uint8_t>(63, 0)), 4);
     };
     Summary got = summary(s);
@@ -239,9 +340,9 @@ TEST_F(BackupStreamTest, EstimateCountsWhatABackupWouldSend) {
     tree_.file("sub/d", pattern(3000));
     ASSERT_TRUE(start());
     auto ask = [&](const std::string& source, const std::vector<std::string>& names) {
-        tavik::frontend::JobClient c;
+        frontend::JobClient c;
         EXPECT_TRUE(c.connect("127.0.0.1", daemon_.port()));
-        tavik::frontend::RequestFields f;
+        frontend::RequestFields f;
         f.root = tree_.root();
         f.login = "root";
         f.opMode = 7;  // a job of commands only
@@ -333,7 +434,7 @@ TEST_F(BackupFlowTest, RestartPointWithAndWithoutOffset) {
     std::string named = tree_.root() + "d/" + order[1];
     BackupSetup s;
     auto restartAt = [&](uint32_t offset, const std::string& path) {
-        s.commands = [=](tavik::frontend::JobClient& c) { EXPECT_EQ(c.continueAt(offset, path), 4); };
+        s.commands = [=](frontend::JobClient& c) { EXPECT_EQ(c.continueAt(offset, path), 4); };
     };
     // Offset 0: everything up to the named file is skipped.
     restartAt(0, named);
