@@ -6,7 +6,6 @@
 #include <sys/sysmacros.h>
 
 #include <filesystem>
-#include <ostream>
 
 #include "e2e/restore_driver.h"
 #include "e2e/test_user.h"
@@ -26,14 +25,7 @@ constexpr uint8_t kDetailed = 0x80;
 constexpr uint8_t kNoAccessReset = 0x08;
 
 // The answers of one file: after OPENFILE and after ENDF.
-struct Verdicts {
-    int open = kNoAnswer;
-    int end = kNoAnswer;
-    bool operator==(const Verdicts&) const = default;
-};
-std::ostream& operator<<(std::ostream& os, const Verdicts& v) {
-    return os << std::hex << "{0x" << v.open << ", 0x" << v.end << "}" << std::dec;
-}
+using Verdicts = std::pair<int, int>;
 
 // What the agent sends after END with grooming: code 14, the 16-byte count,
 // the work file's packets (code and data).
@@ -72,26 +64,19 @@ protected:
         mkdir(at(rel).c_str(), 0755);
         chown(at(rel).c_str(), user_.uid(), user_.gid());
     }
-    // What a backup of the object on disk says now, under its relative name.
-    RestoreAttributes tapeOf(const std::string& rel) const {
+    // What a backup of the object on disk says now, under its relative name
+    // (or `as`).
+    RestoreAttributes tapeOf(const std::string& rel, const std::string& as = "") const {
+        using namespace tavik::platform;
         struct stat st = statOf(rel.empty() ? work_ : at(rel));
-        RestoreAttributes a;
-        a.name = rel;
-        a.dev = tavik::platform::encodeDev32(st.st_dev);
-        a.ino = static_cast<uint32_t>(st.st_ino);
-        a.mode = st.st_mode;
-        a.nlink = static_cast<uint32_t>(st.st_nlink);
-        a.uid = st.st_uid;
-        a.gid = st.st_gid;
-        a.rdev = tavik::platform::encodeDev32(st.st_rdev);
-        a.atime = tavik::platform::wireTime(st.st_atime);
-        a.mtime = tavik::platform::wireTime(st.st_mtime);
-        a.size = tavik::platform::wireSize(st.st_size);
-        return a;
+        return {.dev = encodeDev32(st.st_dev), .ino = uint32_t(st.st_ino), .mode = st.st_mode,
+                .nlink = uint32_t(st.st_nlink), .uid = st.st_uid, .gid = st.st_gid, .rdev = encodeDev32(st.st_rdev),
+                .atime = wireTime(st.st_atime), .mtime = wireTime(st.st_mtime), .size = wireSize(st.st_size),
+                .name = as.empty() ? rel : as};
     }
     // OPENFILE, its answer, the data.
     Verdicts compareFile(RestoreDriver& r, const RestoreAttributes& a, const std::string& data = "") {
-        if (!r.openFile(a)) return {};
+        if (!r.openFile(a)) return {kNoAnswer, kNoAnswer};
         int open = r.status();
         return {open, r.data(data)};
     }
@@ -248,12 +233,8 @@ TEST_F(CompareTest, MissingObjectsSizesAndContents) {
 
     ASSERT_EQ(beginCompare(kDetailed), 4);
     RestoreDriver r(client_);
-    RestoreAttributes missing = tapeOf("sized");
-    missing.name = "no-such-file";
-    EXPECT_EQ(compareFile(r, missing, "twelve bytes"), (Verdicts{0xD2, 0}));
-    RestoreAttributes noDir = tapeOf("");
-    noDir.name = "no-such-dir";
-    EXPECT_EQ(compareDir(r, noDir), 0xD3);
+    EXPECT_EQ(compareFile(r, tapeOf("sized", "no-such-file"), "twelve bytes"), (Verdicts{0xD2, 0}));
+    EXPECT_EQ(compareDir(r, tapeOf("", "no-such-dir")), 0xD3);
 
     // Size and mode differ: both are logged, the size answers, no contents.
     RestoreAttributes sized = tapeOf("sized");
@@ -355,11 +336,10 @@ TEST_F(CompareTest, FollowingLinksComparesWhatTheyPointToAndAbortEndsTheJob) {
     symlink("nowhere", at("dangling").c_str());
     ASSERT_EQ(beginCompare(kDetailed, 0, {}, 1), 4);
     RestoreDriver r(client_);
-    RestoreAttributes link = tapeOf("target");
-    link.name = "link";
+    RestoreAttributes link = tapeOf("target", "link");
     EXPECT_EQ(compareFile(r, link, pattern(5000, 9)), (Verdicts{0, 0}));
-    RestoreAttributes asLink = tapeOf("link");  // the backup saw a link: type and size differ
-    EXPECT_EQ(compareFile(r, asLink, "target"), (Verdicts{0xD5, 0}));
+    // The backup saw a link: type and size differ.
+    EXPECT_EQ(compareFile(r, tapeOf("link"), "target"), (Verdicts{0xD5, 0}));
     EXPECT_EQ(compareFile(r, tapeOf("dangling"), "nowhere"), (Verdicts{0xD2, 0}));
     ASSERT_TRUE(r.send(99));  // unknown: logged, no answer
     EXPECT_EQ(compareFile(r, link, pattern(5000, 9)), (Verdicts{0, 0}));

@@ -19,17 +19,10 @@ inline std::span<const uint8_t> bytes(const std::string& s) {
     return {reinterpret_cast<const uint8_t*>(s.data()), s.size()};
 }
 
+// A record for `name`: one link, accessed an hour after `mtime`.
 inline restore::RestoreAttributes restoreAttrs(const std::string& name, uint32_t mode, uint32_t uid = 0,
                                                uint32_t gid = 0, uint32_t mtime = 1000000000) {
-    restore::RestoreAttributes a;
-    a.name = name;
-    a.mode = mode;
-    a.nlink = 1;
-    a.uid = uid;
-    a.gid = gid;
-    a.atime = mtime + 3600;
-    a.mtime = mtime;
-    return a;
+    return {.mode = mode, .nlink = 1, .uid = uid, .gid = gid, .atime = mtime + 3600, .mtime = mtime, .name = name};
 }
 
 class RestoreDriver {

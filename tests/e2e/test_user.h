@@ -181,11 +181,7 @@ protected:
         int answer = ask(f);
         if (answer != 4) return answer;
         if (!options.empty() && client_.option(options) != 4) return frontend::kNoAnswer;
-        std::array<uint8_t, 63> tape{};  // tape id, sequence number, label
-        std::memcpy(tape.data(), "T0001", 5);
-        std::memcpy(tape.data() + 16, "0042", 4);
-        std::memcpy(tape.data() + 32, "WEEKLY-07", 9);
-        if (!groom.empty() && client_.grooming(groom, tape) != 4) return frontend::kNoAnswer;
+        if (!groom.empty() && client_.grooming(groom, std::array<uint8_t, 63>{}) != 4) return frontend::kNoAnswer;
         return client_.start(ack) ? 4 : frontend::kNoAnswer;
     }
     void makeWork() {
