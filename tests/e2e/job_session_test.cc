@@ -14,24 +14,12 @@ using tavik::frontend::RequestFields;
 
 using JobSessionTest = LoginJobTest;
 
-TEST_F(JobSessionTest, RightPasswordReachesReadyAndTheStartCommand) {
-    EXPECT_EQ(user_.shadowHash().rfind("$y$", 0), 0u) << "Debian's default hash is yescrypt";
-    ASSERT_TRUE(startDaemon({"-v", "-a", "10"}));
-    ASSERT_EQ(ask(fields(user_.home(), 7)), 4) << client_.lastError();
-    EXPECT_EQ(client_.lastVersion(), 52);
-    EXPECT_EQ(client_.lastValue(), 10);  // the -a interval is offered
-    ASSERT_TRUE(client_.start(3));
-    EXPECT_TRUE(agentCloses());
-    EXPECT_TRUE(daemon_.waitForLog("RCV_OK: AckCount=3"));
-    EXPECT_TRUE(logHas("Start Compare Job From localhost(" + user_.name() + "), Destination = " + user_.home()));
-    EXPECT_FALSE(logHas(kPassword));
-}
-
 // One row per answer to a request: logins, passwords, host equivalence,
 // roots, protection, groups and the newest server's unswitched jobs.
 TEST_F(JobSessionTest, EveryAdmissionAndRefusalCode) {
     TestUser sha512("SHA512"), hidden, grouped("", true);
     ASSERT_TRUE(sha512.ok() && hidden.ok() && grouped.ok());
+    EXPECT_EQ(user_.shadowHash().rfind("$y$", 0), 0u) << "Debian's default hash is yescrypt";
     EXPECT_EQ(sha512.shadowHash().rfind("$6$", 0), 0u);
     ASSERT_TRUE(hidden.hideFromShadow());
     user_.trustHost("localhost");
@@ -42,8 +30,18 @@ TEST_F(JobSessionTest, EveryAdmissionAndRefusalCode) {
     chown(scratch.path("primary").c_str(), 0, grouped.gid());
     chown(scratch.path("group").c_str(), 0, grouped.groupId());
     std::string home = user_.home(), rootOnly = scratch.path("rootonly");
-    ASSERT_TRUE(startDaemon());
+    ASSERT_TRUE(startDaemon({"-v", "-a", "10"}));
     std::ofstream(daemon_.home() + "tvk.cntl") << "# protected\n" << home << "\n";
+
+    // Admitted: the newest version answers, offering the -a interval; the
+    // job then takes the start command and ends.
+    ASSERT_EQ(ask(fields(home, 7)), 4) << client_.lastError();
+    EXPECT_EQ(client_.lastVersion(), 52);
+    EXPECT_EQ(client_.lastValue(), 10);
+    ASSERT_TRUE(client_.start(3));
+    EXPECT_TRUE(agentCloses());
+    EXPECT_TRUE(daemon_.waitForLog("RCV_OK: AckCount=3"));
+    EXPECT_TRUE(logHas("Start Compare Job From localhost(" + user_.name() + "), Destination = " + home));
 
     struct Row {
         const char* what;
@@ -112,6 +110,8 @@ TEST_F(JobSessionTest, EveryAdmissionAndRefusalCode) {
             EXPECT_TRUE(daemon_.waitForLog(row.line));
         }
     }
+
+    EXPECT_FALSE(logHas(kPassword));
 
     // Single-user mode admits anyone and runs as the daemon's user.
     daemon_.stop();

@@ -6,6 +6,7 @@
 #include <sys/sysmacros.h>
 
 #include <cstring>
+#include <tuple>
 
 #include "e2e/restore_driver.h"
 #include "e2e/test_user.h"
@@ -33,15 +34,23 @@ protected:
         return restoreAttrs(at(name), mode, user_.uid(), user_.gid(), mtime);
     }
     mode_t modeOf(const std::string& name) const { return statOf(at(name)).st_mode; }
+    // Mode (with the type), owner and group of `name`.
+    std::tuple<mode_t, uid_t, gid_t> owned(const std::string& name) const {
+        struct stat st = statOf(at(name));
+        return {st.st_mode, st.st_uid, st.st_gid};
+    }
+    // `a` under another name.
+    RestoreAttributes as(RestoreAttributes a, const std::string& name) const {
+        a.name = at(name);
+        return a;
+    }
 };
 
 TEST_F(RestoreTest, FilesDirectoriesModesOwnersAndTimesComeBackExactly) {
     ASSERT_TRUE(startDaemon());
     ASSERT_EQ(beginRestore(3, 3), 4) << client_.lastError();
     // The destination was made by the login's own process.
-    struct stat root = statOf(work_);
-    EXPECT_EQ(root.st_mode, mode_t(040755));
-    EXPECT_EQ(root.st_uid, user_.uid());
+    EXPECT_EQ(owned(""), std::make_tuple(mode_t(040755), user_.uid(), user_.gid()));
 
     RestoreDriver r(client_, 3);
     ASSERT_TRUE(r.mkdir(restoreAttrs(at("sub"), 040750, 4321, 765, kTime)));
@@ -58,28 +67,20 @@ TEST_F(RestoreTest, FilesDirectoriesModesOwnersAndTimesComeBackExactly) {
     EXPECT_EQ(r.end(), 3);
     EXPECT_TRUE(agentCloses());
 
-    struct stat sub = statOf(at("sub"));
-    EXPECT_EQ(sub.st_mode, mode_t(040750));
-    EXPECT_EQ(sub.st_uid, 4321u);
-    EXPECT_EQ(sub.st_gid, 765u);
+    EXPECT_EQ(owned("sub"), std::make_tuple(mode_t(040750), 4321u, 765u));
     EXPECT_EQ(modeOf("sticky"), mode_t(041777));
     struct stat st = statOf(at("sub/big"));  // before reading it changes the access time
     EXPECT_EQ(readFile(at("sub/big")), big);
-    EXPECT_EQ(st.st_mode, mode_t(0100640));
-    EXPECT_EQ(st.st_uid, 4321u);
-    EXPECT_EQ(st.st_gid, 765u);
+    EXPECT_EQ(owned("sub/big"), std::make_tuple(mode_t(0100640), 4321u, 765u));
     EXPECT_EQ(st.st_mtime, time_t(kTime));
     EXPECT_EQ(st.st_atime, time_t(kTime + 3600));
     EXPECT_EQ(statOf(at("empty")).st_size, 0);
     EXPECT_EQ(statOf(at("empty")).st_mtime, time_t(kTime - 5));
-    EXPECT_EQ(modeOf("suid"), mode_t(0104755));
-    EXPECT_EQ(statOf(at("suid")).st_uid, user_.uid());
+    EXPECT_EQ(owned("suid"), std::make_tuple(mode_t(0104755), user_.uid(), user_.gid()));
     EXPECT_EQ(modeOf("sgid"), mode_t(0102711));
     EXPECT_EQ(readFile(at("batch")), pattern(4296, 2));
     // Missing parents: 0755, owned by the login.
-    struct stat deep = statOf(at("deep/er"));
-    EXPECT_EQ(deep.st_mode, mode_t(040755));
-    EXPECT_EQ(deep.st_uid, user_.uid());
+    EXPECT_EQ(owned("deep/er"), std::make_tuple(mode_t(040755), user_.uid(), user_.gid()));
     EXPECT_EQ(readFile(at("deep/er/leaf")), "leaf");
 
     EXPECT_TRUE(daemon_.waitForLog("Received disconnect from localhost"));
@@ -206,15 +207,10 @@ TEST_F(RestoreTest, HardLinksSymbolicLinksFifosAndDevices) {
     first.dev = 0x00400003;
     first.ino = 77;
     EXPECT_EQ(r.file(first, "first data"), 0);
-    RestoreAttributes second = first;
-    second.name = at("h2");
-    EXPECT_EQ(r.file(second, "second data is discarded"), 0);
-    RestoreAttributes third = first;
-    third.name = at("new/dir/h3");  // parents are made for a link too
-    EXPECT_EQ(r.file(third, ""), 0);
-    RestoreAttributes otherDevice = first;
+    EXPECT_EQ(r.file(as(first, "h2"), "second data is discarded"), 0);
+    EXPECT_EQ(r.file(as(first, "new/dir/h3"), ""), 0);  // parents are made for a link too
+    RestoreAttributes otherDevice = as(first, "h4");
     otherDevice.dev = 9;
-    otherDevice.name = at("h4");
     EXPECT_EQ(r.file(otherDevice, "another file"), 0);
     // Symbolic links are made at ENDF, with missing parents.
     EXPECT_EQ(r.file(restoreAttrs(at("links/sub/ln"), 0120777, 4321, 765), "../../target file"), 0);
@@ -227,8 +223,7 @@ TEST_F(RestoreTest, HardLinksSymbolicLinksFifosAndDevices) {
     RestoreAttributes block = file("sub/loop", 060660);
     block.rdev = tavik::platform::encodeDev32(makedev(7, 200));
     EXPECT_EQ(r.file(block), 0);
-    RestoreAttributes raw = null;
-    raw.name = at("rawnull");
+    RestoreAttributes raw = as(null, "rawnull");
     raw.size = 5000;
     EXPECT_EQ(r.file(raw, pattern(5000, 4)), 0);
     EXPECT_EQ(r.end(), 3);
@@ -245,16 +240,11 @@ TEST_F(RestoreTest, HardLinksSymbolicLinksFifosAndDevices) {
     char target[256] = {};
     ASSERT_GT(readlink(at("links/sub/ln").c_str(), target, sizeof target - 1), 0);
     EXPECT_STREQ(target, "../../target file");
-    struct stat ln = statOf(at("links/sub/ln"));
-    EXPECT_TRUE(S_ISLNK(ln.st_mode));
-    EXPECT_EQ(ln.st_uid, 4321u);
-    EXPECT_EQ(ln.st_gid, 765u);
+    EXPECT_EQ(owned("links/sub/ln"), std::make_tuple(mode_t(0120777), 4321u, 765u));
     EXPECT_EQ(statOf(at("links/sub")).st_uid, user_.uid());
     EXPECT_TRUE(S_ISLNK(modeOf("existing")));
 
-    struct stat f = statOf(at("fifo"));
-    EXPECT_EQ(f.st_mode, mode_t(010640));
-    EXPECT_EQ(f.st_uid, user_.uid());
+    EXPECT_EQ(owned("fifo"), std::make_tuple(mode_t(010640), user_.uid(), user_.gid()));
     struct stat n = statOf(at("null"));
     EXPECT_TRUE(S_ISCHR(n.st_mode));
     EXPECT_EQ(n.st_rdev, makedev(1, 3));
