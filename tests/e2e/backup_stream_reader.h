@@ -4,22 +4,13 @@
 // renewals (code 16) to the new port, and can reassemble the files.
 #pragma once
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
-#include <map>
-#include <string>
-#include <vector>
 
 #include "backup/attribute_record.h"
-#include "wire/bytes.h"
+#include "e2e/daemon_fixture.h"
 
 namespace tavik::test {
 
@@ -149,10 +140,7 @@ private:
     // Connects to the new port of a renewal; later packets come from there.
     bool renew(uint16_t port) {
         int s = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(port);
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in a = inetAddress(port);
         if (::connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
             ::close(s);
             return fail("renewal connect failed");

@@ -256,10 +256,10 @@ TEST_F(BrowseTest, DirectoryTheLoginMayNotReadAnswers101) {
 
     Output o = ctl("ls --user " + user.name() + " 127.0.0.1:" + closed, kPassword);
     EXPECT_EQ(o.status, 1);
-    EXPECT_NE(o.out.find("the agent cannot open it (answer 101)"), std::string::npos) << o.out;
+    EXPECT_TRUE(has(o.out, "the agent cannot open it (answer 101)")) << o.out;
     o = ctl("ls --user " + user.name() + " 127.0.0.1:" + closed, "wrong");
     EXPECT_EQ(o.status, 1);
-    EXPECT_NE(o.out.find("wrong password (answer 113)"), std::string::npos) << o.out;
+    EXPECT_TRUE(has(o.out, "wrong password (answer 113)")) << o.out;
 }
 
 TEST_F(BrowseTest, FailedIdentitySwitchClosesWithoutAnswer) {
@@ -275,7 +275,7 @@ TEST_F(BrowseTest, FailedIdentitySwitchClosesWithoutAnswer) {
     EXPECT_EQ(client.login("127.0.0.1", daemon_.port(), f), tavik::frontend::kNoAnswer);
     EXPECT_EQ(client.lastError(), "the agent closed the connection");
     EXPECT_TRUE(daemon_.waitForLog("(chuid) Failed"));
-    EXPECT_EQ(daemon_.log().find("(Browser)"), std::string::npos);
+    EXPECT_FALSE(has(daemon_.log(), "(Browser)"));
 }
 
 // tavikctl ls lines by name with their sizes (a device's "major, minor"
@@ -309,13 +309,13 @@ TEST_F(BrowseTest, TavikctlLsAndReadlinkShowTheTreeAndUsrInclude) {
     for (auto [name, end] : {std::pair{"link-dir", " link-dir -> dir (directory)"},
                              {"link-file", " link-file -> file (regular file)"},
                              {"dangling", " dangling -> nowhere (missing)"}})
-        EXPECT_NE(byName[name].first.find(end), std::string::npos) << byName[name].first;
+        EXPECT_TRUE(has(byName[name].first, end)) << byName[name].first;
 
     o = ctl("ls -d 127.0.0.1:" + tree_.dir());
     EXPECT_EQ(lines(o.out).size(), 2u) << o.out;  // dir and link-dir
     o = ctl("ls -f --browse-version 20 127.0.0.1:" + tree_.dir());
     ASSERT_EQ(lines(o.out).size(), 1u) << o.out;  // old servers see links as links
-    EXPECT_NE(o.out.find(" file\n"), std::string::npos);
+    EXPECT_TRUE(has(o.out, " file\n"));
     o = ctl("readlink 127.0.0.1:" + tree_.path("dangling"));
     EXPECT_EQ(o.status, 0);
     EXPECT_EQ(o.out, "nowhere (missing)\n");

@@ -380,9 +380,9 @@ TEST_F(CompareTest, RotationSetGroomingRemovesOnlyOldIdenticalFiles) {
     EXPECT_FALSE(fs::exists(at("old/b")));
     for (const char* kept : {"old/changed", "recent", "old/read-lately", "old"}) EXPECT_TRUE(fs::exists(at(kept))) << kept;
     std::string work = report.work();
-    EXPECT_NE(work.find(at("old/a")), std::string::npos);
-    EXPECT_NE(work.find(at("old/b")), std::string::npos);
-    EXPECT_EQ(work.find("changed"), std::string::npos);
+    EXPECT_TRUE(has(work, at("old/a")));
+    EXPECT_TRUE(has(work, at("old/b")));
+    EXPECT_FALSE(has(work, "changed"));
     // The set's copy file has the work file appended, and so on each job.
     EXPECT_EQ(readFile(daemon_.home() + "LOG/WEEKSET.grm"), work);
     EXPECT_TRUE(daemon_.waitForLog("Received disconnect from localhost"));
@@ -436,7 +436,7 @@ TEST_F(CompareTest, DeletingGroomingRemovesExactlyTheIdenticalUnprotectedFiles) 
     std::string work = report.work();
     EXPECT_TRUE(daemon_.waitForLog("Total 6 files were deleted"));
     for (const std::string& rel : same) {
-        EXPECT_NE(work.find(" " + at(rel) + "\n"), std::string::npos) << rel;
+        EXPECT_TRUE(has(work, " " + at(rel) + "\n")) << rel;
         EXPECT_TRUE(logHas("Delete " + at(rel))) << rel;
     }
     EXPECT_TRUE(logHas("Delete " + at("link")));

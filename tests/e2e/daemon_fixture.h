@@ -36,6 +36,17 @@
 
 namespace tavik::test {
 
+inline bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// An IPv4 socket address (the loopback address unless `host` is given).
+inline sockaddr_in inetAddress(uint16_t port, uint32_t host = INADDR_LOOPBACK) {
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(port);
+    addr.sin_addr.s_addr = htonl(host);
+    return addr;
+}
+
 inline std::string readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::stringstream s;
@@ -161,9 +172,7 @@ inline uint16_t freePort() {
     auto bindable = [](int type, uint16_t port) {
         int fd = socket(AF_INET, type, 0), one = 1;
         if (type == SOCK_STREAM) setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(port);
+        sockaddr_in addr = inetAddress(port, INADDR_ANY);
         bool ok = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
         close(fd);
         return ok;

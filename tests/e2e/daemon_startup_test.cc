@@ -1,9 +1,6 @@
 // The daemon from the outside: start-up, settings lines, endpoints, the
 // machine query, bad datagrams and stopping.
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <sys/utsname.h>
 
 #include <gtest/gtest.h>
@@ -18,18 +15,10 @@ namespace {
 
 using namespace tavik::test;
 
-sockaddr_in loopback(uint16_t port) {
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(port);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return addr;
-}
-
 // Sends a datagram to the daemon and returns the reply (empty on none).
 std::vector<uint8_t> exchange(uint16_t port, const std::vector<uint8_t>& datagram, int timeoutMs = 1500) {
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in addr = loopback(port);
+    sockaddr_in addr = inetAddress(port);
     sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
     std::vector<uint8_t> reply;
     pollfd pfd{fd, POLLIN, 0};
@@ -130,7 +119,7 @@ TEST(DaemonStartup, BadOptionsPortsAndASecondDaemonOnThePort) {
     size_t at = log.find("Tavik: listen on socket ");
     ASSERT_NE(at, std::string::npos) << log;
     EXPECT_GT(std::atoi(log.c_str() + at + 24), 0);
-    EXPECT_NE(log.find("* TCP port number:0"), std::string::npos);
+    EXPECT_TRUE(has(log, "* TCP port number:0"));
 
     // A second daemon on a port in use exits 1 without a stopped line.
     Daemon first;
@@ -138,11 +127,11 @@ TEST(DaemonStartup, BadOptionsPortsAndASecondDaemonOnThePort) {
     Daemon second;
     r = second.launch({"-p", std::to_string(first.port())});
     EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.output.find("(udpOpen) Failed to bind socket address (Address already in use)"), std::string::npos)
+    EXPECT_TRUE(has(r.output, "(udpOpen) Failed to bind socket address (Address already in use)"))
         << r.output;
     log = readFile(second.logPath());
-    EXPECT_NE(log.find("(udpOpen) Failed to bind socket address"), std::string::npos);
-    EXPECT_EQ(log.find("Tavik stopped"), std::string::npos);
+    EXPECT_TRUE(has(log, "(udpOpen) Failed to bind socket address"));
+    EXPECT_FALSE(has(log, "Tavik stopped"));
     EXPECT_TRUE(first.alive());
 }
 
@@ -188,7 +177,7 @@ TEST(MachineQuery, QueryAndConnectionArrivingTogetherAreBothServed) {
     ASSERT_TRUE(d.start({"-v"}, {{"TAVIK_TIME_DIVISOR", "1000"}}));
     int udp = socket(AF_INET, SOCK_DGRAM, 0);
     int tcp = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr = loopback(d.port());
+    sockaddr_in addr = inetAddress(d.port());
     auto q = query(13, 22);
     ASSERT_EQ(connect(tcp, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
     ASSERT_EQ(sendto(udp, q.data(), q.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 8);
@@ -207,7 +196,7 @@ TEST(MachineQuery, RandomDatagramsNeverStopTheListener) {
     ASSERT_TRUE(d.start({}));
     std::mt19937 rng(20261122);
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in addr = loopback(d.port());
+    sockaddr_in addr = inetAddress(d.port());
     for (int i = 0; i < 300; ++i) {
         std::vector<uint8_t> junk(rng() % 2001);
         for (auto& b : junk) b = uint8_t(rng());

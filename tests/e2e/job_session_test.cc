@@ -136,7 +136,7 @@ TEST_F(JobSessionTest, NonBlockingIoServesTheWholeExchange) {
     EXPECT_TRUE(reader.readUntilEnd()) << reader.error();
     EXPECT_TRUE(daemon_.waitForLog("RCV_OK: AckCount=2"));
     // The non-blocking receive traces every call on standard output.
-    EXPECT_NE(readFile(daemon_.home() + "launcher.out").find("(nonblockRecv)  connfd="), std::string::npos);
+    EXPECT_TRUE(has(readFile(daemon_.home() + "launcher.out"), "(nonblockRecv)  connfd="));
 }
 
 TEST_F(JobSessionTest, EveryCommandOfTheParameterPhase) {
