@@ -73,10 +73,7 @@ protected:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "needs root: device nodes, test logins and the daemon's identity";
     }
-    bool start(const std::vector<std::string>& args = {"-v", "-S"}) {
-        // Job processes of a test login still write the shared log.
-        return daemon_.start(args, {{"TAVIK_TIME_DIVISOR", "1000"}}) && chmod(daemon_.home().c_str(), 0755) == 0;
-    }
+    bool start(const std::vector<std::string>& args = {"-v", "-S"}) { return daemon_.start(args); }
     // Runs the request (for the tree unless `s` names a root) and the
     // command phase; the reader then owns the connection. Null (with a test
     // failure) when the agent refused.

@@ -47,9 +47,7 @@ protected:
         mknod(tree_.path("null").c_str(), S_IFCHR | 0666, makedev(1, 3));
         chmod(tree_.path("null").c_str(), 0666);
     }
-    bool startDaemon(const std::vector<std::string>& args = {"-v", "-S"}) {
-        return daemon_.start(args, {{"TAVIK_TIME_DIVISOR", "1000"}}) && chmod(daemon_.home().c_str(), 0755) == 0;
-    }
+    bool startDaemon(const std::vector<std::string>& args = {"-v", "-S"}) { return daemon_.start(args); }
     // Logs in (single-user mode admits anyone).
     bool login(BrowseClient& client, const std::string& user = "root", const std::string& password = "") {
         RequestFields f;

@@ -214,9 +214,11 @@ public:
     Daemon& operator=(const Daemon&) = delete;
 
     // Starts the daemon with `args` (a "-p PORT" is added unless args hold
-    // "-p"); environment additions in `env`. True when the launcher exited 0
-    // and the pid file names a live daemon.
-    bool start(const std::vector<std::string>& args = {"-v"}, const std::map<std::string, std::string>& env = {}) {
+    // "-p") and the environment additions `env` (by default every long
+    // time-out divided by 1000). True when the launcher exited 0 and the pid
+    // file names a live daemon.
+    bool start(const std::vector<std::string>& args = {"-v"},
+               const std::map<std::string, std::string>& env = {{"TAVIK_TIME_DIVISOR", "1000"}}) {
         if (home_.empty()) return false;
         std::vector<std::string> all = args;
         if (std::find(args.begin(), args.end(), "-p") == args.end()) {

@@ -28,7 +28,8 @@ size_t findCount(const std::string& dir) {
 
 class TavikctlTest : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_TRUE(daemon_.start({"-v", "-S"})); }
+    // Real time-outs: tavikctl answers as a front-end would, at its own pace.
+    void SetUp() override { ASSERT_TRUE(daemon_.start({"-v", "-S"}, {})); }
     std::string at(const std::string& rel) const { return tree_.path(rel); }
     // tavikctl with `args` and the daemon's port.
     Output ctl(const std::string& args) const { return tavikctl(args + " --port " + std::to_string(daemon_.port())); }
@@ -204,7 +205,7 @@ TEST_F(TavikctlTest, BackupOptionsRestartPointsAndOldServersVerify) {
     // Renew every 2 files and every 4 KB; acknowledge every 3 packets; the
     // agent's 8192-byte buffer kept for the job.
     daemon_.stop();
-    ASSERT_TRUE(daemon_.start({"-v", "-S", "-R", "2", "-r", "4", "-b", "8192"}));
+    ASSERT_TRUE(daemon_.start({"-v", "-S", "-R", "2", "-r", "4", "-b", "8192"}, {}));
     b = backup(" --renew --ack 3 --buffer-from-agent --watchdog");
     ASSERT_EQ(b.status, 0) << b.err;
     EXPECT_TRUE(has(b.err, " connection renewals")) << b.err;

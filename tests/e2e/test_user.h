@@ -152,10 +152,7 @@ protected:
         ASSERT_TRUE(user_.ok());
         work_ = user_.home() + "/work";
     }
-    bool startDaemon(const std::vector<std::string>& args = {"-v"}) {
-        // Job processes run as the login and still write the shared log.
-        return daemon_.start(args, {{"TAVIK_TIME_DIVISOR", "1000"}}) && chmod(daemon_.home().c_str(), 0755) == 0;
-    }
+    bool startDaemon(const std::vector<std::string>& args = {"-v"}) { return daemon_.start(args); }
     // A request of the login for `root` (password checked even from an
     // equivalent host).
     frontend::RequestFields fields(const std::string& root, uint8_t opMode) const {
