@@ -80,15 +80,10 @@ protected:
     std::unique_ptr<BackupStreamReader> begin(BackupSetup s) {
         frontend::JobClient client;
         EXPECT_TRUE(client.connect("127.0.0.1", daemon_.port())) << client.lastError();
-        frontend::RequestFields f;
-        f.root = s.root.empty() ? tree_.root() : s.root;
-        f.login = s.login;
-        f.password = s.password;
-        f.acceptEA = s.password.empty() ? 0 : 'e';
-        f.serverVersion = s.serverVersion;
-        f.follow = s.follow;
-        f.tpSize = uint16_t(s.filterItems.size());
-        int answer = client.request(f);
+        int answer = client.request({.root = s.root.empty() ? tree_.root() : s.root, .login = s.login,
+                                     .password = s.password, .serverVersion = s.serverVersion,
+                                     .acceptEA = uint8_t(s.password.empty() ? 0 : 'e'), .follow = s.follow,
+                                     .tpSize = uint16_t(s.filterItems.size())});
         if (answer != 4) {
             ADD_FAILURE() << "request answered " << answer;
             return nullptr;
@@ -321,18 +316,11 @@ TEST_F(BackupStreamTest, EstimateCountsWhatABackupWouldSend) {
     auto ask = [&](const std::string& source, const std::vector<std::string>& names) {
         frontend::JobClient c;
         EXPECT_TRUE(c.connect("127.0.0.1", daemon_.port()));
-        frontend::RequestFields f;
-        f.root = tree_.root();
-        f.login = "root";
-        f.opMode = 7;  // a job of commands only
-        EXPECT_EQ(c.request(f), 4);
-        std::vector<uint8_t> payload(source.begin(), source.end());
-        for (const std::string& n : names) {
-            payload.push_back(0);
-            payload.insert(payload.end(), n.begin(), n.end());
-        }
-        payload.push_back(0);
-        EXPECT_EQ(c.command(14, payload), 4);
+        // A job of commands only; the source and the names, each with its NUL.
+        EXPECT_EQ(c.request({.root = tree_.root(), .login = "root", .password = "", .opMode = 7}), 4);
+        std::string payload = source + '\0';
+        for (const std::string& n : names) payload += n + '\0';
+        EXPECT_EQ(c.command(14, std::vector<uint8_t>(payload.begin(), payload.end())), 4);
         std::array<uint8_t, 8> reply{};
         EXPECT_TRUE(c.recvRaw(reply));
         return std::make_pair(tavik::wire::loadLe32(reply.data()), tavik::wire::loadLe32(reply.data() + 4));

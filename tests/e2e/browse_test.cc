@@ -50,11 +50,7 @@ protected:
     bool startDaemon(const std::vector<std::string>& args = {"-v", "-S"}) { return daemon_.start(args); }
     // Logs in (single-user mode admits anyone).
     bool login(BrowseClient& client, const std::string& user = "root", const std::string& password = "") {
-        RequestFields f;
-        f.root = "/";
-        f.login = user;
-        f.password = password;
-        return client.login("127.0.0.1", daemon_.port(), f) == 14;
+        return client.login("127.0.0.1", daemon_.port(), {.root = "/", .login = user, .password = password}) == 14;
     }
     // tavikctl `command` with the daemon's port; standard error after standard output.
     Output ctl(const std::string& command, const std::string& password = "") const {
@@ -267,10 +263,8 @@ TEST_F(BrowseTest, FailedIdentitySwitchClosesWithoutAnswer) {
     ASSERT_TRUE(user.setPasswdGroupId("4294967295"));
     ASSERT_TRUE(startDaemon({"-v"}));
     BrowseClient client;
-    RequestFields f;
-    f.login = user.name();
-    f.password = kPassword;
-    EXPECT_EQ(client.login("127.0.0.1", daemon_.port(), f), tavik::frontend::kNoAnswer);
+    EXPECT_EQ(client.login("127.0.0.1", daemon_.port(), {.root = "", .login = user.name(), .password = kPassword}),
+              tavik::frontend::kNoAnswer);
     EXPECT_EQ(client.lastError(), "the agent closed the connection");
     EXPECT_TRUE(daemon_.waitForLog("(chuid) Failed"));
     EXPECT_FALSE(has(daemon_.log(), "(Browser)"));

@@ -2,8 +2,6 @@
 // (test users made with useradd and chpasswd), host equivalence, single-user
 // mode, the identity the job process runs with, every refusal code the
 // daemon answers, the whole command phase, and callers that break off.
-#include <functional>
-
 #include "e2e/backup_stream_reader.h"
 #include "e2e/test_user.h"
 
@@ -43,65 +41,56 @@ TEST_F(JobSessionTest, EveryAdmissionAndRefusalCode) {
     EXPECT_TRUE(daemon_.waitForLog("RCV_OK: AckCount=3"));
     EXPECT_TRUE(logHas("Start Compare Job From localhost(" + user_.name() + "), Destination = " + home));
 
+    // A request (of the fixture's login, with its password, by the newest
+    // server, unless a row says otherwise), its answer and the line then
+    // logged (when not empty).
     struct Row {
         const char* what;
         std::string root;
-        uint8_t opMode;
-        std::function<void(RequestFields&)> change;
-        int answer;
-        std::string line;  // logged, when not empty
+        uint8_t opMode = 2;
+        std::string login = "";
+        std::string password = kPassword;
+        int version = 52;  // 50 is the digit "2", 49 the digit "1"
+        uint8_t acceptEA = 'e';
+        bool unswitched = false;
+        int answer = 4;
+        std::string line = "";
     };
-    auto as = [](const TestUser& u, int version = 52) {
-        return [&u, version](RequestFields& f) {
-            f.login = u.name();
-            f.serverVersion = version;
-        };
-    };
-    auto nobody = [](int version) {
-        return [version](RequestFields& f) {
-            f.login = "tvk-nobody-here";
-            f.serverVersion = version;  // 50 is the digit "2", 49 the digit "1"
-        };
-    };
+    const std::string nobody = "tvk-nobody-here";
     const Row rows[] = {
-        {"wrong password", home, 2, [](RequestFields& f) { f.password = "wrong"; }, 113, "(ckpasswd) Incorrect password"},
-        {"right password after a wrong one", home, 2, nullptr, 4, ""},
-        {"SHA-512 password", home, 2, as(sha512), 4, ""},
-        {"equivalent host admits without password", home, 2,
-         [](RequestFields& f) {
-             f.password = "wrong";
-             f.acceptEA = 0;
-         },
-         4, ""},
-        {"unknown login, new server", "/tmp", 2, nobody(50), 115, ""},
-        {"unknown login, old server", "/tmp", 2, nobody(49), 113,
-         "(ckpasswd) User tvk-nobody-here is not defined in the password file"},
-        {"no shadow line, new server", home, 2, as(hidden, 50), 115, ""},
-        {"no shadow line, old server", home, 2, as(hidden, 49), 113,
-         "(ckpasswd) User " + hidden.name() + " is not defined in the shadow file"},
-        {"relative root", "usr/lib", 0, nullptr, 116, "Invalid Unix Path, Job Abort"},
-        {"protected backup root", home, 0, nullptr, 114,
-         "Protected Directory [" + home + "/] in " + daemon_.home() + "tvk.cntl"},
-        {"a compare of a protected root", home, 2, nullptr, 4, ""},
-        {"backup of what only root may read", rootOnly, 0, nullptr, 118,
-         "Failed to Access Directory [" + rootOnly + "/] (Permission denied)"},
-        {"compare where only root may enter", rootOnly, 2, nullptr, 105,
-         "Failed to change directory to " + rootOnly + "/ (Permission denied), Job Abort"},
-        {"unswitched job of the newest server", rootOnly, 2, [](RequestFields& f) { f.runUnswitched = true; }, 4, ""},
-        {"unswitched bit ignored from version 51", rootOnly, 2,
-         [](RequestFields& f) {
-             f.runUnswitched = true;
-             f.serverVersion = 51;
-         },
-         105, ""},
-        {"primary group", scratch.path("primary"), 2, as(grouped), 4, ""},
-        {"supplementary group, compare", scratch.path("group"), 2, as(grouped), 4, ""},
-        {"supplementary group, backup", scratch.path("group"), 0, as(grouped), 4, ""},
+        {.what = "wrong password", .root = home, .password = "wrong", .answer = 113, .line = "(ckpasswd) Incorrect password"},
+        {.what = "right password after a wrong one", .root = home},
+        {.what = "SHA-512 password", .root = home, .login = sha512.name()},
+        {.what = "equivalent host admits without password", .root = home, .password = "wrong", .acceptEA = 0},
+        {.what = "unknown login, new server", .root = "/tmp", .login = nobody, .version = 50, .answer = 115},
+        {.what = "unknown login, old server", .root = "/tmp", .login = nobody, .version = 49, .answer = 113,
+         .line = "(ckpasswd) User tvk-nobody-here is not defined in the password file"},
+        {.what = "no shadow line, new server", .root = home, .login = hidden.name(), .version = 50, .answer = 115},
+        {.what = "no shadow line, old server", .root = home, .login = hidden.name(), .version = 49, .answer = 113,
+         .line = "(ckpasswd) User " + hidden.name() + " is not defined in the shadow file"},
+        {.what = "relative root", .root = "usr/lib", .opMode = 0, .answer = 116, .line = "Invalid Unix Path, Job Abort"},
+        {.what = "protected backup root", .root = home, .opMode = 0, .answer = 114,
+         .line = "Protected Directory [" + home + "/] in " + daemon_.home() + "tvk.cntl"},
+        {.what = "a compare of a protected root", .root = home},
+        {.what = "backup of what only root may read", .root = rootOnly, .opMode = 0, .answer = 118,
+         .line = "Failed to Access Directory [" + rootOnly + "/] (Permission denied)"},
+        {.what = "compare where only root may enter", .root = rootOnly, .answer = 105,
+         .line = "Failed to change directory to " + rootOnly + "/ (Permission denied), Job Abort"},
+        {.what = "unswitched job of the newest server", .root = rootOnly, .unswitched = true},
+        {.what = "unswitched bit ignored from version 51", .root = rootOnly, .version = 51, .unswitched = true,
+         .answer = 105},
+        {.what = "primary group", .root = scratch.path("primary"), .login = grouped.name()},
+        {.what = "supplementary group, compare", .root = scratch.path("group"), .login = grouped.name()},
+        {.what = "supplementary group, backup", .root = scratch.path("group"), .opMode = 0, .login = grouped.name()},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
         RequestFields f = fields(row.root, row.opMode);
-        if (row.change) row.change(f);
+        f.login = row.login.empty() ? user_.name() : row.login;
+        f.password = row.password;
+        f.serverVersion = row.version;
+        f.acceptEA = row.acceptEA;
+        f.runUnswitched = row.unswitched;
         EXPECT_EQ(ask(f), row.answer);
         if (row.answer != 4) {
             EXPECT_TRUE(agentCloses());  // after a refusal the job process ends
@@ -110,14 +99,13 @@ TEST_F(JobSessionTest, EveryAdmissionAndRefusalCode) {
             EXPECT_TRUE(daemon_.waitForLog(row.line));
         }
     }
-
     EXPECT_FALSE(logHas(kPassword));
 
     // Single-user mode admits anyone and runs as the daemon's user.
     daemon_.stop();
     ASSERT_TRUE(startDaemon({"-v", "-S"}));
     RequestFields f = fields(rootOnly, 2);
-    nobody(52)(f);
+    f.login = nobody;
     f.password = "anything";
     EXPECT_EQ(ask(f), 4);
     EXPECT_TRUE(daemon_.waitForLog("Will operate in single user mode"));

@@ -156,13 +156,7 @@ protected:
     // A request of the login for `root` (password checked even from an
     // equivalent host).
     frontend::RequestFields fields(const std::string& root, uint8_t opMode) const {
-        frontend::RequestFields f;
-        f.root = root;
-        f.login = user_.name();
-        f.password = kPassword;
-        f.opMode = opMode;
-        f.acceptEA = 'e';
-        return f;
+        return {.root = root, .login = user_.name(), .password = kPassword, .opMode = opMode, .acceptEA = 'e'};
     }
     // Connects and sends the request; the answer.
     int ask(const frontend::RequestFields& f) {
