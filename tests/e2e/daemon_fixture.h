@@ -232,23 +232,12 @@ public:
     // Runs the copied binary once more with `args` and waits for the
     // launching process (for tests of start-up failures).
     LaunchResult launch(const std::vector<std::string>& args, const std::map<std::string, std::string>& env = {}) {
-        std::string outPath = home_ + "launcher.out";
-        pid_t child = fork();
-        if (child == 0) {
-            int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            dup2(out, 1);
-            dup2(out, 2);
-            for (const auto& [k, v] : env) setenv(k.c_str(), v.c_str(), 1);
-            std::vector<std::string> argv0 = {binary()};
-            argv0.insert(argv0.end(), args.begin(), args.end());
-            std::vector<char*> cargs;
-            for (auto& a : argv0) cargs.push_back(a.data());
-            cargs.push_back(nullptr);
-            execv(cargs[0], cargs.data());
-            _exit(127);
-        }
-        int status = waitExit(child, 20000);
-        return {status, readFile(outPath)};
+        std::string command = "timeout 20 env";
+        for (const auto& [k, v] : env) command += " '" + k + "=" + v + "'";
+        command += " '" + binary() + "'";
+        for (const std::string& a : args) command += " '" + a + "'";
+        int status = std::system((command + " >'" + home_ + "launcher.out' 2>&1").c_str());
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(home_ + "launcher.out")};
     }
     // SIGTERM, then waits for the daemon; returns its exit status (-1 if it
     // had to be killed).
