@@ -9,16 +9,19 @@
 // entries the login may not read, a directory loop, paths longer than the
 // buffers; after each the job's IPC objects and registry lines are gone and
 // the daemon serves the next job.
+#include <poll.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
 
+#include <cerrno>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <thread>
 
-#include "e2e/backup_stream_reader.h"
+#include "backup/attribute_record.h"
 #include "e2e/test_user.h"
 #include "filter/items.h"
 
@@ -26,6 +29,158 @@ namespace {
 
 using namespace tavik::test;
 namespace frontend = tavik::frontend;
+
+// The front-end's side of a backup stream: every packet the agent sends
+// (code, value, version, length, payload).
+struct StreamPacket {
+    int8_t code = 0;
+    uint8_t version = 0;
+    uint16_t value = 0;
+    std::vector<uint8_t> payload;
+    int connection = 0;  // 0 for the first connection, 1 after the first renewal...
+
+    // A file header's fields.
+    tavik::backup::BackupAttributes attributes() const {
+        auto a = tavik::backup::decodeBackupAttributes(payload);
+        return a ? *a : tavik::backup::BackupAttributes{.kind = 255, .name = "?"};
+    }
+    std::string name() const { return attributes().name; }
+    uint8_t kind() const { return attributes().kind; }
+    uint32_t mode() const { return attributes().mode; }
+    uint32_t size() const { return attributes().size; }
+    // A text packet's text.
+    std::string text() const { return std::string(payload.begin(), std::find(payload.begin(), payload.end(), 0)); }
+};
+
+// Reads the stream, acknowledges every n-th packet of codes 6, 7 and 8,
+// follows connection renewals (code 16) to the new port, and can reassemble
+// the files.
+class BackupStreamReader {
+public:
+    explicit BackupStreamReader(int fd) : fd_(fd) {}
+    ~BackupStreamReader() { closeAll(); }
+
+    void acknowledgeEvery(uint16_t n, int8_t ackCode = 0) {
+        ackInterval_ = n;
+        ackCode_ = ackCode;
+    }
+
+    // Reads up to END (true) or until the connection fails or `timeoutMs`
+    // passes without a packet (false). `stopAfter` > 0 stops after that many
+    // packets.
+    bool readUntilEnd(int timeoutMs = 10000, size_t stopAfter = 0) {
+        for (;;) {
+            StreamPacket p;
+            uint8_t h[8];
+            if (!readExact(h, 8, timeoutMs)) return false;
+            p.code = int8_t(h[2]);
+            p.version = h[3];
+            p.value = tavik::wire::loadLe16(h + 4);
+            p.payload.assign(tavik::wire::loadLe16(h + 6), 0);
+            p.connection = connection_;
+            if (!p.payload.empty() && !readExact(p.payload.data(), p.payload.size(), timeoutMs)) return false;
+            packets_.push_back(p);
+            if (p.code == 16 && !renew(p.value)) return false;
+            if (ackInterval_ != 0 && (p.code == 6 || p.code == 7 || p.code == 8) &&
+                (ackCounter_ = uint16_t((ackCounter_ + 1) % ackInterval_)) == 0) {
+                uint8_t ack[8] = {0, 0, uint8_t(ackCode_), 0, 0, 0, 0, 0};
+                if (::send(fd_, ack, 8, MSG_NOSIGNAL) != 8) return fail("ack send failed");
+            }
+            if (p.code == 3) return true;
+            if (stopAfter && packets_.size() >= stopAfter) return false;
+        }
+    }
+
+    // The connection now in use (after renewals), -1 when closed.
+    int fd() const { return fd_; }
+    void closeAll() {
+        for (int fd : old_) ::close(fd);
+        old_.clear();
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = -1;
+    }
+
+    const std::vector<StreamPacket>& packets() const { return packets_; }
+    // One word per packet: "6:name", "7:2048", "8:12", "9", and text packets
+    // (14, 101..) with their text: "101:name".
+    std::vector<std::string> summary() const {
+        std::vector<std::string> out;
+        for (const StreamPacket& p : packets_) {
+            std::string s = std::to_string(int(uint8_t(p.code)));
+            if (p.code == 6) s += ":" + p.name();
+            if (p.code == 7 || p.code == 8) s += ":" + std::to_string(p.payload.size());
+            if ((p.code == 14 || uint8_t(p.code) >= 101) && !p.payload.empty()) s += ":" + p.text();
+            out.push_back(s);
+        }
+        return out;
+    }
+    // Every file's data by its path under the source, rebuilt from the
+    // file headers, directory nesting and data packets.
+    std::map<std::string, std::string> files() const {
+        std::map<std::string, std::string> out;
+        std::vector<std::string> dirs;  // the open directories below the source
+        std::string current;
+        bool inFile = false;
+        for (const StreamPacket& p : packets_) {
+            if (p.code == 6 && p.kind() == 16) {
+                dirs.push_back(p.name());
+                inFile = false;
+            } else if (p.code == 6 && p.kind() == 0) {
+                current.clear();
+                for (const std::string& d : dirs) current += d + "/";
+                out[current += p.name()];
+                inFile = true;
+            } else if ((p.code == 7 || p.code == 8) && inFile) {
+                out[current].append(p.payload.begin(), p.payload.end());
+                inFile = p.code == 7;
+            } else if ((p.code == 9 || p.code == 13 || p.code == 18 || p.code == 101) && !dirs.empty()) {
+                dirs.pop_back();
+            }
+        }
+        return out;
+    }
+    const std::string& error() const { return error_; }
+
+private:
+    bool fail(const std::string& why) {
+        error_ = why;
+        return false;
+    }
+    bool readExact(uint8_t* buf, size_t n, int timeoutMs) {
+        for (size_t got = 0; got < n;) {
+            pollfd p{fd_, POLLIN, 0};
+            int r = ::poll(&p, 1, timeoutMs);
+            if (r == 0) return fail("time-out");
+            ssize_t m = r < 0 ? -1 : ::recv(fd_, buf + got, n - got, 0);
+            if (m < 0 && errno == EINTR) continue;
+            if (m <= 0) return fail(m == 0 ? "end of file" : std::strerror(errno));
+            got += size_t(m);
+        }
+        return true;
+    }
+    // Connects to the new port of a renewal; later packets come from there.
+    bool renew(uint16_t port) {
+        int s = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a = inetAddress(port);
+        if (::connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+            ::close(s);
+            return fail("renewal connect failed");
+        }
+        old_.push_back(fd_);
+        fd_ = s;
+        ++connection_;
+        return true;
+    }
+
+    int fd_;
+    std::vector<int> old_;
+    uint16_t ackInterval_ = 0;
+    int8_t ackCode_ = 0;
+    uint16_t ackCounter_ = 0;
+    int connection_ = 0;
+    std::vector<StreamPacket> packets_;
+    std::string error_;
+};
 
 // What a backup job is asked for (every member has its default, so that a
 // test names only what it changes).
@@ -441,6 +596,16 @@ TEST_F(BackupFlowTest, MandatoryLockModeIsTestedWithoutTheOption) {
     Summary got = summary({.retryCount = 0});
     EXPECT_TRUE(contains(got, "201:sgid"));
     EXPECT_TRUE(contains(got, "6:sgidx"));
+}
+
+TEST_F(BackupFlowTest, NonBlockingIoServesTheWholeExchange) {
+    tree_.file("a", pattern(5000));
+    ASSERT_TRUE(start({"-v", "-S", "-s", "nonblocking"}));
+    auto reader = backup({.commands = [](frontend::JobClient& c) { EXPECT_EQ(c.diskItem({"a"}), 4); }, .ackInterval = 2});
+    EXPECT_EQ(reader->files()["a"], pattern(5000));
+    EXPECT_TRUE(daemon_.waitForLog("RCV_OK: AckCount=2"));
+    // The non-blocking receive traces every call on standard output.
+    EXPECT_TRUE(has(readFile(daemon_.home() + "launcher.out"), "(nonblockRecv)  connfd="));
 }
 
 TEST_F(BackupFlowTest, TapeChangeStallPutsTheBackupProcessToSleepAndWakesIt) {

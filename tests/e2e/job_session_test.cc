@@ -2,7 +2,6 @@
 // (test users made with useradd and chpasswd), host equivalence, single-user
 // mode, the identity the job process runs with, every refusal code the
 // daemon answers, the whole command phase, and callers that break off.
-#include "e2e/backup_stream_reader.h"
 #include "e2e/test_user.h"
 
 namespace {
@@ -109,22 +108,6 @@ TEST_F(JobSessionTest, EveryAdmissionAndRefusalCode) {
     f.password = "anything";
     EXPECT_EQ(ask(f), 4);
     EXPECT_TRUE(daemon_.waitForLog("Will operate in single user mode"));
-}
-
-TEST_F(JobSessionTest, NonBlockingIoServesTheWholeExchange) {
-    ASSERT_TRUE(startDaemon({"-v", "-s", "nonblocking"}));
-    ASSERT_EQ(ask(fields(user_.home(), 0)), 4);
-    ASSERT_TRUE(client_.sendRaw(optionsRecord(0, 0)));
-    EXPECT_EQ(client_.diskItem({"a"}), 4);
-    ASSERT_TRUE(client_.start(2));
-    // The backup of the login's home runs and ends with END.
-    BackupStreamReader reader(dup(client_.fd()));
-    client_.close();
-    reader.acknowledgeEvery(2);
-    EXPECT_TRUE(reader.readUntilEnd()) << reader.error();
-    EXPECT_TRUE(daemon_.waitForLog("RCV_OK: AckCount=2"));
-    // The non-blocking receive traces every call on standard output.
-    EXPECT_TRUE(has(readFile(daemon_.home() + "launcher.out"), "(nonblockRecv)  connfd="));
 }
 
 TEST_F(JobSessionTest, EveryCommandOfTheParameterPhase) {
