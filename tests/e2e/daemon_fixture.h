@@ -9,7 +9,6 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -22,6 +21,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -49,9 +49,7 @@ inline sockaddr_in inetAddress(uint16_t port, uint32_t host = INADDR_LOOPBACK) {
 
 inline std::string readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // The same bytes for the same size and seed.
@@ -154,12 +152,7 @@ public:
     // The names of a directory in readdir order.
     std::vector<std::string> order(const std::string& rel = "") const {
         std::vector<std::string> names;
-        DIR* d = opendir(path(rel).c_str());
-        while (dirent* e = d ? readdir(d) : nullptr) {
-            std::string n = e->d_name;
-            if (n != "." && n != "..") names.push_back(n);
-        }
-        if (d) closedir(d);
+        for (const auto& e : std::filesystem::directory_iterator(path(rel))) names.push_back(e.path().filename());
         return names;
     }
 

@@ -3,6 +3,7 @@
 // mode, the identity the job process runs with, every refusal code the
 // daemon answers, the whole command phase, and callers that break off.
 #include "e2e/test_user.h"
+#include "filter/items.h"
 
 namespace {
 
@@ -118,12 +119,7 @@ TEST_F(JobSessionTest, EveryCommandOfTheParameterPhase) {
     // Backup: the options record and one filter item, unanswered.
     std::vector<uint8_t> options = optionsRecord(0, 0, 0x69);
     ASSERT_TRUE(client_.sendRaw(options));
-    std::array<uint8_t, 32 + 4> item{};
-    item[0] = 2;
-    item[4] = 1;
-    item[12] = 4;
-    std::memcpy(&item[32], "*.c", 4);
-    ASSERT_TRUE(client_.sendRaw(item));
+    ASSERT_TRUE(client_.sendRaw(*tavik::filter::encodeNamePatternItem(false, false, std::vector<std::string>{"*.c"})));
 
     EXPECT_EQ(client_.option(options), 4);
     EXPECT_EQ(client_.diskItem({"etc", "home"}), 4);
