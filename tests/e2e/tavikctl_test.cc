@@ -43,6 +43,12 @@ protected:
         return ctl("compare " + archive_ + " 127.0.0.1:" + (target.empty() ? tree_.dir() : target) + " " + extra);
     }
     static Output list(const std::string& archive) { return tavikctl("list --verify " + archive); }
+    // The archive verifies and lists `entries` lines.
+    void expectListed(size_t entries) const {
+        Output l = list(archive_);
+        EXPECT_EQ(l.status, 0) << l.err;
+        EXPECT_EQ(lines(l.out).size(), entries) << l.out;
+    }
     // Backs `source` up, lists the archive, restores it into dest_ and
     // compares dest_ with the source entry by entry: listed under its path
     // (a directory with its "/", a link with its target), type, content,
@@ -185,41 +191,9 @@ TEST_F(TavikctlTest, UsrIncludeRoundTripsIdentically) {
     EXPECT_GT(compared, 1000u);
 }
 
-TEST_F(TavikctlTest, BackupOptionsRestartPointsAndOldServersVerify) {
+TEST_F(TavikctlTest, BackupOptionsRestartPointsOldServersEstimateAndRefusals) {
     backupTree();
-    // Resume inside the last file sent (sub/deeper/x.c, 10000 bytes): its
-    // remaining data come first, without a file header, then the closes.
-    Output b = backup(" --restart " + at("sub/deeper/x.c") + ":6000");
-    ASSERT_EQ(b.status, 0) << b.err;
-    EXPECT_TRUE(has(b.err, "4000 bytes of data")) << b.err;
-    EXPECT_EQ(list(archive_).status, 0);
-
-    // A server of version 49 gets no source header: every entry but the
-    // source is listed.
-    b = backup(" --server-version 49");
-    ASSERT_EQ(b.status, 0) << b.err;
-    Output l = list(archive_);
-    ASSERT_EQ(l.status, 0) << l.err;
-    EXPECT_EQ(lines(l.out).size(), findCount(tree_.dir()) - 1);
-
-    // Renew every 2 files and every 4 KB; acknowledge every 3 packets; the
-    // agent's 8192-byte buffer kept for the job.
-    daemon_.stop();
-    ASSERT_TRUE(daemon_.start({"-v", "-S", "-R", "2", "-r", "4", "-b", "8192"}, {}));
-    b = backup(" --renew --ack 3 --buffer-from-agent --watchdog");
-    ASSERT_EQ(b.status, 0) << b.err;
-    EXPECT_TRUE(has(b.err, " connection renewals")) << b.err;
-    EXPECT_TRUE(has(b.err, " acknowledgements")) << b.err;
-    EXPECT_TRUE(daemon_.waitForLog("New TCP fd=")) << daemon_.log();
-    l = list(archive_);
-    ASSERT_EQ(l.status, 0) << l.err;
-    EXPECT_EQ(lines(l.out).size(), findCount(tree_.dir()));
-    // Without --renew the same daemon keeps one connection.
-    EXPECT_EQ(backup("", "").status, 0);
-}
-
-TEST_F(TavikctlTest, SelectionEstimateAndRefusedBackups) {
-    backupTree();
+    size_t entries = findCount(tree_.dir());
     Output e = ctl("estimate 127.0.0.1:" + tree_.dir());
     ASSERT_EQ(e.status, 0) << e.err;
     // empty, two-chunks, odd, fifo, notes.txt, x.c, lnk: 0+4096+4097+0+11+10000+8 bytes.
@@ -232,12 +206,36 @@ TEST_F(TavikctlTest, SelectionEstimateAndRefusedBackups) {
     EXPECT_TRUE(has(l.out, "/sub/deeper/x.c\n")) << l.out;
     EXPECT_FALSE(has(l.out, "/odd\n")) << l.out;
 
+    // Resume inside the last file sent (sub/deeper/x.c, 10000 bytes): its
+    // remaining data come first, without a file header, then the closes.
+    b = backup(" --restart " + at("sub/deeper/x.c") + ":6000");
+    ASSERT_EQ(b.status, 0) << b.err;
+    EXPECT_TRUE(has(b.err, "4000 bytes of data")) << b.err;
+    EXPECT_EQ(list(archive_).status, 0);
+    // A server of version 49 gets no source header: every entry but the
+    // source is listed.
+    ASSERT_EQ(backup(" --server-version 49").status, 0);
+    expectListed(entries - 1);
+
     EXPECT_EQ(ctl("backup 127.0.0.1:relative/path -o " + archive_).status, 2);  // not HOST:/path
     unlink(archive_.c_str());
     b = backup("", at("no-such-dir"));
     EXPECT_EQ(b.status, 1) << b.err;
     EXPECT_TRUE(has(b.err, "job refused")) << b.err;
     EXPECT_EQ(list(archive_).status, 1);
+
+    // Renew every 2 files and every 4 KB; acknowledge every 3 packets; the
+    // agent's 8192-byte buffer kept for the job.
+    daemon_.stop();
+    ASSERT_TRUE(daemon_.start({"-v", "-S", "-R", "2", "-r", "4", "-b", "8192"}, {}));
+    b = backup(" --renew --ack 3 --buffer-from-agent --watchdog");
+    ASSERT_EQ(b.status, 0) << b.err;
+    EXPECT_TRUE(has(b.err, " connection renewals")) << b.err;
+    EXPECT_TRUE(has(b.err, " acknowledgements")) << b.err;
+    EXPECT_TRUE(daemon_.waitForLog("New TCP fd=")) << daemon_.log();
+    expectListed(entries);
+    // Without --renew the same daemon keeps one connection.
+    EXPECT_EQ(backup().status, 0);
 }
 
 TEST_F(TavikctlTest, DeletingGroomingAfterABackupRemovesTheFilesAndReportsThem) {
