@@ -182,53 +182,48 @@ TEST_F(RestoreTest, EveryConflictPolicy) {
     ASSERT_EQ(longName.size(), 1021u);
     writeFile(longName, "keep");
 
-    {  // skip: the data is discarded and 0xCB answered at ENDF
-        ASSERT_EQ(beginRestore(1), 4);
-        RestoreDriver r(client_);
-        EXPECT_EQ(r.file(file("a"), pattern(9000, 3)), kSkipped);
-        EXPECT_EQ(readFile(at("a")), "old a");
-        EXPECT_EQ(r.file(file("fresh"), "fresh"), 0);  // a free name is restored
-        EXPECT_EQ(r.file(file("d"), "x"), 'j');        // a directory is in the way
-        EXPECT_EQ(r.end(), 3);
-    }
-    {  // newer: only files older on disk are replaced; equal times are kept
-        ASSERT_EQ(beginRestore(4), 4);
-        RestoreDriver r(client_);
-        EXPECT_EQ(r.file(file("same"), "new"), kSkipped);
-        EXPECT_EQ(r.file(file("newer"), "new"), kSkipped);
-        EXPECT_EQ(r.file(file("older"), "new"), 0);
-        EXPECT_EQ(r.end(), 3);
-        EXPECT_EQ(readFile(at("same")), "same");
-        EXPECT_EQ(readFile(at("newer")), "newer");
-        EXPECT_EQ(readFile(at("older")), "new");
-    }
-    {  // rename: the chain climbs to the first free name; a name that would not fit is refused
-        ASSERT_EQ(beginRestore(2), 4);
-        RestoreDriver r(client_);
-        EXPECT_EQ(r.file(file("r"), "r2"), 0);
-        EXPECT_EQ(r.file(file("n.AS9"), "n10"), 0);
-        EXPECT_EQ(r.file(file("d"), "x"), 'j');
-        EXPECT_EQ(r.file(restoreAttrs(longName, 0100644), "new"), 'j');
-        EXPECT_EQ(r.end(), 3);
-        EXPECT_EQ(readFile(at("r")), "r0");
-        EXPECT_EQ(readFile(at("r.AS1")), "r1");
-        EXPECT_EQ(readFile(at("r.AS2")), "r2");
-        EXPECT_EQ(readFile(at("n.AS10")), "n10");
-        EXPECT_EQ(statOf(at("r.AS2")).st_mtime, time_t(kTime));
-        EXPECT_EQ(readFile(longName), "keep");
-        EXPECT_TRUE(logHas("(File name too long)"));
-    }
-    for (uint8_t policy : {3, 0, 5}) {  // overwrite, an unknown policy, 5 taken as 3
-        SCOPED_TRACE(int(policy));
+    std::string longRel = longName.substr(work_.size() + 1);
+
+    // Per policy: the files sent (name, data, answer), then what is on disk;
+    // "a" is "old a" (mode 0644) before each job.
+    struct Sent {
+        std::string name, data;
+        int answer;
+    };
+    struct Policy {
+        const char* what;
+        uint8_t conflict;
+        std::vector<Sent> sent;
+        std::map<std::string, std::string> after;
+    };
+    const std::vector<Sent> overwrite = {{"a", "new a", 0}, {"d", "x", 'j'}};
+    const Policy policies[] = {
+        {"skip: the data is discarded, 0xCB at ENDF; free names are restored, a directory is in the way", 1,
+         {{"a", pattern(9000, 3), kSkipped}, {"fresh", "fresh", 0}, {"d", "x", 'j'}}, {{"a", "old a"}, {"fresh", "fresh"}}},
+        {"newer: only files older on disk are replaced; equal times are kept", 4,
+         {{"same", "new", kSkipped}, {"newer", "new", kSkipped}, {"older", "new", 0}},
+         {{"same", "same"}, {"newer", "newer"}, {"older", "new"}}},
+        {"rename: the chain climbs to the first free name; a name that would not fit is refused", 2,
+         {{"r", "r2", 0}, {"n.AS9", "n10", 0}, {"d", "x", 'j'}, {longRel, "new", 'j'}},
+         {{"r", "r0"}, {"r.AS1", "r1"}, {"r.AS2", "r2"}, {"n.AS10", "n10"}, {longRel, "keep"}}},
+        {"overwrite", 3, overwrite, {{"a", "new a"}}},
+        {"an unknown policy overwrites", 0, overwrite, {{"a", "new a"}}},
+        {"5 is taken as 3", 5, overwrite, {{"a", "new a"}}},
+    };
+    for (const Policy& p : policies) {
+        SCOPED_TRACE(p.what);
         writeFile(at("a"), "old a");
-        ASSERT_EQ(beginRestore(policy), 4);
+        chmod(at("a").c_str(), 0644);
+        ASSERT_EQ(beginRestore(p.conflict), 4);
         RestoreDriver r(client_);
-        EXPECT_EQ(r.file(file("a", 0100604), "new a"), 0);
-        EXPECT_EQ(r.file(file("d"), "x"), 'j');
+        for (const Sent& f : p.sent) EXPECT_EQ(r.file(file(f.name, 0100604), f.data), f.answer) << f.name;
         EXPECT_EQ(r.end(), 3);
-        EXPECT_EQ(readFile(at("a")), "new a");
-        EXPECT_EQ(modeOf("a"), mode_t(0100604));
+        for (const auto& [name, data] : p.after) EXPECT_EQ(readFile(at(name)), data) << name;
+        // An overwritten "a" has the record's mode.
+        EXPECT_EQ(modeOf("a"), mode_t(p.after.count("a") && p.after.at("a") == "new a" ? 0100604 : 0100644));
     }
+    EXPECT_EQ(statOf(at("r.AS2")).st_mtime, time_t(kTime));
+    EXPECT_TRUE(logHas("(File name too long)"));
     EXPECT_TRUE(S_ISDIR(modeOf("d")));
     EXPECT_TRUE(logHas("(ws_restore[OPENFILE]) Cannot create <" + at("d") + ">, same name directory exists"));
 }
