@@ -555,7 +555,8 @@ TEST_F(BackupFlowTest, RestartPointWithAndWithoutOffset) {
     auto reader = backup(s);
     EXPECT_EQ(reader->summary(), (Summary{"7:2048", "8:1952", "6:" + order[2], "8:2", "9", "9", "3"}));
     std::string tail;
-    for (size_t i = 0; i < 2; ++i) tail.append(reader->packets()[i].payload.begin(), reader->packets()[i].payload.end());
+    for (size_t i = 0; i < 2; ++i)
+        tail.append(reader->packets()[i].payload.begin(), reader->packets()[i].payload.end());
     EXPECT_EQ(tail, big.substr(6000));
 
     // A restart file that is never reached: no END, the job ends at once.
@@ -598,7 +599,8 @@ TEST_F(BackupFlowTest, WatchdogAndLockTests) {
 TEST_F(BackupFlowTest, NonBlockingIoServesTheWholeExchange) {
     tree_.file("a", pattern(5000));
     ASSERT_TRUE(start({"-v", "-S", "-s", "nonblocking"}));
-    auto reader = backup({.commands = [](frontend::JobClient& c) { EXPECT_EQ(c.diskItem({"a"}), 4); }, .ackInterval = 2});
+    auto item = [](frontend::JobClient& c) { EXPECT_EQ(c.diskItem({"a"}), 4); };
+    auto reader = backup({.commands = item, .ackInterval = 2});
     EXPECT_EQ(reader->files()["a"], pattern(5000));
     EXPECT_TRUE(daemon_.waitForLog("RCV_OK: AckCount=2"));
     // The non-blocking receive traces every call on standard output.
@@ -719,14 +721,17 @@ TEST_F(BackupFaultTest, EntriesTheLoginMayNotRead) {
     mkfifo(tree_.path("fifo").c_str(), 0644);
     ASSERT_TRUE(start({"-v"}));
     BackupSetup s{.login = user.name(), .password = kPassword};
-    std::map<std::string, Summary> data = {{"open", {"6:open", "8:1"}}, {"secret", {"102:secret"}}, {"fifo", {"102:fifo"}}};
+    std::map<std::string, Summary> data = {
+        {"open", {"6:open", "8:1"}}, {"secret", {"102:secret"}}, {"fifo", {"102:fifo"}}};
     Summary want = {"6:"};
     for (const std::string& name : tree_.order()) want.insert(want.end(), data[name].begin(), data[name].end());
     for (std::string w : {"6:private", "101", "9", "3"}) want.push_back(w);
     EXPECT_EQ(summary(s), want);
-    for (const std::string& line : {"(backup_file) Failed to open regular file " + tree_.root() + "secret (Permission denied)",
-                                    "(backup_file) Failed to access special file " + tree_.root() + "fifo",
-                                    "(ws_backup) Failed to Access Directory [" + tree_.root() + "private/] (Permission denied)"})
+    std::string root = tree_.root();
+    for (const std::string& line :
+         {"(backup_file) Failed to open regular file " + root + "secret (Permission denied)",
+          "(backup_file) Failed to access special file " + root + "fifo",
+          "(ws_backup) Failed to Access Directory [" + root + "private/] (Permission denied)"})
         EXPECT_TRUE(daemon_.waitForLog(line)) << line;
     servesNextJob(s);
 }

@@ -68,8 +68,9 @@ void expectEntryBytes(const std::vector<uint8_t>& p, const struct stat& st, cons
                       bool checkAtime = true) {
     size_t nameAt = version >= 22 ? 48 : 44;
     ASSERT_EQ(p.size(), nameAt + name.size() + 1);
-    const uint32_t fields[] = {st.st_mode, uint32_t(st.st_nlink), st.st_uid, st.st_gid, dev32(st.st_rdev),
-                               uint32_t(st.st_atime), uint32_t(st.st_mtime), uint32_t(st.st_ctime), uint32_t(st.st_size)};
+    const uint32_t fields[] = {st.st_mode,           uint32_t(st.st_nlink), st.st_uid,
+                               st.st_gid,            dev32(st.st_rdev),     uint32_t(st.st_atime),
+                               uint32_t(st.st_mtime), uint32_t(st.st_ctime), uint32_t(st.st_size)};
     for (size_t i = 0; i < 9; ++i) {
         if (i != 5 || checkAtime) {
             EXPECT_EQ(loadBe32(&p[4 * i]), fields[i]) << "field at " << 4 * i;
@@ -102,11 +103,13 @@ TEST_F(BrowseTest, ListingsForEachVersionAndSelectionMatchLstatAndStat) {
         {21, 0, {}}, {21, 1, {"/file", "/link-file"}}, {21, 2, {"/dir", "/link-dir"}}, {21, 3, all},
         {22, 0, {}}, {22, 1, {"/file", "/link-file"}}, {22, 2, {"/dir", "/link-dir"}}, {22, 3, all},
     };
-    const std::map<std::string, std::string> targets{{"dangling", "nowhere"}, {"link-file", "file"}, {"link-dir", "dir"}};
+    const std::map<std::string, std::string> targets{
+        {"dangling", "nowhere"}, {"link-file", "file"}, {"link-dir", "dir"}};
     for (const Case& c : cases) {
         SCOPED_TRACE("version " + std::to_string(c.version) + " select " + std::to_string(c.select));
         std::vector<uint8_t> path = tavik::frontend::pathPayload(tree_.dir());
-        ASSERT_TRUE(client.send(BrowseHeader{c.select, 15, static_cast<int8_t>(c.version), 0, uint16_t(path.size())}, path));
+        BrowseHeader request{c.select, 15, static_cast<int8_t>(c.version), 0, uint16_t(path.size())};
+        ASSERT_TRUE(client.send(request, path));
         std::string lastLink;
         Names names;
         for (;;) {
@@ -151,7 +154,8 @@ TEST_F(BrowseTest, ListingsForEachVersionAndSelectionMatchLstatAndStat) {
     EXPECT_TRUE(client.logout());
     EXPECT_TRUE(client.agentCloses());
     EXPECT_TRUE(daemon_.waitForLog("(Browser) LOGOUT"));
-    EXPECT_TRUE(daemon_.waitForLog("(SendDirData) Failed to change directory to  (No such file or directory), Job Abort"));
+    EXPECT_TRUE(
+        daemon_.waitForLog("(SendDirData) Failed to change directory to  (No such file or directory), Job Abort"));
 }
 
 TEST_F(BrowseTest, ReadLinkAnswersAndFailures) {
@@ -294,7 +298,8 @@ TEST_F(BrowseTest, TavikctlLsAndReadlinkShowTheTreeAndUsrInclude) {
     time_t mtime = statOf(tree_.path("file")).st_mtime;
     char when[32];
     std::strftime(when, sizeof when, "%Y-%m-%d %H:%M", std::localtime(&mtime));
-    for (auto [name, start] : {std::pair{"file", "-rw-r--r--   1     0     0       1234 " + std::string(when) + " file"},
+    std::string file = "-rw-r--r--   1     0     0       1234 " + std::string(when) + " file";
+    for (auto [name, start] : {std::pair{"file", file},
                                {"dir", "drwxr-xr-x "}, {"fifo", "prw-r----- "}, {"dangling", "lrwxrwxrwx "},
                                {"null", "crw-rw-rw-   1     0     0       1, 3 "}})
         EXPECT_EQ(byName[name].first.rfind(start, 0), 0u) << byName[name].first;

@@ -52,7 +52,8 @@ std::string uts(const char* format) {
     std::string s = format;
     for (auto [key, value] : {std::pair{"%n", u.nodename}, {"%s", u.sysname}, {"%r", u.release}, {"%v", u.version},
                               {"%m", u.machine}})
-        for (size_t at = 0; (at = s.find(key, at)) != std::string::npos; at += std::strlen(value)) s.replace(at, 2, value);
+        for (size_t at = 0; (at = s.find(key, at)) != std::string::npos; at += std::strlen(value))
+            s.replace(at, 2, value);
     return s;
 }
 
@@ -178,7 +179,8 @@ TEST(MachineQuery, AnsweredWithThisMachinesIdentityOnlyForWholeQueriesAndNeverSt
     // buffer, which drops a datagram as UDP may, so ask as a client would:
     // again after each second without an answer.
     reply.clear();
-    for (int attempt = 0; attempt < 5 && reply.size() != 1036; ++attempt) reply = exchange(d.port(), query(13, 22), 1000);
+    for (int attempt = 0; attempt < 5 && reply.size() != 1036; ++attempt)
+        reply = exchange(d.port(), query(13, 22), 1000);
     EXPECT_EQ(reply.size(), 1036u);
     EXPECT_TRUE(d.alive());
 

@@ -58,7 +58,8 @@ TEST_F(JobSessionTest, EveryAdmissionAndRefusalCode) {
     };
     const std::string nobody = "tvk-nobody-here";
     const Row rows[] = {
-        {.what = "wrong password", .root = home, .password = "wrong", .answer = 113, .line = "(ckpasswd) Incorrect password"},
+        {.what = "wrong password", .root = home, .password = "wrong", .answer = 113,
+         .line = "(ckpasswd) Incorrect password"},
         {.what = "right password after a wrong one", .root = home},
         {.what = "SHA-512 password", .root = home, .login = sha512.name()},
         {.what = "equivalent host admits without password", .root = home, .password = "wrong", .acceptEA = 0},
@@ -68,7 +69,8 @@ TEST_F(JobSessionTest, EveryAdmissionAndRefusalCode) {
         {.what = "no shadow line, new server", .root = home, .login = hidden.name(), .version = 50, .answer = 115},
         {.what = "no shadow line, old server", .root = home, .login = hidden.name(), .version = 49, .answer = 113,
          .line = "(ckpasswd) User " + hidden.name() + " is not defined in the shadow file"},
-        {.what = "relative root", .root = "usr/lib", .opMode = 0, .answer = 116, .line = "Invalid Unix Path, Job Abort"},
+        {.what = "relative root", .root = "usr/lib", .opMode = 0, .answer = 116,
+         .line = "Invalid Unix Path, Job Abort"},
         {.what = "protected backup root", .root = home, .opMode = 0, .answer = 114,
          .line = "Protected Directory [" + home + "/] in " + daemon_.home() + "tvk.cntl"},
         {.what = "a compare of a protected root", .root = home},

@@ -199,7 +199,8 @@ TEST_F(RestoreTest, EveryConflictPolicy) {
     const std::vector<Sent> overwrite = {{"a", "new a", 0}, {"d", "x", 'j'}};
     const Policy policies[] = {
         {"skip: the data is discarded, 0xCB at ENDF; free names are restored, a directory is in the way", 1,
-         {{"a", pattern(9000, 3), kSkipped}, {"fresh", "fresh", 0}, {"d", "x", 'j'}}, {{"a", "old a"}, {"fresh", "fresh"}}},
+         {{"a", pattern(9000, 3), kSkipped}, {"fresh", "fresh", 0}, {"d", "x", 'j'}},
+         {{"a", "old a"}, {"fresh", "fresh"}}},
         {"newer: only files older on disk are replaced; equal times are kept", 4,
          {{"same", "new", kSkipped}, {"newer", "new", kSkipped}, {"older", "new", 0}},
          {{"same", "same"}, {"newer", "newer"}, {"older", "new"}}},
@@ -430,7 +431,8 @@ TEST_F(RestoreTest, DestinationTheLoginCannotMakeOrWriteGets105) {
                                    "> (Permission denied)"));
     EXPECT_TRUE(daemon_.waitForLog("(make_dir) Failed to create restore directory " + rootOnly.path("dest")));
     EXPECT_EQ(beginRestore(3, 0, rootOnly.dir()), 105);  // exists, but the login may not write it
-    EXPECT_TRUE(daemon_.waitForLog("(make_dir) Failed to Access Directory [" + rootOnly.root() + "] (Permission denied)"));
+    EXPECT_TRUE(
+        daemon_.waitForLog("(make_dir) Failed to Access Directory [" + rootOnly.root() + "] (Permission denied)"));
 }
 
 constexpr time_t kOld = 631152000;  // 1990-01-01
@@ -499,7 +501,8 @@ protected:
             code = h[2];
             std::string data(tavik::wire::loadLe16(&h[6]), '\0');
             if (!data.empty() && !client_.recvRaw({reinterpret_cast<uint8_t*>(data.data()), data.size()})) break;
-            EXPECT_TRUE(code == 7 ? data.size() == 2048 : code == 8 && data.size() < 2048) << code << " " << data.size();
+            EXPECT_TRUE(code == 7 ? data.size() == 2048 : code == 8 && data.size() < 2048)
+                << code << " " << data.size();
             work += data;
         }
         EXPECT_EQ(r.status(), 3);
@@ -782,7 +785,8 @@ TEST_F(CompareTest, RotationSetGroomingRemovesOnlyOldIdenticalFiles) {
     std::string work = endWithGrooming(r, "2");
     EXPECT_FALSE(fs::exists(at("old/a")));
     EXPECT_FALSE(fs::exists(at("old/b")));
-    for (const char* kept : {"old/changed", "recent", "old/read-lately", "old"}) EXPECT_TRUE(fs::exists(at(kept))) << kept;
+    for (const char* kept : {"old/changed", "recent", "old/read-lately", "old"})
+        EXPECT_TRUE(fs::exists(at(kept))) << kept;
     EXPECT_TRUE(has(work, at("old/a")));
     EXPECT_TRUE(has(work, at("old/b")));
     EXPECT_FALSE(has(work, "changed"));

@@ -65,7 +65,8 @@ protected:
         EXPECT_EQ(listed_.status, 0) << listed_.err;
         EXPECT_TRUE(has(listed_.err, "checksum good")) << listed_.err;
         std::set<std::string> listed;  // each line from the path on
-        for (const std::string& line : lines(listed_.out)) listed.insert(line.substr(std::min(line.find(source), line.size())));
+        for (const std::string& line : lines(listed_.out))
+            listed.insert(line.substr(std::min(line.find(source), line.size())));
         EXPECT_EQ(listed.size(), count);
         EXPECT_EQ(listed.count(source + "/"), 1u);
         Output r = restore();
@@ -97,7 +98,8 @@ protected:
             if (dir) continue;
             if (s.st_nlink != r.st_nlink) differ(path, "link count differs");
             auto [first, isNew] = firstName.emplace(std::make_pair(s.st_dev, s.st_ino), path);
-            if (!isNew && dst.at(first->second).st_ino != r.st_ino) differ(path, "not the same file as " + first->second);
+            if (!isNew && dst.at(first->second).st_ino != r.st_ino)
+                differ(path, "not the same file as " + first->second);
         }
         for (const auto& [path, r] : dst)
             if (!src.count(path)) differ(path, "not in the source");
@@ -415,7 +417,8 @@ TEST_F(TavikctlRestore, RefusalsFailuresAndUsageErrors) {
     ASSERT_EQ(mkdir((dest_ + "/f").c_str(), 0755), 0);
     Output r = restore();
     EXPECT_EQ(r.status, 1) << r.err;
-    EXPECT_TRUE(has(r.err, "not restored: " + dest_ + "/f: cannot be created, or a directory of that name is in the way"))
+    EXPECT_TRUE(
+        has(r.err, "not restored: " + dest_ + "/f: cannot be created, or a directory of that name is in the way"))
         << r.err;
     EXPECT_TRUE(has(r.err, "5 files (4 restored, 0 skipped, 1 failed)")) << r.err;
     // Everything after it still came back.

@@ -82,8 +82,9 @@ public:
         ok_ = true;
     }
     ~TestUser() {
+        auto keep = [](std::string&) { return true; };
         if (!hiddenShadowLine_.empty())
-            rewriteAccountFile("/etc/shadow", 0640, "shadow", [](std::string&) { return true; }, hiddenShadowLine_ + "\n");
+            rewriteAccountFile("/etc/shadow", 0640, "shadow", keep, hiddenShadowLine_ + "\n");
         // Forced: a job process of the login may still be ending.
         runQuietly("userdel -f " + name_);
         if (!group_.empty()) runQuietly("groupdel " + group_);
