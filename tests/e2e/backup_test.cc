@@ -1,14 +1,9 @@
-// Backups on a real daemon, read packet by packet.
-// BackupStreamTest: the stream order for every entry kind, chunking, the
-// records and codes by server version, the depth limits, the top-level list
-// and filters, grooming and the estimate.
-// BackupFlowTest: acknowledgements, connection renewals by files and by
-// kilobytes, the restart point, the watchdog, lock tests, the tape-change
-// stall and several backups at once.
-// BackupFaultTest: the front-end drops the connection, the sender is killed,
-// entries the login may not read, a directory loop, paths longer than the
-// buffers; after each the job's IPC objects and registry lines are gone and
-// the daemon serves the next job.
+// Backups on a real daemon, read packet by packet: the stream (entry kinds,
+// chunking, versions, depth limits, selection, grooming, estimate), its flow
+// (acknowledgements, renewals, restart points, watchdog, locks, stalls,
+// concurrent jobs) and its faults (dropped front-end, killed sender,
+// unreadable entries, loops, over-long paths), after which the job's IPC
+// objects and registry lines are gone and the daemon serves the next job.
 #include <poll.h>
 #include <sys/sem.h>
 #include <sys/shm.h>

@@ -87,10 +87,15 @@ void expectEntryBytes(const std::vector<uint8_t>& p, const struct stat& st, cons
 // Every listing of the tree for browse versions 20, 21 and 22 and every
 // selection: the names, and every entry's bytes against lstat (a link's
 // target, from version 21 on right after its link, against stat).
-TEST_F(BrowseTest, ListingsForEachVersionAndSelectionMatchLstatAndStat) {
+TEST_F(BrowseTest, ListingsForEachVersionAndSelectionMatchLstatAndStatAndLinksRead) {
     ASSERT_TRUE(startDaemon());
     BrowseClient client;
     ASSERT_TRUE(login(client)) << client.lastError();
+    // A link's text is examined relative to the browse process's directory:
+    // before a listing of the tree has moved it there, only the name is known.
+    auto link = client.readLink(tree_.path("link-dir"), 21);
+    ASSERT_TRUE(link) << client.lastError();
+    EXPECT_EQ(link->name, "dir");
     using Names = std::set<std::string>;
     const Names all{"/file", "/dir", "/link-file", "/link-dir", "/dangling", "/fifo", "/null"};
     struct Case {
@@ -145,6 +150,9 @@ TEST_F(BrowseTest, ListingsForEachVersionAndSelectionMatchLstatAndStat) {
         EXPECT_TRUE(lastLink.empty());
         EXPECT_EQ(names, c.expected);
     }
+    link = client.readLink(tree_.path("link-dir"), 22);
+    ASSERT_TRUE(link);
+    EXPECT_TRUE(S_ISDIR(link->mode));
     // A listing from an old server with an empty path is no mount list: the
     // change to the empty path fails and only the end of listing comes.
     auto old = client.readDir("", 3, 20);
@@ -156,23 +164,9 @@ TEST_F(BrowseTest, ListingsForEachVersionAndSelectionMatchLstatAndStat) {
     EXPECT_TRUE(daemon_.waitForLog("(Browser) LOGOUT"));
     EXPECT_TRUE(
         daemon_.waitForLog("(SendDirData) Failed to change directory to  (No such file or directory), Job Abort"));
-}
 
-TEST_F(BrowseTest, ReadLinkAnswersAndFailures) {
-    ASSERT_TRUE(startDaemon());
-    BrowseClient client;
+    // Reading a file that is no link ends the job without an answer.
     ASSERT_TRUE(login(client));
-    auto link = client.readLink(tree_.path("link-dir"), 21);
-    ASSERT_TRUE(link) << client.lastError();
-    // The text is examined relative to the browse process's directory: a
-    // listing of the tree moves it there first.
-    EXPECT_EQ(link->name, "dir");
-    ASSERT_TRUE(client.readDir(tree_.dir(), 0, 22));  // select 0: no change of directory
-    ASSERT_TRUE(client.readDir(tree_.dir(), 2, 22));
-    link = client.readLink(tree_.path("link-dir"), 22);
-    ASSERT_TRUE(link);
-    EXPECT_TRUE(S_ISDIR(link->mode));
-    // A file that is no link ends the job without an answer.
     EXPECT_FALSE(client.readLink(tree_.path("file"), 22));
     EXPECT_TRUE(daemon_.waitForLog("(Browser) Failed in SendDirData"));
     EXPECT_TRUE(daemon_.waitForLog("(SendLinkData) Failed to read the contents of the symbolic link file " +

@@ -117,7 +117,7 @@ protected:
     }
 };
 
-TEST_F(RestoreTest, FilesDirectoriesModesOwnersAndTimesComeBackExactly) {
+TEST_F(RestoreTest, FilesDirectoriesModesOwnersAndTimesComeBackExactlyWhereTheLoginMayWrite) {
     ASSERT_TRUE(startDaemon());
     ASSERT_EQ(beginRestore(3, 3), 4) << client_.lastError();
     // The destination was made by the login's own process.
@@ -158,6 +158,16 @@ TEST_F(RestoreTest, FilesDirectoriesModesOwnersAndTimesComeBackExactly) {
     EXPECT_TRUE(logHas("Start Restore Job From localhost(" + user_.name() + "), Destination = " + work_));
     EXPECT_TRUE(logHas("SO_RCVBUF = "));
     EXPECT_TRUE(logHas(" - Workstation Restore Completed"));
+
+    // A destination the login cannot make, or not write: 105.
+    Tree rootOnly;
+    EXPECT_EQ(beginRestore(3, 0, rootOnly.path("dest")), 105);
+    EXPECT_TRUE(daemon_.waitForLog("(make_path) Failed to make directory <" + rootOnly.path("dest") +
+                                   "> (Permission denied)"));
+    EXPECT_TRUE(daemon_.waitForLog("(make_dir) Failed to create restore directory " + rootOnly.path("dest")));
+    EXPECT_EQ(beginRestore(3, 0, rootOnly.dir()), 105);  // exists, but the login may not write it
+    EXPECT_TRUE(
+        daemon_.waitForLog("(make_dir) Failed to Access Directory [" + rootOnly.root() + "] (Permission denied)"));
 }
 
 TEST_F(RestoreTest, EveryConflictPolicy) {
@@ -423,18 +433,6 @@ TEST_F(RestoreTest, AFullFileSystemAnswersDAndEndsTheJob) {
     EXPECT_EQ(modeOf("huge"), mode_t(0100600));
 }
 
-TEST_F(RestoreTest, DestinationTheLoginCannotMakeOrWriteGets105) {
-    ASSERT_TRUE(startDaemon());
-    Tree rootOnly;
-    EXPECT_EQ(beginRestore(3, 0, rootOnly.path("dest")), 105);
-    EXPECT_TRUE(daemon_.waitForLog("(make_path) Failed to make directory <" + rootOnly.path("dest") +
-                                   "> (Permission denied)"));
-    EXPECT_TRUE(daemon_.waitForLog("(make_dir) Failed to create restore directory " + rootOnly.path("dest")));
-    EXPECT_EQ(beginRestore(3, 0, rootOnly.dir()), 105);  // exists, but the login may not write it
-    EXPECT_TRUE(
-        daemon_.waitForLog("(make_dir) Failed to Access Directory [" + rootOnly.root() + "] (Permission denied)"));
-}
-
 constexpr time_t kOld = 631152000;  // 1990-01-01
 constexpr time_t kBackupTime = 1600000000;
 constexpr uint8_t kDetailed = 0x80;
@@ -630,7 +628,7 @@ TEST_F(CompareTest, AttributeDifferencesGiveSummaryOrDetailedCodes) {
     }
 }
 
-TEST_F(CompareTest, MissingObjectsSizesAndContents) {
+TEST_F(CompareTest, MissingObjectsSizesContentsFollowedLinksAndAbort) {
     ASSERT_TRUE(startDaemon());
     makeFile("sized", "twelve bytes");
     makeFile("big", pattern(20000, 5));
@@ -696,6 +694,31 @@ TEST_F(CompareTest, MissingObjectsSizesAndContents) {
          }) {
         EXPECT_TRUE(logHas(line)) << line;
     }
+
+    // Links followed at the request's word (the daemon runs without -f):
+    // compared as what they point to; ABORT ends the job without an answer.
+    makeFile("to", pattern(5000, 9));
+    symlink("to", at("followed").c_str());
+    symlink("nowhere", at("gone").c_str());
+    ASSERT_EQ(beginCompare(kDetailed, 0, {}, 1), 4);
+    RestoreDriver f(client_);
+    RestoreAttributes followed = tapeOf("to", "followed");
+    EXPECT_EQ(compareFile(f, followed, pattern(5000, 9)), (Verdicts{0, 0}));
+    // The backup saw a link: type and size differ.
+    EXPECT_EQ(compareFile(f, tapeOf("followed"), "to"), (Verdicts{0xD5, 0}));
+    EXPECT_EQ(compareFile(f, tapeOf("gone"), "nowhere"), (Verdicts{0xD2, 0}));
+    ASSERT_TRUE(f.send(99));  // unknown: logged, no answer
+    EXPECT_EQ(compareFile(f, followed, pattern(5000, 9)), (Verdicts{0, 0}));
+    ASSERT_TRUE(f.send(tavik::restore::command::kAbort));
+    EXPECT_TRUE(agentCloses());
+    EXPECT_TRUE(daemon_.waitForLog("Received disconnect from localhost", 2));
+    for (const char* line : {"* Symbolic links will be followed",
+                             "(ws_compare[OPENFILE]) File [followed] mode is changed (0120777 -> 0100644)",
+                             "(ws_compare[OPENFILE]) Failed to get the attributes (stat) of gone (No such file",
+                             "(ws_compare) Unknown command: 63", "(ws_compare[ABORT]) Job aborted by front-end"}) {
+        EXPECT_TRUE(logHas(line)) << line;
+    }
+    EXPECT_EQ(countOf(daemon_.log(), "Workstation Compare Ended"), 1u);  // the first job's only
 }
 
 TEST_F(CompareTest, UnreadableFilesAndHeldLocks) {
@@ -735,32 +758,6 @@ TEST_F(CompareTest, UnreadableFilesAndHeldLocks) {
     close(fd);
     EXPECT_EQ(compareFile(l, tapeOf("plain"), "plain data"), (Verdicts{0, 0}));
     EXPECT_EQ(l.end(), 3);
-}
-
-TEST_F(CompareTest, FollowingLinksComparesWhatTheyPointToAndAbortEndsTheJob) {
-    ASSERT_TRUE(startDaemon());  // without -f: the request's follow decides
-    makeFile("target", pattern(5000, 9));
-    symlink("target", at("link").c_str());
-    symlink("nowhere", at("dangling").c_str());
-    ASSERT_EQ(beginCompare(kDetailed, 0, {}, 1), 4);
-    RestoreDriver r(client_);
-    RestoreAttributes link = tapeOf("target", "link");
-    EXPECT_EQ(compareFile(r, link, pattern(5000, 9)), (Verdicts{0, 0}));
-    // The backup saw a link: type and size differ.
-    EXPECT_EQ(compareFile(r, tapeOf("link"), "target"), (Verdicts{0xD5, 0}));
-    EXPECT_EQ(compareFile(r, tapeOf("dangling"), "nowhere"), (Verdicts{0xD2, 0}));
-    ASSERT_TRUE(r.send(99));  // unknown: logged, no answer
-    EXPECT_EQ(compareFile(r, link, pattern(5000, 9)), (Verdicts{0, 0}));
-    ASSERT_TRUE(r.send(tavik::restore::command::kAbort));
-    EXPECT_TRUE(agentCloses());
-    EXPECT_TRUE(daemon_.waitForLog("Received disconnect from localhost"));
-    for (const char* line : {"* Symbolic links will be followed",
-                             "(ws_compare[OPENFILE]) File [link] mode is changed (0120777 -> 0100644)",
-                             "(ws_compare[OPENFILE]) Failed to get the attributes (stat) of dangling (No such file",
-                             "(ws_compare) Unknown command: 63", "(ws_compare[ABORT]) Job aborted by front-end"}) {
-        EXPECT_TRUE(logHas(line)) << line;
-    }
-    EXPECT_FALSE(logHas("Workstation Compare Ended"));
 }
 
 TEST_F(CompareTest, RotationSetGroomingRemovesOnlyOldIdenticalFiles) {
