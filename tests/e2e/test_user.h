@@ -17,6 +17,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <regex>
 #include <string>
 
 #include "e2e/daemon_fixture.h"
@@ -61,24 +62,20 @@ public:
     explicit TestUser(const std::string& method = "", bool withGroup = false) {
         static int made = 0;
         name_ = "tvk" + std::to_string(getpid()) + "x" + std::to_string(++made);
-        char tmpl[] = "/tmp/tavik-e2e-user-XXXXXX";
-        if (!mkdtemp(tmpl)) return;
-        home_ = tmpl;
-        chmod(home_.c_str(), 0755);
         std::string groups;
         if (withGroup) {
             group_ = name_ + "g";
             if (!runQuietly("groupadd " + group_)) return;
             groups = " -G " + group_;
         }
-        if (!runQuietly("useradd -M -d " + home_ + " -s /bin/sh" + groups + " " + name_)) return;
+        if (!runQuietly("useradd -M -d " + home() + " -s /bin/sh" + groups + " " + name_)) return;
         std::string c = method.empty() ? "" : " -c " + method;
         if (!runQuietly("echo '" + name_ + ":" + kPassword + "' | chpasswd" + c)) return;
         const passwd* pw = getpwnam(name_.c_str());
         if (!pw) return;
         uid_ = pw->pw_uid;
         gid_ = pw->pw_gid;
-        chown(home_.c_str(), uid_, gid_);
+        chown(home().c_str(), uid_, gid_);
         ok_ = true;
     }
     ~TestUser() {
@@ -88,11 +85,10 @@ public:
         // Forced: a job process of the login may still be ending.
         runQuietly("userdel -f " + name_);
         if (!group_.empty()) runQuietly("groupdel " + group_);
-        if (!home_.empty()) std::system(("rm -rf '" + home_ + "'").c_str());
     }
     bool ok() const { return ok_; }
     const std::string& name() const { return name_; }
-    const std::string& home() const { return home_; }
+    const std::string& home() const { return home_.dir(); }
     uid_t uid() const { return uid_; }
     gid_t gid() const { return gid_; }
     gid_t groupId() const {
@@ -105,7 +101,7 @@ public:
     }
     // Host equivalence for this login from `host`.
     void trustHost(const std::string& host) const {
-        std::string path = home_ + "/.rhosts";
+        std::string path = home_.path(".rhosts");
         std::ofstream(path) << host << " " << name_ << "\n";
         chown(path.c_str(), uid_, gid_);
         chmod(path.c_str(), 0600);
@@ -122,23 +118,19 @@ public:
     // Gives the login's password-file line the group id `gid` (such as
     // "4294967295", which no process can take); userdel removes the line.
     bool setPasswdGroupId(const std::string& gid) {
-        bool found = false;
-        bool ok = rewriteAccountFile("/etc/passwd", 0644, "root", [&](std::string& line) {
-            if (line.rfind(name_ + ":", 0) != 0) return true;
-            size_t at = 0;  // name:x:uid:gid:...
-            for (int field = 0; field < 3 && at != std::string::npos; ++field) at = line.find(':', at + 1);
-            size_t end = at == std::string::npos ? at : line.find(':', at + 1);
-            if (end == std::string::npos) return true;
-            line = line.substr(0, at + 1) + gid + line.substr(end);
-            found = true;
+        return rewriteAccountFile("/etc/passwd", 0644, "root", [&](std::string& line) {
+            static const std::regex fourthField("^([^:]*:[^:]*:[^:]*:)[^:]*");  // name:x:uid:gid:...
+            std::smatch m;
+            if (line.rfind(name_ + ":", 0) == 0 && std::regex_search(line, m, fourthField))
+                line = m[1].str() + gid + m.suffix().str();
             return true;
         });
-        return ok && found;
     }
 
 private:
     std::string hiddenShadowLine_;
-    std::string name_, group_, home_;
+    std::string name_, group_;
+    Tree home_{"/tmp/tavik-e2e-user-XXXXXX"};
     uid_t uid_ = 0;
     gid_t gid_ = 0;
     bool ok_ = false;
