@@ -85,6 +85,8 @@ public:
         // Forced: a job process of the login may still be ending.
         runQuietly("userdel -f " + name_);
         if (!group_.empty()) runQuietly("groupdel " + group_);
+        // Left behind by userdel when the password file's group id was changed.
+        std::system(("groupdel " + name_ + " >/dev/null 2>&1").c_str());
     }
     bool ok() const { return ok_; }
     const std::string& name() const { return name_; }
