@@ -307,8 +307,8 @@ TEST_F(BackupStreamTest, EveryEntryKindInStreamOrder) {
     EXPECT_EQ(reader->summary(), want);
 
     // Kinds, version bytes, sizes and types in the records.
-    std::map<std::string, uint32_t> sizes = {{"chardev", 0}, {"big", 4097}, {"link", 11}};
-    std::map<std::string, uint32_t> types = {{"link", 0xA000}, {"fifo", 0x1000}, {"chardev", 0x2000}};
+    std::map<std::string, std::pair<uint32_t, uint32_t>> sizeAndType = {
+        {"chardev", {0, 0x2000}}, {"big", {4097, 0x8000}}, {"link", {11, 0xA000}}, {"fifo", {0, 0x1000}}};
     for (const StreamPacket& p : reader->packets()) {
         bool status = p.code == 9 || p.code == 3;
         EXPECT_EQ(p.version, status ? 5 : 0) << int(p.code);
@@ -316,11 +316,8 @@ TEST_F(BackupStreamTest, EveryEntryKindInStreamOrder) {
         if (p.code != 6) continue;
         EXPECT_EQ(p.kind(), p.name().empty() ? 17 : p.name() == "sub" ? 16 : 0) << p.name();
         EXPECT_EQ(p.payload.size(), 49 + p.name().size());
-        if (sizes.count(p.name())) {
-            EXPECT_EQ(p.size(), sizes[p.name()]) << p.name();
-        }
-        if (types.count(p.name())) {
-            EXPECT_EQ(p.mode() & 0xF000, types[p.name()]) << p.name();
+        if (sizeAndType.count(p.name())) {
+            EXPECT_EQ(std::make_pair(p.size(), p.mode() & 0xF000), sizeAndType[p.name()]) << p.name();
         }
     }
     auto files = reader->files();

@@ -113,38 +113,9 @@ TEST_F(JobSessionTest, EveryAdmissionAndRefusalCode) {
     EXPECT_TRUE(daemon_.waitForLog("Will operate in single user mode"));
 }
 
-TEST_F(JobSessionTest, EveryCommandOfTheParameterPhase) {
-    ASSERT_TRUE(startDaemon());
-    RequestFields s = fields(user_.home(), 0);
-    s.tpSize = 1;
-    ASSERT_EQ(ask(s), 4);
-    // Backup: the options record and one filter item, unanswered.
-    std::vector<uint8_t> options = optionsRecord(0, 0, 0x69);
-    ASSERT_TRUE(client_.sendRaw(options));
-    ASSERT_TRUE(client_.sendRaw(*tavik::filter::encodeNamePatternItem(false, false, std::vector<std::string>{"*.c"})));
-
-    EXPECT_EQ(client_.option(options), 4);
-    EXPECT_EQ(client_.diskItem({"etc", "home"}), 4);
-    EXPECT_EQ(client_.grooming(groomingRecord(2, 0, "DAILY"), std::array<uint8_t, 63>{}), 4);
-    std::array<uint8_t, 12> db{};
-    db[4] = 'd';
-    EXPECT_EQ(client_.dbFile(db), 4);
-    EXPECT_EQ(client_.continueAt(0, "etc/passwd"), 4);
-    EXPECT_EQ(client_.command(7, {}), 5);
-    EXPECT_EQ(client_.command(static_cast<int8_t>(200), {}), 5);
-    ASSERT_TRUE(client_.start(0));
-    EXPECT_TRUE(agentCloses());
-    EXPECT_TRUE(daemon_.waitForLog("RCV_OK: AckCount=0"));
-    for (const char* line : {"* NFS directories will be traversed", "(GetPattern) asnode.nFilterItems=1",
-                             "flist_tbl[1]=[home]", "GROOMSET=[DAILY]", "DB_FILE: filelist_len=12",
-                             "(GetCommands) Continue on file next to etc/passwd",
-                             "(GetCommands) Unsupported command 7 is rejected",
-                             "(GetCommands) Unsupported command -56 is rejected"}) {
-        EXPECT_TRUE(logHas(line)) << line;
-    }
-}
-
-TEST_F(JobSessionTest, BrokenCallersEndTheirConnectionAndTheNextIsServed) {
+// Callers that break off end their connections; the next is served, and
+// takes every command of the parameter phase.
+TEST_F(JobSessionTest, BrokenCallersThenEveryCommandOfTheParameterPhase) {
     ASSERT_TRUE(startDaemon());
     // One byte of a header, then a close.
     ASSERT_TRUE(client_.connect("127.0.0.1", daemon_.port()));
@@ -165,8 +136,34 @@ TEST_F(JobSessionTest, BrokenCallersEndTheirConnectionAndTheNextIsServed) {
     EXPECT_TRUE(agentCloses());
     EXPECT_TRUE(daemon_.waitForLog("(blockRecv) Timed out in Receive, expected = 8 rcved = 0"));
 
-    EXPECT_EQ(ask(fields(user_.home(), 2)), 4);
+    RequestFields s = fields(user_.home(), 0);
+    s.tpSize = 1;
+    ASSERT_EQ(ask(s), 4);
+    // Backup: the options record and one filter item, unanswered.
+    std::vector<uint8_t> options = optionsRecord(0, 0, 0x69);
+    ASSERT_TRUE(client_.sendRaw(options));
+    ASSERT_TRUE(client_.sendRaw(*tavik::filter::encodeNamePatternItem(false, false, std::vector<std::string>{"*.c"})));
+
+    EXPECT_EQ(client_.option(options), 4);
+    EXPECT_EQ(client_.diskItem({"etc", "home"}), 4);
+    EXPECT_EQ(client_.grooming(groomingRecord(2, 0, "DAILY"), std::array<uint8_t, 63>{}), 4);
+    std::array<uint8_t, 12> db{};
+    db[4] = 'd';
+    EXPECT_EQ(client_.dbFile(db), 4);
+    EXPECT_EQ(client_.continueAt(0, "etc/passwd"), 4);
+    EXPECT_EQ(client_.command(7, {}), 5);
+    EXPECT_EQ(client_.command(static_cast<int8_t>(200), {}), 5);
+    ASSERT_TRUE(client_.start(0));
+    EXPECT_TRUE(agentCloses());
+    EXPECT_TRUE(daemon_.waitForLog("RCV_OK: AckCount=0"));
     EXPECT_TRUE(daemon_.alive());
+    for (const char* line : {"* NFS directories will be traversed", "(GetPattern) asnode.nFilterItems=1",
+                             "flist_tbl[1]=[home]", "GROOMSET=[DAILY]", "DB_FILE: filelist_len=12",
+                             "(GetCommands) Continue on file next to etc/passwd",
+                             "(GetCommands) Unsupported command 7 is rejected",
+                             "(GetCommands) Unsupported command -56 is rejected"}) {
+        EXPECT_TRUE(logHas(line)) << line;
+    }
 }
 
 }  // namespace
