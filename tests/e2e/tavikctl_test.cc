@@ -113,17 +113,6 @@ protected:
         return out;
     }
     static std::string linkText(const std::string& path) { return std::filesystem::read_symlink(path).string(); }
-    // The tree of the backup tests: 10 entries, 7 of them sent with data.
-    void backupTree() {
-        tree_.file("empty", "");
-        tree_.file("two-chunks", std::string(4096, 'a'));
-        tree_.file("odd", std::string(4097, 'b'));
-        for (const char* d : {"sub", "sub/deeper", "sub/empty-dir"}) tree_.dir(d);
-        tree_.file("sub/notes.txt", "some notes\n");
-        tree_.file("sub/deeper/x.c", std::string(10000, 'x'));
-        symlink("/usr/lib", at("sub/lnk").c_str());
-        mkfifo(at("fifo").c_str(), 0644);
-    }
 
     Daemon daemon_;
     Tree scratch_, tree_;
@@ -190,7 +179,15 @@ TEST_F(TavikctlTest, UsrIncludeRoundTripsIdentically) {
 }
 
 TEST_F(TavikctlTest, BackupOptionsRestartPointsOldServersEstimateAndRefusals) {
-    backupTree();
+    // 10 entries, 7 of them sent with data.
+    tree_.file("empty", "");
+    tree_.file("two-chunks", std::string(4096, 'a'));
+    tree_.file("odd", std::string(4097, 'b'));
+    for (const char* d : {"sub", "sub/deeper", "sub/empty-dir"}) tree_.dir(d);
+    tree_.file("sub/notes.txt", "some notes\n");
+    tree_.file("sub/deeper/x.c", std::string(10000, 'x'));
+    symlink("/usr/lib", at("sub/lnk").c_str());
+    mkfifo(at("fifo").c_str(), 0644);
     size_t entries = findCount(tree_.dir());
     Output e = ctl("estimate 127.0.0.1:" + tree_.dir());
     ASSERT_EQ(e.status, 0) << e.err;
