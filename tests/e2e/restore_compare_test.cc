@@ -118,6 +118,7 @@ protected:
 
 TEST_F(RestoreTest, FilesDirectoriesModesOwnersAndTimesComeBackExactlyWhereTheLoginMayWrite) {
     ASSERT_TRUE(startDaemon());
+    rmdir(work_.c_str());
     ASSERT_EQ(beginRestore(3, 3), 4) << client_.lastError();
     // The destination was made by the login's own process.
     EXPECT_EQ(owned(""), std::make_tuple(mode_t(040755), user_.uid(), user_.gid()));
@@ -171,7 +172,6 @@ TEST_F(RestoreTest, FilesDirectoriesModesOwnersAndTimesComeBackExactlyWhereTheLo
 
 TEST_F(RestoreTest, EveryConflictPolicy) {
     ASSERT_TRUE(startDaemon());
-    makeWork();
     writeFile(at("a"), "old a");
     writeFile(at("r"), "r0");
     writeFile(at("r.AS1"), "r1");
@@ -240,7 +240,6 @@ TEST_F(RestoreTest, EveryConflictPolicy) {
 
 TEST_F(RestoreTest, LockedFilesAreAnsweredZAndKept) {
     ASSERT_TRUE(startDaemon());
-    makeWork();
     writeFile(at("mand"), "locked data");
     chmod(at("mand").c_str(), 02644);  // set-group-id without group execute: lock test without -l
     writeFile(at("plain"), "plain data");
@@ -273,7 +272,6 @@ TEST_F(RestoreTest, LockedFilesAreAnsweredZAndKept) {
 
 TEST_F(RestoreTest, HardLinksSymbolicLinksFifosAndDevices) {
     ASSERT_TRUE(startDaemon());
-    makeWork();
     writeFile(at("existing"), "replaced by a link");
     ASSERT_EQ(beginRestore(), 4);
     RestoreDriver r(client_);
@@ -331,7 +329,6 @@ TEST_F(RestoreTest, HardLinksSymbolicLinksFifosAndDevices) {
 
 TEST_F(RestoreTest, BadCommandsAreRefusedAndAbortEndsTheJob) {
     ASSERT_TRUE(startDaemon());
-    makeWork();
     writeFile(at("keep"), "keep me");
     ASSERT_EQ(beginRestore(1), 4);
     RestoreDriver r(client_);
@@ -404,7 +401,6 @@ TEST_F(RestoreTest, BrokenStreamsEndTheJobAndAnsweredFilesStayIntact) {
 
 TEST_F(RestoreTest, AFullFileSystemAnswersDAndEndsTheJob) {
     ASSERT_TRUE(startDaemon());
-    makeWork();
     if (mount("tavik-test", work_.c_str(), "tmpfs", 0, "size=256k,mode=0755") != 0) {
         GTEST_SKIP() << "mounting a tmpfs is not permitted here: " << std::strerror(errno);
     }
@@ -440,10 +436,6 @@ using Verdicts = std::pair<int, int>;
 
 class CompareTest : public LoginJobTest {
 protected:
-    void SetUp() override {
-        LoginJobTest::SetUp();
-        if (!IsSkipped() && !HasFailure()) makeWork();
-    }
     // Request, options (two lock attempts a second apart, divided by the
     // time divisor), grooming, start: the answer to the request.
     int beginCompare(uint8_t flags = 0, uint16_t ack = 0, const std::vector<uint8_t>& groom = {}, uint8_t follow = 0) {

@@ -139,13 +139,15 @@ private:
 };
 
 // Jobs as a test login on a daemon whose time-outs are divided by 1000;
-// `work_` is a directory in the login's home (made by makeWork()).
+// `work_` is a directory of the login's in its home.
 class LoginJobTest : public ::testing::Test {
 protected:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "needs root: creates a test login, device nodes and owners";
         ASSERT_TRUE(user_.ok());
         work_ = user_.home() + "/work";
+        mkdir(work_.c_str(), 0755);
+        chown(work_.c_str(), user_.uid(), user_.gid());
     }
     bool startDaemon(const std::vector<std::string>& args = {"-v"}) { return daemon_.start(args); }
     // A request of the login for `root` (password checked even from an
@@ -169,10 +171,6 @@ protected:
         if (!options.empty() && client_.option(options) != 4) return frontend::kNoAnswer;
         if (!groom.empty() && client_.grooming(groom, std::array<uint8_t, 63>{}) != 4) return frontend::kNoAnswer;
         return client_.start(ack) ? 4 : frontend::kNoAnswer;
-    }
-    void makeWork() {
-        mkdir(work_.c_str(), 0755);
-        chown(work_.c_str(), user_.uid(), user_.gid());
     }
     std::string at(const std::string& rel) const { return work_ + "/" + rel; }
     // After the last answer the job process ends and closes the connection.
