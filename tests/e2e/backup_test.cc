@@ -619,13 +619,12 @@ TEST_F(BackupFlowTest, TapeChangeStallPutsTheBackupProcessToSleepAndWakesIt) {
 }
 
 TEST_F(BackupFlowTest, SeveralBackupsAtOnceReassembleExactly) {
-    std::vector<std::unique_ptr<Tree>> trees;
+    std::array<Tree, 3> trees;
     auto content = [](int t, int i) { return pattern(3000 * size_t(i) + size_t(t), unsigned(t * 10 + i)); };
     for (int t = 0; t < 3; ++t) {
-        trees.push_back(std::make_unique<Tree>());
-        for (int i = 0; i < 8; ++i) trees[t]->file("f" + std::to_string(i), content(t, i));
-        trees[t]->dir("sub");
-        trees[t]->file("sub/g", pattern(70000, unsigned(t)));
+        for (int i = 0; i < 8; ++i) trees[t].file("f" + std::to_string(i), content(t, i));
+        trees[t].dir("sub");
+        trees[t].file("sub/g", pattern(70000, unsigned(t)));
     }
     // A ring of ten slots that fills often, with the bounded full-ring wait.
     ASSERT_TRUE(start({"-v", "-S", "-m", "10", "-c", "5"}));
@@ -634,7 +633,7 @@ TEST_F(BackupFlowTest, SeveralBackupsAtOnceReassembleExactly) {
     for (int t = 0; t < 3; ++t) {
         jobs.emplace_back([&, t] {
             // No acknowledgements, every packet, every second.
-            auto reader = begin({.root = trees[t]->root(), .ackInterval = uint16_t(t)});
+            auto reader = begin({.root = trees[t].root(), .ackInterval = uint16_t(t)});
             if (!reader) return;
             EXPECT_TRUE(reader->readUntilEnd()) << reader->error();
             got[t] = reader->files();

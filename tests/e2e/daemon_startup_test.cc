@@ -79,8 +79,7 @@ TEST(DaemonStartup, BannerStartLinePidFileModesAndSigterm) {
 TEST(DaemonStartup, ConfirmationLinesInOrderAndMarkerFile) {
     Daemon d;
     ASSERT_TRUE(d.start({"-b", "500", "-m", "9", "-s", "4095", "-s", "nonblocking", "-f", "-n", "-l", "-t", "-a",
-                         "257", "-S", "-r", "20", "-R", "1001", "-e", "-c", "5"}))
-        << d.launcher().output;
+                         "257", "-S", "-r", "20", "-R", "1001", "-e", "-c", "5"})) << d.launcher().output;
     std::vector<std::string> expected = {
         "* I/O buffer size:2048 bytes",
         "* Number of I/O buffer allocated:100",
@@ -128,8 +127,7 @@ TEST(DaemonStartup, BadOptionsPortsAndASecondDaemonOnThePort) {
     Daemon second;
     r = second.launch({"-p", std::to_string(first.port())});
     EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(has(r.output, "(udpOpen) Failed to bind socket address (Address already in use)"))
-        << r.output;
+    EXPECT_TRUE(has(r.output, "(udpOpen) Failed to bind socket address (Address already in use)")) << r.output;
     log = readFile(second.logPath());
     EXPECT_TRUE(has(log, "(udpOpen) Failed to bind socket address"));
     EXPECT_FALSE(has(log, "Tavik stopped"));
