@@ -320,10 +320,9 @@ TEST_F(BackupStreamTest, EveryEntryKindInStreamOrder) {
             EXPECT_EQ(std::make_pair(p.size(), p.mode() & 0xF000), sizeAndType[p.name()]) << p.name();
         }
     }
-    auto files = reader->files();
-    EXPECT_EQ(files["big"], big);
-    EXPECT_EQ(files["link"], "target-text");
-    EXPECT_EQ(files["sub/inner"], "abc");
+    EXPECT_EQ(reader->files(), (std::map<std::string, std::string>{{"empty", ""}, {"small", "hello"}, {"big", big},
+                                                                   {"link", "target-text"}, {"fifo", ""},
+                                                                   {"chardev", ""}, {"sub/inner", "abc"}}));
     EXPECT_TRUE(daemon_.waitForLog("Workstation Backup Ended"));
     EXPECT_TRUE(daemon_.waitForLog("SO_SNDBUF = "));
 }
