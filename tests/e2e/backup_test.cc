@@ -681,18 +681,14 @@ TEST_F(BackupFaultTest, KilledSenderEndsTheBackupProcess) {
     ASSERT_TRUE(start());
     auto reader = begin({});  // and never read
     ASSERT_TRUE(reader);
-    auto childrenOf = [](pid_t pid) {
-        std::ifstream in("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children");
-        std::vector<pid_t> out;
-        for (pid_t child; in >> child;) out.push_back(child);
-        return out;
+    // The sender is the job process's child, the daemon's only grandchild.
+    auto firstChild = [](pid_t pid) {
+        pid_t child = -1;
+        std::ifstream("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children") >> child;
+        return child;
     };
     pid_t sender = -1;
-    for (int i = 0; i < 250 && sender < 0; ++i) {
-        for (pid_t job : childrenOf(daemon_.pid()))
-            for (pid_t c : childrenOf(job)) sender = c;
-        if (sender < 0) usleep(20000);
-    }
+    for (int i = 0; i < 250 && sender <= 0; ++i, usleep(20000)) sender = firstChild(firstChild(daemon_.pid()));
     ASSERT_GT(sender, 0);
     kill(sender, SIGKILL);
     EXPECT_TRUE(daemon_.waitForLog("(cleanup) Child process (" + std::to_string(sender) + ") died"));
