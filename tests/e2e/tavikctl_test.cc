@@ -273,7 +273,7 @@ TEST_F(TavikctlCompare, UnchangedAndRestoredTreesAreIdenticalChangesAreNamedInWo
     EXPECT_EQ(r.out, "4 identical, 0 different, 0 unreadable\n");
 
     // Differences are named in words.
-    tree_.file("a.txt", "ALPHA\n");  // same size, other contents
+    tree_.file("a.txt", "ALPHA\n", 0644, statOf(at("a.txt")).st_mtime);  // same size and time, other contents
     ASSERT_EQ(chmod(at("sub/c.txt").c_str(), 0600), 0);
     ASSERT_EQ(unlink(at("sub/b.txt").c_str()), 0);
     r = compare();
