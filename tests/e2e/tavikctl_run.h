@@ -3,14 +3,11 @@
 // TAVIK_PASSWORD; agents in single-user mode do not check it).
 #pragma once
 
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-
 #include "e2e/daemon_fixture.h"
+
+#ifndef TAVIKCTL_PATH
+#error "TAVIKCTL_PATH must name the built tavikctl"
+#endif
 
 namespace tavik::test {
 
@@ -21,22 +18,11 @@ struct Output {
 };
 
 inline Output tavikctl(const std::string& args, const std::string& password = "unused") {
-    Output o;
-    char errPath[] = "/tmp/tavik-e2e-err-XXXXXX";
-    int fd = mkstemp(errPath);
-    if (fd < 0) return o;
-    close(fd);
-    std::string command = "TAVIK_PASSWORD='" + password + "' " + TAVIKCTL_PATH + " " + args + " 2>" + errPath;
-    FILE* p = popen(command.c_str(), "r");
-    if (!p) return o;
-    char buf[65536];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) o.out.append(buf, n);
-    int status = pclose(p);
-    o.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    o.err = readFile(errPath);
-    unlink(errPath);
-    return o;
+    Tree scratch;
+    std::string command = "TAVIK_PASSWORD='" + password + "' " TAVIKCTL_PATH " " + args + " >" + scratch.path("out") +
+                          " 2>" + scratch.path("err");
+    int status = std::system(command.c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(scratch.path("out")), readFile(scratch.path("err"))};
 }
 
 }  // namespace tavik::test

@@ -1,0 +1,830 @@
+// Restore and compare jobs on a real daemon, as a test login: the front-end's
+// job client sends the restore command stream (MKDIR, OPENFILE, MOF, ENDF,
+// UNLINK, END, ABORT) built with the restore record encoder and reads each
+// answer.
+// RestoreTest: the files the agent makes are checked on disk (content, type,
+// mode, owner, times, inode and device numbers) together with every status
+// byte and the log lines.
+// CompareTest: a backup of a scratch tree is replayed with changes made on
+// disk; every verdict byte, the log lines, the access times and, with
+// grooming, the files left on disk and the grooming report are checked.
+// Names are sent relative to the job's root.
+#include <sys/mount.h>
+#include <sys/sysmacros.h>
+
+#include <cstring>
+#include <filesystem>
+#include <span>
+#include <tuple>
+
+#include "e2e/test_user.h"
+#include "log/ulog.h"
+#include "platform/wire_stat.h"
+#include "restore/restore_record.h"
+
+namespace {
+
+using namespace tavik::test;
+using tavik::frontend::kNoAnswer;
+using tavik::restore::RestoreAttributes;
+namespace fs = std::filesystem;
+namespace restore = tavik::restore;
+namespace frontend = tavik::frontend;
+
+std::vector<uint8_t> encode(const RestoreAttributes& a) { return restore::encodeRestoreAttributes(a); }
+std::span<const uint8_t> bytes(const std::string& s) { return {reinterpret_cast<const uint8_t*>(s.data()), s.size()}; }
+
+// A record for `name`: one link, accessed an hour after `mtime`.
+RestoreAttributes restoreAttrs(const std::string& name, uint32_t mode, uint32_t uid = 0, uint32_t gid = 0,
+                               uint32_t mtime = 1000000000) {
+    return {.mode = mode, .nlink = 1, .uid = uid, .gid = gid, .atime = mtime + 3600, .mtime = mtime, .name = name};
+}
+
+// The server's side of the command stream. With an acknowledgement interval
+// the agent's acknowledgements of MOF packets are read (and checked) as they
+// fall due.
+class RestoreDriver {
+public:
+    explicit RestoreDriver(frontend::JobClient& client, uint16_t ackInterval = 0)
+        : client_(client), ackInterval_(ackInterval) {}
+
+    bool send(int8_t code, std::span<const uint8_t> payload = {}) {
+        return client_.sendRaw(frontend::buildCommand(code, 0, payload));
+    }
+    bool mkdir(const RestoreAttributes& a) { return send(restore::command::kMkdir, encode(a)); }
+    bool openFile(const RestoreAttributes& a) { return send(restore::command::kOpenFile, encode(a)); }
+    // One MOF packet; false also when a due acknowledgement did not come.
+    bool mof(std::span<const uint8_t> data) {
+        if (!send(restore::command::kMof, data)) return false;
+        if (ackInterval_ == 0 || ++mofs_ % ackInterval_ != 0) return true;
+        ++acks_;
+        return client_.readAnswer() == 0;
+    }
+    // ENDF with its data; the file's status byte (0..255) or kNoAnswer.
+    int endf(std::span<const uint8_t> data = {}) { return send(restore::command::kEndf, data) ? status() : kNoAnswer; }
+    // The data in MOF payloads of at most 2048 bytes, the rest with ENDF.
+    int data(const std::string& text) {
+        std::span<const uint8_t> rest = bytes(text);
+        for (; rest.size() > restore::kMaxDataPayload; rest = rest.subspan(restore::kMaxDataPayload))
+            if (!mof(rest.first(restore::kMaxDataPayload))) return kNoAnswer;
+        return endf(rest);
+    }
+    // OPENFILE and the data.
+    int file(const RestoreAttributes& a, const std::string& text = "") {
+        return openFile(a) ? data(text) : kNoAnswer;
+    }
+    int end() { return send(restore::command::kEnd) ? status() : kNoAnswer; }
+    int status() {
+        int answer = client_.readAnswer();
+        return answer == kNoAnswer ? answer : answer & 0xFF;
+    }
+    int acks() const { return acks_; }
+
+private:
+    frontend::JobClient& client_;
+    uint16_t ackInterval_;
+    int mofs_ = 0;
+    int acks_ = 0;
+};
+
+constexpr uint32_t kTime = 1234567890;
+constexpr int kSkipped = 0xCB;
+
+class RestoreTest : public LoginJobTest {
+protected:
+    // Request (into the work directory unless `root` is given), the options
+    // record when given, start: the answer to the request.
+    int beginRestore(uint8_t conflict = 3, uint16_t ack = 0, const std::string& root = "",
+                     const std::vector<uint8_t>& options = {}) {
+        auto f = fields(root.empty() ? work_ : root, 1);
+        f.conflict = conflict;
+        return begin(f, options, ack);
+    }
+    RestoreAttributes file(const std::string& name, uint32_t mode = 0100644, uint32_t mtime = kTime) const {
+        return restoreAttrs(at(name), mode, user_.uid(), user_.gid(), mtime);
+    }
+    mode_t modeOf(const std::string& name) const { return statOf(at(name)).st_mode; }
+    // Mode (with the type), owner and group of `name`.
+    std::tuple<mode_t, uid_t, gid_t> owned(const std::string& name) const {
+        struct stat st = statOf(at(name));
+        return {st.st_mode, st.st_uid, st.st_gid};
+    }
+    // `a` under another name.
+    RestoreAttributes as(RestoreAttributes a, const std::string& name) const {
+        a.name = at(name);
+        return a;
+    }
+};
+
+TEST_F(RestoreTest, FilesDirectoriesModesOwnersAndTimesComeBackExactlyWhereTheLoginMayWrite) {
+    ASSERT_TRUE(startDaemon());
+    rmdir(work_.c_str());
+    ASSERT_EQ(beginRestore(3, 3), 4) << client_.lastError();
+    // The destination was made by the login's own process.
+    EXPECT_EQ(owned(""), std::make_tuple(mode_t(040755), user_.uid(), user_.gid()));
+
+    RestoreDriver r(client_, 3);
+    ASSERT_TRUE(r.mkdir(restoreAttrs(at("sub"), 040750, 4321, 765, kTime)));
+    ASSERT_TRUE(r.mkdir(restoreAttrs(at("sticky"), 041777, user_.uid(), user_.gid())));
+    ASSERT_TRUE(r.mkdir(restoreAttrs(at("sub"), 040700, 0, 0)));  // exists: nothing happens
+    std::string big = pattern(20000, 1);
+    EXPECT_EQ(r.file(restoreAttrs(at("sub/big"), 0100640, 4321, 765, kTime), big), 0);
+    EXPECT_EQ(r.file(file("empty", 0100600, kTime - 5)), 0);
+    EXPECT_EQ(r.file(file("suid", 0104755), "#!/bin/sh\n"), 0);
+    EXPECT_EQ(r.file(file("sgid", 0102711), "x"), 0);
+    EXPECT_EQ(r.file(file("batch", 0100644), pattern(4296, 2)), 0);
+    EXPECT_EQ(r.file(file("deep/er/leaf", 0100444), "leaf"), 0);
+    EXPECT_EQ(r.acks(), 3);  // 9 + 2 MOF packets, every third acknowledged
+    EXPECT_EQ(r.end(), 3);
+    EXPECT_TRUE(agentCloses());
+
+    EXPECT_EQ(owned("sub"), std::make_tuple(mode_t(040750), 4321u, 765u));
+    EXPECT_EQ(modeOf("sticky"), mode_t(041777));
+    struct stat st = statOf(at("sub/big"));  // before reading it changes the access time
+    EXPECT_EQ(readFile(at("sub/big")), big);
+    EXPECT_EQ(owned("sub/big"), std::make_tuple(mode_t(0100640), 4321u, 765u));
+    EXPECT_EQ(st.st_mtime, time_t(kTime));
+    EXPECT_EQ(st.st_atime, time_t(kTime + 3600));
+    EXPECT_EQ(statOf(at("empty")).st_size, 0);
+    EXPECT_EQ(statOf(at("empty")).st_mtime, time_t(kTime - 5));
+    EXPECT_EQ(owned("suid"), std::make_tuple(mode_t(0104755), user_.uid(), user_.gid()));
+    EXPECT_EQ(modeOf("sgid"), mode_t(0102711));
+    EXPECT_EQ(readFile(at("batch")), pattern(4296, 2));
+    // Missing parents: 0755, owned by the login.
+    EXPECT_EQ(owned("deep/er"), std::make_tuple(mode_t(040755), user_.uid(), user_.gid()));
+    EXPECT_EQ(readFile(at("deep/er/leaf")), "leaf");
+
+    EXPECT_TRUE(daemon_.waitForLog("Received disconnect from localhost"));
+    EXPECT_TRUE(logHas("Start Restore Job From localhost(" + user_.name() + "), Destination = " + work_));
+    EXPECT_TRUE(logHas("SO_RCVBUF = "));
+    EXPECT_TRUE(logHas(" - Workstation Restore Completed"));
+
+    // A destination the login cannot make, or not write: 105.
+    Tree rootOnly;
+    EXPECT_EQ(beginRestore(3, 0, rootOnly.path("dest")), 105);
+    EXPECT_TRUE(daemon_.waitForLog("(make_path) Failed to make directory <" + rootOnly.path("dest") +
+                                   "> (Permission denied)"));
+    EXPECT_TRUE(daemon_.waitForLog("(make_dir) Failed to create restore directory " + rootOnly.path("dest")));
+    EXPECT_EQ(beginRestore(3, 0, rootOnly.dir()), 105);  // exists, but the login may not write it
+    EXPECT_TRUE(
+        daemon_.waitForLog("(make_dir) Failed to Access Directory [" + rootOnly.root() + "] (Permission denied)"));
+}
+
+TEST_F(RestoreTest, EveryConflictPolicy) {
+    ASSERT_TRUE(startDaemon());
+    writeFile(at("a"), "old a");
+    writeFile(at("r"), "r0");
+    writeFile(at("r.AS1"), "r1");
+    writeFile(at("n.AS9"), "n9");
+    writeFile(at("same"), "same", kTime);
+    writeFile(at("older"), "older", kTime - 1);
+    writeFile(at("newer"), "newer", kTime + 1);
+    mkdir(at("d").c_str(), 0700);
+    // Real directories so that an existing name is 1021 bytes long: its
+    // ".AS1" would need 1025 bytes with the NUL.
+    std::string dir = work_;
+    while (dir.size() + 1 + 200 + 30 < 1021) {
+        dir += "/" + std::string(200, 'q');
+        ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+    }
+    std::string longName = dir + "/" + std::string(1021 - dir.size() - 1, 'f');
+    ASSERT_EQ(longName.size(), 1021u);
+    writeFile(longName, "keep");
+
+    std::string longRel = longName.substr(work_.size() + 1);
+
+    // Per policy: the files sent (name, data, answer), then what is on disk;
+    // "a" is "old a" (mode 0644) before each job.
+    struct Sent {
+        std::string name, data;
+        int answer;
+    };
+    struct Policy {
+        const char* what;
+        uint8_t conflict;
+        std::vector<Sent> sent;
+        std::map<std::string, std::string> after;
+    };
+    const std::vector<Sent> overwrite = {{"a", "new a", 0}, {"d", "x", 'j'}};
+    const Policy policies[] = {
+        {"skip: the data is discarded, 0xCB at ENDF; free names are restored, a directory is in the way", 1,
+         {{"a", pattern(9000, 3), kSkipped}, {"fresh", "fresh", 0}, {"d", "x", 'j'}},
+         {{"a", "old a"}, {"fresh", "fresh"}}},
+        {"newer: only files older on disk are replaced; equal times are kept", 4,
+         {{"same", "new", kSkipped}, {"newer", "new", kSkipped}, {"older", "new", 0}},
+         {{"same", "same"}, {"newer", "newer"}, {"older", "new"}}},
+        {"rename: the chain climbs to the first free name; a name that would not fit is refused", 2,
+         {{"r", "r2", 0}, {"n.AS9", "n10", 0}, {"d", "x", 'j'}, {longRel, "new", 'j'}},
+         {{"r", "r0"}, {"r.AS1", "r1"}, {"r.AS2", "r2"}, {"n.AS10", "n10"}, {longRel, "keep"}}},
+        {"overwrite", 3, overwrite, {{"a", "new a"}}},
+        {"an unknown policy overwrites", 0, overwrite, {{"a", "new a"}}},
+        {"5 is taken as 3", 5, overwrite, {{"a", "new a"}}},
+    };
+    for (const Policy& p : policies) {
+        SCOPED_TRACE(p.what);
+        writeFile(at("a"), "old a");
+        chmod(at("a").c_str(), 0644);
+        ASSERT_EQ(beginRestore(p.conflict), 4);
+        RestoreDriver r(client_);
+        for (const Sent& f : p.sent) EXPECT_EQ(r.file(file(f.name, 0100604), f.data), f.answer) << f.name;
+        EXPECT_EQ(r.end(), 3);
+        for (const auto& [name, data] : p.after) EXPECT_EQ(readFile(at(name)), data) << name;
+        // An overwritten "a" has the record's mode.
+        EXPECT_EQ(modeOf("a"), mode_t(p.after.count("a") && p.after.at("a") == "new a" ? 0100604 : 0100644));
+    }
+    EXPECT_EQ(statOf(at("r.AS2")).st_mtime, time_t(kTime));
+    EXPECT_TRUE(logHas("(File name too long)"));
+    EXPECT_TRUE(S_ISDIR(modeOf("d")));
+    EXPECT_TRUE(logHas("(ws_restore[OPENFILE]) Cannot create <" + at("d") + ">, same name directory exists"));
+}
+
+TEST_F(RestoreTest, LockedFilesAreAnsweredZAndKept) {
+    ASSERT_TRUE(startDaemon());
+    writeFile(at("mand"), "locked data");
+    chmod(at("mand").c_str(), 02644);  // set-group-id without group execute: lock test without -l
+    writeFile(at("plain"), "plain data");
+    int fd = holdLock(at("mand"));
+    ASSERT_GE(fd, 0);
+    // Two attempts, one second apart (divided by the time divisor).
+    ASSERT_EQ(beginRestore(3, 0, "", optionsRecord(2, 1)), 4);
+    RestoreDriver r(client_);
+    EXPECT_EQ(r.file(file("mand"), "replacement"), 'z');
+    EXPECT_EQ(readFile(at("mand")), "locked data");
+    EXPECT_EQ(r.file(file("plain"), "new plain"), 0);  // no lock test for a plain file without -l
+    close(fd);                                          // the lock goes
+    EXPECT_EQ(r.file(file("mand"), "replacement"), 0);
+    EXPECT_EQ(r.end(), 3);
+    EXPECT_EQ(readFile(at("mand")), "replacement");
+    EXPECT_TRUE(logHas("(ws_restore[OPENFILE]) File " + at("mand") + " is locked by another process"));
+
+    // With -l every regular file is tested, a read lock is enough.
+    daemon_.stop();
+    ASSERT_TRUE(startDaemon({"-v", "-l"}));
+    fd = holdLock(at("plain"), F_RDLCK);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(beginRestore(3, 0, "", optionsRecord(1, 0)), 4);
+    RestoreDriver l(client_);
+    EXPECT_EQ(l.file(file("plain"), "new"), 'z');
+    EXPECT_EQ(l.end(), 3);
+    close(fd);
+    EXPECT_EQ(readFile(at("plain")), "new plain");
+}
+
+TEST_F(RestoreTest, HardLinksSymbolicLinksFifosAndDevices) {
+    ASSERT_TRUE(startDaemon());
+    writeFile(at("existing"), "replaced by a link");
+    ASSERT_EQ(beginRestore(), 4);
+    RestoreDriver r(client_);
+    // The second name of an inode becomes a hard link.
+    RestoreAttributes first = file("h1", 0100640);
+    first.nlink = 3;
+    first.dev = 0x00400003;
+    first.ino = 77;
+    EXPECT_EQ(r.file(first, "first data"), 0);
+    EXPECT_EQ(r.file(as(first, "h2"), "second data is discarded"), 0);
+    EXPECT_EQ(r.file(as(first, "new/dir/h3"), ""), 0);  // parents are made for a link too
+    RestoreAttributes otherDevice = as(first, "h4");
+    otherDevice.dev = 9;
+    EXPECT_EQ(r.file(otherDevice, "another file"), 0);
+    // Symbolic links are made at ENDF, with missing parents.
+    EXPECT_EQ(r.file(restoreAttrs(at("links/sub/ln"), 0120777, 4321, 765), "../../target file"), 0);
+    EXPECT_EQ(r.file(restoreAttrs(at("existing"), 0120777, 4321, 765), "elsewhere"), 0);  // overwritten
+    // Special files, and raw data written into a device.
+    EXPECT_EQ(r.file(file("fifo", 010640)), 0);
+    RestoreAttributes null = file("null", 020666);
+    null.rdev = tavik::platform::encodeDev32(makedev(1, 3));
+    EXPECT_EQ(r.file(null), 0);
+    RestoreAttributes block = file("sub/loop", 060660);
+    block.rdev = tavik::platform::encodeDev32(makedev(7, 200));
+    EXPECT_EQ(r.file(block), 0);
+    RestoreAttributes raw = as(null, "rawnull");
+    raw.size = 5000;
+    EXPECT_EQ(r.file(raw, pattern(5000, 4)), 0);
+    EXPECT_EQ(r.end(), 3);
+
+    struct stat a = statOf(at("h1")), b = statOf(at("h2")), c = statOf(at("new/dir/h3")), d = statOf(at("h4"));
+    EXPECT_EQ(a.st_ino, b.st_ino);
+    EXPECT_EQ(a.st_ino, c.st_ino);
+    EXPECT_NE(a.st_ino, d.st_ino);
+    EXPECT_EQ(a.st_nlink, 3u);
+    EXPECT_EQ(readFile(at("h2")), "first data");
+    EXPECT_EQ(readFile(at("h4")), "another file");
+    EXPECT_EQ(b.st_mtime, time_t(kTime));
+
+    EXPECT_EQ(fs::read_symlink(at("links/sub/ln")), "../../target file");
+    EXPECT_EQ(owned("links/sub/ln"), std::make_tuple(mode_t(0120777), 4321u, 765u));
+    EXPECT_EQ(statOf(at("links/sub")).st_uid, user_.uid());
+    EXPECT_TRUE(S_ISLNK(modeOf("existing")));
+
+    EXPECT_EQ(owned("fifo"), std::make_tuple(mode_t(010640), user_.uid(), user_.gid()));
+    struct stat n = statOf(at("null"));
+    EXPECT_TRUE(S_ISCHR(n.st_mode));
+    EXPECT_EQ(n.st_rdev, makedev(1, 3));
+    EXPECT_EQ(n.st_mtime, time_t(kTime));
+    struct stat blk = statOf(at("sub/loop"));
+    EXPECT_TRUE(S_ISBLK(blk.st_mode));
+    EXPECT_EQ(blk.st_rdev, makedev(7, 200));
+    EXPECT_TRUE(S_ISCHR(modeOf("rawnull")));
+}
+
+TEST_F(RestoreTest, BadCommandsAreRefusedAndAbortEndsTheJob) {
+    ASSERT_TRUE(startDaemon());
+    writeFile(at("keep"), "keep me");
+    ASSERT_EQ(beginRestore(1), 4);
+    RestoreDriver r(client_);
+    // A name of 1024 bytes has no room for its NUL: 'j', its data dropped.
+    std::vector<uint8_t> record = encode(file("x"));
+    record.resize(48);
+    record.insert(record.end(), 1100, 'a');
+    ASSERT_TRUE(r.send(tavik::restore::command::kOpenFile, record));
+    ASSERT_TRUE(r.mof(std::vector<uint8_t>(2048, 'z')));
+    EXPECT_EQ(r.endf(std::vector<uint8_t>(10, 'z')), 'j');
+    ASSERT_TRUE(r.send(tavik::restore::command::kMkdir, record));  // logged, not answered
+    // Unknown commands are logged and ignored.
+    ASSERT_TRUE(r.send(63));
+    ASSERT_TRUE(r.send(static_cast<int8_t>(200), std::vector<uint8_t>(16, 1)));
+    EXPECT_EQ(r.endf(), 'j');  // ENDF with no file
+    // UNLINK after a skipped file does not remove the file the policy kept;
+    // after a restored file it removes it.
+    EXPECT_EQ(r.file(file("keep"), "other"), kSkipped);
+    ASSERT_TRUE(r.send(tavik::restore::command::kUnlink));
+    EXPECT_EQ(r.file(file("gone"), "data"), 0);
+    ASSERT_TRUE(r.send(tavik::restore::command::kUnlink));
+    EXPECT_EQ(r.file(file("after"), "after"), 0);
+    // ABORT ends the job without an answer.
+    ASSERT_TRUE(r.send(tavik::restore::command::kAbort));
+    EXPECT_TRUE(agentCloses());
+    EXPECT_TRUE(daemon_.waitForLog("Received disconnect from localhost"));
+    EXPECT_EQ(readFile(at("keep")), "keep me");
+    EXPECT_EQ(readFile(at("after")), "after");
+    EXPECT_EQ(modeOf("gone"), 0u);
+    for (const char* line : {"(ws_restore[OPENFILE]) Failed to create aaaaaaaaaa", "(File name too long)",
+                             "(ws_restore[MKDIR]) Failed to make directory <aaaaaaaaaa",
+                             "(ws_restore) Unknown command: 3f", "(ws_restore) Unknown command: ffffffc8",
+                             "(ws_restore[ABORT]) Job aborted by front-end"}) {
+        EXPECT_TRUE(logHas(line)) << line;
+    }
+}
+
+// An oversized payload or a cut connection in the middle of a file ends the
+// job; files answered before stay intact and the partial file never gets the
+// finished file's attributes.
+TEST_F(RestoreTest, BrokenStreamsEndTheJobAndAnsweredFilesStayIntact) {
+    ASSERT_TRUE(startDaemon());
+    size_t ended = 0;
+    for (bool oversized : {true, false}) {
+        SCOPED_TRACE(oversized ? "oversized MOF" : "connection cut");
+        std::string done = pattern(7000, oversized ? 5 : 6);
+        std::string name = oversized ? "oversized" : "cut";
+        ASSERT_EQ(beginRestore(), 4);
+        RestoreDriver r(client_);
+        EXPECT_EQ(r.file(file(name + "-done", 0100755), done), 0);
+        ASSERT_TRUE(r.openFile(file(name + "-partial", 0100755)));
+        for (int i = 0; i < 3; ++i) ASSERT_TRUE(r.mof(std::vector<uint8_t>(2048, 'p')));
+        if (oversized) {
+            ASSERT_TRUE(r.send(tavik::restore::command::kMof, std::vector<uint8_t>(2049, 'p')));
+            EXPECT_TRUE(agentCloses());
+        } else {
+            client_.close();
+        }
+        EXPECT_TRUE(daemon_.waitForLog("Cannot Receive disconnect from localhost", ++ended));
+        EXPECT_EQ(readFile(at(name + "-done")), done);
+        EXPECT_EQ(modeOf(name + "-done"), mode_t(0100755));
+        EXPECT_EQ(statOf(at(name + "-done")).st_mtime, time_t(kTime));
+        struct stat p = statOf(at(name + "-partial"));
+        EXPECT_EQ(p.st_size, 6144);  // the batch written at the third packet
+        EXPECT_EQ(p.st_mode, mode_t(0100600));
+        EXPECT_NE(p.st_mtime, time_t(kTime));
+    }
+    EXPECT_TRUE(logHas("(GetReply) Failed to Receive Data Packet"));
+}
+
+TEST_F(RestoreTest, AFullFileSystemAnswersDAndEndsTheJob) {
+    ASSERT_TRUE(startDaemon());
+    if (mount("tavik-test", work_.c_str(), "tmpfs", 0, "size=256k,mode=0755") != 0) {
+        GTEST_SKIP() << "mounting a tmpfs is not permitted here: " << std::strerror(errno);
+    }
+    chown(work_.c_str(), user_.uid(), user_.gid());
+    struct Unmount {
+        std::string path;
+        ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
+    } unmount{work_};
+
+    ASSERT_EQ(beginRestore(), 4);
+    RestoreDriver r(client_);
+    std::string small = pattern(3000, 6), medium = pattern(50000, 7);
+    EXPECT_EQ(r.file(file("small", 0100640), small), 0);
+    EXPECT_EQ(r.file(file("medium", 0100640), medium), 0);
+    EXPECT_EQ(r.file(file("huge", 0100640), pattern(600000, 8)), 'd');
+    EXPECT_TRUE(agentCloses());
+    EXPECT_TRUE(daemon_.waitForLog("Received disconnect from localhost"));
+    EXPECT_TRUE(logHas("(ws_restore[MOF]) Failed in writing file <" + at("huge") + "> (No space left on device)"));
+    EXPECT_EQ(readFile(at("small")), small);
+    EXPECT_EQ(readFile(at("medium")), medium);
+    EXPECT_EQ(modeOf("medium"), mode_t(0100640));
+    EXPECT_EQ(statOf(at("medium")).st_mtime, time_t(kTime));
+    EXPECT_EQ(modeOf("huge"), mode_t(0100600));
+}
+
+constexpr time_t kOld = 631152000;  // 1990-01-01
+constexpr time_t kBackupTime = 1600000000;
+constexpr uint8_t kDetailed = 0x80;
+constexpr uint8_t kNoAccessReset = 0x08;
+
+// The answers of one file: after OPENFILE and after ENDF.
+using Verdicts = std::pair<int, int>;
+
+class CompareTest : public LoginJobTest {
+protected:
+    // Request, options (two lock attempts a second apart, divided by the
+    // time divisor), grooming, start: the answer to the request.
+    int beginCompare(uint8_t flags = 0, uint16_t ack = 0, const std::vector<uint8_t>& groom = {}, uint8_t follow = 0) {
+        auto f = fields(work_, 2);
+        f.follow = follow;
+        return begin(f, optionsRecord(2, 1, flags), ack, groom);
+    }
+    // A file of the login's with `content`, accessed 100 s before `mtime`.
+    void makeFile(const std::string& rel, const std::string& content, mode_t mode = 0644, time_t mtime = kBackupTime) {
+        std::ofstream(at(rel), std::ios::binary) << content;
+        chown(at(rel).c_str(), user_.uid(), user_.gid());
+        chmod(at(rel).c_str(), mode);
+        setTimes(at(rel), mtime - 100, mtime);
+    }
+    void makeDir(const std::string& rel) {
+        mkdir(at(rel).c_str(), 0755);
+        chown(at(rel).c_str(), user_.uid(), user_.gid());
+    }
+    // What a backup of the object on disk says now, under its relative name
+    // (or `as`).
+    RestoreAttributes tapeOf(const std::string& rel, const std::string& as = "") const {
+        using namespace tavik::platform;
+        struct stat st = statOf(rel.empty() ? work_ : at(rel));
+        return {.dev = encodeDev32(st.st_dev), .ino = uint32_t(st.st_ino), .mode = st.st_mode,
+                .nlink = uint32_t(st.st_nlink), .uid = st.st_uid, .gid = st.st_gid, .rdev = encodeDev32(st.st_rdev),
+                .atime = wireTime(st.st_atime), .mtime = wireTime(st.st_mtime), .size = wireSize(st.st_size),
+                .name = as.empty() ? rel : as};
+    }
+    // OPENFILE, its answer, the data.
+    Verdicts compareFile(RestoreDriver& r, const RestoreAttributes& a, const std::string& data = "") {
+        if (!r.openFile(a)) return {kNoAnswer, kNoAnswer};
+        int open = r.status();
+        return {open, r.data(data)};
+    }
+    int compareDir(RestoreDriver& r, const RestoreAttributes& a) { return r.mkdir(a) ? r.status() : kNoAnswer; }
+    // END, then the grooming report: code 14, the 16-byte count, the work
+    // file in MOF packets of 2048 bytes and a shorter ENDF; then the end
+    // answer (3) and the close. The work file's text.
+    std::string endWithGrooming(RestoreDriver& r, const std::string& count) {
+        EXPECT_TRUE(r.send(tavik::restore::command::kEnd));
+        EXPECT_EQ(client_.readAnswer(), 14);
+        std::array<uint8_t, 16> text{};
+        EXPECT_TRUE(client_.recvRaw(text));
+        EXPECT_EQ(std::string(text.begin(), text.end()), count + std::string(16 - count.size(), '\0'));
+        std::string work;
+        for (int code = 7, packets = 0; code == 7 && packets < 1000; ++packets) {
+            std::array<uint8_t, 8> h{};
+            if (!client_.recvRaw(h)) break;
+            code = h[2];
+            std::string data(tavik::wire::loadLe16(&h[6]), '\0');
+            if (!data.empty() && !client_.recvRaw({reinterpret_cast<uint8_t*>(data.data()), data.size()})) break;
+            EXPECT_TRUE(code == 7 ? data.size() == 2048 : code == 8 && data.size() < 2048)
+                << code << " " << data.size();
+            work += data;
+        }
+        EXPECT_EQ(r.status(), 3);
+        EXPECT_TRUE(agentCloses());
+        return work;
+    }
+};
+
+TEST_F(CompareTest, AnUnchangedTreeIsIdenticalEverywhereAndKeepsItsAccessTimes) {
+    ASSERT_TRUE(startDaemon());
+    makeDir("sub");
+    std::map<std::string, std::string> files = {
+        {"empty", ""},
+        {"small", "small file\n"},
+        {"batch", pattern(4296, 1)},     // exactly one comparison block
+        {"sub/big", pattern(20000, 2)},  // blocks at MOF and a rest at ENDF
+        {"sub/odd", pattern(6000, 3)},
+    };
+    for (const auto& [rel, content] : files) makeFile(rel, content);
+    makeFile("mandatory", "locks tested, none held", 02644);  // the read lock test passes
+    symlink("sub/big", at("link").c_str());
+    lchown(at("link").c_str(), user_.uid(), user_.gid());
+    mkfifo(at("fifo").c_str(), 0600);
+    chown(at("fifo").c_str(), user_.uid(), user_.gid());
+    // Access times before the modification times: a plain read would move them.
+    const time_t atime = kBackupTime - 5000;
+    for (const auto& [rel, content] : files) setTimes(at(rel), atime, kBackupTime, 123456789);
+
+    ASSERT_EQ(beginCompare(0, 3), 4) << client_.lastError();
+    RestoreDriver r(client_, 3);
+    EXPECT_EQ(compareDir(r, tapeOf("")), 0);  // the root itself
+    EXPECT_EQ(compareDir(r, tapeOf("sub")), 0);
+    for (const auto& [rel, content] : files) EXPECT_EQ(compareFile(r, tapeOf(rel), content), (Verdicts{0, 0})) << rel;
+    EXPECT_EQ(compareFile(r, tapeOf("mandatory"), "locks tested, none held"), (Verdicts{0, 0}));
+    EXPECT_EQ(compareFile(r, tapeOf("link"), "sub/big"), (Verdicts{0, 0}));
+    EXPECT_EQ(compareFile(r, tapeOf("fifo")), (Verdicts{0, 0}));
+    EXPECT_EQ(r.acks(), 4);  // 13 MOF packets, every third acknowledged
+    EXPECT_EQ(r.end(), 3);
+    EXPECT_TRUE(agentCloses());
+    for (const auto& [rel, content] : files) {
+        struct stat st = statOf(at(rel));
+        EXPECT_EQ(st.st_atim.tv_sec, atime) << rel;
+        EXPECT_EQ(st.st_atim.tv_nsec, 123456789) << rel;
+        EXPECT_EQ(st.st_mtime, kBackupTime) << rel;
+    }
+    EXPECT_TRUE(daemon_.waitForLog("Received disconnect from localhost"));
+    EXPECT_TRUE(logHas("Start Compare Job From localhost(" + user_.name() + "), Destination = " + work_));
+    EXPECT_TRUE(logHas("SO_RCVBUF = "));
+    EXPECT_TRUE(logHas(" - Workstation Compare Ended"));
+    EXPECT_FALSE(logHas("changed"));
+
+    // Without the access time reset a file read by the job shows its new
+    // access time (where reads update access times at all).
+    setTimes(at("small"), atime, kBackupTime);
+    readFile(at("small"));
+    if (statOf(at("small")).st_atime == atime) GTEST_SKIP() << "reads do not update access times here";
+    setTimes(at("sub/big"), atime, kBackupTime);
+    ASSERT_EQ(beginCompare(kNoAccessReset), 4);
+    RestoreDriver again(client_);
+    EXPECT_EQ(compareFile(again, tapeOf("sub/big"), files["sub/big"]), (Verdicts{0, 0}));
+    EXPECT_EQ(again.end(), 3);
+    EXPECT_GT(statOf(at("sub/big")).st_atime, kBackupTime);
+}
+
+TEST_F(CompareTest, AttributeDifferencesGiveSummaryOrDetailedCodes) {
+    ASSERT_TRUE(startDaemon());
+    makeFile("f", "same contents");
+    makeDir("d");
+    ASSERT_EQ(mknod(at("dev").c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);
+    chown(at("dev").c_str(), user_.uid(), user_.gid());
+    setTimes(at("dev"), kBackupTime, kBackupTime);
+    setTimes(at("d"), kBackupTime, kBackupTime);
+
+    struct Case {
+        const char* what;
+        void (*change)(RestoreAttributes&);
+        uint8_t code;
+    };
+    const Case cases[] = {
+        {"mode", [](RestoreAttributes& a) { a.mode ^= 0044; }, 0xDD},
+        {"links", [](RestoreAttributes& a) { a.nlink += 1; }, 0xDE},
+        {"owner", [](RestoreAttributes& a) { a.uid += 1; }, 0xDF},
+        {"group", [](RestoreAttributes& a) { a.gid += 1; }, 0xE0},
+        {"mtime", [](RestoreAttributes& a) { a.mtime -= 86400; }, 0xE2},
+    };
+    for (bool detailed : {false, true}) {
+        SCOPED_TRACE(detailed ? "detailed codes" : "summary codes");
+        ASSERT_EQ(beginCompare(detailed ? kDetailed : 0), 4);
+        RestoreDriver r(client_);
+        for (const Case& c : cases) {
+            RestoreAttributes file = tapeOf("f");
+            c.change(file);
+            // The contents are still compared when only an attribute differs.
+            EXPECT_EQ(compareFile(r, file, "same contents"), (Verdicts{detailed ? c.code : 0xD6, 0})) << c.what;
+            EXPECT_EQ(compareFile(r, file, "same_contents"), (Verdicts{detailed ? c.code : 0xD6, 0xDA})) << c.what;
+            RestoreAttributes dir = tapeOf("d");
+            c.change(dir);
+            EXPECT_EQ(compareDir(r, dir), detailed ? c.code : 0xD7) << c.what;
+        }
+        RestoreAttributes dev = tapeOf("dev");
+        dev.rdev = tavik::platform::encodeDev32(makedev(1, 5));
+        EXPECT_EQ(compareFile(r, dev), (Verdicts{detailed ? 0xE3 : 0xD6, 0}));
+        // Mode and links both differ: only the first is reported.
+        RestoreAttributes two = tapeOf("f");
+        two.mode = 0100600;
+        two.nlink = 7;
+        EXPECT_EQ(compareFile(r, two, "same contents"), (Verdicts{detailed ? 0xDD : 0xD6, 0}));
+        EXPECT_EQ(r.end(), 3);
+        EXPECT_TRUE(agentCloses());
+    }
+
+    std::string was = tavik::formatLogDate(kBackupTime - 86400), now = tavik::formatLogDate(kBackupTime);
+    std::string mtimes = "modify time is changed (" + was + " -> " + now + ")";
+    std::string o = "(ws_compare[OPENFILE]) File [f] ";
+    std::string m = "(ws_compare[MKDIR]) File [" + work_ + "/d] ";
+    std::string uid = std::to_string(user_.uid()), gid = std::to_string(user_.gid());
+    for (const std::string& line :
+         {o + "mode is changed (0100600 -> 0100644)", o + "number of links is changed (2 -> 1)",
+          o + "user id is changed (" + std::to_string(user_.uid() + 1) + " -> " + uid + ")",
+          o + "group id is changed (" + std::to_string(user_.gid() + 1) + " -> " + gid + ")", o + mtimes,
+          std::string("(ws_compare[OPENFILE]) File [dev] rdev is changed (40005 -> 40003)"),
+          std::string("(ws_compare[ENDF]) File [f] content is changed"), m + "mode is changed (040711 -> 040755)",
+          m + mtimes}) {
+        EXPECT_TRUE(logHas(line)) << line;
+    }
+}
+
+TEST_F(CompareTest, MissingObjectsSizesContentsFollowedLinksAndAbort) {
+    ASSERT_TRUE(startDaemon());
+    makeFile("sized", "twelve bytes");
+    makeFile("big", pattern(20000, 5));
+    makeFile("tail", pattern(5000, 6));
+    makeFile("shrinks", pattern(12000, 7));
+    symlink("target-a", at("link").c_str());
+    symlink("target-a", at("vanishing").c_str());
+
+    ASSERT_EQ(beginCompare(kDetailed), 4);
+    RestoreDriver r(client_);
+    EXPECT_EQ(compareFile(r, tapeOf("sized", "no-such-file"), "twelve bytes"), (Verdicts{0xD2, 0}));
+    EXPECT_EQ(compareDir(r, tapeOf("", "no-such-dir")), 0xD3);
+
+    // Size and mode differ: both are logged, the size answers, no contents.
+    RestoreAttributes sized = tapeOf("sized");
+    sized.size = 11;
+    sized.mode = 0100600;
+    EXPECT_EQ(compareFile(r, sized, "eleven byte"), (Verdicts{0xD5, 0}));
+
+    std::string changed = pattern(20000, 5);
+    changed[5000] ^= 1;  // in the second comparison block, found at a MOF
+    EXPECT_EQ(compareFile(r, tapeOf("big"), changed), (Verdicts{0, 0xDA}));
+    std::string lastByte = pattern(5000, 6);
+    lastByte[4999] ^= 1;  // in the rest compared at ENDF
+    EXPECT_EQ(compareFile(r, tapeOf("tail"), lastByte), (Verdicts{0, 0xDA}));
+    EXPECT_EQ(compareFile(r, tapeOf("big"), pattern(20000, 5)), (Verdicts{0, 0}));
+
+    // Symbolic links: by the target's length and bytes.
+    EXPECT_EQ(compareFile(r, tapeOf("link"), "target-b"), (Verdicts{0, 0xDA}));
+    EXPECT_EQ(compareFile(r, tapeOf("link"), "target-aa"), (Verdicts{0, 0xDA}));
+    EXPECT_EQ(compareFile(r, tapeOf("link"), "target-a"), (Verdicts{0, 0}));
+    // A link that goes away between OPENFILE and ENDF cannot be read.
+    ASSERT_TRUE(r.openFile(tapeOf("vanishing")));
+    EXPECT_EQ(r.status(), 0);
+    unlink(at("vanishing").c_str());
+    EXPECT_EQ(r.endf(bytes("target-a")), 0xD9);
+
+    // A file cut short after OPENFILE: its blocks cannot be read.
+    ASSERT_TRUE(r.openFile(tapeOf("shrinks")));
+    EXPECT_EQ(r.status(), 0);
+    truncate(at("shrinks").c_str(), 100);
+    std::string data = pattern(12000, 7);
+    for (size_t i = 0; i < 10240; i += 2048) ASSERT_TRUE(r.mof(bytes(data).subspan(i, 2048)));
+    EXPECT_EQ(r.endf(bytes(data).subspan(10240)), 0xD8);
+
+    // A character device with raw contents on the tape: not compared.
+    ASSERT_EQ(mknod(at("raw").c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);
+    RestoreAttributes raw = tapeOf("raw");
+    raw.size = 100;
+    EXPECT_EQ(compareFile(r, raw, std::string(100, 'r')), (Verdicts{0, 0}));
+    EXPECT_EQ(r.end(), 3);
+
+    for (const char* line : {
+             "(ws_compare[OPENFILE]) Failed to get the attributes (lstat) of no-such-file (No such file",
+             "(ws_compare[MKDIR]) Failed to get the attributes (stat) of no-such-dir (No such file",
+             "(ws_compare[OPENFILE]) File [sized] mode is changed (0100600 -> 0100644)",
+             "(ws_compare[OPENFILE]) File [sized] size is changed (11 -> 12)",
+             "(ws_compare[MOF]) File [big] content is changed",
+             "(ws_compare[ENDF]) File [tail] content is changed",
+             "(ws_compare[ENDF]) File [link] content is changed",
+             "(ws_compare[ENDF]) Failed to read the contents of the symbolic link file vanishing (No such file",
+             "(ws_compare[MOF]) Failed in reading file [shrinks]",
+         }) {
+        EXPECT_TRUE(logHas(line)) << line;
+    }
+
+    // Links followed at the request's word (the daemon runs without -f):
+    // compared as what they point to; ABORT ends the job without an answer.
+    makeFile("to", pattern(5000, 9));
+    symlink("to", at("followed").c_str());
+    symlink("nowhere", at("gone").c_str());
+    ASSERT_EQ(beginCompare(kDetailed, 0, {}, 1), 4);
+    RestoreDriver f(client_);
+    RestoreAttributes followed = tapeOf("to", "followed");
+    EXPECT_EQ(compareFile(f, followed, pattern(5000, 9)), (Verdicts{0, 0}));
+    // The backup saw a link: type and size differ.
+    EXPECT_EQ(compareFile(f, tapeOf("followed"), "to"), (Verdicts{0xD5, 0}));
+    EXPECT_EQ(compareFile(f, tapeOf("gone"), "nowhere"), (Verdicts{0xD2, 0}));
+    ASSERT_TRUE(f.send(99));  // unknown: logged, no answer
+    EXPECT_EQ(compareFile(f, followed, pattern(5000, 9)), (Verdicts{0, 0}));
+    ASSERT_TRUE(f.send(tavik::restore::command::kAbort));
+    EXPECT_TRUE(agentCloses());
+    EXPECT_TRUE(daemon_.waitForLog("Received disconnect from localhost", 2));
+    for (const char* line : {"* Symbolic links will be followed",
+                             "(ws_compare[OPENFILE]) File [followed] mode is changed (0120777 -> 0100644)",
+                             "(ws_compare[OPENFILE]) Failed to get the attributes (stat) of gone (No such file",
+                             "(ws_compare) Unknown command: 63", "(ws_compare[ABORT]) Job aborted by front-end"}) {
+        EXPECT_TRUE(logHas(line)) << line;
+    }
+    EXPECT_EQ(countOf(daemon_.log(), "Workstation Compare Ended"), 1u);  // the first job's only
+}
+
+TEST_F(CompareTest, UnreadableFilesAndHeldLocks) {
+    ASSERT_TRUE(startDaemon());
+    makeFile("secret", "root only");
+    chown(at("secret").c_str(), 0, 0);
+    chmod(at("secret").c_str(), 0600);
+    makeFile("mand", "locked data", 02644);  // set-group-id without group execute: tested without -l
+    makeFile("plain", "plain data");
+    int fd = holdLock(at("mand"));
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(beginCompare(), 4);
+    RestoreDriver r(client_);
+    EXPECT_EQ(compareFile(r, tapeOf("secret"), "root only"), (Verdicts{0xD4, 0}));
+    EXPECT_EQ(compareFile(r, tapeOf("mand"), "locked data"), (Verdicts{0xDC, 0}));
+    close(fd);
+    // Without the lock the file compares; the test's read lock is given up at
+    // once, so a writer may lock the file while the job still holds it open.
+    ASSERT_TRUE(r.openFile(tapeOf("mand")));
+    EXPECT_EQ(r.status(), 0);
+    fd = holdLock(at("mand"));
+    EXPECT_GE(fd, 0);
+    close(fd);
+    EXPECT_EQ(r.endf(bytes("locked data")), 0);
+    fd = holdLock(at("plain"));  // without -l a plain file's lock is not tested
+    EXPECT_EQ(compareFile(r, tapeOf("plain"), "plain data"), (Verdicts{0, 0}));
+    EXPECT_EQ(r.end(), 3);
+    EXPECT_TRUE(logHas("(ws_compare[OPENFILE]) Failed to open regular file secret (Permission denied)"));
+    EXPECT_TRUE(logHas("(ws_compare[OPENFILE]) File mand is locked by another process"));
+
+    // With -l every regular file's lock is tested.
+    daemon_.stop();
+    ASSERT_TRUE(startDaemon({"-v", "-l"}));
+    ASSERT_EQ(beginCompare(), 4);
+    RestoreDriver l(client_);
+    EXPECT_EQ(compareFile(l, tapeOf("plain"), "plain data"), (Verdicts{0xDC, 0}));
+    close(fd);
+    EXPECT_EQ(compareFile(l, tapeOf("plain"), "plain data"), (Verdicts{0, 0}));
+    EXPECT_EQ(l.end(), 3);
+}
+
+TEST_F(CompareTest, RotationSetGroomingRemovesOnlyOldIdenticalFiles) {
+    ASSERT_TRUE(startDaemon());
+    makeDir("old");
+    makeFile("old/a", "old a", 0644, kOld);
+    makeFile("old/b", pattern(5000, 8), 0644, kOld);
+    makeFile("old/changed", "old but changed", 0644, kOld);
+    makeFile("recent", "recent", 0644, time(nullptr) - 60);
+    makeFile("old/read-lately", "read lately", 0644, kOld);
+    setTimes(at("old/read-lately"), time(nullptr) - 3600, kOld);
+    for (const char* rel : {"old/a", "old/b", "old/changed"}) setTimes(at(rel), kOld, kOld);
+
+    ASSERT_EQ(beginCompare(0, 0, groomingRecord(0x02, 1, "WEEKSET")), 4);
+    RestoreDriver r(client_);
+    EXPECT_EQ(compareDir(r, tapeOf("old")), 0);
+    EXPECT_EQ(compareFile(r, tapeOf("old/a"), "old a"), (Verdicts{0, 0}));
+    EXPECT_EQ(compareFile(r, tapeOf("old/b"), pattern(5000, 8)), (Verdicts{0, 0}));
+    EXPECT_EQ(compareFile(r, tapeOf("old/changed"), "old but chxnged"), (Verdicts{0, 0xDA}));
+    EXPECT_EQ(compareFile(r, tapeOf("recent"), "recent"), (Verdicts{0, 0}));
+    EXPECT_EQ(compareFile(r, tapeOf("old/read-lately"), "read lately"), (Verdicts{0, 0}));
+    std::string work = endWithGrooming(r, "2");
+    EXPECT_FALSE(fs::exists(at("old/a")));
+    EXPECT_FALSE(fs::exists(at("old/b")));
+    for (const char* kept : {"old/changed", "recent", "old/read-lately", "old"})
+        EXPECT_TRUE(fs::exists(at(kept))) << kept;
+    EXPECT_TRUE(has(work, at("old/a")));
+    EXPECT_TRUE(has(work, at("old/b")));
+    EXPECT_FALSE(has(work, "changed"));
+    // The set's copy file has the work file appended, and so on each job.
+    EXPECT_EQ(readFile(daemon_.home() + "LOG/WEEKSET.grm"), work);
+    EXPECT_TRUE(daemon_.waitForLog("Received disconnect from localhost"));
+    EXPECT_TRUE(logHas("Total 2 files were groomed for Helmsman set WEEKSET"));
+    EXPECT_FALSE(logHas("Delete "));
+}
+
+TEST_F(CompareTest, DeletingGroomingRemovesExactlyTheIdenticalUnprotectedFiles) {
+    ASSERT_TRUE(startDaemon());
+    makeDir("d");
+    std::vector<std::string> same;
+    for (unsigned i = 0; i < 5; ++i) {
+        same.push_back("d/f" + std::to_string(i));
+        makeFile(same.back(), pattern(1000 * i + 1, i));
+    }
+    makeFile("changed", "changed");
+    makeFile("mode", "mode");
+    makeDir("keep");
+    makeFile("keep/protected", "protected");
+    symlink("d/f0", at("link").c_str());
+    lchown(at("link").c_str(), user_.uid(), user_.gid());
+    std::ofstream(daemon_.home() + "groom.cntl") << at("keep") << "\n";
+
+    ASSERT_EQ(beginCompare(0, 0, groomingRecord(0x04)), 4);
+    RestoreDriver r(client_);
+    EXPECT_EQ(compareDir(r, tapeOf("")), 0);
+    EXPECT_EQ(compareDir(r, tapeOf("d")), 0);
+    for (unsigned i = 0; i < same.size(); ++i)
+        EXPECT_EQ(compareFile(r, tapeOf(same[i]), pattern(1000 * i + 1, i)), (Verdicts{0, 0}));
+    EXPECT_EQ(compareFile(r, tapeOf("changed"), "chanGed"), (Verdicts{0, 0xDA}));
+    RestoreAttributes mode = tapeOf("mode");
+    mode.mode = 0100600;
+    EXPECT_EQ(compareFile(r, mode, "mode"), (Verdicts{0xD6, 0}));
+    EXPECT_EQ(compareDir(r, tapeOf("keep")), 0);
+    EXPECT_EQ(compareFile(r, tapeOf("keep/protected"), "protected"), (Verdicts{0, 0}));
+    EXPECT_EQ(compareFile(r, tapeOf("link"), "d/f0"), (Verdicts{0, 0}));
+    std::string work = endWithGrooming(r, "6");
+
+    for (const std::string& rel : same) EXPECT_FALSE(fs::exists(at(rel))) << rel;
+    EXPECT_FALSE(fs::is_symlink(at("link")));
+    for (const char* kept : {"changed", "mode", "keep/protected", "d", ""}) EXPECT_TRUE(fs::exists(at(kept))) << kept;
+    EXPECT_TRUE(daemon_.waitForLog("Total 6 files were deleted"));
+    for (const std::string& rel : same) {
+        EXPECT_TRUE(has(work, " " + at(rel) + "\n")) << rel;
+        EXPECT_TRUE(logHas("Delete " + at(rel))) << rel;
+    }
+    EXPECT_TRUE(logHas("Delete " + at("link")));
+    EXPECT_FALSE(logHas("Delete " + at("keep/protected")));
+    EXPECT_FALSE(logHas("Delete " + at("changed")));
+    EXPECT_FALSE(fs::exists(daemon_.home() + "LOG/migrate.log"));
+}
+
+}  // namespace

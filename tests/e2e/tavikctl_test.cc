@@ -1,0 +1,426 @@
+// tavikctl backup, list, estimate, restore and compare against a real daemon
+// in single-user mode: a tree of every kind of entry and a copy of
+// /usr/include backed up, listed, restored and compared entry by entry with
+// their sources; acknowledgements, renewals, restart points and old servers
+// on the way; selection and estimate; conflict policies, partial restores,
+// damaged archives and refused jobs with their exit statuses; compare
+// verdicts in words and deleting grooming after a backup or a compare.
+#include <sys/sysmacros.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <set>
+
+#include "e2e/tavikctl_run.h"
+
+namespace {
+
+using namespace tavik::test;
+
+constexpr time_t kArchived = 1400000000;
+
+// What find(1) would list: `dir` and everything below it.
+size_t findCount(const std::string& dir) {
+    return 1 + size_t(std::distance(std::filesystem::recursive_directory_iterator(dir), {}));
+}
+
+class TavikctlTest : public ::testing::Test {
+protected:
+    // Real time-outs: tavikctl answers as a front-end would, at its own pace.
+    void SetUp() override { ASSERT_TRUE(daemon_.start({"-v", "-S"}, {})); }
+    std::string at(const std::string& rel) const { return tree_.path(rel); }
+    // tavikctl with `args` and the daemon's port.
+    Output ctl(const std::string& args) const { return tavikctl(args + " --port " + std::to_string(daemon_.port())); }
+    Output backup(const std::string& extra = "", const std::string& source = "") const {
+        return ctl("backup 127.0.0.1:" + (source.empty() ? tree_.dir() : source) + " -o " + archive_ + extra);
+    }
+    Output restore(const std::string& extra = "", const std::string& archive = "") const {
+        return ctl("restore " + (archive.empty() ? archive_ : archive) + " 127.0.0.1:" + dest_ + extra);
+    }
+    Output compare(const std::string& extra = "", const std::string& target = "") const {
+        return ctl("compare " + archive_ + " 127.0.0.1:" + (target.empty() ? tree_.dir() : target) + " " + extra);
+    }
+    static Output list(const std::string& archive) { return tavikctl("list --verify " + archive); }
+    // The archive verifies and lists `entries` lines.
+    void expectListed(size_t entries) const {
+        Output l = list(archive_);
+        EXPECT_EQ(l.status, 0) << l.err;
+        EXPECT_EQ(lines(l.out).size(), entries) << l.out;
+    }
+    // Backs `source` up, lists the archive, restores it into dest_ and
+    // compares dest_ with the source entry by entry: listed under its path
+    // (a directory with its "/", a link with its target), type, content,
+    // mode, owner, group, modification time, link target, device number,
+    // link count and which names share an inode. A restore carries no
+    // directory times and no symbolic link's times. Returns the number of
+    // entries compared; each difference is a failure (the first 20 shown).
+    size_t roundTrip(const std::string& source) {
+        Output b = backup("", source);
+        EXPECT_EQ(b.status, 0) << b.err;
+        size_t count = findCount(source);
+        EXPECT_TRUE(has(b.err, " " + std::to_string(count) + " entries")) << b.err;
+        listed_ = list(archive_);
+        EXPECT_EQ(listed_.status, 0) << listed_.err;
+        EXPECT_TRUE(has(listed_.err, "checksum good")) << listed_.err;
+        std::set<std::string> listed;  // each line from the path on
+        for (const std::string& line : lines(listed_.out))
+            listed.insert(line.substr(std::min(line.find(source), line.size())));
+        EXPECT_EQ(listed.size(), count);
+        EXPECT_EQ(listed.count(source + "/"), 1u);
+        Output r = restore();
+        EXPECT_EQ(r.status, 0) << r.err;
+        EXPECT_TRUE(has(r.err, " 0 failed")) << r.err;
+
+        auto src = entries(source), dst = entries(dest_);
+        size_t differences = 0;
+        auto differ = [&](const std::string& path, const std::string& what) {
+            if (++differences <= 20) ADD_FAILURE() << path << ": " << what;
+        };
+        std::map<std::pair<dev_t, ino_t>, std::string> firstName;  // source inode -> first name met
+        for (const auto& [path, s] : src) {
+            std::string from = source + "/" + path, to = dest_ + "/" + path;
+            bool link = S_ISLNK(s.st_mode), dir = S_ISDIR(s.st_mode);
+            if (!listed.count(from + (dir ? "/" : link ? " -> " + linkText(from) : ""))) differ(path, "not listed");
+            auto it = dst.find(path);
+            if (it == dst.end() || (s.st_mode & S_IFMT) != (it->second.st_mode & S_IFMT)) {
+                differ(path, "missing, or another type");
+                continue;
+            }
+            const struct stat& r = it->second;
+            if (!link && (s.st_mode & 07777) != (r.st_mode & 07777)) differ(path, "mode differs");
+            if (s.st_uid != r.st_uid || s.st_gid != r.st_gid) differ(path, "owner or group differs");
+            if (!link && !dir && s.st_mtime != r.st_mtime) differ(path, "modification time differs");
+            if (S_ISREG(s.st_mode) && readFile(from) != readFile(to)) differ(path, "content differs");
+            if (link && linkText(from) != linkText(to)) differ(path, "link target differs");
+            if ((S_ISCHR(s.st_mode) || S_ISBLK(s.st_mode)) && s.st_rdev != r.st_rdev) differ(path, "device differs");
+            if (dir) continue;
+            if (s.st_nlink != r.st_nlink) differ(path, "link count differs");
+            auto [first, isNew] = firstName.emplace(std::make_pair(s.st_dev, s.st_ino), path);
+            if (!isNew && dst.at(first->second).st_ino != r.st_ino)
+                differ(path, "not the same file as " + first->second);
+        }
+        for (const auto& [path, r] : dst)
+            if (!src.count(path)) differ(path, "not in the source");
+        return src.size();
+    }
+    // Every name below `root` (not root itself), relative, with its lstat.
+    static std::map<std::string, struct stat> entries(const std::string& root) {
+        std::map<std::string, struct stat> out;
+        for (const auto& e : std::filesystem::recursive_directory_iterator(root))
+            out[e.path().string().substr(root.size() + 1)] = statOf(e.path());
+        return out;
+    }
+    static std::string linkText(const std::string& path) { return std::filesystem::read_symlink(path).string(); }
+
+    Daemon daemon_;
+    Tree scratch_, tree_;
+    std::string archive_ = scratch_.path("tree.tvk"), dest_ = scratch_.path("dest");
+    Output listed_;
+};
+
+TEST_F(TavikctlTest, EveryKindOfEntryRoundTripsAndIsListed) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root: device nodes and foreign owners";
+    // Sizes around the 2048-byte payload and several MiB.
+    tree_.file("empty", "");
+    tree_.file("one", "x");
+    for (int i = 0; i < 3; ++i) tree_.file("p204" + std::to_string(7 + i), pattern(2047 + size_t(i), unsigned(i)));
+    tree_.file("big", pattern(5 * 1024 * 1024 + 17, 4), 0644, 1500000000);
+    // Names: spaces, UTF-8, bytes that are not UTF-8, 200 characters.
+    tree_.file("with  spaces in it ", "spaces");
+    tree_.file("gr\xc3\xbc\xc3\x9f \xe6\x97\xa5\xe6\x9c\xac", "utf-8");
+    tree_.file("latin1-\xe9\xff\xfe", "not utf-8");
+    tree_.file(std::string(200, 'n'), "long name");
+    // Deep directories.
+    std::string deep = "deep";
+    tree_.dir(deep);
+    for (int i = 0; i < 30; ++i) tree_.dir(deep += "/level" + std::to_string(i), 0750);
+    tree_.file(deep + "/bottom", "at the bottom");
+    // Symbolic links: absolute, relative, dangling; one given away.
+    ASSERT_EQ(symlink("/usr/lib", at("abs-link").c_str()), 0);
+    ASSERT_EQ(symlink("../one", at("deep/rel-link").c_str()), 0);
+    ASSERT_EQ(symlink("nowhere/at/all", at("dangling").c_str()), 0);
+    ASSERT_EQ(lchown(at("dangling").c_str(), 4321, 5432), 0);
+    // Hard links within a directory and across directories (three names).
+    tree_.file("linked", pattern(10000, 5));
+    ASSERT_EQ(link(at("linked").c_str(), at("linked-too").c_str()), 0);
+    tree_.dir("other");
+    ASSERT_EQ(link(at("linked").c_str(), at("other/linked-elsewhere").c_str()), 0);
+    tree_.file("other/pair", "pair");
+    ASSERT_EQ(link(at("other/pair").c_str(), at("deep/level0/pair").c_str()), 0);
+    // Special files.
+    ASSERT_EQ(mkfifo(at("fifo").c_str(), 0640), 0);
+    ASSERT_EQ(mknod(at("chardev").c_str(), S_IFCHR | 0620, makedev(1, 3)), 0);
+    // Set-user-id, set-group-id, sticky; foreign owners.
+    tree_.file("suid", "s", 04755, 1300000000);
+    tree_.file("sgid", "g");
+    ASSERT_EQ(chown(at("sgid").c_str(), 1234, 2345), 0);
+    ASSERT_EQ(chmod(at("sgid").c_str(), 02751), 0);
+    tree_.dir("sticky", 01777);
+    tree_.dir("setgid-dir", 02775);
+    ASSERT_EQ(chown(at("setgid-dir").c_str(), 3456, 4567), 0);
+    tree_.file("setgid-dir/inside", "inside");
+    tree_.file("foreign", "owned by someone else", 0604);
+    ASSERT_EQ(chown(at("foreign").c_str(), 12345, 23456), 0);
+
+    EXPECT_EQ(roundTrip(tree_.dir()), 59u);
+    EXPECT_TRUE(has(listed_.out, "-rw-r--r-- 0/0       2049 ")) << listed_.out;
+    EXPECT_TRUE(has(listed_.out, "prw-r----- 0/0          0 ")) << listed_.out;
+}
+
+TEST_F(TavikctlTest, UsrIncludeRoundTripsIdentically) {
+    if (statOf("/usr/include").st_mode == 0) GTEST_SKIP() << "no /usr/include";
+    // A copy, so that the backup's access-time resets touch nothing of the system.
+    ASSERT_EQ(std::system(("cp -a /usr/include '" + at("include") + "'").c_str()), 0);
+    size_t compared = roundTrip(at("include"));
+    std::printf("[ round trip ] %zu entries of /usr/include compared\n", compared);
+    EXPECT_GT(compared, 1000u);
+}
+
+TEST_F(TavikctlTest, BackupOptionsRestartPointsOldServersEstimateAndRefusals) {
+    // 10 entries, 7 of them sent with data.
+    tree_.file("empty", "");
+    tree_.file("two-chunks", std::string(4096, 'a'));
+    tree_.file("odd", std::string(4097, 'b'));
+    for (const char* d : {"sub", "sub/deeper", "sub/empty-dir"}) tree_.dir(d);
+    tree_.file("sub/notes.txt", "some notes\n");
+    tree_.file("sub/deeper/x.c", std::string(10000, 'x'));
+    symlink("/usr/lib", at("sub/lnk").c_str());
+    mkfifo(at("fifo").c_str(), 0644);
+    size_t entries = findCount(tree_.dir());
+    Output e = ctl("estimate 127.0.0.1:" + tree_.dir());
+    ASSERT_EQ(e.status, 0) << e.err;
+    // empty, two-chunks, odd, fifo, notes.txt, x.c, lnk: 0+4096+4097+0+11+10000+8 bytes.
+    EXPECT_EQ(e.out, "7 files, 17 kilobytes\n");
+
+    Output b = backup(" --include-file '*.c'");
+    ASSERT_EQ(b.status, 0) << b.err;
+    Output l = list(archive_);
+    ASSERT_EQ(l.status, 0) << l.err;
+    EXPECT_TRUE(has(l.out, "/sub/deeper/x.c\n")) << l.out;
+    EXPECT_FALSE(has(l.out, "/odd\n")) << l.out;
+
+    // Resume inside the last file sent (sub/deeper/x.c, 10000 bytes): its
+    // remaining data come first, without a file header, then the closes.
+    b = backup(" --restart " + at("sub/deeper/x.c") + ":6000");
+    ASSERT_EQ(b.status, 0) << b.err;
+    EXPECT_TRUE(has(b.err, "4000 bytes of data")) << b.err;
+    EXPECT_EQ(list(archive_).status, 0);
+    // A server of version 49 gets no source header: every entry but the
+    // source is listed.
+    ASSERT_EQ(backup(" --server-version 49").status, 0);
+    expectListed(entries - 1);
+
+    EXPECT_EQ(ctl("backup 127.0.0.1:relative/path -o " + archive_).status, 2);  // not HOST:/path
+    unlink(archive_.c_str());
+    b = backup("", at("no-such-dir"));
+    EXPECT_EQ(b.status, 1) << b.err;
+    EXPECT_TRUE(has(b.err, "job refused")) << b.err;
+    EXPECT_EQ(list(archive_).status, 1);
+
+    // Renew every 2 files and every 4 KB; acknowledge every 3 packets; the
+    // agent's 8192-byte buffer kept for the job.
+    daemon_.stop();
+    ASSERT_TRUE(daemon_.start({"-v", "-S", "-R", "2", "-r", "4", "-b", "8192"}, {}));
+    b = backup(" --renew --ack 3 --buffer-from-agent --watchdog");
+    ASSERT_EQ(b.status, 0) << b.err;
+    EXPECT_TRUE(has(b.err, " connection renewals")) << b.err;
+    EXPECT_TRUE(has(b.err, " acknowledgements")) << b.err;
+    EXPECT_TRUE(daemon_.waitForLog("New TCP fd=")) << daemon_.log();
+    expectListed(entries);
+    // Without --renew the same daemon keeps one connection.
+    EXPECT_EQ(backup().status, 0);
+}
+
+TEST_F(TavikctlTest, DeletingGroomingAfterABackupRemovesTheFilesAndReportsThem) {
+    tree_.file("one", "1");
+    tree_.dir("sub");
+    tree_.file("sub/two", "22");
+    Output r = backup(" --groom delete");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(has(r.err, "grooming: 2 files")) << r.err;
+    EXPECT_TRUE(has(r.err, at("sub/two"))) << r.err;
+    EXPECT_EQ(statOf(at("sub/two")).st_mode, 0u);
+    EXPECT_EQ(list(archive_).status, 0);
+}
+
+class TavikctlCompare : public TavikctlTest {
+protected:
+    void SetUp() override {
+        TavikctlTest::SetUp();
+        tree_.dir("sub");
+        tree_.file("a.txt", "alpha\n");
+        tree_.file("sub/b.txt", std::string(5000, 'b'));
+        tree_.file("sub/c.txt", "gamma");
+        ASSERT_EQ(symlink("a.txt", at("link").c_str()), 0);
+        Output r = backup();
+        ASSERT_EQ(r.status, 0) << r.err;
+    }
+};
+
+TEST_F(TavikctlCompare, UnchangedAndRestoredTreesAreIdenticalChangesAreNamedInWords) {
+    Output r = compare();
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_EQ(r.out, "4 identical, 0 different, 0 unreadable\n");
+    r = compare("--directories");
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_EQ(r.out, "5 identical, 0 different, 0 unreadable\n");
+    r = restore();
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
+    r = compare("--detailed", dest_);
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_EQ(r.out, "4 identical, 0 different, 0 unreadable\n");
+
+    // Differences are named in words.
+    tree_.file("a.txt", "ALPHA\n", 0644, statOf(at("a.txt")).st_mtime);  // same size and time, other contents
+    ASSERT_EQ(chmod(at("sub/c.txt").c_str(), 0600), 0);
+    ASSERT_EQ(unlink(at("sub/b.txt").c_str()), 0);
+    r = compare();
+    EXPECT_EQ(r.status, 1);
+    for (const char* line : {"a.txt: contents differ\n", "sub/b.txt: missing or cannot be examined\n",
+                             "sub/c.txt: attributes differ\n", "1 identical, 3 different, 0 unreadable\n"})
+        EXPECT_TRUE(has(r.out, line)) << line << r.out;
+    r = compare("--detailed sub/c.txt");
+    EXPECT_EQ(r.out, "sub/c.txt: mode differs\n0 identical, 1 different, 0 unreadable\n");
+}
+
+TEST_F(TavikctlCompare, DeletingGroomingRemovesTheIdenticalFilesAndReportsThem) {
+    tree_.file("sub/c.txt", "GAMMA");  // differs: must survive
+    Output r = compare("--groom delete");
+    EXPECT_EQ(r.status, 1) << r.out << r.err;
+    EXPECT_TRUE(has(r.out, "grooming: ")) << r.out;
+    EXPECT_TRUE(has(r.out, at("sub/b.txt"))) << r.out;
+    EXPECT_EQ(statOf(at("sub/b.txt")).st_mode, 0u);
+    EXPECT_TRUE(S_ISREG(statOf(at("sub/c.txt")).st_mode));
+}
+
+// A damaged archive is refused before the agent hears of it: no job is
+// started, no destination made.
+TEST_F(TavikctlCompare, DamagedArchivesAreRefusedBeforeAnythingIsSent) {
+    std::string data = readFile(archive_);
+    ASSERT_GT(data.size(), 200u);
+    struct Damage {
+        const char* what;
+        size_t at;  // byte flipped; npos: cut the trailer off
+    };
+    for (const Damage& d : {Damage{"body byte", data.size() / 2}, Damage{"header byte", 16},
+                            Damage{"byte 40", 40}, Damage{"cut", std::string::npos}}) {
+        SCOPED_TRACE(d.what);
+        std::string bad = data;
+        if (d.at == std::string::npos) bad.resize(bad.size() - 40);
+        else bad[d.at] = static_cast<char>(bad[d.at] ^ 0x20);
+        std::string path = scratch_.path("damaged.tvk");
+        writeFile(path, bad);
+        Output r = restore("", path);
+        EXPECT_EQ(r.status, 1) << r.err;
+        EXPECT_TRUE(has(r.err, "is damaged, nothing was restored")) << r.err;
+        r = ctl("compare " + path + " 127.0.0.1:" + tree_.dir());
+        EXPECT_EQ(r.status, 2);
+        EXPECT_TRUE(has(r.err, "damaged archive")) << r.err;
+    }
+    EXPECT_EQ(statOf(dest_).st_mode, 0u);
+    EXPECT_FALSE(has(daemon_.log(), "Start Restore Job")) << daemon_.log();
+    EXPECT_FALSE(has(daemon_.log(), "Start Compare Job")) << daemon_.log();
+}
+
+class TavikctlRestore : public TavikctlTest {
+protected:
+    void SetUp() override {
+        TavikctlTest::SetUp();
+        tree_.file("f", "archived", 0644, kArchived);
+        tree_.file("g", "archived g", 0644, kArchived);
+        tree_.dir("sub", 0750);
+        tree_.dir("sub/deeper", 0700);
+        tree_.file("sub/deeper/x", std::string(5000, 'x'), 0644, kArchived);
+        tree_.file("sub/y", "y", 0644, kArchived);
+        tree_.dir("other");
+        tree_.file("other/z", "z", 0644, kArchived);
+        Output b = backup();
+        ASSERT_EQ(b.status, 0) << b.err;
+    }
+};
+
+TEST_F(TavikctlRestore, ConflictPoliciesDecideAboutFilesAlreadyThere) {
+    struct Case {
+        const char* option;
+        const char* f;
+        const char* g;
+        const char* fRenamed;  // f.AS1, or null when none is made
+        const char* counts;
+    };
+    const Case cases[] = {
+        {"", "archived", "archived g", nullptr, "5 files (5 restored, 0 skipped, 0 failed)"},  // overwrite by default
+        {" --conflict overwrite", "archived", "archived g", nullptr, "5 files (5 restored, 0 skipped"},
+        {" --conflict skip", "older on disk", "newer on disk", nullptr, "5 files (3 restored, 2 skipped, 0 failed)"},
+        {" --conflict newer", "archived", "newer on disk", nullptr, "5 files (4 restored, 1 skipped, 0 failed)"},
+        {" --conflict rename", "older on disk", "newer on disk", "archived", "5 files (5 restored, 0 skipped"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.option);
+        std::system(("rm -rf '" + dest_ + "'").c_str());
+        ASSERT_EQ(mkdir(dest_.c_str(), 0755), 0);
+        writeFile(dest_ + "/f", "older on disk", kArchived - 100);
+        writeFile(dest_ + "/g", "newer on disk", kArchived + 100);
+        Output r = restore(c.option);
+        EXPECT_EQ(r.status, 0) << r.err;
+        EXPECT_TRUE(has(r.err, c.counts)) << r.err;
+        EXPECT_EQ(readFile(dest_ + "/f"), c.f);
+        EXPECT_EQ(readFile(dest_ + "/g"), c.g);
+        EXPECT_EQ(readFile(dest_ + "/f.AS1"), c.fRenamed ? c.fRenamed : "");
+        EXPECT_EQ(statOf(dest_ + "/f.AS1").st_mode != 0, c.fRenamed != nullptr);
+        EXPECT_EQ(readFile(dest_ + "/sub/deeper/x"), std::string(5000, 'x'));
+    }
+    Output bad = restore(" --conflict sometimes");
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_TRUE(has(bad.err, "--conflict takes skip, rename, overwrite or newer")) << bad.err;
+}
+
+TEST_F(TavikctlRestore, PathArgumentsRestoreOnlyThoseParts) {
+    // One path relative to the source, one with the source in front.
+    Output r = restore(" sub/deeper " + at("f/"));
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(has(r.err, "2 files (2 restored")) << r.err;
+    EXPECT_EQ(readFile(dest_ + "/f"), "archived");
+    EXPECT_EQ(readFile(dest_ + "/sub/deeper/x"), std::string(5000, 'x'));
+    for (const char* absent : {"/g", "/sub/y", "/other"}) EXPECT_EQ(statOf(dest_ + absent).st_mode, 0u) << absent;
+    // The directories on the way keep their own modes.
+    EXPECT_EQ(statOf(dest_ + "/sub").st_mode, mode_t(040750));
+    EXPECT_EQ(statOf(dest_ + "/sub/deeper").st_mode, mode_t(040700));
+
+    // A path the archive does not hold is named, and fails the command.
+    Output missing = restore(" other no/such/thing");
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_TRUE(has(missing.err, "not in the archive: " + at("no/such/thing"))) << missing.err;
+    EXPECT_EQ(readFile(dest_ + "/other/z"), "z");
+    Output outside = restore(" /elsewhere/f");
+    EXPECT_EQ(outside.status, 2);
+    EXPECT_TRUE(has(outside.err, "is not below the archive's source")) << outside.err;
+}
+
+TEST_F(TavikctlRestore, RefusalsFailuresAndUsageErrors) {
+    // A directory where the archive has the file f: the agent answers 'j'.
+    ASSERT_EQ(mkdir(dest_.c_str(), 0755), 0);
+    ASSERT_EQ(mkdir((dest_ + "/f").c_str(), 0755), 0);
+    Output r = restore();
+    EXPECT_EQ(r.status, 1) << r.err;
+    EXPECT_TRUE(
+        has(r.err, "not restored: " + dest_ + "/f: cannot be created, or a directory of that name is in the way"))
+        << r.err;
+    EXPECT_TRUE(has(r.err, "5 files (4 restored, 0 skipped, 1 failed)")) << r.err;
+    // Everything after it still came back.
+    EXPECT_EQ(readFile(dest_ + "/g"), "archived g");
+    EXPECT_EQ(readFile(dest_ + "/other/z"), "z");
+
+    // A destination that is not absolute; no destination at all.
+    EXPECT_EQ(ctl("restore " + archive_ + " 127.0.0.1:relative").status, 2);
+    Output usage = tavikctl("restore " + archive_);
+    EXPECT_EQ(usage.status, 2);
+    EXPECT_TRUE(has(usage.err, "usage: tavikctl restore ARCHIVE HOST:/dest")) << usage.err;
+    // A destination below a regular file cannot be made: 105.
+    Output refused = ctl("restore " + archive_ + " 127.0.0.1:" + at("f/below"));
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_TRUE(has(refused.err, "job refused: the destination could not be made or entered (105)")) << refused.err;
+}
+
+}  // namespace
