@@ -264,6 +264,20 @@ int nonblockSend(int fd, const uint8_t* buffer, size_t length) {
     return 0;
 }
 
+namespace {
+
+// A receive that failed (n < 0, errno set) or met the end of the stream
+// (n == 0): logged with the routine's prefix.
+int recvEnded(const char* prefix, ssize_t n) {
+    if (n < 0)
+        ulog(MSG_FAILED_RECV, prefix, errText());
+    else
+        ulog("%sEOF received", prefix);
+    return kFailed;
+}
+
+}  // namespace
+
 int blockRecv(int fd, uint8_t* buffer, size_t length) {
     constexpr const char* kPrefix = "(blockRecv) ";
     unsigned timeout = transport().recvTimeout;
@@ -292,14 +306,8 @@ int blockRecv(int fd, uint8_t* buffer, size_t length) {
             }
             continue;
         }
-        if (n < 0) {
-            ulog(MSG_FAILED_RECV, kPrefix, errText());
-            result = kFailed;
-            break;
-        }
-        if (n == 0) {
-            ulog("%sEOF received", kPrefix);
-            result = kFailed;
+        if (n <= 0) {
+            result = recvEnded(kPrefix, n);
             break;
         }
         got += static_cast<size_t>(n);
@@ -332,14 +340,7 @@ int nonblockRecv(int fd, uint8_t* buffer, size_t length) {
             platform::dispatchPendingSignals();
             continue;
         }
-        if (n < 0) {
-            ulog(MSG_FAILED_RECV, kPrefix, errText());
-            return kFailed;
-        }
-        if (n == 0) {
-            ulog("%sEOF received", kPrefix);
-            return kFailed;
-        }
+        if (n <= 0) return recvEnded(kPrefix, n);
         count = 0;
         got += static_cast<size_t>(n);
     }
@@ -413,14 +414,7 @@ int aheadRecv(int fd, uint8_t* buffer, size_t length, ReadAhead& ahead) {
             platform::dispatchPendingSignals();
             continue;
         }
-        if (n < 0) {
-            ulog(MSG_FAILED_RECV, kPrefix, errText());
-            return kFailed;
-        }
-        if (n == 0) {
-            ulog("%sEOF received", kPrefix);
-            return kFailed;
-        }
+        if (n <= 0) return recvEnded(kPrefix, n);
         ahead.start = 0;
         ahead.end = static_cast<size_t>(n);
     }
