@@ -77,12 +77,7 @@ bool openBackupJob(JobClient& client, const BackupJobSpec& job, std::string& err
         error = client.lastError();
         return false;
     }
-    RequestFields fields;
-    fields.root = job.source;
-    fields.login = job.login.user;
-    fields.password = job.login.password;
-    fields.opMode = kOpBackup;
-    fields.serverVersion = job.login.serverVersion;
+    RequestFields fields = loginRequest(job.login, job.source, kOpBackup);
     fields.follow = job.follow;
     fields.tpSize = uint16_t(job.filterItems.size());
     int answer = client.request(fields);

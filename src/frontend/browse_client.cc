@@ -150,12 +150,7 @@ std::string describeAnswer(int code) {
 
 bool beginBrowse(BrowseClient& client, const std::string& host, LoginOptions& options, std::string& error) {
     if (!readPassword(options, error)) return false;
-    RequestFields fields;
-    fields.root = "/";
-    fields.login = options.user;
-    fields.password = options.password;
-    fields.serverVersion = options.serverVersion;
-    int answer = client.login(host, options.port, fields);
+    int answer = client.login(host, options.port, loginRequest(options, "/"));
     std::fill(options.password.begin(), options.password.end(), '\0');
     if (answer == browse::kLogin) return true;
     if (answer == kNoAnswer)

@@ -57,12 +57,7 @@ public:
     bool open(std::string& error) {
         client_.setTimeoutMs(spec_.timeoutMs);
         if (!client_.connect(spec_.host, spec_.login.port)) return fail(error, client_.lastError());
-        RequestFields fields;
-        fields.root = spec_.root;
-        fields.login = spec_.login.user;
-        fields.password = spec_.login.password;
-        fields.opMode = kOpCompare;
-        fields.serverVersion = spec_.login.serverVersion;
+        RequestFields fields = loginRequest(spec_.login, spec_.root, kOpCompare);
         int answer = client_.request(fields);
         if (answer != transport::code::kReady)
             return fail(error, answer == kNoAnswer ? client_.lastError()

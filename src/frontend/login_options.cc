@@ -107,4 +107,14 @@ bool readPassword(LoginOptions& out, std::string& error) {
     return true;
 }
 
+RequestFields loginRequest(const LoginOptions& login, const std::string& root, uint8_t opMode) {
+    RequestFields fields;
+    fields.root = root;
+    fields.login = login.user;
+    fields.password = login.password;
+    fields.opMode = opMode;
+    fields.serverVersion = login.serverVersion;
+    return fields;
+}
+
 }  // namespace tavik::frontend

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "frontend/job_client.h"
+
 namespace tavik::frontend {
 
 struct LoginOptions {
@@ -24,5 +26,8 @@ bool parseLoginOptions(std::vector<std::string>& args, LoginOptions& out, std::s
 
 // Fills out.password from TAVIK_PASSWORD or a prompt without echo.
 bool readPassword(LoginOptions& out, std::string& error);
+
+// The request fields every job fills alike from the login options.
+RequestFields loginRequest(const LoginOptions& login, const std::string& root, uint8_t opMode = 0);
 
 }  // namespace tavik::frontend

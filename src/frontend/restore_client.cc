@@ -86,12 +86,7 @@ bool openRestoreJob(JobClient& client, const RestoreJobSpec& job, std::string& e
         error = client.lastError();
         return false;
     }
-    RequestFields fields;
-    fields.root = job.destination;
-    fields.login = job.login.user;
-    fields.password = job.login.password;
-    fields.opMode = kOpRestore;
-    fields.serverVersion = job.login.serverVersion;
+    RequestFields fields = loginRequest(job.login, job.destination, kOpRestore);
     fields.conflict = job.conflict;
     int answer = client.request(fields);
     if (answer != transport::code::kReady) {
