@@ -68,10 +68,6 @@ struct BackupState {
     platform::InodeNumbering inodes;
     uint16_t dirDepth = 0;
     dev_t rootDev = 0;
-    // The device of a directory found not to be on NFS: the NFS test is not
-    // repeated for directories on the same file system.
-    bool localDevKnown = false;
-    dev_t localDev = 0;
     AncestorStack ancestors;
     size_t sourceLength = 0;  // the source path's length, for the restart compare
     bool restartFound = false;

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <vector>
 
 #include "backup/attribute_record.h"
@@ -83,25 +84,15 @@ int skipCode(int8_t newCode) {
     return job().serverVersion >= kSkipCodesVersion ? newCode : code::kEndDir;
 }
 
-// Whether the directory lies on an NFS file system (then it is skipped).
-// The type belongs to the file system, so a directory on the device of one
-// already found local is not examined again.
-bool onNfs(const std::string& dirPath, dev_t dev) {
-    BackupState& b = backupState();
-    if (b.localDevKnown && b.localDev == dev) return false;
-    int r = skip_nfs(dirPath);
-    if (r == 0) {
-        b.localDevKnown = true;
-        b.localDev = dev;
-    }
-    return r != 0;
-}
-
 }  // namespace
 
-int skip_nfs(const std::string& path) {
+int skip_nfs(const std::string& path, dev_t dev) {
+    // The device last found local, in this job's process.
+    static std::optional<dev_t> localDev;
+    if (localDev == dev) return 0;
     int r = platform::isNfsPath(path.c_str());
     if (r < 0) ulog(MSG_FAILED_STATVFS, "(skip_nfs) ", path.c_str(), errText());
+    if (r == 0) localDev = dev;
     return r;
 }
 
@@ -135,7 +126,7 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, 
         ulog("Skip file system %s", dirPath.c_str());
         return leave(queueStatus(skipCode(code::kFsSkip)));
     }
-    if (s.skipNfs && onNfs(dirPath, dirStat.st_dev)) {
+    if (s.skipNfs && skip_nfs(dirPath, dirStat.st_dev) != 0) {
         ulog(MSG_NFS_MOUNTED_DIRECTORY_SKIPPED, kPrefix, dirPath.c_str());
         return leave(queueStatus(skipCode(code::kNfsSkip)));
     }

@@ -297,7 +297,7 @@ int CompareSession::openFile() {
             content_ = verdict::kCannotOpen;
             return answer(verdict::kCannotOpen);
         }
-        int onNfs = backup::skip_nfs(path_.c_str());
+        int onNfs = backup::skip_nfs(path_.c_str(), disk_.st_dev);
         bool mandatory = (disk_.st_mode & S_ISGID) != 0 && (disk_.st_mode & S_IXGRP) == 0;
         if (checkLocks_ || (onNfs == 0 && mandatory)) {
             int lr = backup::lockFile(fd_.get(), backup::kReadLock, ctx_.retryCount(), ctx_.retryInterval());

@@ -272,7 +272,7 @@ bool RestoreSession::resolveConflict() {
 
 bool RestoreSession::replaceExisting(const struct stat& st) {
     if (S_ISREG(st.st_mode)) {
-        if (ctx_.serverVersion >= transport::kNewServerVersion) onNfs_ = backup::skip_nfs(path_.c_str());
+        if (ctx_.serverVersion >= transport::kNewServerVersion) onNfs_ = backup::skip_nfs(path_.c_str(), st.st_dev);
         bool mandatory = (st.st_mode & S_ISGID) != 0 && (st.st_mode & S_IXGRP) == 0;
         if (settings().checkLocks || (onNfs_ == 0 && mandatory)) {
             platform::UniqueFd f(::open(path_.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK));
