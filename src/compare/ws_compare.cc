@@ -50,15 +50,6 @@ constexpr int kShownNameBytes = 100;
 // A difference of size alone: no content comparison follows.
 constexpr uint8_t kSizeDiffers = 2;
 
-// One read, repeated only when a signal interrupted it.
-ssize_t readOnce(int fd, uint8_t* buffer, size_t length) {
-    for (;;) {
-        ssize_t n = ::read(fd, buffer, length);
-        if (n >= 0 || errno != EINTR) return n;
-        platform::dispatchPendingSignals();
-    }
-}
-
 class CompareSession {
 public:
     CompareSession(int socket, const std::string& root, const JobContext& ctx)
@@ -337,7 +328,7 @@ void CompareSession::compareHeld(const char* prefix) {
     ssize_t n = -1;
     errno = 0;
     if (fd_) {
-        n = readOnce(fd_.get(), local_.data(), count_);
+        n = platform::readBlocking(fd_.get(), local_.data(), count_);
     } else {
         errno = EBADF;  // data for an object that has no open file
     }
@@ -472,7 +463,7 @@ int sync_send_file(int socket, const char* name) {
     std::array<uint8_t, kFilePacketSize> data{};
     bool readFailed = false;
     for (;;) {
-        ssize_t n = readOnce(in.get(), data.data(), data.size());
+        ssize_t n = platform::readBlocking(in.get(), data.data(), data.size());
         if (n < 0) {
             readFailed = true;
             break;

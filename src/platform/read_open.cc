@@ -4,6 +4,8 @@
 
 #include <cerrno>
 
+#include "platform/signals.h"
+
 namespace tavik::platform {
 
 ReadOpen openToRead(int dirFd, const char* name, bool keepAccessTime, int extraFlags) {
@@ -25,7 +27,10 @@ ssize_t readvBlocking(int fd, const iovec* iov, int count) {
     for (;;) {
         ssize_t m = ::readv(fd, iov, count);
         if (m >= 0) return m;
-        if (errno == EINTR) continue;
+        if (errno == EINTR) {
+            dispatchPendingSignals();
+            continue;
+        }
         if (errno != EAGAIN) return m;
         int flags = ::fcntl(fd, F_GETFL);
         if (flags < 0 || !(flags & O_NONBLOCK) || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
@@ -33,6 +38,11 @@ ssize_t readvBlocking(int fd, const iovec* iov, int count) {
             return -1;
         }
     }
+}
+
+ssize_t readBlocking(int fd, void* buffer, size_t length) {
+    iovec one{buffer, length};
+    return readvBlocking(fd, &one, 1);
 }
 
 }  // namespace tavik::platform

@@ -29,7 +29,10 @@ struct ReadOpen {
 // `extraFlags` (O_NOFOLLOW, say) besides the above.
 ReadOpen openToRead(int dirFd, const char* name, bool keepAccessTime, int extraFlags = 0);
 
-// readv that retries EINTR, and EAGAIN once the descriptor is made blocking.
+// readv that retries EINTR (after running the deferred signal actions), and
+// EAGAIN once the descriptor is made blocking.
 ssize_t readvBlocking(int fd, const iovec* iov, int count);
+// The same for one buffer.
+ssize_t readBlocking(int fd, void* buffer, size_t length);
 
 }  // namespace tavik::platform
