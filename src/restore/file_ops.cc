@@ -3,17 +3,29 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <ctime>
 
+#include "platform/fd_attributes.h"
 
 namespace tavik::restore {
+namespace {
 
-int setFileTimes(const char* path, uint32_t atime, uint32_t mtime) {
-    timespec times[2]{};
-    times[0].tv_sec = static_cast<time_t>(atime);
-    times[1].tv_sec = static_cast<time_t>(mtime);
-    return ::utimensat(AT_FDCWD, path, times, 0);
+struct RecordTimes {
+    timespec t[2]{};
+    RecordTimes(uint32_t atime, uint32_t mtime) {
+        t[0].tv_sec = static_cast<time_t>(atime);
+        t[1].tv_sec = static_cast<time_t>(mtime);
+    }
+};
+
+}  // namespace
+
+int setFileTimes(int fd, uint32_t atime, uint32_t mtime) {
+    return platform::changeTimes(fd, RecordTimes(atime, mtime).t);
+}
+
+int setFileTimesAt(int dirFd, const char* name, uint32_t atime, uint32_t mtime) {
+    return ::utimensat(dirFd, name, RecordTimes(atime, mtime).t, AT_SYMLINK_NOFOLLOW);
 }
 
 }  // namespace tavik::restore

@@ -1,5 +1,6 @@
 #include "restore/paths.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,6 +13,8 @@
 
 #include "daemon/state.h"
 #include "log/ulog.h"
+#include "platform/fd_attributes.h"
+#include "platform/safe_path.h"
 #include "platform/signals.h"
 #include "restore/file_ops.h"
 
@@ -55,22 +58,78 @@ bool PathBuffer::assign(std::string_view name) {
 
 size_t PathBuffer::size() const { return ::strnlen(text_.data(), text_.size()); }
 
+bool isOwnMaking(int fd, mode_t type) {
+    struct stat st {};
+    if (::fstat(fd, &st) != 0) return false;
+    bool own = (st.st_mode & S_IFMT) == type && st.st_uid == ::geteuid() && (type == S_IFDIR || st.st_nlink == 1);
+    if (!own) errno = EEXIST;
+    return own;
+}
+
+bool Locator::find(std::string_view path, Location& out) {
+    platform::PathParts parts = platform::splitLast(path);
+    out.name = parts.name.empty() ? std::string(".") : std::string(parts.name);
+    if (!last_ || parts.directory != lastDirectory_) {
+        platform::UniqueFd dir = platform::openDirectory(parts.directory);
+        if (!dir) {
+            forget();
+            return false;
+        }
+        last_ = std::make_shared<const platform::UniqueFd>(std::move(dir));
+        lastDirectory_.assign(parts.directory);
+    }
+    out.directory = last_;
+    return true;
+}
+
+void Locator::forget() {
+    last_.reset();
+    lastDirectory_.clear();
+}
+
 int make_path(PathBuffer& path, const Owner& owner) {
     constexpr const char* kPrefix = "(make_path) ";
     char* name = path.data();
     size_t length = path.size();
+    platform::UniqueFd here;
+    int at = AT_FDCWD;
+    if (name[0] == '/') {
+        here.reset(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+        at = here.get();
+    }
+    // A directory that exists but cannot be entered (not a directory, or
+    // reached through a link that is not followed) fails the next one to be
+    // made, with the name cut there.
+    int unreachable = 0;
+    size_t start = name[0] == '/' ? 1 : 0;
     for (size_t i = 1; i < length; ++i) {  // a leading "/" is not a directory to make
         if (name[i] != '/') continue;
+        std::string component(name + start, i - start);
+        start = i + 1;
+        if (component.empty() || component == ".") continue;
         name[i] = '\0';
-        if (::mkdir(name, kNewDirectoryMode) != 0) {
-            if (errno != EEXIST) {
-                ulog(MSG_FAILED_MAKE_DIRECTORY, kPrefix, name, errText());
-                return -1;  // the name stays cut at the component that failed
-            }
-        } else if (::chown(name, owner.uid, owner.gid) != 0) {
-            ulog(MSG_FAILED_CHANGE_OWNER, kPrefix, name, errText());
-            return -1;
+        if (unreachable != 0) {
+            errno = unreachable;
+            ulog(MSG_FAILED_MAKE_DIRECTORY, kPrefix, name, errText());
+            return -1;  // the name stays cut at the component that failed
         }
+        if (::mkdirat(at, component.c_str(), kNewDirectoryMode) == 0) {
+            platform::UniqueFd made(::openat(at, component.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            if (!made || !isOwnMaking(made.get(), S_IFDIR) ||
+                platform::changeOwner(made.get(), owner.uid, owner.gid) != 0) {
+                ulog(MSG_FAILED_CHANGE_OWNER, kPrefix, name, errText());
+                return -1;
+            }
+            here = std::move(made);
+        } else if (errno != EEXIST) {
+            ulog(MSG_FAILED_MAKE_DIRECTORY, kPrefix, name, errText());
+            return -1;
+        } else if (platform::UniqueFd next = platform::openDirectoryAt(at, component)) {
+            here = std::move(next);
+        } else {
+            unreachable = errno;
+        }
+        at = here.get();
         name[i] = '/';
     }
     return 0;
@@ -169,7 +228,8 @@ void HardLinkTable::reset() {
     reportOnce_ = true;
 }
 
-int HardLinkTable::postml(PathBuffer& path, const RestoreAttributes& a, const Owner& owner, bool verbose) {
+int HardLinkTable::postml(PathBuffer& path, const RestoreAttributes& a, const Owner& owner, Locator& locator,
+                          bool verbose) {
     constexpr const char* kPrefix = "(postml) ";
     if (count_ > 0 && count_ != kCapacity) {
         for (size_t i = 0; i < count_; ++i) {
@@ -179,18 +239,26 @@ int HardLinkTable::postml(PathBuffer& path, const RestoreAttributes& a, const Ow
                 std::printf("%s%s linked to %s\n", kPrefix, e.name.c_str(), path.c_str());
                 std::fflush(stdout);
             }
-            ::unlink(path.c_str());
-            if (::link(e.name.c_str(), path.c_str()) != 0) {
+            // Both names are reached without untrusted links; the earlier
+            // name itself is linked, never followed.
+            Location from, to;
+            auto linked = [&] {
+                if (!locator.find(e.name, from) || !locator.find(path.c_str(), to)) return false;
+                return ::linkat(from.dir(), from.base(), to.dir(), to.base(), 0) == 0;
+            };
+            if (locator.find(path.c_str(), to)) ::unlinkat(to.dir(), to.base(), 0);
+            if (!linked()) {
                 if (make_path(path, owner) != 0) {
                     ulog(MSG_CANNOT_CREATE_PATH, kPrefix, path.c_str(), errText());
                     return -1;
                 }
-                if (::link(e.name.c_str(), path.c_str()) != 0) {
+                locator.forget();
+                if (!linked()) {
                     ulog(MSG_CAN_T_CREATE_HARDLINK, kPrefix, e.name.c_str(), path.c_str(), errText());
                     return -1;
                 }
             }
-            setFileTimes(path.c_str(), a.atime, a.mtime);  // a failure here does not undo the link
+            setFileTimesAt(to.dir(), to.base(), a.atime, a.mtime);  // a failure here does not undo the link
             return 1;
         }
     }

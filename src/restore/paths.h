@@ -1,11 +1,19 @@
 // Names around a restore: the 1024-byte path buffer the restore works in,
-// making missing directories (make_path, make_dir), preparing the job's
-// destination under the login's identity (make_restore_path), the rename
-// rule for name conflicts and the hard-link table with postml.
+// finding the directory that holds a name (Locator), making missing
+// directories (make_path, make_dir), preparing the job's destination under
+// the login's identity (make_restore_path), the rename rule for name
+// conflicts and the hard-link table with postml.
 //
 // Requires: names are absolute or relative to the job's working directory
 // and used as given. Directories made here get mode 0755 and the owner
 // passed in (the job's login).
+//
+// A restore may run as root in directories that other users can write: no
+// name is followed through a symbolic link that a user other than root or
+// the restore's own could have planted (platform/safe_path.h), and what is
+// made is then changed only through a descriptor of it, after checking
+// that it is what was made (the restore's own user owns it; a file has one
+// link).
 // Fails: every failure is logged with the operation's prefix ("(make_path) ",
 // "(make_dir) ", "(make_restore_path) ", "(postml) ") and returned as
 // described at each operation.
@@ -16,10 +24,12 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "platform/fd.h"
 #include "restore/restore_record.h"
 
 namespace tavik::restore {
@@ -45,10 +55,39 @@ struct Owner {
     gid_t gid = 0;
 };
 
+// Where a name is: a descriptor of the directory that holds it and its last
+// component ("." when the name ends in "/": the directory itself).
+struct Location {
+    std::shared_ptr<const platform::UniqueFd> directory;
+    std::string name;
+    int dir() const { return directory->get(); }
+    const char* base() const { return name.c_str(); }
+};
+
+// Finds the directories that hold names. The directory found last is kept:
+// a restore sends a directory's entries one after another.
+class Locator {
+public:
+    // False, with errno set, when the directory cannot be reached.
+    [[nodiscard]] bool find(std::string_view path, Location& out);
+    // Forgets the kept directory (after directories were made).
+    void forget();
+
+private:
+    std::string lastDirectory_;
+    std::shared_ptr<const platform::UniqueFd> last_;
+};
+
 // Makes every missing directory above the last component of `path` (mode
 // 0755, chowned to `owner`). 0, or -1 with the name left cut at the
 // component that failed.
 int make_path(PathBuffer& path, const Owner& owner);
+
+// Whether the object `fd` refers to is the one this process just made:
+// owned by the effective user, of the type `type` (S_IFDIR, ...), and, when
+// it is not a directory, with one link. Fails with EEXIST when something
+// else now stands under its name.
+[[nodiscard]] bool isOwnMaking(int fd, mode_t type);
 
 // The destination directory: 0 when it exists and may be written and
 // entered, or was made; -1 otherwise.
@@ -77,7 +116,8 @@ public:
     // 1: `path` was made a hard link to the name restored earlier for the
     // record's (dev, ino); 0: `path` is the first name and was entered;
     // -1: the link could not be made, or the table is full or out of memory.
-    int postml(PathBuffer& path, const RestoreAttributes& attributes, const Owner& owner, bool verbose);
+    int postml(PathBuffer& path, const RestoreAttributes& attributes, const Owner& owner, Locator& locator,
+               bool verbose);
 
 private:
     struct Entry {

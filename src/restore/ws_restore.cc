@@ -14,6 +14,7 @@
 #include "daemon/state.h"
 #include "log/ulog.h"
 #include "platform/fd.h"
+#include "platform/fd_attributes.h"
 #include "platform/signals.h"
 #include "platform/wire_stat.h"
 #include "backup/queue.h"
@@ -52,18 +53,21 @@ public:
 
 private:
     void mkdirCommand();
+    void unlinkCommand();
     void openFile();
     [[nodiscard]] bool resolveConflict();
     [[nodiscard]] bool replaceExisting(const struct stat& st);
     void createSpecial();
     void createRegular();
+    // Finds the directory of the current file (here_); false with errno set.
+    [[nodiscard]] bool locate() { return locator_.find(path_.c_str(), here_); }
     [[nodiscard]] bool makeParents(const char* prefix, uint8_t failStatus);
     [[nodiscard]] int mof();
     [[nodiscard]] int endf(bool& over);
     void finishSymlink();
     void finishFile();
     void writeHeld(const char* prefix);
-    void setModeAndOwner(const char* prefix, const char* path, const RestoreAttributes& a, bool& modeFailed,
+    void setModeAndOwner(const char* prefix, const char* path, int fd, const RestoreAttributes& a, bool& modeFailed,
                          bool& ownerFailed);
     [[nodiscard]] int answer(uint8_t status) { return transport::syncSendCode(socket_, static_cast<int8_t>(status)); }
     void logRefusedName(const char* prefix, const char* format);
@@ -78,7 +82,10 @@ private:
     std::array<uint8_t, kRecordAreaSize> record_{};
     std::array<uint8_t, kDataAreaSize> data_{};
     size_t count_ = 0;  // bytes held in data_; below kWriteBatch between packets
-    platform::UniqueFd out_;
+    Locator locator_;
+    Location here_;          // where the current file goes
+    platform::UniqueFd out_;   // its data goes here: a regular file, or a device given raw data
+    platform::UniqueFd node_;  // a special file made, for its attributes (O_PATH)
     uint8_t status_ = 0;
     bool haveFile_ = false;  // an OPENFILE is waiting for its ENDF
     RestoreAttributes attr_;
@@ -107,7 +114,7 @@ int RestoreSession::run() {
                 ulog(MSG_WORKSTATION_RESTORE_COMPLETED, "");
                 return answer(transport::code::kEnd) == 0 ? 0 : transport::kFailed;
             case command::kUnlink:
-                if (::unlink(unlinkPath_.c_str()) != 0) ulog(MSG_FAILED_UNLINK, "", unlinkPath_.c_str(), errText());
+                unlinkCommand();
                 break;
             case command::kMkdir:
                 mkdirCommand();
@@ -151,36 +158,64 @@ void RestoreSession::mkdirCommand() {
     if (!dir.assign(a.name.empty() ? std::string_view("/") : std::string_view(a.name))) return;
     (void)unlinkPath_.assign(dir.c_str());  // fits: same buffer size
     traceStdout(verbose_, "MKDIR: path = %s\n", dir.c_str());
+    Location at;
     struct stat st {};
-    if (::stat(dir.c_str(), &st) == 0 || errno != ENOENT) return;  // something of that name is there
-    if (make_path(dir, owner_) != 0) {
-        ulog(MSG_CANNOT_CREATE_PATH, kMkdirPrefix, dir.c_str(), errText());
-        return;
+    if (locator_.find(dir.c_str(), at)) {
+        // Something of that name is there, or cannot be examined.
+        if (::fstatat(at.dir(), at.base(), &st, AT_SYMLINK_NOFOLLOW) == 0 || errno != ENOENT) return;
+    } else {
+        // The parents are missing, or reached through a link that is not
+        // followed (make_path then names it).
+        if (errno != ENOENT && errno != EACCES) return;
+        if (make_path(dir, owner_) != 0) {
+            ulog(MSG_CANNOT_CREATE_PATH, kMkdirPrefix, dir.c_str(), errText());
+            return;
+        }
+        locator_.forget();
+        if (!locator_.find(dir.c_str(), at)) {
+            ulog(MSG_FAILED_MAKE_DIRECTORY, kMkdirPrefix, dir.c_str(), errText());
+            return;
+        }
     }
-    if (::mkdir(dir.c_str(), a.mode & kPermissionBits) != 0) {
+    if (::mkdirat(at.dir(), at.base(), a.mode & kPermissionBits) != 0) {
         ulog(MSG_FAILED_MAKE_DIRECTORY, kMkdirPrefix, dir.c_str(), errText());
         return;
     }
+    platform::UniqueFd made(::openat(at.dir(), at.base(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!made || !isOwnMaking(made.get(), S_IFDIR)) {
+        ulog(MSG_FAILED_CHMOD, kMkdirPrefix, dir.c_str(), errText());
+        return;
+    }
     bool modeFailed = false, ownerFailed = false;
-    setModeAndOwner(kMkdirPrefix, dir.c_str(), a, modeFailed, ownerFailed);
+    setModeAndOwner(kMkdirPrefix, dir.c_str(), made.get(), a, modeFailed, ownerFailed);
     // Directory times are not carried by the stream's MKDIR handling: they
     // change anyway as entries are made inside.
+}
+
+void RestoreSession::unlinkCommand() {
+    Location at;
+    if (unlinkPath_.empty()) {
+        errno = ENOENT;
+    } else if (locator_.find(unlinkPath_.c_str(), at) && ::unlinkat(at.dir(), at.base(), 0) == 0) {
+        return;
+    }
+    ulog(MSG_FAILED_UNLINK, "", unlinkPath_.c_str(), errText());
 }
 
 // chmod, then chown. Linux clears set-user-id and set-group-id when an
 // owner changes (even for root), so the mode is put back after the chown
 // when it has either bit.
-void RestoreSession::setModeAndOwner(const char* prefix, const char* path, const RestoreAttributes& a,
+void RestoreSession::setModeAndOwner(const char* prefix, const char* path, int fd, const RestoreAttributes& a,
                                      bool& modeFailed, bool& ownerFailed) {
     mode_t mode = a.mode & kPermissionBits;
-    if (::chmod(path, mode) != 0) {
+    if (platform::changeMode(fd, mode) != 0) {
         ulog(MSG_FAILED_CHMOD, prefix, path, errText());
         modeFailed = true;
     }
-    if (::chown(path, static_cast<uid_t>(a.uid), static_cast<gid_t>(a.gid)) != 0) {
+    if (platform::changeOwner(fd, static_cast<uid_t>(a.uid), static_cast<gid_t>(a.gid)) != 0) {
         ulog(MSG_FAILED_CHANGE_OWNER, prefix, path, errText());
         ownerFailed = true;
-    } else if ((mode & kSetIdBits) != 0 && !modeFailed && ::chmod(path, mode) != 0) {
+    } else if ((mode & kSetIdBits) != 0 && !modeFailed && platform::changeMode(fd, mode) != 0) {
         ulog(MSG_FAILED_CHMOD, prefix, path, errText());
         modeFailed = true;
     }
@@ -192,6 +227,7 @@ void RestoreSession::openFile() {
     // An earlier file that never got its ENDF is closed as it is: it gets no
     // attributes.
     out_.reset();
+    node_.reset();
     count_ = 0;
     haveFile_ = true;
     unlinkPath_.clear();
@@ -212,7 +248,7 @@ void RestoreSession::openFile() {
     if (!resolveConflict()) return;
     (void)unlinkPath_.assign(path_.c_str());  // the name is now this job's
     if (attr_.nlink > 1) {
-        int r = links_.postml(path_, attr_, owner_, verbose_);
+        int r = links_.postml(path_, attr_, owner_, locator_, verbose_);
         if (r == 1) {
             status_ = status::kHardLinked;
             return;
@@ -236,7 +272,9 @@ bool RestoreSession::resolveConflict() {
     for (;;) {
         traceStdout(verbose_, "OPENFILE: %s\n", path_.c_str());
         struct stat st {};
-        if (::lstat(path_.c_str(), &st) != 0) return true;  // nothing of that name
+        // Nothing of that name, or its directory cannot be reached (the
+        // create then makes the parents or says why not).
+        if (!locate() || ::fstatat(here_.dir(), here_.base(), &st, AT_SYMLINK_NOFOLLOW) != 0) return true;
         if (S_ISDIR(st.st_mode)) {
             ulog(MSG_CANNOT_CREATE_SAME_NAME_DIRECTORY, kOpenPrefix, path_.c_str());
             status_ = status::kCannotCreate;
@@ -275,7 +313,7 @@ bool RestoreSession::replaceExisting(const struct stat& st) {
         if (ctx_.serverVersion >= transport::kNewServerVersion) onNfs_ = backup::skip_nfs(path_.c_str(), st.st_dev);
         bool mandatory = (st.st_mode & S_ISGID) != 0 && (st.st_mode & S_IXGRP) == 0;
         if (settings().checkLocks || (onNfs_ == 0 && mandatory)) {
-            platform::UniqueFd f(::open(path_.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK));
+            platform::UniqueFd f(::openat(here_.dir(), here_.base(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
             if (!f) {
                 ulog(MSG_FAILED_OPEN_REGULAR, kOpenPrefix, path_.c_str(), errText());
                 status_ = status::kCannotOpen;
@@ -297,7 +335,7 @@ bool RestoreSession::replaceExisting(const struct stat& st) {
             }
         }
     }
-    if (::unlink(path_.c_str()) != 0) ulog(MSG_FAILED_UNLINK, kOpenPrefix, path_.c_str(), errText());
+    if (::unlinkat(here_.dir(), here_.base(), 0) != 0) ulog(MSG_FAILED_UNLINK, kOpenPrefix, path_.c_str(), errText());
     return true;
 }
 
@@ -305,6 +343,7 @@ bool RestoreSession::replaceExisting(const struct stat& st) {
 // not be made, sets `failStatus` and keeps the full name.
 bool RestoreSession::makeParents(const char* prefix, uint8_t failStatus) {
     std::string full = path_.c_str();
+    locator_.forget();
     if (make_path(path_, owner_) == 0) return true;
     ulog(MSG_CANNOT_CREATE_PATH, prefix, path_.c_str(), errText());
     (void)path_.assign(full);
@@ -315,18 +354,33 @@ bool RestoreSession::makeParents(const char* prefix, uint8_t failStatus) {
 void RestoreSession::createSpecial() {
     mode_t mode = static_cast<mode_t>(attr_.mode & (kTypeMask | kPermissionBits));
     dev_t device = attr_.type() == kTypeFifo ? 0 : platform::decodeDev32(attr_.rdev);
-    if (::mknod(path_.c_str(), mode, device) != 0) {
+    auto made = [&] { return locate() && ::mknodat(here_.dir(), here_.base(), mode, device) == 0; };
+    if (!made()) {
         if (!makeParents(kOpenPrefix, status::kSpecialRefused)) return;
-        if (::mknod(path_.c_str(), mode, device) != 0) {
+        if (!made()) {
             int e = errno;
             ulog(MSG_FAILED_CREATE_SPECIAL, kOpenPrefix, path_.c_str(), errText());
             status_ = e == ENOSPC ? status::kNoSpace : status::kSpecialRefused;
             return;
         }
     }
+    // From here on the node is reached through its descriptor only.
+    node_.reset(::openat(here_.dir(), here_.base(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!node_ || !isOwnMaking(node_.get(), mode & S_IFMT)) {
+        ulog(MSG_FAILED_CREATE_SPECIAL, kOpenPrefix, path_.c_str(), errText());
+        status_ = status::kSpecialRefused;
+        node_.reset();
+        return;
+    }
     if (attr_.type() == kTypeCharDevice && fileSize_ != 0) {
         traceStdout(verbose_, "%sRaw device file %s, fileSize=%d\n", kOpenPrefix, path_.c_str(), fileSize_);
-        out_.reset(::open(path_.c_str(), O_WRONLY | O_NOFOLLOW));
+        out_.reset(::openat(here_.dir(), here_.base(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
+        struct stat opened {}, node {};
+        if (out_ && (::fstat(out_.get(), &opened) != 0 || ::fstat(node_.get(), &node) != 0 ||
+                     opened.st_ino != node.st_ino || opened.st_dev != node.st_dev)) {
+            out_.reset();
+            errno = EEXIST;  // another file took the node's name meanwhile
+        }
         if (!out_) {
             ulog(MSG_FAIED_OPEN, kOpenPrefix, path_.c_str(), errText());
             status_ = status::kCannotOpen;
@@ -335,11 +389,13 @@ void RestoreSession::createSpecial() {
 }
 
 void RestoreSession::createRegular() {
-    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_TRUNC | O_NOFOLLOW;
-    int fd = ::open(path_.c_str(), kFlags, kReceivingMode);
+    // A new file only: a link or anything else under the name fails.
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_TRUNC | O_NOFOLLOW | O_CLOEXEC;
+    auto create = [&] { return locate() ? ::openat(here_.dir(), here_.base(), kFlags, kReceivingMode) : -1; };
+    int fd = create();
     if (fd < 0) {
         if (!makeParents(kOpenPrefix, status::kCannotCreate)) return;
-        fd = ::open(path_.c_str(), kFlags, kReceivingMode);
+        fd = create();
         if (fd < 0) {
             int e = errno;
             ulog(MSG_FAILED_CREATE, kOpenPrefix, path_.c_str(), errText());
@@ -397,16 +453,20 @@ int RestoreSession::mof() {
 void RestoreSession::finishSymlink() {
     data_[count_] = 0;  // count_ < data_.size(): at most kWriteBatch - 1 + one payload
     const char* target = reinterpret_cast<const char*>(data_.data());
-    if (::symlink(target, path_.c_str()) != 0) {
+    auto made = [&] { return locate() && ::symlinkat(target, here_.dir(), here_.base()) == 0; };
+    if (!made()) {
         if (!makeParents(kEndfPrefix, status::kCannotCreate)) return;
-        if (::symlink(target, path_.c_str()) != 0) {
+        if (!made()) {
             ulog(MSG_FAILED_CREATE_SYMBOLIC_LINK_SYMLINK, kEndfPrefix, target, path_.c_str(), errText());
             status_ = status::kCannotCreate;
             return;
         }
     }
-    // Only a link made here is given away; its times and mode are not set.
-    if (::lchown(path_.c_str(), static_cast<uid_t>(attr_.uid), static_cast<gid_t>(attr_.gid)) != 0) {
+    // Only the link made here is given away, through a descriptor of the
+    // link itself; its times and mode are not set.
+    platform::UniqueFd link(::openat(here_.dir(), here_.base(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!link || !isOwnMaking(link.get(), S_IFLNK) ||
+        platform::changeOwner(link.get(), static_cast<uid_t>(attr_.uid), static_cast<gid_t>(attr_.gid)) != 0) {
         ulog(MSG_FAILED_CHANGE_OWNER, kEndfPrefix, path_.c_str(), errText());
         status_ = status::kOwnerOrMode;
     }
@@ -416,20 +476,26 @@ void RestoreSession::finishFile() {
     // After a failed write nothing more is written: the file would have a gap.
     if (status_ == 0 && count_ > 0) writeHeld(kEndfPrefix);
     count_ = 0;
-    if (out_ && out_.close() != 0) {
-        int e = errno;
-        ulog(MSG_FAILED_WRITING, kEndfPrefix, path_.c_str(), errText());
-        if (status_ == 0) status_ = e == ENOSPC ? status::kNoSpace : status::kWriteFailed;
-    }
     // A file whose data did not all reach the disk keeps the mode it was made
     // with: it must not pass for a finished one.
     if (status_ != 0) return;
+    // The attributes go through the descriptor of what was made, so that no
+    // name swapped in meanwhile receives them.
+    int fd = out_ ? out_.get() : node_.get();
     bool modeFailed = false, ownerFailed = false;
-    setModeAndOwner(kEndfPrefix, path_.c_str(), attr_, modeFailed, ownerFailed);
+    setModeAndOwner(kEndfPrefix, path_.c_str(), fd, attr_, modeFailed, ownerFailed);
     if (modeFailed || ownerFailed) status_ = status::kOwnerOrMode;
-    if (setFileTimes(path_.c_str(), attr_.atime, attr_.mtime) != 0) {
+    if (setFileTimes(fd, attr_.atime, attr_.mtime) != 0) {
         ulog(MSG_FAILED_SET_TIME, kEndfPrefix, path_.c_str(), errText());
         status_ = status::kTimes;
+    }
+    if (out_ && out_.close() != 0) {
+        // The last data was refused when the file was closed (a network file
+        // system reports it there): the file goes back to the receiving mode.
+        int e = errno;
+        ulog(MSG_FAILED_WRITING, kEndfPrefix, path_.c_str(), errText());
+        status_ = e == ENOSPC ? status::kNoSpace : status::kWriteFailed;
+        ::fchmodat(here_.dir(), here_.base(), kReceivingMode, AT_SYMLINK_NOFOLLOW);
     }
 }
 
@@ -466,6 +532,7 @@ int RestoreSession::endf(bool& over) {
     s = status_;
     status_ = 0;
     out_.reset();
+    node_.reset();
     if (s == status::kNoSpace) {
         over = true;
         return answer(status::kNoSpace);

@@ -78,6 +78,7 @@ TEST_F(PathsTest, MakeRestorePathFailsWhenTheChildIsKilledAndIgnoresSigchldAgain
 
 TEST_F(PathsTest, TheTableTakes5000NamesThenRefusesWithOneMessage) {
     HardLinkTable table;
+    Locator locator;
     table.reset();
     RestoreAttributes a;
     a.nlink = 2;
@@ -85,18 +86,18 @@ TEST_F(PathsTest, TheTableTakes5000NamesThenRefusesWithOneMessage) {
     ASSERT_TRUE(p.assign(at("n")));
     for (uint32_t i = 0; i < HardLinkTable::kCapacity; ++i) {
         a.ino = i + 1;
-        ASSERT_EQ(table.postml(p, a, {0, 0}, false), 0) << i;
+        ASSERT_EQ(table.postml(p, a, {0, 0}, locator, false), 0) << i;
     }
     a.ino = 1;  // known, but the full table is no longer searched
-    EXPECT_EQ(table.postml(p, a, {0, 0}, false), -1);
+    EXPECT_EQ(table.postml(p, a, {0, 0}, locator, false), -1);
     a.ino = 90000;
-    EXPECT_EQ(table.postml(p, a, {0, 0}, false), -1);
+    EXPECT_EQ(table.postml(p, a, {0, 0}, locator, false), -1);
     std::string log = home_.log();
     size_t first = log.find("(postml) Too many links");
     ASSERT_NE(first, std::string::npos);
     EXPECT_EQ(log.find("(postml) Too many links", first + 1), std::string::npos);
     table.reset();  // a new job starts afresh
-    EXPECT_EQ(table.postml(p, a, {0, 0}, false), 0);
+    EXPECT_EQ(table.postml(p, a, {0, 0}, locator, false), 0);
 }
 
 }  // namespace
