@@ -8,7 +8,9 @@
 #include "daemon/job_phases.h"
 #include "daemon/login.h"
 #include "daemon/state.h"
+#include "daemon/trust.h"
 #include "log/ulog.h"
+#include "platform/safe_path.h"
 #include "request/channel.h"
 #include "request/commands.h"
 #include "transport/packet.h"
@@ -42,8 +44,17 @@ void logStartLine(const JobContext& ctx) {
     ulogText(line);
 }
 
-int changeToRoot(Channel& channel, const JobContext& ctx) {
-    if (::chdir(ctx.jobRoot.c_str()) != 0) {
+// Enters the job's root. A restore that runs as root may be writing where
+// other users can: its root is reached without following their links.
+int changeToRoot(Channel& channel, const JobContext& ctx, bool safely = false) {
+    bool entered = false;
+    if (safely) {
+        platform::UniqueFd root = platform::openDirectory(ctx.jobRoot);
+        entered = root && ::fchdir(root.get()) == 0;
+    } else {
+        entered = ::chdir(ctx.jobRoot.c_str()) == 0;
+    }
+    if (!entered) {
         ulog(MSG_FAILED_CHANGE_DIRECTORY_JOB_ABORT, "", ctx.jobRoot.c_str(), errText());
         answer(channel, ctx, transport::code::kPathFailed);
         return -1;
@@ -75,13 +86,16 @@ int prepare(Channel& channel, JobContext& ctx) {
             }
             return 0;  // a backup keeps its working directory
         case kOpRestore: {
-            int r = prepareRestoreRoot(ctx);
+            // A login that is not trusted restores wholly under its own
+            // identity; a trusted one's restore runs as the agent's user and
+            // only the destination is made as the login.
+            int r = !ctx.trusted && !switchIdentity(ctx) ? 1 : prepareRestoreRoot(ctx);
             if (r != 0) {
                 bool identity = ctx.serverVersion >= transport::kNewServerVersion && r == 1;
                 answer(channel, ctx, identity ? transport::code::kIdentityFailed : transport::code::kPathFailed);
                 return -1;
             }
-            return changeToRoot(channel, ctx);
+            return changeToRoot(channel, ctx, true);
         }
         case kOpCompare:
             if (!identitySwitchExempt(ctx, false) && !switchIdentity(ctx)) {
@@ -100,13 +114,13 @@ int prepare(Channel& channel, JobContext& ctx) {
 
 bool identitySwitchExempt(const JobContext& ctx, bool browse) {
     if (settings().singleUser) return true;
-    if (browse) return false;
-    return ctx.serverVersion > 51 && ctx.request.noSwitchBit();
+    return !browse && ctx.keepIdentity;
 }
 
 int serveJob(JobContext& ctx) {
     Listener& l = listener();
     Channel channel(l.jobSocket);
+    decideTrust(ctx);
 
     if (ctx.request.opMode() == kOpBrowse) {
         if (settings().verbose) ulogText("enter Browser()...");

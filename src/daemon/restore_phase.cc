@@ -45,7 +45,8 @@ int restorePhase(Channel& channel, JobContext& ctx) {
 
 int prepareRestoreRoot(JobContext& ctx) {
     auto becomeUser = [&ctx]() {
-        if (identitySwitchExempt(ctx, false)) return true;
+        // A login that is not trusted has switched the whole job already.
+        if (identitySwitchExempt(ctx, false) || !ctx.trusted) return true;
         if (!ctx.jobUser.present) {
             ulog("%sNo user to switch to", "(chuid) ");
             return false;

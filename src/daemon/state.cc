@@ -13,6 +13,7 @@ void Paths::deriveFrom(const std::string& home) {
     homeDir = home;
     logDir = homeDir + "LOG";
     cntlPath = homeDir + "tvk.cntl";
+    trustPath = homeDir + "trust.cntl";
     followMarkerPath = homeDir + "follow.symlink";
     logPath = logDir + "/tvk.log";
     oldLogPath = logPath + ".old";

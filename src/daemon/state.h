@@ -64,6 +64,7 @@ struct Paths {
     std::string homeDir;           // ends in "/"; at most kMaxHomeDir characters
     std::string logDir;            // homeDir + "LOG"
     std::string cntlPath;          // homeDir + "tvk.cntl"
+    std::string trustPath;         // homeDir + "trust.cntl"
     std::string followMarkerPath;  // homeDir + "follow.symlink"
     std::string logPath;           // logDir + "/tvk.log"
     std::string oldLogPath;        // logPath + ".old"

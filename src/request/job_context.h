@@ -136,6 +136,11 @@ struct JobContext {
     std::array<uint8_t, options_layout::kSize> jobOptions{};
     uint16_t ackInterval = 0;  // the job's copy: -a, then the start command's value
     JobUser jobUser;
+    // Decided in the job process before it touches the file system: the
+    // login may have root-level jobs, and this job keeps the agent's
+    // identity (single-user mode, or a trusted login that asked for it).
+    bool trusted = false;
+    bool keepIdentity = false;
     DirList protectedDirs;
 
     filter::ReceivedFilter filterItems;
@@ -155,10 +160,10 @@ struct JobContext {
 
 JobContext& job();
 
-// Resets the job state for a new connection: request and options cleared,
-// retry count and interval 5, conflict policy 3, server version 0, the ack
-// interval from the settings. jobRoot is kept (a request without a record
-// leaves the previous root in place).
+// Resets the job state for a new connection: request, root and options
+// cleared, retry count and interval 5, conflict policy 3, server version 0,
+// the ack interval from the settings. Nothing of an earlier caller's request
+// survives: a request without a record has an empty root.
 void prepareForConnection(JobContext& ctx);
 
 }  // namespace tavik

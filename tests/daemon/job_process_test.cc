@@ -18,6 +18,7 @@
 #include "daemon/job_session.h"
 #include "daemon/login.h"
 #include "daemon/scratch_home.h"
+#include "daemon/trust.h"
 #include "request/job_context.h"
 
 namespace {
@@ -119,15 +120,64 @@ TEST_F(JobProcessTest, SingleUserModeAndPreparationRefusals) {
     EXPECT_TRUE(home_.logHas("Invalid Unix Path, Job Abort"));
 }
 
-TEST_F(JobProcessTest, SwitchExemptions) {
-    ctx_.serverVersion = '4';
-    ctx_.request.raw[request_layout::kNoSwitchAt] = 0x80;
-    EXPECT_TRUE(identitySwitchExempt(ctx_, false));
-    EXPECT_FALSE(identitySwitchExempt(ctx_, true));  // browse knows only single-user mode
-    ctx_.serverVersion = '3';
-    EXPECT_FALSE(identitySwitchExempt(ctx_, false));
+// Who may keep the agent's identity: a trusted login that asks (servers
+// above 51), and every caller in single-user mode. trust.cntl counts only
+// when root alone may write it.
+TEST_F(JobProcessTest, OnlyTrustedLoginsKeepTheAgentsIdentity) {
+    const std::string& file = paths().trustPath;
+    struct Row {
+        const char* what;
+        JobUser user;
+        std::string trustFile;  // empty: none
+        mode_t mode = 0644;
+        int8_t version = '4';
+        uint8_t bit = 0x80;
+        bool trusted, keep, browseKeeps = false;
+        std::string line = "";
+    };
+    const JobUser nobody{true, "nobody", kNobody, kNobody}, root{true, "root", 0, 0};
+    const std::string ignored = "The request to run without switching to login nobody is ignored";
+    const Row rows[] = {
+        {"root asks", root, "", 0644, '4', 0x80, true, true},
+        {"root does not ask", root, "", 0644, '4', 0, true, false},
+        {"root's bit from version 51 is no request", root, "", 0644, '3', 0x80, true, false},
+        {"a login not listed", nobody, "", 0644, '4', 0x80, false, false, false, ignored},
+        {"a listed login", nobody, "# operators\n\n  nobody \n", 0644, '4', 0x80, true, true},
+        {"a file others may write is ignored", nobody, "nobody\n", 0646, '4', 0x80, false, false, false,
+         "(trust_cntl) " + file + " is ignored"},
+        {"a file its group may write is ignored", nobody, "nobody\n", 0664, '4', 0x80, false, false},
+        {"a name inside a longer one does not count", nobody, "nobodyelse\n#nobody\n", 0644, '4', 0x80, false,
+         false},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        ::unlink(file.c_str());
+        if (!row.trustFile.empty()) {
+            std::ofstream(file) << row.trustFile;
+            ::chmod(file.c_str(), row.mode);
+        }
+        for (uint8_t op : {kOpBackup, kOpBrowse}) {
+            JobContext ctx;
+            prepareForConnection(ctx);
+            ctx.jobUser = row.user;
+            ctx.serverVersion = row.version;
+            ctx.request.raw[request_layout::kNoSwitchAt] = row.bit;
+            ctx.request.raw[request_layout::kOpModeAt] = op;
+            decideTrust(ctx);
+            EXPECT_EQ(ctx.trusted, row.trusted);
+            EXPECT_EQ(identitySwitchExempt(ctx, op == kOpBrowse), op == kOpBrowse ? row.browseKeeps : row.keep);
+        }
+        if (!row.line.empty()) {
+            EXPECT_TRUE(home_.logHas(row.line));
+        }
+    }
+    ::unlink(file.c_str());
     settings().singleUser = true;
-    EXPECT_TRUE(identitySwitchExempt(ctx_, true));
+    JobContext ctx;
+    prepareForConnection(ctx);
+    decideTrust(ctx);
+    EXPECT_TRUE(ctx.trusted);
+    EXPECT_TRUE(identitySwitchExempt(ctx, true));
 }
 
 TEST(Login, SuperuserAndUnknownLogins) {

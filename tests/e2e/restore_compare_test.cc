@@ -90,8 +90,14 @@ private:
 constexpr uint32_t kTime = 1234567890;
 constexpr int kSkipped = 0xCB;
 
+// The login is trusted: its restores run as root and give files their
+// owners, set-id bits and device nodes.
 class RestoreTest : public LoginJobTest {
 protected:
+    void SetUp() override {
+        LoginJobTest::SetUp();
+        trust(user_.name());
+    }
     // Request (into the work directory unless `root` is given), the options
     // record when given, start: the answer to the request.
     int beginRestore(uint8_t conflict = 3, uint16_t ack = 0, const std::string& root = "",
