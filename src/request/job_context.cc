@@ -44,9 +44,7 @@ JobContext& job() {
 }
 
 void prepareForConnection(JobContext& ctx) {
-    std::string keptRoot = std::move(ctx.jobRoot);
     ctx = JobContext{};
-    ctx.jobRoot = std::move(keptRoot);
     wire::storeLe16(ctx.jobOptions.data() + options_layout::kRetryCountAt, 5);
     wire::storeLe16(ctx.jobOptions.data() + options_layout::kRetryIntervalAt, 5);
     ctx.conflictPolicy = 3;
