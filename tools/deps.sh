@@ -8,6 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev          # libFuzzer targets
   libcrypt-dev                       # password checks against the shadow file
+  libpam0g-dev                       # the system's account checks (expired, locked)
   libisal-dev                        # archive checksums of tavikctl (CRC-32)
   locales                            # localedef for the locale tests
   passwd                             # useradd/chpasswd for the login tests

@@ -34,8 +34,25 @@ int waitForEvent(fd_set& readSet, int highest) {
     return pselect(highest + 1, &readSet, nullptr, nullptr, nullptr, &waitMask);
 }
 
+// Whether `host` resolves back to `address`. The reverse-lookup name is
+// chosen by whoever controls the address's reverse zone: it counts only
+// when the name's own addresses confirm it.
+bool resolvesTo(const char* host, in_addr address) {
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(host, nullptr, &hints, &found) != 0) return false;
+    bool confirmed = false;
+    for (const addrinfo* a = found; a && !confirmed; a = a->ai_next)
+        confirmed = reinterpret_cast<const sockaddr_in*>(a->ai_addr)->sin_addr.s_addr == address.s_addr;
+    freeaddrinfo(found);
+    return confirmed;
+}
+
 // Identifies the caller of a new connection: dotted address and, when the
-// reverse lookup succeeds, its host name.
+// reverse lookup succeeds and the name resolves back to the address, its
+// host name.
 void identifyPeer(Listener& l) {
     sockaddr_in peer{};
     socklen_t len = sizeof peer;
@@ -47,7 +64,8 @@ void identifyPeer(Listener& l) {
     inet_ntop(AF_INET, &peer.sin_addr, l.peerAddress, sizeof l.peerAddress);
     char host[NI_MAXHOST];
     l.peerKnown = getnameinfo(reinterpret_cast<sockaddr*>(&peer), sizeof peer, host, sizeof host, nullptr, 0,
-                              NI_NAMEREQD) == 0;
+                              NI_NAMEREQD) == 0 &&
+                  resolvesTo(host, peer.sin_addr);
     l.peerName = l.peerKnown ? host : "";
 }
 

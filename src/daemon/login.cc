@@ -1,13 +1,16 @@
 #include "daemon/login.h"
 
+#include <arpa/inet.h>
 #include <crypt.h>
 #include <grp.h>
 #include <netdb.h>
 #include <pwd.h>
+#include <security/pam_appl.h>
 #include <shadow.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <ctime>
 
 #include "daemon/state.h"
 #include "log/ulog.h"
@@ -17,7 +20,41 @@ namespace tavik {
 namespace {
 
 constexpr const char* kPasswordPrefix = "(ckpasswd) ";
+constexpr const char* kAccountPrefix = "(ckaccount) ";
 constexpr const char* kChuidPrefix = "(chuid) ";
+// The PAM service whose account rules apply (PAM's "other" without a file
+// of its own).
+constexpr const char* kPamService = "tavikd";
+
+// A stored hash that no password can match: none, or locked ("!...", "*").
+bool usableHash(const char* stored) { return stored && stored[0] != '\0' && stored[0] != '!' && stored[0] != '*'; }
+
+// Hashes the password once in vain, with a new setting of the system's
+// default scheme, for a login that has no hash to compare with: a refusal
+// then costs what a check costs, and its time tells nothing about the login.
+void hashInVain(const char* plain) {
+    char setting[CRYPT_GENSALT_OUTPUT_SIZE];
+    if (!::crypt_gensalt_rn(nullptr, 0, nullptr, 0, setting, sizeof setting)) return;
+    crypt_data data{};
+    ::crypt_r(plain, setting, &data);
+    wipeSecret(&data, sizeof data);
+}
+
+// The system's account management for `login`: PAM's account check, with
+// no conversation (nothing can be asked of a network caller).
+int pamAccount(const char* login, const char* peerAddress) {
+    pam_conv conv{[](int, const pam_message**, pam_response**, void*) { return static_cast<int>(PAM_CONV_ERR); },
+                  nullptr};
+    pam_handle_t* handle = nullptr;
+    int r = ::pam_start(kPamService, login, &conv, &handle);
+    if (r == PAM_SUCCESS) {
+        ::pam_set_item(handle, PAM_RHOST, peerAddress);
+        ::pam_set_item(handle, PAM_RUSER, login);
+        r = ::pam_acct_mgmt(handle, PAM_SILENT);
+    }
+    if (handle) ::pam_end(handle, r);
+    return r;
+}
 
 void lookupUser(JobUser& user, const char* login) {
     user = JobUser{};
@@ -40,22 +77,29 @@ int isSuperuser(JobUser& user, const char* login) {
 int ckpasswd(JobUser& user, const char* login, const char* plain) {
     lookupUser(user, login);
     if (!user.present) {
+        hashInVain(plain);
         ulog(MSG_USER_NOT_DEFINED_PASSWORD, kPasswordPrefix, login ? login : "(null)");
         return -2;
     }
     const spwd* shadow = ::getspnam(login);
     if (!shadow || !shadow->sp_pwdp) {
         ::endspent();
+        hashInVain(plain);
         ulog(MSG_USER_NOT_DEFINED_SHADOW, kPasswordPrefix, login);
         return -2;
     }
-    // The stored hash is its own salt; crypt_r keeps the result off static
-    // storage so that it can be wiped.
-    crypt_data data{};
-    const char* hashed = ::crypt_r(plain, shadow->sp_pwdp, &data);
-    bool equal = hashed && hashed[0] != '*' && std::strcmp(hashed, shadow->sp_pwdp) == 0;
+    bool equal = false;
+    if (!usableHash(shadow->sp_pwdp)) {
+        hashInVain(plain);
+    } else {
+        // The stored hash is its own salt; crypt_r keeps the result off
+        // static storage so that it can be wiped.
+        crypt_data data{};
+        const char* hashed = ::crypt_r(plain, shadow->sp_pwdp, &data);
+        equal = hashed && hashed[0] != '*' && std::strcmp(hashed, shadow->sp_pwdp) == 0;
+        wipeSecret(&data, sizeof data);
+    }
     ::endspent();
-    wipeSecret(&data, sizeof data);
     if (!equal) {
         ulog(MSG_INCORRECT_PASSWORD, kPasswordPrefix);
         return -1;
@@ -63,14 +107,33 @@ int ckpasswd(JobUser& user, const char* login, const char* plain) {
     return 0;
 }
 
+int accountUsable(const char* login, const char* peerAddress) {
+    const spwd* shadow = ::getspnam(login);
+    long expires = shadow ? shadow->sp_expire : -1;
+    ::endspent();
+    long today = static_cast<long>(std::time(nullptr) / 86400);
+    if (expires != -1 && today >= expires) {
+        ulog("%sThe account %s has expired", kAccountPrefix, login);
+        return -1;
+    }
+    int r = pamAccount(login, peerAddress);
+    if (r != PAM_SUCCESS) {
+        ulog("%sThe account %s may not be used now (%s)", kAccountPrefix, login, ::pam_strerror(nullptr, r));
+        return -1;
+    }
+    return 0;
+}
+
 int checkLogin(JobContext& ctx) {
+    Listener& l = listener();
     char plain[kPasswordSize];
     descramblePassword(plain, ctx.request.paswd());
     std::string login = ctx.request.loginID();
     int r = ckpasswd(ctx.jobUser, login.c_str(), plain);
     wipeSecret(plain, sizeof plain);
+    // An expired or locked account is refused like a wrong password.
+    if (r == 0 && accountUsable(login.c_str(), l.peerAddress) != 0) r = -1;
     if (r == 0) return 0;
-    Listener& l = listener();
     int8_t refusal = (ctx.serverVersion >= transport::kNewServerVersion && r == -2) ? transport::code::kUnknownUser
                                                                                     : transport::code::kLoginFailed;
     if (transport::syncSendCode(l.jobSocket, refusal) != 0) {
@@ -86,8 +149,14 @@ int admitCaller(JobContext& ctx) {
     Listener& l = listener();
     std::string login = ctx.request.loginID();
     if (ctx.request.acceptEA() != 'e' && l.peerKnown) {
+        // Equivalence is decided by the caller's address, which the caller
+        // cannot choose the way it chooses its reverse-lookup name.
         int super = isSuperuser(ctx.jobUser, login.c_str());
-        if (::ruserok(l.peerName.c_str(), super, login.c_str(), login.c_str()) == 0) return 0;
+        in_addr address{};
+        if (::inet_pton(AF_INET, l.peerAddress, &address) == 1 &&
+            ::iruserok_af(&address, super, login.c_str(), login.c_str(), AF_INET) == 0 &&
+            accountUsable(login.c_str(), l.peerAddress) == 0)
+            return 0;
     }
     return checkLogin(ctx);
 }
