@@ -225,13 +225,17 @@ public:
     // Runs the copied binary once more with `args` and waits for the
     // launching process (for tests of start-up failures).
     LaunchResult launch(const std::vector<std::string>& args, const std::map<std::string, std::string>& env = {}) {
-        std::string command = "timeout 20 env";
+        std::string command = "timeout 20 " + through_ + " env";
         for (const auto& [k, v] : env) command += " '" + k + "=" + v + "'";
         command += " '" + binary() + "'";
         for (const std::string& a : args) command += " '" + a + "'";
         int status = std::system((command + " >'" + home_ + "launcher.out' 2>&1").c_str());
         return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(home_ + "launcher.out")};
     }
+    // Launches through `command`, shell words that end by running the words
+    // after them (a mount namespace that shows the daemon other system
+    // files, say).
+    void runThrough(const std::string& command) { through_ = command; }
     // SIGTERM, then waits for the daemon; returns its exit status (-1 if it
     // had to be killed).
     int stop() {
@@ -271,6 +275,7 @@ public:
 private:
     Tree dir_;
     std::string home_;
+    std::string through_;
     uint16_t port_ = 0;
     pid_t pid_ = -1;
     LaunchResult launcher_;

@@ -1,0 +1,219 @@
+// Attacks on a root agent started without -S, each by an unprivileged test
+// login or a local user, with the secure outcome asserted on the wire, on
+// disk and in the log; and what a trusted login may still do.
+#include <arpa/inet.h>
+#include <sys/mount.h>
+#include <sys/sysmacros.h>
+
+#include <chrono>
+#include <thread>
+
+#include "e2e/restore_driver.h"
+#include "platform/wire_stat.h"
+
+namespace {
+
+using namespace tavik::test;
+using tavik::frontend::JobClient;
+using tavik::frontend::RequestFields;
+using tavik::restore::RestoreAttributes;
+
+class SecurityTest : public LoginJobTest {
+protected:
+    // A connection from the loopback address `source`: the answer to `f`.
+    int askFrom(const char* source, const RequestFields& f, uint16_t port) {
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in from = inetAddress(0), to = inetAddress(port);
+        inet_pton(AF_INET, source, &from.sin_addr);
+        if (bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from) != 0 ||
+            connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) {
+            close(fd);
+            return tavik::frontend::kNoAnswer;
+        }
+        JobClient client(fd);
+        return client.request(f);
+    }
+    // Shows `daemon` the files `binds` (source, system file) in a mount
+    // namespace of its own; false where namespaces are not permitted.
+    bool inNamespace(Daemon& daemon, const std::vector<std::pair<std::string, std::string>>& binds) {
+        if (std::system("unshare -m true >/dev/null 2>&1") != 0) return false;
+        std::string script;
+        for (const auto& [from, to] : binds) script += "mount --bind " + from + " " + to + " && ";
+        daemon.runThrough("unshare -m sh -c '" + script + "exec \"$0\" \"$@\"'");
+        return true;
+    }
+    // Waits until `path` is a regular file (up to five seconds).
+    static bool appears(const std::string& path) {
+        for (int i = 0; i < 500 && !S_ISREG(statOf(path).st_mode); ++i) usleep(10000);
+        return S_ISREG(statOf(path).st_mode);
+    }
+
+    Tree scratch_;
+};
+
+TEST_F(SecurityTest, RestoreByALoginThatIsNotTrustedRunsAsThatLogin) {
+    ASSERT_TRUE(startDaemon());
+    scratch_.dir("rootonly", 0700);
+    scratch_.file("victim", "root's file");
+    ASSERT_EQ(begin(fields(work_, 1)), 4);
+    RestoreDriver r(client_);
+    RestoreAttributes mem = restoreAttrs(at("mem"), 020666);
+    mem.rdev = tavik::platform::encodeDev32(makedev(1, 1));
+    const struct {
+        const char* what;
+        RestoreAttributes record;
+        int status;
+    } rows[] = {
+        {"a set-user-id root shell in a root-only directory", restoreAttrs(scratch_.path("rootonly/sh"), 0104755), 'j'},
+        {"a device node", mem, 'p'},
+        {"a file given to root where the login may write", restoreAttrs(at("mine"), 0104755), 'k'},
+    };
+    for (const auto& row : rows) EXPECT_EQ(r.file(row.record, "#!/bin/sh\n"), row.status) << row.what;
+    // A directory over root's file, then UNLINK of that name.
+    ASSERT_TRUE(r.mkdir(restoreAttrs(scratch_.path("victim"), 040755)));
+    ASSERT_TRUE(r.send(tavik::restore::command::kUnlink));
+    EXPECT_EQ(r.end(), 3);
+
+    EXPECT_EQ(statOf(scratch_.path("rootonly/sh")).st_mode, 0u);
+    EXPECT_EQ(statOf(at("mem")).st_mode, 0u);
+    EXPECT_EQ(statOf(at("mine")).st_uid, user_.uid());
+    EXPECT_EQ(readFile(scratch_.path("victim")), "root's file");
+    EXPECT_TRUE(logHas("(ws_restore[OPENFILE]) Failed to create " + scratch_.path("rootonly/sh") +
+                       " (Permission denied)"));
+    EXPECT_TRUE(logHas("(ws_restore[OPENFILE]) Only system administrator can restore special file"));
+    EXPECT_TRUE(logHas("Failed to unlink <" + scratch_.path("victim") + "> (Permission denied)"));
+}
+
+TEST_F(SecurityTest, RunningUnswitchedIsForTrustedLoginsOnly) {
+    ASSERT_TRUE(startDaemon());
+    scratch_.dir("rootonly", 0700);
+    scratch_.file("rootonly/secret", "secret");
+    RequestFields f = fields(scratch_.path("rootonly"), 0);
+    f.runUnswitched = true;
+    EXPECT_EQ(ask(f), 118);
+    EXPECT_TRUE(daemon_.waitForLog("The request to run without switching to login " + user_.name() +
+                                   " is ignored: the login is not trusted"));
+    trust(user_.name());
+    EXPECT_EQ(ask(f), 4);
+}
+
+TEST_F(SecurityTest, RestoreAsRootFollowsNoLinkAnotherUserPlanted) {
+    TestUser attacker;
+    ASSERT_TRUE(attacker.ok());
+    trust(user_.name());  // its restore runs as root
+    ASSERT_TRUE(startDaemon());
+    std::string dest = scratch_.path("dest"), secret = scratch_.path("secret");
+    scratch_.dir("dest");
+    chown(dest.c_str(), attacker.uid(), attacker.gid());
+    scratch_.file("secret", "top secret", 0600);
+    scratch_.dir("rootonly", 0700);
+    scratch_.dir("rootdir");
+    auto plant = [&](const std::string& target, const std::string& name, uid_t owner) {
+        std::string tmp = dest + "/.planted";
+        symlink(target.c_str(), tmp.c_str());
+        lchown(tmp.c_str(), owner, owner);
+        rename(tmp.c_str(), (dest + "/" + name).c_str());
+    };
+    plant(scratch_.path("rootonly"), "sub", attacker.uid());
+    plant(scratch_.path("rootdir"), "viaroot", 0);
+
+    ASSERT_EQ(begin(fields(work_, 1)), 4);  // the names sent are complete
+    RestoreDriver r(client_);
+    // Between OPENFILE and ENDF the file becomes a link to root's secret.
+    ASSERT_TRUE(r.openFile(restoreAttrs(dest + "/f", 0100644, attacker.uid(), attacker.gid())));
+    ASSERT_TRUE(appears(dest + "/f"));
+    plant(secret, "f", attacker.uid());
+    EXPECT_EQ(r.endf(bytes("data")), 0);
+    // Through a link the attacker planted beforehand: nothing is made.
+    EXPECT_EQ(r.file(restoreAttrs(dest + "/sub/x", 0100644), "x"), 'j');
+    ASSERT_TRUE(r.mkdir(restoreAttrs(dest + "/sub/newdir", 040755)));
+    // A link of root's is followed.
+    EXPECT_EQ(r.file(restoreAttrs(dest + "/viaroot/y", 0100644), "y"), 0);
+    EXPECT_EQ(r.end(), 3);
+
+    struct stat st = statOf(secret);
+    EXPECT_EQ(st.st_mode, mode_t(0100600));
+    EXPECT_EQ(st.st_uid, 0u);
+    EXPECT_EQ(readFile(secret), "top secret");
+    EXPECT_TRUE(S_ISLNK(statOf(dest + "/f").st_mode));
+    EXPECT_TRUE(std::filesystem::is_empty(scratch_.path("rootonly")));
+    EXPECT_EQ(readFile(scratch_.path("rootdir/y")), "y");
+    EXPECT_TRUE(logHas("(ws_restore[OPENFILE]) Failed to create " + dest + "/sub/x (Permission denied)"));
+    EXPECT_TRUE(logHas("(ws_restore[MKDIR]) Failed to make directory <" + dest + "/sub/newdir> (Permission denied)"));
+}
+
+TEST_F(SecurityTest, HostEquivalenceNeedsTheCallersOwnAddress) {
+    // 127.0.0.3's reverse lookup names trusted.test, whose address is
+    // 127.0.0.2: a name the caller's own reverse zone could choose.
+    scratch_.file("hosts", "127.0.0.1 localhost\n127.0.0.2 trusted.test\n127.0.0.3 trusted.test\n");
+    scratch_.file("host.conf", "multi off\n");
+    if (!inNamespace(daemon_, {{scratch_.path("hosts"), "/etc/hosts"}, {scratch_.path("host.conf"), "/etc/host.conf"}}))
+        GTEST_SKIP() << "mount namespaces are not permitted here";
+    user_.trustHost("trusted.test");
+    ASSERT_TRUE(startDaemon());
+    RequestFields f = fields(user_.home(), 2);
+    f.password = "wrong";
+    f.acceptEA = 0;
+    EXPECT_EQ(askFrom("127.0.0.2", f, daemon_.port()), 4);
+    EXPECT_EQ(askFrom("127.0.0.3", f, daemon_.port()), 113);
+    EXPECT_TRUE(daemon_.waitForLog("(ckpasswd) Incorrect password"));
+}
+
+TEST_F(SecurityTest, ExpiredLockedAndRefusedAccountsAreRefusedAndUnknownLoginsCostAHash) {
+    TestUser expired, locked;
+    ASSERT_TRUE(expired.ok() && locked.ok());
+    ASSERT_TRUE(runQuietly("chage -E 2000-01-01 " + expired.name()));
+    ASSERT_TRUE(runQuietly("usermod -L " + locked.name()));
+    ASSERT_TRUE(startDaemon());
+    auto askAs = [&](const std::string& login, const std::string& password) {
+        RequestFields f = fields(user_.home(), 2);
+        f.login = login;
+        f.password = password;
+        f.serverVersion = 49;  // unknown logins get 113 too
+        return ask(f);
+    };
+    EXPECT_EQ(askAs(expired.name(), kPassword), 113);
+    EXPECT_TRUE(daemon_.waitForLog("(ckaccount) The account " + expired.name() + " has expired"));
+    EXPECT_EQ(askAs(locked.name(), kPassword), 113);
+    EXPECT_TRUE(daemon_.waitForLog("(ckpasswd) Incorrect password"));
+
+    // A refusal takes as long for a login that does not exist as for a
+    // wrong password: both cost one hash.
+    auto slowest = [&](const std::string& login) {
+        auto took = std::chrono::steady_clock::duration::max();
+        for (int i = 0; i < 3; ++i) {
+            auto start = std::chrono::steady_clock::now();
+            EXPECT_EQ(askAs(login, "wrong"), 113);
+            took = std::min(took, std::chrono::steady_clock::now() - start);
+        }
+        return took;
+    };
+    auto known = slowest(user_.name()), unknown = slowest("tvk-no-such-login");
+    EXPECT_GT(unknown * 2, known) << "unknown " << unknown.count() << " ns, known " << known.count() << " ns";
+
+    // The system's account rules apply: a PAM service that denies every
+    // account refuses the right password.
+    Daemon denying;
+    std::string pam = scratch_.path("pam.d");
+    ASSERT_EQ(std::system(("cp -a /etc/pam.d " + pam).c_str()), 0);
+    std::ofstream(pam + "/tavikd") << "account required pam_deny.so\n";
+    if (!inNamespace(denying, {{pam, "/etc/pam.d"}})) GTEST_SKIP() << "mount namespaces are not permitted here";
+    ASSERT_TRUE(denying.start());
+    JobClient client;
+    ASSERT_TRUE(client.connect("127.0.0.1", denying.port()));
+    EXPECT_EQ(client.request(fields(user_.home(), 2)), 113);
+    EXPECT_TRUE(denying.waitForLog("(ckaccount) The account " + user_.name() + " may not be used now ("));
+}
+
+TEST_F(SecurityTest, ARequestWithoutARecordGetsNoEarlierCallersRoot) {
+    ASSERT_TRUE(startDaemon({"-v", "-S"}));
+    scratch_.dir("secret");
+    EXPECT_EQ(ask(fields(scratch_.path("secret"), 0)), 4);
+    client_.close();
+    ASSERT_TRUE(client_.connect("127.0.0.1", daemon_.port()));
+    ASSERT_TRUE(client_.sendRaw(std::array<uint8_t, 8>{}));  // a header that announces no record
+    EXPECT_EQ(client_.readAnswer(), 116);
+    EXPECT_TRUE(daemon_.waitForLog("Invalid Unix Path, Job Abort"));
+}
+
+}  // namespace
