@@ -17,6 +17,7 @@
 #include "daemon/state.h"
 #include "log/ulog.h"
 #include "platform/fd.h"
+#include "platform/plain_file.h"
 #include "platform/signals.h"
 #include "platform/uname.h"
 #include "transport/endpoints.h"
@@ -29,16 +30,16 @@ constexpr int kVersionMinor = 1;
 constexpr char kVersionLetter = '0';
 constexpr const char* kPlatformText = "UnixWare 1.1 (UNIX System V/386 R4.2)";
 
-// Creates an empty file with mode 0666 when none exists.
+// Creates an empty file with mode 0666 when none exists. LOG/ is open to
+// every login, so whatever is there is opened without following it.
 int ensureFile(const std::string& path) {
-    if (access(path.c_str(), F_OK) == 0) return 0;
-    platform::UniqueFd fd(creat(path.c_str(), 0666));
+    bool created = false;
+    platform::UniqueFd fd = platform::openPlainFile(path.c_str(), O_WRONLY | O_CREAT, 0666, &created);
     if (!fd) {
         ulog(MSG_FAILED_CREATE, "", path.c_str(), errText());
         return -1;
     }
-    fd.reset();
-    if (chmod(path.c_str(), 0666) != 0) {
+    if (created && fchmod(fd.get(), 0666) != 0) {
         ulog(MSG_FAILED_CHMOD, "", path.c_str(), errText());
         return -1;
     }
@@ -124,10 +125,12 @@ void startDaemon(int argc, char* argv[]) {
     ensureFile(p.oldLogPath);
     ensureFile(p.ipcPath);
     {
-        platform::UniqueFd log(open(p.logPath.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0666));
-        if (!log) ulog(MSG_FAIED_OPEN, "", p.logPath.c_str(), errText());
+        platform::UniqueFd log = platform::openPlainFile(p.logPath.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0666);
+        if (!log)
+            ulog(MSG_FAIED_OPEN, "", p.logPath.c_str(), errText());
+        else if (fchmod(log.get(), 0666) != 0)
+            ulog(MSG_FAILED_CHMOD, "", p.logPath.c_str(), errText());
     }
-    if (chmod(p.logPath.c_str(), 0666) != 0) ulog(MSG_FAILED_CHMOD, "", p.logPath.c_str(), errText());
 
     platform::MachineName name;
     if (platform::nuname(name) != 0) ulog(MSG_FAILED_UNAME, "", errText());

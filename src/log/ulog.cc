@@ -9,6 +9,7 @@
 
 #include "daemon/state.h"
 #include "platform/fd.h"
+#include "platform/plain_file.h"
 
 namespace tavik {
 namespace {
@@ -42,7 +43,7 @@ int rotate() {
         fflush(stdout);
         return -1;
     }
-    platform::UniqueFd emptied(::open(p.logPath.c_str(), O_WRONLY | O_TRUNC));
+    platform::UniqueFd emptied = platform::openPlainFile(p.logPath.c_str(), O_WRONLY | O_TRUNC);
     if (!emptied) {
         printf(MSG_FAIED_OPEN, kPrefix, p.logPath.c_str(), errText());
         fflush(stdout);
@@ -60,7 +61,7 @@ int writeLine(const char* message) {
         line[len - 1] = '\n';  // a cut line still ends the line
     }
     const Paths& p = paths();
-    platform::UniqueFd fd(::open(p.logPath.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0666));
+    platform::UniqueFd fd = platform::openPlainFile(p.logPath.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0666);
     if (!fd) {
         printf(MSG_FAIED_OPEN, kPrefix, p.logPath.c_str(), errText());
         printf("\n%s", line);
@@ -119,9 +120,9 @@ const char* formatLogDate(time_t when) {
 }
 
 int copyFile(const char* source, const char* destination, int openFlags, mode_t mode) {
-    platform::UniqueFd in(::open(source, O_RDONLY));
+    platform::UniqueFd in = platform::openPlainFile(source, O_RDONLY);
     if (!in) return -1;
-    platform::UniqueFd out(::open(destination, openFlags, mode));
+    platform::UniqueFd out = platform::openPlainFile(destination, openFlags, mode);
     if (!out) return -2;
     char buffer[2048];
     for (;;) {

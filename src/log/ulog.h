@@ -6,7 +6,8 @@
 // bytes is copied to paths().oldLogPath and emptied. When the log cannot be
 // opened or written the line goes to standard output instead; no failure of
 // the log ever ends a process. Messages are formatted with bounds: a message
-// longer than kLogMessageMax characters is cut.
+// longer than kLogMessageMax characters is cut. The files of LOG/ are opened
+// with platform::openPlainFile: never through a link.
 #pragma once
 
 #include <sys/types.h>
@@ -41,7 +42,9 @@ const char* formatLogDate(time_t when);
 
 // Copies source to destination in 2048-byte reads. Returns 0, or -1 (source
 // cannot be opened), -2 (destination cannot be opened), -3 (read failed),
-// -4 (write failed). Both descriptors are closed on every path.
+// -4 (write failed). Both descriptors are closed on every path. Both files
+// are opened with platform::openPlainFile (`openFlags` may hold O_CREAT,
+// O_TRUNC, O_APPEND): a link, FIFO or directory fails the open.
 int copyFile(const char* source, const char* destination, int openFlags, mode_t mode);
 
 // The C library's text for the current errno.
