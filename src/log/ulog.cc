@@ -52,6 +52,30 @@ int rotate() {
     return 0;
 }
 
+bool isControl(unsigned char c) { return c < 0x20 || c == 0x7f; }
+
+// Copies `message` into `out` (kLogBufferSize bytes, NUL-terminated) with
+// every control character written as a backslash and three octal digits, so
+// that no text a caller passes on can end the line and forge another. A
+// final newline is kept as it is when `keepFinalNewline` (the format put it
+// there). An escape that does not fit whole is left out with the rest.
+void escapeControls(const char* message, bool keepFinalNewline, char (&out)[kLogBufferSize]) {
+    size_t used = 0;
+    for (const char* at = message; *at; ++at) {
+        unsigned char c = static_cast<unsigned char>(*at);
+        bool kept = !isControl(c) || (keepFinalNewline && c == '\n' && at[1] == '\0');
+        size_t need = kept ? 1 : 4;
+        if (sizeof out - 1 - used < need) break;
+        if (kept) {
+            out[used++] = char(c);
+        } else {
+            snprintf(out + used, 5, "\\%03o", unsigned(c));
+            used += 4;
+        }
+    }
+    out[used] = '\0';
+}
+
 int writeLine(const char* message) {
     char line[kLogBufferSize];
     int len = snprintf(line, sizeof line, "%s(%d) - %s\n", formatLogDate(time(nullptr)), int(getpid()), message);
@@ -85,8 +109,14 @@ int writeLine(const char* message) {
 int vulog(const char* format, va_list args) {
     int savedErrno = errno;
     char message[kLogBufferSize];
-    if (vsnprintf(message, sizeof message, format, args) < 0) message[0] = '\0';
-    int rc = writeLine(message);
+    int len = vsnprintf(message, sizeof message, format, args);
+    if (len < 0) message[0] = '\0';
+    // Only a whole message still ends with the newline of its format.
+    size_t formatLen = strlen(format);
+    bool formatNewline = len >= 0 && size_t(len) < sizeof message && formatLen > 0 && format[formatLen - 1] == '\n';
+    char escaped[kLogBufferSize];
+    escapeControls(message, formatNewline, escaped);
+    int rc = writeLine(escaped);
     errno = savedErrno;
     return rc;
 }

@@ -74,10 +74,47 @@ TEST_F(UlogTest, RotatesOnlyAbove102400Bytes) {
 TEST_F(UlogTest, UnopenableLogFallsBackToStandardOutput) {
     tavik::paths().deriveFrom(home_.dir() + "/missing/");
     testing::internal::CaptureStdout();
-    EXPECT_EQ(tavik::ulog("hello %d", 7), 0);
+    EXPECT_EQ(tavik::ulog("hello %d%s", 7, "\nforged"), 0);
     std::string out = testing::internal::GetCapturedStdout();
     EXPECT_EQ(out.rfind("(ulog) Faied to open " + log() + " (No such file or directory)\n", 0), 0u) << out;
-    EXPECT_NE(out.find(" - hello 7\n"), std::string::npos);
+    EXPECT_NE(out.find(" - hello 7\\012forged\n"), std::string::npos) << out;
+}
+
+// What reaches the file after the date and pid: control characters from any
+// caller are escaped; only a newline ending the format itself stays.
+TEST_F(UlogTest, ControlCharactersAreEscapedSoNoLineCanBeForged) {
+    struct Row {
+        const char* format;  // takes a prefix and a text
+        const char* text;
+        std::string written;
+    };
+    const Row rows[] = {
+        {"%s%s", "x\nEVIL::0:0::/:/bin/sh\n", "x\\012EVIL::0:0::/:/bin/sh\\012\n"},
+        {"%s%s", "a\rb\x7f""c\td\x01", "a\\015b\\177c\\011d\\001\n"},
+        {"%s%s", "caf\xc3\xa9 \xff", "caf\xc3\xa9 \xff\n"},
+        {MSG_STACK_OVERFLOW, "a\nb\n", "Stack overflow (a\\012b\\012)\n\n"},
+        {MSG_CANNOT_RECEIVE_DISCONNECT_FROM, "h\nost\n", "Cannot Receive disconnect from h\\012ost\\012\n\n"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.written);
+        std::ofstream(log(), std::ios::trunc);
+        tavik::ulog(row.format, "", row.text);
+        std::string text = readFile(log());
+        size_t dash = text.find(") - ");
+        ASSERT_NE(dash, std::string::npos) << text;
+        EXPECT_EQ(text.substr(dash + 4), row.written);
+    }
+    std::ofstream(log(), std::ios::trunc);
+    tavik::ulogText("text\n");
+    EXPECT_NE(readFile(log()).find(" - text\\012\n"), std::string::npos) << "a finished text keeps no newline";
+
+    // A message of newlines only: escaped it is cut, still one line.
+    std::ofstream(log(), std::ios::trunc);
+    tavik::ulog("%s\n", std::string(1000, '\n').c_str());
+    std::string text = readFile(log());
+    EXPECT_EQ(text.size(), tavik::kLogBufferSize - 1);
+    EXPECT_EQ(text.find('\n'), text.size() - 1);
+    EXPECT_NE(text.find(" - \\012\\012\\012"), std::string::npos);
 }
 
 // A name in LOG/ that a login replaced with a link to another file: the line
