@@ -16,6 +16,8 @@
 #include "backup/queue_size.h"
 #include "daemon/state.h"
 #include "log/ulog.h"
+#include "platform/fd.h"
+#include "platform/plain_file.h"
 #include "platform/signals.h"
 #include "platform/sysv_ipc.h"
 #include "request/job_context.h"
@@ -152,29 +154,29 @@ int changeCount(int delta, const char*) {
 // means the caller returns `failure`.
 FILE* openRegistry(const char* prefix, char type, int id, bool create, int& failure) {
     const std::string& path = paths().ipcPath;
-    int fd = ::open(path.c_str(), O_RDWR | (create ? O_CREAT : 0), 0600);
-    if (fd < 0) {
+    // LOG/ is open to every login: the registry is never opened through a link.
+    platform::UniqueFd fd = platform::openPlainFile(path.c_str(), O_RDWR | (create ? O_CREAT : 0), 0600);
+    if (!fd) {
         failure = (!create && errno == ENOENT) ? 0 : -1;
         if (failure) ulog(MSG_FAIED_OPEN, prefix, path.c_str(), errText());
         return nullptr;
     }
     failure = 0;
-    int r = lockFile(fd, kWriteLock);
+    int r = lockFile(fd.get(), kWriteLock);
     if (r == -2) {
         ulog(MSG_GAVE_UP_LOCK_IPC, prefix, type, id);
-        ::close(fd);
         return nullptr;
     }
     if (r == -1) {
         ulog(MSG_FAILED_LOCK, prefix, path.c_str(), errText());
-        ::close(fd);
         return nullptr;
     }
-    FILE* f = ::fdopen(fd, "r+");
+    FILE* f = ::fdopen(fd.get(), "r+");
     if (!f) {
         ulog(MSG_FAIED_FDOPEN, prefix, path.c_str(), errText());
-        ::close(fd);
+        return nullptr;
     }
+    fd.release();  // the stream owns it now
     return f;
 }
 

@@ -17,6 +17,7 @@
 #include "daemon/state.h"
 #include "log/ulog.h"
 #include "platform/fd.h"
+#include "platform/plain_file.h"
 #include "platform/signals.h"
 #include "platform/uname.h"
 #include "transport/endpoints.h"
@@ -29,28 +30,53 @@ constexpr int kVersionMinor = 1;
 constexpr char kVersionLetter = '0';
 constexpr const char* kPlatformText = "UnixWare 1.1 (UNIX System V/386 R4.2)";
 
-// Creates an empty file with mode 0666 when none exists.
+// Creates an empty file with mode 0666 when none exists. LOG/ is open to
+// every login, so whatever is there is opened without following it.
 int ensureFile(const std::string& path) {
-    if (access(path.c_str(), F_OK) == 0) return 0;
-    platform::UniqueFd fd(creat(path.c_str(), 0666));
+    bool created = false;
+    platform::UniqueFd fd = platform::openPlainFile(path.c_str(), O_WRONLY | O_CREAT, 0666, &created);
     if (!fd) {
         ulog(MSG_FAILED_CREATE, "", path.c_str(), errText());
         return -1;
     }
-    fd.reset();
-    if (chmod(path.c_str(), 0666) != 0) {
+    if (created && fchmod(fd.get(), 0666) != 0) {
         ulog(MSG_FAILED_CHMOD, "", path.c_str(), errText());
         return -1;
     }
     return 0;
 }
 
+// The pid file is made afresh: whatever a login put under its name (a link
+// to a file of root's, say) is removed, never written through.
 void writePidFile(pid_t pid) {
-    platform::UniqueFd fd(open(paths().pidPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
-    if (!fd) return;
+    const std::string& path = paths().pidPath;
+    unlink(path.c_str());
+    platform::UniqueFd fd = platform::openPlainFile(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+    if (!fd) {
+        ulog(MSG_FAILED_CREATE, "", path.c_str(), errText());
+        return;
+    }
     std::string text = std::to_string(pid) + "\n";
     if (write(fd.get(), text.data(), text.size()) != ssize_t(text.size()))
-        ulog(MSG_FAILED_WRITING, "", paths().pidPath.c_str(), errText());
+        ulog(MSG_FAILED_WRITING, "", path.c_str(), errText());
+}
+
+// Makes LOG/ (or takes the one there): every job process appends to the
+// files in it as its own login, so it is writable by all, and sticky so
+// that no login can remove or replace the files of another or of root's.
+// Anything but a real directory there is refused (errno ENOTDIR).
+bool prepareLogDir(const std::string& dir) {
+    if (mkdir(dir.c_str(), 01777) != 0 && errno != EEXIST) return false;
+    platform::UniqueFd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd) {
+        if (errno == ELOOP) errno = ENOTDIR;
+        return false;
+    }
+    struct stat st;
+    if (fstat(fd.get(), &st) != 0) return false;
+    // A directory the administrator gave to another owner is left as it is.
+    if (st.st_uid == geteuid() && (st.st_mode & 07777) != 01777 && fchmod(fd.get(), 01777) != 0) return false;
+    return true;
 }
 
 // Test support: long time-outs divided by TAVIK_TIME_DIVISOR.
@@ -116,7 +142,7 @@ void startDaemon(int argc, char* argv[]) {
     if (!s.tcpPortGiven) s.tcpPort = kDefaultTcpPort;
 
     umask(0);
-    if (mkdir(p.logDir.c_str(), 0777) != 0 && errno != EEXIST) {
+    if (!prepareLogDir(p.logDir)) {
         printf(MSG_FAILED_MAKE_DIRECTORY, "", p.logDir.c_str(), errText());
         printf("\n");
         exit(255);
@@ -124,10 +150,12 @@ void startDaemon(int argc, char* argv[]) {
     ensureFile(p.oldLogPath);
     ensureFile(p.ipcPath);
     {
-        platform::UniqueFd log(open(p.logPath.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0666));
-        if (!log) ulog(MSG_FAIED_OPEN, "", p.logPath.c_str(), errText());
+        platform::UniqueFd log = platform::openPlainFile(p.logPath.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0666);
+        if (!log)
+            ulog(MSG_FAIED_OPEN, "", p.logPath.c_str(), errText());
+        else if (fchmod(log.get(), 0666) != 0)
+            ulog(MSG_FAILED_CHMOD, "", p.logPath.c_str(), errText());
     }
-    if (chmod(p.logPath.c_str(), 0666) != 0) ulog(MSG_FAILED_CHMOD, "", p.logPath.c_str(), errText());
 
     platform::MachineName name;
     if (platform::nuname(name) != 0) ulog(MSG_FAILED_UNAME, "", errText());

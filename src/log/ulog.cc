@@ -9,6 +9,7 @@
 
 #include "daemon/state.h"
 #include "platform/fd.h"
+#include "platform/plain_file.h"
 
 namespace tavik {
 namespace {
@@ -42,13 +43,37 @@ int rotate() {
         fflush(stdout);
         return -1;
     }
-    platform::UniqueFd emptied(::open(p.logPath.c_str(), O_WRONLY | O_TRUNC));
+    platform::UniqueFd emptied = platform::openPlainFile(p.logPath.c_str(), O_WRONLY | O_TRUNC);
     if (!emptied) {
         printf(MSG_FAIED_OPEN, kPrefix, p.logPath.c_str(), errText());
         fflush(stdout);
         return -1;
     }
     return 0;
+}
+
+bool isControl(unsigned char c) { return c < 0x20 || c == 0x7f; }
+
+// Copies `message` into `out` (kLogBufferSize bytes, NUL-terminated) with
+// every control character written as a backslash and three octal digits, so
+// that no text a caller passes on can end the line and forge another. A
+// final newline is kept as it is when `keepFinalNewline` (the format put it
+// there). An escape that does not fit whole is left out with the rest.
+void escapeControls(const char* message, bool keepFinalNewline, char (&out)[kLogBufferSize]) {
+    size_t used = 0;
+    for (const char* at = message; *at; ++at) {
+        unsigned char c = static_cast<unsigned char>(*at);
+        bool kept = !isControl(c) || (keepFinalNewline && c == '\n' && at[1] == '\0');
+        size_t need = kept ? 1 : 4;
+        if (sizeof out - 1 - used < need) break;
+        if (kept) {
+            out[used++] = char(c);
+        } else {
+            snprintf(out + used, 5, "\\%03o", unsigned(c));
+            used += 4;
+        }
+    }
+    out[used] = '\0';
 }
 
 int writeLine(const char* message) {
@@ -60,7 +85,7 @@ int writeLine(const char* message) {
         line[len - 1] = '\n';  // a cut line still ends the line
     }
     const Paths& p = paths();
-    platform::UniqueFd fd(::open(p.logPath.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0666));
+    platform::UniqueFd fd = platform::openPlainFile(p.logPath.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0666);
     if (!fd) {
         printf(MSG_FAIED_OPEN, kPrefix, p.logPath.c_str(), errText());
         printf("\n%s", line);
@@ -84,8 +109,14 @@ int writeLine(const char* message) {
 int vulog(const char* format, va_list args) {
     int savedErrno = errno;
     char message[kLogBufferSize];
-    if (vsnprintf(message, sizeof message, format, args) < 0) message[0] = '\0';
-    int rc = writeLine(message);
+    int len = vsnprintf(message, sizeof message, format, args);
+    if (len < 0) message[0] = '\0';
+    // Only a whole message still ends with the newline of its format.
+    size_t formatLen = strlen(format);
+    bool formatNewline = len >= 0 && size_t(len) < sizeof message && formatLen > 0 && format[formatLen - 1] == '\n';
+    char escaped[kLogBufferSize];
+    escapeControls(message, formatNewline, escaped);
+    int rc = writeLine(escaped);
     errno = savedErrno;
     return rc;
 }
@@ -119,9 +150,9 @@ const char* formatLogDate(time_t when) {
 }
 
 int copyFile(const char* source, const char* destination, int openFlags, mode_t mode) {
-    platform::UniqueFd in(::open(source, O_RDONLY));
+    platform::UniqueFd in = platform::openPlainFile(source, O_RDONLY);
     if (!in) return -1;
-    platform::UniqueFd out(::open(destination, openFlags, mode));
+    platform::UniqueFd out = platform::openPlainFile(destination, openFlags, mode);
     if (!out) return -2;
     char buffer[2048];
     for (;;) {

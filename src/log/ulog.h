@@ -6,7 +6,12 @@
 // bytes is copied to paths().oldLogPath and emptied. When the log cannot be
 // opened or written the line goes to standard output instead; no failure of
 // the log ever ends a process. Messages are formatted with bounds: a message
-// longer than kLogMessageMax characters is cut.
+// longer than kLogMessageMax characters is cut. Control characters in the
+// formatted message (newline, carriage return, DEL, ...) are written as a
+// backslash and three octal digits ("\012"), so that no text from a caller
+// can start a line of its own; only a newline that ends the format itself
+// stays. Bytes from 0x80 up are written as they are. The files of LOG/ are
+// opened with platform::openPlainFile: never through a link.
 #pragma once
 
 #include <sys/types.h>
@@ -27,7 +32,8 @@ inline constexpr size_t kLogMessageMax = kLogBufferSize - 1;
 // writing or rotation failed. Callers need not test it.
 int ulog(const char* format, ...) __attribute__((format(printf, 1, 2)));
 int vulog(const char* format, va_list args) __attribute__((format(printf, 1, 0)));
-// Writes a finished text unchanged (a "%" in it stays a "%").
+// Writes a finished text as it is (a "%" in it stays a "%"), every control
+// character in it escaped.
 int ulogText(const char* text);
 
 // The verbose traces that go to standard output instead of the log (a line
@@ -41,7 +47,9 @@ const char* formatLogDate(time_t when);
 
 // Copies source to destination in 2048-byte reads. Returns 0, or -1 (source
 // cannot be opened), -2 (destination cannot be opened), -3 (read failed),
-// -4 (write failed). Both descriptors are closed on every path.
+// -4 (write failed). Both descriptors are closed on every path. Both files
+// are opened with platform::openPlainFile (`openFlags` may hold O_CREAT,
+// O_TRUNC, O_APPEND): a link, FIFO or directory fails the open.
 int copyFile(const char* source, const char* destination, int openFlags, mode_t mode);
 
 // The C library's text for the current errno.

@@ -65,7 +65,7 @@ TEST(DaemonStartup, BannerStartLinePidFileModesAndSigterm) {
     ASSERT_GE(messages.size(), 2u);
     EXPECT_EQ(messages[0], uts("Tavik v3.10 started on %n (%s %r %v %m)"));
     EXPECT_EQ(messages[1], "* TCP port number:" + std::to_string(d.port()));
-    EXPECT_EQ(statOf(d.home() + "LOG").st_mode, mode_t(040777));
+    EXPECT_EQ(statOf(d.home() + "LOG").st_mode, mode_t(041777));
     for (const char* f : {"LOG/tvk.log", "LOG/tvk.log.old", "LOG/tvk.ipc"})
         EXPECT_EQ(statOf(d.home() + f).st_mode, mode_t(0100666)) << f;
     EXPECT_EQ(statOf(d.home() + "follow.symlink").st_mode, 0u);

@@ -11,6 +11,7 @@
 
 #include "daemon/scratch_home.h"
 #include "daemon/state.h"
+#include "platform/plain_file.h"
 
 namespace {
 
@@ -73,10 +74,112 @@ TEST_F(UlogTest, RotatesOnlyAbove102400Bytes) {
 TEST_F(UlogTest, UnopenableLogFallsBackToStandardOutput) {
     tavik::paths().deriveFrom(home_.dir() + "/missing/");
     testing::internal::CaptureStdout();
-    EXPECT_EQ(tavik::ulog("hello %d", 7), 0);
+    EXPECT_EQ(tavik::ulog("hello %d%s", 7, "\nforged"), 0);
     std::string out = testing::internal::GetCapturedStdout();
     EXPECT_EQ(out.rfind("(ulog) Faied to open " + log() + " (No such file or directory)\n", 0), 0u) << out;
-    EXPECT_NE(out.find(" - hello 7\n"), std::string::npos);
+    EXPECT_NE(out.find(" - hello 7\\012forged\n"), std::string::npos) << out;
+}
+
+// What reaches the file after the date and pid: control characters from any
+// caller are escaped; only a newline ending the format itself stays.
+TEST_F(UlogTest, ControlCharactersAreEscapedSoNoLineCanBeForged) {
+    struct Row {
+        const char* format;  // takes a prefix and a text
+        const char* text;
+        std::string written;
+    };
+    const Row rows[] = {
+        {"%s%s", "x\nEVIL::0:0::/:/bin/sh\n", "x\\012EVIL::0:0::/:/bin/sh\\012\n"},
+        {"%s%s", "a\rb\x7f""c\td\x01", "a\\015b\\177c\\011d\\001\n"},
+        {"%s%s", "caf\xc3\xa9 \xff", "caf\xc3\xa9 \xff\n"},
+        {MSG_STACK_OVERFLOW, "a\nb\n", "Stack overflow (a\\012b\\012)\n\n"},
+        {MSG_CANNOT_RECEIVE_DISCONNECT_FROM, "h\nost\n", "Cannot Receive disconnect from h\\012ost\\012\n\n"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.written);
+        std::ofstream(log(), std::ios::trunc);
+        tavik::ulog(row.format, "", row.text);
+        std::string text = readFile(log());
+        size_t dash = text.find(") - ");
+        ASSERT_NE(dash, std::string::npos) << text;
+        EXPECT_EQ(text.substr(dash + 4), row.written);
+    }
+    std::ofstream(log(), std::ios::trunc);
+    tavik::ulogText("text\n");
+    EXPECT_NE(readFile(log()).find(" - text\\012\n"), std::string::npos) << "a finished text keeps no newline";
+
+    // A message of newlines only: escaped it is cut, still one line.
+    std::ofstream(log(), std::ios::trunc);
+    tavik::ulog("%s\n", std::string(1000, '\n').c_str());
+    std::string text = readFile(log());
+    EXPECT_EQ(text.size(), tavik::kLogBufferSize - 1);
+    EXPECT_EQ(text.find('\n'), text.size() - 1);
+    EXPECT_NE(text.find(" - \\012\\012\\012"), std::string::npos);
+}
+
+// A name in LOG/ that a login replaced with a link to another file: the line
+// (or the rotation) fails and the other file keeps its bytes.
+TEST_F(UlogTest, PlantedLinkIsNotWrittenThrough) {
+    const std::string secret = home_.dir() + "/secret";
+    for (const std::string& planted : {log(), tavik::paths().oldLogPath}) {
+        SCOPED_TRACE(planted);
+        std::ofstream(secret) << "secret\n";
+        unlink(log().c_str());
+        unlink(tavik::paths().oldLogPath.c_str());
+        if (planted == tavik::paths().oldLogPath) std::ofstream(log()) << std::string(tavik::kLogRotateSize, 'a');
+        ASSERT_EQ(symlink(secret.c_str(), planted.c_str()), 0);
+        testing::internal::CaptureStdout();
+        tavik::ulog("line");
+        std::string out = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(out.rfind("(ulog) Faied to open " + planted + " (Too many levels of symbolic links)", 0), 0u)
+            << out;
+        EXPECT_EQ(readFile(secret), "secret\n");
+    }
+}
+
+// The open of a file in LOG/: only a regular file with one link, whatever
+// the flags; nothing else is emptied, and a FIFO does not hold the caller.
+TEST_F(UlogTest, PlainFileOpenRefusesWhatIsNotAPlainFile) {
+    const std::string dir = home_.dir() + "/";
+    std::ofstream(dir + "plain") << "data";
+    std::ofstream(dir + "target") << "data";
+    ASSERT_EQ(symlink("target", (dir + "link").c_str()), 0);
+    ASSERT_EQ(mkfifo((dir + "fifo").c_str(), 0666), 0);
+    std::ofstream(dir + "linked") << "data";
+    ASSERT_EQ(link((dir + "linked").c_str(), (dir + "linked2").c_str()), 0);
+    mkdir((dir + "dir").c_str(), 0755);
+    struct Row {
+        const char* name;
+        int flags;
+        int error;             // 0: opened
+        const char* contents;  // of the name (through a link) afterwards
+        bool created = false;
+    };
+    const int kWrite = O_WRONLY | O_CREAT | O_TRUNC;
+    const Row rows[] = {
+        {"plain", O_RDONLY, 0, "data"},
+        {"plain", kWrite, 0, ""},
+        {"link", kWrite, ELOOP, "data"},
+        {"fifo", O_RDONLY, EINVAL, ""},
+        {"fifo", O_RDWR | O_CREAT | O_TRUNC, EINVAL, ""},
+        {"linked", kWrite, EMLINK, "data"},
+        {"dir", O_RDONLY, EISDIR, ""},
+        {"dir", kWrite, EISDIR, ""},
+        {"new", kWrite, 0, "", true},
+        {"new", kWrite | O_EXCL, EEXIST, ""},
+        {"missing", O_WRONLY, ENOENT, ""},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        bool created = !row.created;
+        errno = 0;
+        auto fd = tavik::platform::openPlainFile((dir + row.name).c_str(), row.flags, 0600, &created);
+        EXPECT_EQ(fd.valid() ? 0 : errno, row.error) << strerror(errno);
+        EXPECT_EQ(created, row.created);
+        if (std::string(row.name) != "fifo") {
+            EXPECT_EQ(readFile(dir + row.name), row.contents);
+        }
+    }
 }
 
 TEST(LogDate, ThreeDigitYearFrom2000) {
