@@ -75,6 +75,7 @@ bool Locator::find(std::string_view path, Location& out) {
             forget();
             return false;
         }
+        remember(dir.get());
         last_ = std::make_shared<const platform::UniqueFd>(std::move(dir));
         lastDirectory_.assign(parts.directory);
     }
@@ -85,6 +86,24 @@ bool Locator::find(std::string_view path, Location& out) {
 void Locator::forget() {
     last_.reset();
     lastDirectory_.clear();
+}
+
+void Locator::remember(int dirFd) {
+    struct stat st {};
+    if (::fstat(dirFd, &st) != 0) return;
+    for (const auto& known : fileSystems_)
+        if (known.first == st.st_dev) return;
+    platform::UniqueFd syncable(::openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (syncable) fileSystems_.emplace_back(st.st_dev, std::move(syncable));
+}
+
+int Locator::syncAll() const {
+    int failure = 0;
+    for (const auto& fs : fileSystems_) {
+        if (::syncfs(fs.second.get()) != 0 && failure == 0) failure = errno;
+    }
+    errno = failure;
+    return failure == 0 ? 0 : -1;
 }
 
 int make_path(PathBuffer& path, const Owner& owner) {

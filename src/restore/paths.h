@@ -65,17 +65,27 @@ struct Location {
 };
 
 // Finds the directories that hold names. The directory found last is kept:
-// a restore sends a directory's entries one after another.
+// a restore sends a directory's entries one after another. The file systems
+// of the directories found are remembered, so that what was written to them
+// can be put on stable storage once, at the end (syncAll).
 class Locator {
 public:
     // False, with errno set, when the directory cannot be reached.
     [[nodiscard]] bool find(std::string_view path, Location& out);
     // Forgets the kept directory (after directories were made).
     void forget();
+    // syncfs of every file system found; 0, or -1 with errno of the first
+    // that failed.
+    int syncAll() const;
 
 private:
+    void remember(int dirFd);
+
     std::string lastDirectory_;
     std::shared_ptr<const platform::UniqueFd> last_;
+    // One descriptor per file system, opened for syncfs (an O_PATH one
+    // cannot serve).
+    std::vector<std::pair<dev_t, platform::UniqueFd>> fileSystems_;
 };
 
 // Makes every missing directory above the last component of `path` (mode

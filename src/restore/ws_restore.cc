@@ -10,6 +10,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <functional>
+#include <string>
 
 #include "daemon/state.h"
 #include "log/ulog.h"
@@ -41,6 +43,8 @@ constexpr mode_t kPermissionBits = 07777;
 constexpr mode_t kSetIdBits = S_ISUID | S_ISGID;
 // Made with owner-only access; the record's mode is set once the data is in.
 constexpr mode_t kReceivingMode = 0600;
+// Attempts at a free temporary name before giving up.
+constexpr int kTemporaryNameAttempts = 100;
 // How much of a refused name the log shows.
 constexpr int kShownNameBytes = 100;
 
@@ -48,6 +52,9 @@ class RestoreSession {
 public:
     RestoreSession(int socket, const JobContext& ctx, HardLinkTable& links, const Owner& owner)
         : socket_(socket), ctx_(ctx), links_(links), owner_(owner), verbose_(settings().verbose) {}
+    ~RestoreSession() { discardMade(); }
+    RestoreSession(const RestoreSession&) = delete;
+    RestoreSession& operator=(const RestoreSession&) = delete;
 
     int run();
 
@@ -62,6 +69,14 @@ private:
     // Finds the directory of the current file (here_); false with errno set.
     [[nodiscard]] bool locate() { return locator_.find(path_.c_str(), here_); }
     [[nodiscard]] bool makeParents(const char* prefix, uint8_t failStatus);
+    // Where the object is made: a free temporary name in its directory while
+    // it replaces an existing one, else its own name.
+    [[nodiscard]] bool makeUnderTemporaryName(const std::function<bool(const char*)>& make);
+    const char* madeName() const { return temporary_.empty() ? here_.base() : temporary_.c_str(); }
+    // Puts what was made under its own name; false (logged) when it cannot.
+    [[nodiscard]] bool publish(const char* prefix);
+    // Removes what was made and not published (a file left unfinished).
+    void discardMade();
     [[nodiscard]] int mof();
     [[nodiscard]] int endf(bool& over);
     void finishSymlink();
@@ -86,6 +101,15 @@ private:
     Location here_;          // where the current file goes
     platform::UniqueFd out_;   // its data goes here: a regular file, or a device given raw data
     platform::UniqueFd node_;  // a special file made, for its attributes (O_PATH)
+    // A file is made apart and takes its name only at ENDF, once it is
+    // complete, so that an existing file is never lost to one that did not
+    // arrive whole: a regular file as an unnamed file (O_TMPFILE), anything
+    // else (and regular files where the file system has no unnamed files)
+    // under a temporary name when it replaces something.
+    bool unnamed_ = false;   // out_ is an unnamed file
+    bool replacing_ = false;  // something of the name is there and is to be replaced
+    std::string temporary_;  // the temporary name of what is made, when it has one
+    unsigned temporaryCount_ = 0;
     uint8_t status_ = 0;
     bool haveFile_ = false;  // an OPENFILE is waiting for its ENDF
     RestoreAttributes attr_;
@@ -112,6 +136,9 @@ int RestoreSession::run() {
                 return 0;
             case command::kEnd:
                 ulog(MSG_WORKSTATION_RESTORE_COMPLETED, "");
+                // What was restored is on stable storage before the front-end
+                // hears that the restore is complete.
+                if (locator_.syncAll() != 0) ulog("%sFailed to flush the restored files to disk (%s)", kPrefix, errText());
                 return answer(transport::code::kEnd) == 0 ? 0 : transport::kFailed;
             case command::kUnlink:
                 unlinkCommand();
@@ -226,8 +253,7 @@ void RestoreSession::openFile() {
     fileSize_ = static_cast<int32_t>(attr_.size);
     // An earlier file that never got its ENDF is closed as it is: it gets no
     // attributes.
-    out_.reset();
-    node_.reset();
+    discardMade();
     count_ = 0;
     haveFile_ = true;
     unlinkPath_.clear();
@@ -269,6 +295,7 @@ void RestoreSession::openFile() {
 
 // The conflict loop: false when the file is not to be restored (status set).
 bool RestoreSession::resolveConflict() {
+    replacing_ = false;
     for (;;) {
         traceStdout(verbose_, "OPENFILE: %s\n", path_.c_str());
         struct stat st {};
@@ -335,7 +362,8 @@ bool RestoreSession::replaceExisting(const struct stat& st) {
             }
         }
     }
-    if (::unlinkat(here_.dir(), here_.base(), 0) != 0) ulog(MSG_FAILED_UNLINK, kOpenPrefix, path_.c_str(), errText());
+    // The old file stays until the new one is complete (publish).
+    replacing_ = true;
     return true;
 }
 
@@ -351,10 +379,25 @@ bool RestoreSession::makeParents(const char* prefix, uint8_t failStatus) {
     return false;
 }
 
+bool RestoreSession::makeUnderTemporaryName(const std::function<bool(const char*)>& make) {
+    if (!replacing_) return make(here_.base());
+    for (int attempt = 0; attempt < kTemporaryNameAttempts; ++attempt) {
+        temporary_ = ".tavik-restore." + std::to_string(::getpid()) + "." + std::to_string(++temporaryCount_);
+        if (make(temporary_.c_str())) return true;
+        if (errno != EEXIST) break;
+    }
+    temporary_.clear();
+    return false;
+}
+
 void RestoreSession::createSpecial() {
     mode_t mode = static_cast<mode_t>(attr_.mode & (kTypeMask | kPermissionBits));
     dev_t device = attr_.type() == kTypeFifo ? 0 : platform::decodeDev32(attr_.rdev);
-    auto made = [&] { return locate() && ::mknodat(here_.dir(), here_.base(), mode, device) == 0; };
+    auto made = [&] {
+        return locate() && makeUnderTemporaryName([&](const char* name) {
+                   return ::mknodat(here_.dir(), name, mode, device) == 0;
+               });
+    };
     if (!made()) {
         if (!makeParents(kOpenPrefix, status::kSpecialRefused)) return;
         if (!made()) {
@@ -365,16 +408,15 @@ void RestoreSession::createSpecial() {
         }
     }
     // From here on the node is reached through its descriptor only.
-    node_.reset(::openat(here_.dir(), here_.base(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    node_.reset(::openat(here_.dir(), madeName(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     if (!node_ || !isOwnMaking(node_.get(), mode & S_IFMT)) {
         ulog(MSG_FAILED_CREATE_SPECIAL, kOpenPrefix, path_.c_str(), errText());
         status_ = status::kSpecialRefused;
-        node_.reset();
         return;
     }
     if (attr_.type() == kTypeCharDevice && fileSize_ != 0) {
         traceStdout(verbose_, "%sRaw device file %s, fileSize=%d\n", kOpenPrefix, path_.c_str(), fileSize_);
-        out_.reset(::openat(here_.dir(), here_.base(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
+        out_.reset(::openat(here_.dir(), madeName(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
         struct stat opened {}, node {};
         if (out_ && (::fstat(out_.get(), &opened) != 0 || ::fstat(node_.get(), &node) != 0 ||
                      opened.st_ino != node.st_ino || opened.st_dev != node.st_dev)) {
@@ -389,9 +431,21 @@ void RestoreSession::createSpecial() {
 }
 
 void RestoreSession::createRegular() {
-    // A new file only: a link or anything else under the name fails.
-    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_TRUNC | O_NOFOLLOW | O_CLOEXEC;
-    auto create = [&] { return locate() ? ::openat(here_.dir(), here_.base(), kFlags, kReceivingMode) : -1; };
+    // An unnamed file where the file system has them; else a new file only,
+    // so that a link or anything else under the name fails.
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    auto create = [&]() -> int {
+        if (!locate()) return -1;
+        int fd = ::openat(here_.dir(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, kReceivingMode);
+        unnamed_ = fd >= 0;
+        if (fd >= 0 || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL)) return fd;
+        replacing_ = true;  // a name of its own until it is complete
+        bool made = makeUnderTemporaryName([&](const char* name) {
+            fd = ::openat(here_.dir(), name, kFlags, kReceivingMode);
+            return fd >= 0;
+        });
+        return made ? fd : -1;
+    };
     int fd = create();
     if (fd < 0) {
         if (!makeParents(kOpenPrefix, status::kCannotCreate)) return;
@@ -404,6 +458,47 @@ void RestoreSession::createRegular() {
         }
     }
     out_.reset(fd);
+}
+
+bool RestoreSession::publish(const char* prefix) {
+    bool done = false;
+    if (unnamed_) {
+        // An unnamed file is given its name through its /proc entry, which
+        // names that very file.
+        char self[32];
+        std::snprintf(self, sizeof self, "/proc/self/fd/%d", out_.get());
+        auto linked = [&](const char* name) {
+            return ::linkat(AT_FDCWD, self, here_.dir(), name, AT_SYMLINK_FOLLOW) == 0;
+        };
+        done = linked(here_.base());
+        if (!done && errno == EEXIST) {
+            // Something took the name meanwhile: replace it as a whole.
+            replacing_ = true;
+            done = makeUnderTemporaryName(linked);
+        }
+        if (done && !temporary_.empty()) done = ::renameat(here_.dir(), temporary_.c_str(), here_.dir(), here_.base()) == 0;
+    } else if (!temporary_.empty()) {
+        done = ::renameat(here_.dir(), temporary_.c_str(), here_.dir(), here_.base()) == 0;
+    } else {
+        return true;  // made under its own name
+    }
+    if (done) {
+        temporary_.clear();
+        unnamed_ = false;
+        return true;
+    }
+    int e = errno;
+    ulog(MSG_FAILED_CREATE, prefix, path_.c_str(), errText());
+    status_ = e == ENOSPC ? status::kNoSpace : status::kCannotCreate;
+    return false;
+}
+
+void RestoreSession::discardMade() {
+    out_.reset();  // an unnamed file goes with its last descriptor
+    node_.reset();
+    unnamed_ = false;
+    if (!temporary_.empty() && here_.directory) ::unlinkat(here_.dir(), temporary_.c_str(), 0);
+    temporary_.clear();
 }
 
 void RestoreSession::writeHeld(const char* prefix) {
@@ -453,7 +548,11 @@ int RestoreSession::mof() {
 void RestoreSession::finishSymlink() {
     data_[count_] = 0;  // count_ < data_.size(): at most kWriteBatch - 1 + one payload
     const char* target = reinterpret_cast<const char*>(data_.data());
-    auto made = [&] { return locate() && ::symlinkat(target, here_.dir(), here_.base()) == 0; };
+    auto made = [&] {
+        return locate() && makeUnderTemporaryName([&](const char* name) {
+                   return ::symlinkat(target, here_.dir(), name) == 0;
+               });
+    };
     if (!made()) {
         if (!makeParents(kEndfPrefix, status::kCannotCreate)) return;
         if (!made()) {
@@ -464,21 +563,24 @@ void RestoreSession::finishSymlink() {
     }
     // Only the link made here is given away, through a descriptor of the
     // link itself; its times and mode are not set.
-    platform::UniqueFd link(::openat(here_.dir(), here_.base(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    platform::UniqueFd link(::openat(here_.dir(), madeName(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     if (!link || !isOwnMaking(link.get(), S_IFLNK) ||
         platform::changeOwner(link.get(), static_cast<uid_t>(attr_.uid), static_cast<gid_t>(attr_.gid)) != 0) {
         ulog(MSG_FAILED_CHANGE_OWNER, kEndfPrefix, path_.c_str(), errText());
         status_ = status::kOwnerOrMode;
     }
+    if (!publish(kEndfPrefix)) discardMade();
 }
 
 void RestoreSession::finishFile() {
     // After a failed write nothing more is written: the file would have a gap.
     if (status_ == 0 && count_ > 0) writeHeld(kEndfPrefix);
     count_ = 0;
-    // A file whose data did not all reach the disk keeps the mode it was made
-    // with: it must not pass for a finished one.
-    if (status_ != 0) return;
+    // A file whose data did not all reach the disk never takes its name.
+    if (status_ != 0) {
+        discardMade();
+        return;
+    }
     // The attributes go through the descriptor of what was made, so that no
     // name swapped in meanwhile receives them.
     int fd = out_ ? out_.get() : node_.get();
@@ -489,14 +591,18 @@ void RestoreSession::finishFile() {
         ulog(MSG_FAILED_SET_TIME, kEndfPrefix, path_.c_str(), errText());
         status_ = status::kTimes;
     }
-    if (out_ && out_.close() != 0) {
-        // The last data was refused when the file was closed (a network file
-        // system reports it there): the file goes back to the receiving mode.
+    // A named file is closed before it takes its name: a network file system
+    // reports refused data only there. An unnamed one needs its descriptor
+    // to be named (and lives on local file systems).
+    if (!unnamed_ && out_ && out_.close() != 0) {
         int e = errno;
         ulog(MSG_FAILED_WRITING, kEndfPrefix, path_.c_str(), errText());
         status_ = e == ENOSPC ? status::kNoSpace : status::kWriteFailed;
-        ::fchmodat(here_.dir(), here_.base(), kReceivingMode, AT_SYMLINK_NOFOLLOW);
+        discardMade();
+        return;
     }
+    if (!publish(kEndfPrefix)) discardMade();
+    out_.reset();
 }
 
 int RestoreSession::endf(bool& over) {
@@ -508,13 +614,11 @@ int RestoreSession::endf(bool& over) {
         count_ = 0;
         return answer(status::kRestored);
     }
-    if (s == status::kNoSpace) {
-        count_ = 0;
-        over = true;
-        return answer(status::kNoSpace);
-    }
     if (s != 0 && s != status::kWriteFailed) {
+        // What was made of a file that went wrong never takes its name.
+        discardMade();
         count_ = 0;
+        over = s == status::kNoSpace;
         return answer(s);
     }
     if (!fileInHand) {
@@ -531,8 +635,7 @@ int RestoreSession::endf(bool& over) {
     count_ = 0;
     s = status_;
     status_ = 0;
-    out_.reset();
-    node_.reset();
+    discardMade();
     if (s == status::kNoSpace) {
         over = true;
         return answer(status::kNoSpace);

@@ -11,9 +11,13 @@
 // may carry, or a record larger than the record area, is a failed receive),
 // and after a 'd' status (no space: the job ends) the result of sending it.
 //
-// A file's mode, owner and times are set only after all of its data was
-// written and it was closed; a file whose data could not all be written
-// keeps the mode it was made with (0600) and is answered with its status.
+// A file is made apart (an unnamed file, or a temporary name beside its
+// own) and takes its name only at ENDF, after all of its data was written
+// and its mode, owner and times were set; until then an existing file of
+// that name stays as it is. A file whose data could not all be written, or
+// whose stream broke off, never takes its name and is answered with its
+// status. END is answered once what was restored is on stable storage
+// (syncfs of each file system the restore reached).
 #pragma once
 
 #include <string>

@@ -54,6 +54,8 @@ protected:
         return restoreAttrs(at(name), mode, user_.uid(), user_.gid(), mtime);
     }
     mode_t modeOf(const std::string& name) const { return statOf(at(name)).st_mode; }
+    // How many names the work directory holds.
+    long entries() const { return std::distance(fs::directory_iterator(work_), fs::directory_iterator{}); }
     // Mode (with the type), owner and group of `name`.
     std::tuple<mode_t, uid_t, gid_t> owned(const std::string& name) const {
         struct stat st = statOf(at(name));
@@ -326,11 +328,15 @@ TEST_F(RestoreTest, BrokenStreamsEndTheJobAndAnsweredFilesStayIntact) {
         SCOPED_TRACE(oversized ? "oversized MOF" : "connection cut");
         std::string done = pattern(7000, oversized ? 5 : 6);
         std::string name = oversized ? "oversized" : "cut";
+        writeFile(at(name + "-old"), "the good old file");
         ASSERT_EQ(beginRestore(), 4);
         RestoreDriver r(client_);
         EXPECT_EQ(r.file(file(name + "-done", 0100755), done), 0);
         ASSERT_TRUE(r.openFile(file(name + "-partial", 0100755)));
         for (int i = 0; i < 3; ++i) ASSERT_TRUE(r.mof(std::vector<uint8_t>(2048, 'p')));
+        ASSERT_EQ(r.endf(bytes("p")), 0);
+        ASSERT_TRUE(r.openFile(file(name + "-old", 0100755)));  // overwrites
+        for (int i = 0; i < 3; ++i) ASSERT_TRUE(r.mof(std::vector<uint8_t>(2048, 'q')));
         if (oversized) {
             ASSERT_TRUE(r.send(tavik::restore::command::kMof, std::vector<uint8_t>(2049, 'p')));
             EXPECT_TRUE(agentCloses());
@@ -341,11 +347,13 @@ TEST_F(RestoreTest, BrokenStreamsEndTheJobAndAnsweredFilesStayIntact) {
         EXPECT_EQ(readFile(at(name + "-done")), done);
         EXPECT_EQ(modeOf(name + "-done"), mode_t(0100755));
         EXPECT_EQ(statOf(at(name + "-done")).st_mtime, time_t(kTime));
-        struct stat p = statOf(at(name + "-partial"));
-        EXPECT_EQ(p.st_size, 6144);  // the batch written at the third packet
-        EXPECT_EQ(p.st_mode, mode_t(0100600));
-        EXPECT_NE(p.st_mtime, time_t(kTime));
+        // The unfinished file never took its name: the old one is intact,
+        // and nothing else was left.
+        EXPECT_EQ(readFile(at(name + "-old")), "the good old file");
+        EXPECT_EQ(modeOf(name + "-old"), mode_t(0100644));
+        EXPECT_EQ(statOf(at(name + "-partial")).st_size, 6145);
     }
+    EXPECT_EQ(entries(), 6) << "no temporary file is left";
     EXPECT_TRUE(logHas("(GetReply) Failed to Receive Data Packet"));
 }
 
@@ -365,6 +373,7 @@ TEST_F(RestoreTest, AFullFileSystemAnswersDAndEndsTheJob) {
     std::string small = pattern(3000, 6), medium = pattern(50000, 7);
     EXPECT_EQ(r.file(file("small", 0100640), small), 0);
     EXPECT_EQ(r.file(file("medium", 0100640), medium), 0);
+    writeFile(at("huge"), "the good old file");
     EXPECT_EQ(r.file(file("huge", 0100640), pattern(600000, 8)), 'd');
     EXPECT_TRUE(agentCloses());
     EXPECT_TRUE(daemon_.waitForLog("Received disconnect from localhost"));
@@ -373,7 +382,9 @@ TEST_F(RestoreTest, AFullFileSystemAnswersDAndEndsTheJob) {
     EXPECT_EQ(readFile(at("medium")), medium);
     EXPECT_EQ(modeOf("medium"), mode_t(0100640));
     EXPECT_EQ(statOf(at("medium")).st_mtime, time_t(kTime));
-    EXPECT_EQ(modeOf("huge"), mode_t(0100600));
+    // The replacement that did not fit never took the old file's place.
+    EXPECT_EQ(readFile(at("huge")), "the good old file");
+    EXPECT_EQ(entries(), 3) << "no temporary file is left";
 }
 
 constexpr time_t kOld = 631152000;  // 1990-01-01
