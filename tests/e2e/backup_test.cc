@@ -387,6 +387,21 @@ TEST_F(BackupStreamTest, TopListAndFiltersSelect) {
     auto exclude = tavik::filter::encodeNamePatternItem(false, true, std::vector<std::string>{"*.o"});
     EXPECT_EQ(backup({.filterItems = {*exclude}})->files(),
               (std::map<std::string, std::string>{{"keep", "k"}, {"drop", "d"}, {"dir/keep", "inner"}}));
+    // A "between" item with its days in reverse order selects the days
+    // between them and is logged with them as sent.
+    auto day = [](int mday, int hour = 0) {  // of November 2004, UTC
+        struct tm t {};
+        t.tm_year = 104;
+        t.tm_mon = 10;
+        t.tm_mday = mday;
+        t.tm_hour = hour;
+        return timegm(&t);
+    };
+    tree_.file("drop", "d", 0644, day(15, 12));
+    auto between = tavik::filter::encodeDateItem(false, tavik::filter::kWhichModified, tavik::filter::kBetween,
+                                                 int32_t(day(20)), int32_t(day(9)));
+    EXPECT_EQ(backup({.filterItems = {between}})->files(), (std::map<std::string, std::string>{{"drop", "d"}}));
+    EXPECT_TRUE(daemon_.waitForLog("Include files modified 'between' 11/20/04 and 11/09/04"));
 }
 
 TEST_F(BackupStreamTest, ProtectedDirectoriesAreLeftOutAndAccessTimesRestored) {
