@@ -89,15 +89,28 @@ void withinRange(uint32_t count, uint16_t unit, time_t now, TimeNode& node) {
     node.from = saturate(makeLocal(fields, INT32_MIN));
 }
 
-// "MM/DD/YY hh:mm:ss" of local time.
-std::string formatFilterTime(int32_t when) {
-    const time_t instant = when;
-    struct tm t {};
-    localtime_r(&instant, &t);
+// "MM/DD/YY hh:mm:ss" of calendar fields.
+std::string formatFields(const struct tm& t) {
     char text[64];
     snprintf(text, sizeof text, "%02d/%02d/%02d %02d:%02d:%02d", t.tm_mon + 1, t.tm_mday, t.tm_year % 100,
              t.tm_hour, t.tm_min, t.tm_sec);
     return text;
+}
+
+// A stored time in local time.
+std::string formatFilterTime(int32_t when) {
+    const time_t instant = when;
+    struct tm t {};
+    localtime_r(&instant, &t);
+    return formatFields(t);
+}
+
+// A date as the front-end sent it: its UTC calendar fields are the day meant.
+std::string formatSentDay(int32_t date) {
+    const time_t instant = date;
+    struct tm t {};
+    gmtime_r(&instant, &t);
+    return formatFields(t);
 }
 
 const char* whichWord(uint8_t which) {
@@ -109,19 +122,25 @@ const char* whichWord(uint8_t which) {
     }
 }
 
-// The item in words, with the days as stored (after ordering and widening).
-void logTimeItem(bool exclude, const TimeNode& node) {
-    const char* sense = exclude ? MSG_EXCLUDE : MSG_INCLUDE;
-    const char* word = whichWord(node.which);
-    switch (node.rangeKind) {
-    case kOnOrBefore: ulog(MSG_FILES_OR_BEFORE, sense, word, formatFilterTime(node.from).c_str()); break;
-    case kOnOrAfter: ulog(MSG_FILES_OR_AFTER, sense, word, formatFilterTime(node.from).c_str()); break;
+// The item in words, before it is stored: the days as the front-end sent
+// them, in its order (a "between" item is put in order only when stored);
+// a "within" item as the range it stands for today.
+void logTimeItem(const TimeItem& item, time_t now) {
+    const char* sense = item.exclude ? MSG_EXCLUDE : MSG_INCLUDE;
+    const char* word = whichWord(item.which);
+    switch (item.kind) {
+    case kOnOrBefore: ulog(MSG_FILES_OR_BEFORE, sense, word, formatSentDay(item.first).c_str()); break;
+    case kOnOrAfter: ulog(MSG_FILES_OR_AFTER, sense, word, formatSentDay(item.first).c_str()); break;
     case kBetween:
-    case kWithin:
-        ulog(MSG_FILES_BETWEEN, sense, word, formatFilterTime(node.from).c_str(),
-             formatFilterTime(node.to).c_str());
+        ulog(MSG_FILES_BETWEEN, sense, word, formatSentDay(item.first).c_str(), formatSentDay(item.second).c_str());
         break;
-    default: ulog("%s files %s: unknown date filter kind %d", sense, word, node.rangeKind); break;
+    case kWithin: {
+        TimeNode range;
+        withinRange(uint32_t(item.first), item.unit, now, range);
+        ulog(MSG_FILES_BETWEEN, sense, word, formatFilterTime(range.from).c_str(), formatFilterTime(range.to).c_str());
+        break;
+    }
+    default: ulog("%s files %s: unknown date filter kind %d", sense, word, item.kind); break;
     }
 }
 
@@ -211,9 +230,8 @@ int InitializeFilter(Filter& filter, const ReceivedFilter& node, std::string_vie
         } else if (type == kTimeItem) {
             const TimeItem item = decodeTimeItem(received.record);
             TimeList& list = item.exclude ? filter.TimeExcPattern : filter.TimeIncPattern;
-            const int rc = StoreTime(item, list, now);
-            if (rc == 0 && logItems) logTimeItem(item.exclude, list.back());
-            sum += rc;
+            if (logItems) logTimeItem(item, now);
+            sum += StoreTime(item, list, now);
         } else {
             ulog(MSG_UNKNOWN_FILTER_TYPE, kInitPrefix, unsigned(type));
         }

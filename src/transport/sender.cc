@@ -29,20 +29,29 @@ PacketHeader headerOf(const uint8_t* slot) {
     return decodeHeader(bytes);
 }
 
-// Whether taking this packet renews the connection first, and the counters
-// after it.
-bool renewsBefore(const PacketHeader& h, bool permitted, uint32_t& sz, uint32_t& nf) {
+// How many renewals come before this packet is sent (0, 1 or 2), and the
+// counters after it. An ENDF that reaches the file limit renews and clears
+// both counters; its length then counts towards the kilobyte limit like a
+// MOF's, so an ENDF of reconnectKB kilobytes or more renews a second time.
+int renewalsBefore(const PacketHeader& h, bool permitted, uint32_t& sz, uint32_t& nf) {
     const Settings& s = settings();
-    if (!permitted) return false;
+    if (!permitted) return 0;
+    int renewals = 0;
     if (h.code == code::kEndf && s.reconnectFiles != 0) {
         nf += 1;
-        if (nf >= uint32_t(s.reconnectFiles)) return true;
+        if (nf >= uint32_t(s.reconnectFiles)) {
+            ++renewals;
+            sz = nf = 0;
+        }
     }
     if ((h.code == code::kMof || h.code == code::kEndf) && s.reconnectKB != 0) {
         sz += h.length;
-        if (sz / 1024 >= uint32_t(s.reconnectKB)) return true;
+        if (sz / 1024 >= uint32_t(s.reconnectKB)) {
+            ++renewals;
+            sz = nf = 0;
+        }
     }
-    return false;
+    return renewals;
 }
 
 // Sends the packets with sendmsg as far as the kernel takes them without
@@ -155,11 +164,13 @@ int SendDaemon(int connection, const PacketSource& source, const SenderOptions& 
             const uint8_t* slot = source.slotAhead(uint16_t(n));
             PacketHeader h = headerOf(slot);
             uint32_t sz = gAccSZ, nf = gAccNF;
-            if (renewsBefore(h, options.renewalPermitted, sz, nf)) {
+            if (int renewals = renewalsBefore(h, options.renewalPermitted, sz, nf); renewals > 0) {
                 if (n > 0) break;  // the packets before it leave on the old connection
-                connection = reestablishTCP(connection);
-                if (options.ackInterval != 0) sendAtOnce(connection);
-                sz = nf = 0;
+                // A failed renewal leaves -1, on which the send below fails.
+                for (int r = 0; r < renewals && connection >= 0; ++r) {
+                    connection = reestablishTCP(connection);
+                    if (options.ackInterval != 0) sendAtOnce(connection);
+                }
             }
             gAccSZ = sz;
             gAccNF = nf;

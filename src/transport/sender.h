@@ -3,9 +3,12 @@
 // ackInterval packets of codes 6, 7 and 8, and renews the connection
 // (reestablishTCP: a code-16 packet with a new port, then the stream goes on
 // over the connection the front-end makes to it) after reconnectKB kilobytes
-// or reconnectFiles files when the job's options permit it. Packets that
-// are ready together leave in one vectored send unless an acknowledgement
-// or a renewal falls between them.
+// or reconnectFiles files when the job's options permit it. Renewals come
+// before the packet that reaches a limit, which is the first one on the new
+// connection; an ENDF that reaches the file limit and, counted afresh, the
+// kilobyte limit too is preceded by two. Packets that are ready together
+// leave in one vectored send unless an acknowledgement or a renewal falls
+// between them.
 //
 // Requires: runs in the sender process only; the queue is reached through
 // PacketSource (the backup library's ring). Fails: SendDaemon returns -1

@@ -387,6 +387,21 @@ TEST_F(BackupStreamTest, TopListAndFiltersSelect) {
     auto exclude = tavik::filter::encodeNamePatternItem(false, true, std::vector<std::string>{"*.o"});
     EXPECT_EQ(backup({.filterItems = {*exclude}})->files(),
               (std::map<std::string, std::string>{{"keep", "k"}, {"drop", "d"}, {"dir/keep", "inner"}}));
+    // A "between" item with its days in reverse order selects the days
+    // between them and is logged with them as sent.
+    auto day = [](int mday, int hour = 0) {  // of November 2004, UTC
+        struct tm t {};
+        t.tm_year = 104;
+        t.tm_mon = 10;
+        t.tm_mday = mday;
+        t.tm_hour = hour;
+        return timegm(&t);
+    };
+    tree_.file("drop", "d", 0644, day(15, 12));
+    auto between = tavik::filter::encodeDateItem(false, tavik::filter::kWhichModified, tavik::filter::kBetween,
+                                                 int32_t(day(20)), int32_t(day(9)));
+    EXPECT_EQ(backup({.filterItems = {between}})->files(), (std::map<std::string, std::string>{{"drop", "d"}}));
+    EXPECT_TRUE(daemon_.waitForLog("Include files modified 'between' 11/20/04 and 11/09/04"));
 }
 
 TEST_F(BackupStreamTest, ProtectedDirectoriesAreLeftOutAndAccessTimesRestored) {
@@ -522,6 +537,44 @@ TEST_F(BackupFlowTest, RenewalsAfterFilesAndAfterKilobytes) {
     EXPECT_EQ(reader->summary(), (Summary{"6:", "6:f1", "16", "7:2048", "8:952", "9", "3"}));
     EXPECT_EQ(reader->packets()[3].connection, 1);
     EXPECT_EQ(reader->files()["f1"], pattern(3000));
+
+    // Both limits: an ENDF that renews for the file limit counts its length
+    // afresh, and renews again before it is sent when that reaches the
+    // kilobyte limit. One file per directory fixes the order: a, d/b, d/e/c.
+    Tree nested;
+    nested.dir("d");
+    nested.dir("d/e");
+    const struct {
+        const char* files;  // -R
+        size_t a, b, c;     // file sizes
+        Summary want;       // from c's header on
+        std::vector<int> connections;  // of those packets
+    } rows[] = {
+        // c: 3rd file, renewal, then 1500 bytes since it: a second one.
+        {"3", 10, 10, 1500, {"6:c", "16", "16", "8:1500", "9", "9", "9", "3"}, {0, 0, 1, 2, 2, 2, 2, 2}},
+        // Every file renews; c's 1500 bytes once more.
+        {"1", 10, 10, 1500, {"6:c", "16", "16", "8:1500", "9", "9", "9", "3"}, {2, 2, 3, 4, 4, 4, 4, 4}},
+        // b renews for the file limit and its 600 bytes count: c's 600 more reach 1 KB.
+        {"2", 600, 600, 600, {"6:c", "16", "8:600", "9", "9", "9", "3"}, {1, 1, 2, 2, 2, 2, 2}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string("-R ") + row.files);
+        nested.file("a", pattern(row.a, 1));
+        nested.file("d/b", pattern(row.b, 2));
+        nested.file("d/e/c", pattern(row.c, 3));
+        daemon_.stop();
+        ASSERT_TRUE(start({"-v", "-S", "-R", row.files, "-r", "1"}));
+        reader = backup({.root = nested.root(), .flags = 0x04, .ackInterval = 1});
+        Summary got = reader->summary();
+        auto c = std::find(got.begin(), got.end(), "6:c");
+        ASSERT_NE(c, got.end()) << ::testing::PrintToString(got);
+        EXPECT_EQ(Summary(c, got.end()), row.want) << ::testing::PrintToString(got);
+        std::vector<int> connections;
+        for (size_t i = size_t(c - got.begin()); i < got.size(); ++i)
+            connections.push_back(reader->packets()[i].connection);
+        EXPECT_EQ(connections, row.connections);
+        EXPECT_EQ(reader->files()["d/e/c"], pattern(row.c, 3));
+    }
 }
 
 TEST_F(BackupFlowTest, RestartPointWithAndWithoutOffset) {

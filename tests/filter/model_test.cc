@@ -110,7 +110,7 @@ TEST_F(FilterModel, ItemsLoggedInWordsAndStoredInOrder) {
         "(InitializeFilter) Unknown filter type: 1a",
         "Include files modified 'on or before' 03/31/26",
         "Exclude files created 'on or after' 01/02/26",
-        "Include files last accessed 'between' 01/05/26 and 02/01/26",
+        "Include files last accessed 'between' 02/01/26 and 01/05/26",  // as sent
         "Include files modified 'between' 04/30/26 and 05/31/26",
     };
     EXPECT_EQ(logMessages(), expected);
