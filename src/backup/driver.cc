@@ -34,7 +34,9 @@ bool queueNotFull() { return queuedCount() < queueCapacity(); }
     platform::defaultSignal(SIGUSR1);
     platform::defaultSignal(SIGALRM);
     platform::clearPendingSignal(SIGCHLD);
-    platform::deferSignal(SIGPIPE, transport::connrelease);
+    // A dropped connection shows as EPIPE or ECONNRESET from the sends
+    // (MSG_NOSIGNAL); a SIGPIPE could only come from standard output.
+    platform::ignoreSignal(SIGPIPE);
     transport::transport().senderProcess = true;
     transport::transport().backupAsleep = false;
     transport::setQueueNotFullTest(queueNotFull);

@@ -15,20 +15,14 @@
 
 namespace tavik {
 
-namespace {
-// How long the listener waits for a job request (divided by the time divisor).
-constexpr unsigned kRequestTimeout = 120;
-}  // namespace
-
-int handleJobConnection() {
+int handleJobConnection(int admittedPipe) {
     Listener& l = listener();
     JobContext& ctx = job();
     prepareForConnection(ctx);
 
-    transport::transport().recvTimeout = kRequestTimeout;
     Channel channel(l.jobSocket);
     int r = GetRequest(channel, ctx);
-    transport::transport().recvTimeout = 0;
+    transport::setReceiveDeadline(0);
     if (r != 0) {
         ulog(MSG_FAILED_GET_REQUEST_PACKET, "");
         ::close(l.jobSocket);
@@ -38,7 +32,13 @@ int handleJobConnection() {
     std::fflush(stdout);
 
     if (admitCaller(ctx) != 0) return 0;  // refused: answered and closed
-    return runJob(ctx);
+    pid_t self = ::getpid();
+    if (::write(admittedPipe, &self, sizeof self) != sizeof self) {
+        // The daemon counts this process as waiting until it ends: a bound
+        // that errs on the safe side.
+    }
+    ::close(admittedPipe);
+    return serveJob(ctx);
 }
 
 }  // namespace tavik

@@ -1,16 +1,20 @@
-// What the listener does with one accepted job connection once it has
-// identified the caller (listener().jobSocket, peerAddress, peerName).
+// What the connection process does with its connection once the caller's
+// address and name are known (listener().jobSocket, peerAddress, peerName).
 //
 // handleJobConnection() prepares the per-connection job state, reads the job
-// request, admits the caller and forks the job process. It returns 0 when the
-// calling process must go back to serving (the daemon, which has closed its
-// copy of the connection), and non-zero when the calling process must end
-// through cleanup(0): the job process after its job, or the daemon when the
-// fork failed.
+// request (the whole of it within the request deadline, counted from the
+// acceptance), admits the caller, tells the daemon through `admittedPipe`
+// that this process is now a job (its process id, once), and serves the job.
+// It returns when the process must end through cleanup(0): after a refusal,
+// a request that could not be read, or the job.
 #pragma once
 
 namespace tavik {
 
-int handleJobConnection();
+// How long a caller has, from its acceptance, to deliver its whole request
+// (divided by the time divisor).
+inline constexpr unsigned kRequestTimeout = 120;
+
+int handleJobConnection(int admittedPipe);
 
 }  // namespace tavik

@@ -165,23 +165,4 @@ int serveJob(JobContext& ctx) {
     }
 }
 
-int runJob(JobContext& ctx) {
-    Listener& l = listener();
-    pid_t pid = ::fork();
-    if (pid < 0) {
-        ulog(MSG_FAILED_FORK_JOB_ABORT, "", errText());
-        return -1;
-    }
-    if (pid > 0) {
-        ::close(l.jobSocket);
-        l.jobSocket = -1;
-        return 0;
-    }
-    if (l.listenSocket >= 0) ::close(l.listenSocket);
-    if (l.udpSocket >= 0) ::close(l.udpSocket);
-    l.listenSocket = -1;
-    l.udpSocket = -1;
-    return serveJob(ctx);
-}
-
 }  // namespace tavik

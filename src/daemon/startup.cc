@@ -13,6 +13,7 @@
 #include "backup/queue_size.h"
 #include "daemon/backup_hooks.h"
 #include "daemon/cleanup.h"
+#include "daemon/limits.h"
 #include "daemon/options.h"
 #include "daemon/state.h"
 #include "log/ulog.h"
@@ -121,6 +122,10 @@ void startDaemon(int argc, char* argv[]) {
         exit(1);
     }
     platform::deferSignal(SIGTERM, cleanup);
+    // Every socket send says MSG_NOSIGNAL: SIGPIPE can only come from
+    // standard output or the log, whose reader may go away; neither may cost
+    // a process (the write fails, and is dropped or reported).
+    platform::ignoreSignal(SIGPIPE);
 
     if (!parseOptions(argc, argv, s)) {
         fputs(usageText(argv[0]).c_str(), stdout);
@@ -162,6 +167,7 @@ void startDaemon(int argc, char* argv[]) {
     ulog(MSG_STARTED_ON, kVersionMajor, kVersionMinor, kVersionLetter, "", name.nodename, name.sysname,
          name.release, name.version, name.machine);
     logSettings(s);
+    readLimits(p.limitsPath, s);
 
     if (backup::DecideShmBuf() != 0) exit(1);
     installBackupHooks();

@@ -14,6 +14,7 @@ void Paths::deriveFrom(const std::string& home) {
     logDir = homeDir + "LOG";
     cntlPath = homeDir + "tvk.cntl";
     trustPath = homeDir + "trust.cntl";
+    limitsPath = homeDir + "limits.cntl";
     followMarkerPath = homeDir + "follow.symlink";
     logPath = logDir + "/tvk.log";
     oldLogPath = logPath + ".old";

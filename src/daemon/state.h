@@ -50,6 +50,11 @@ struct Settings {
     bool socketBufferSizeGiven = false;
     bool tcpPortGiven = false;
 
+    // Callers served at once (limits.cntl): connections waiting for
+    // admission, and admitted jobs.
+    int maxWaiting = 256;
+    int maxJobs = 256;
+
     // Nine tenths of ioBufferCount, fixed when the packet queue is sized.
     int sleepScale = 0;
 
@@ -65,6 +70,7 @@ struct Paths {
     std::string logDir;            // homeDir + "LOG"
     std::string cntlPath;          // homeDir + "tvk.cntl"
     std::string trustPath;         // homeDir + "trust.cntl"
+    std::string limitsPath;        // homeDir + "limits.cntl"
     std::string followMarkerPath;  // homeDir + "follow.symlink"
     std::string logPath;           // logDir + "/tvk.log"
     std::string oldLogPath;        // logPath + ".old"

@@ -85,7 +85,9 @@ int tcpOpen(uint16_t& port) {
         }
         port = ntohs(bound.sin_port);
     }
-    if (listen(sock.get(), 5) != 0) {
+    // Calls are taken from the queue at once and handed to processes of
+    // their own: the kernel's largest queue rides out a burst of them.
+    if (listen(sock.get(), SOMAXCONN) != 0) {
         ulog(MSG_FAILED_LISTEN_SOCKET, kPrefix, errText());
         return -1;
     }

@@ -1,5 +1,6 @@
 #include "transport/packet.h"
 
+#include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -9,7 +10,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <optional>
 
 #include "daemon/state.h"
 #include "log/ulog.h"
@@ -23,11 +23,9 @@ namespace {
 // in normal context.
 volatile sig_atomic_t gSendStalled = 0;    // 180 s without progress
 volatile sig_atomic_t gSpanTapeFailed = 0;  // the 72-hour alarm fired
-volatile sig_atomic_t gRecvTimedOut = 0;
 
 void spanTapeAlarm(int) { gSendStalled = 1; }
 void spanTapeExpired(int) { gSpanTapeFailed = 1; }
-void recvAlarm(int) { gRecvTimedOut = 1; }
 
 QueueNotFullTest gQueueNotFull = nullptr;
 
@@ -87,6 +85,13 @@ void useNonblockingIo() {
 void useBlockingIo() {
     transport().sendRoutine = blockSend;
     transport().recvRoutine = blockRecv;
+}
+
+void setReceiveDeadline(unsigned seconds) {
+    TransportState& t = transport();
+    t.deadlineSet = seconds != 0;
+    t.recvDeadline = std::chrono::steady_clock::now() +
+                     std::chrono::microseconds(static_cast<long long>(seconds) * 1000000 / divisor());
 }
 
 int sendRoutine(int fd, const uint8_t* buffer, size_t length) {
@@ -266,6 +271,15 @@ int nonblockSend(int fd, const uint8_t* buffer, size_t length) {
 
 namespace {
 
+// Microseconds left before the receive deadline (at least 1 while some are
+// left, 0 once it has passed); -1 without a deadline.
+long long deadlineLeft() {
+    const TransportState& t = transport();
+    if (!t.deadlineSet) return -1;
+    auto left = std::chrono::duration_cast<std::chrono::microseconds>(t.recvDeadline - std::chrono::steady_clock::now());
+    return left.count() > 0 ? left.count() : 0;
+}
+
 // A receive that failed (n < 0, errno set) or met the end of the stream
 // (n == 0): logged with the routine's prefix.
 int recvEnded(const char* prefix, ssize_t n) {
@@ -280,41 +294,35 @@ int recvEnded(const char* prefix, ssize_t n) {
 
 int blockRecv(int fd, uint8_t* buffer, size_t length) {
     constexpr const char* kPrefix = "(blockRecv) ";
-    unsigned timeout = transport().recvTimeout;
-    // Without a time-out the SIGALRM disposition is left alone: a restore
-    // receives two pieces per data packet, and saving it each time would
-    // cost two system calls more per piece.
-    std::optional<platform::SavedDisposition> saved;
-    if (timeout != 0) {
-        saved.emplace(SIGALRM);
-        gRecvTimedOut = 0;
-        platform::installHandler(SIGALRM, recvAlarm);
-        armAlarm(timeout);
-    }
+    // With a deadline each receive first waits for data at most as long as
+    // is left of it: bytes that trickle in do not put it off.
+    const bool deadline = transport().deadlineSet;
     if (length > 0) std::memset(buffer, 0, length);
-    int result = 0;
     size_t got = 0;
     while (got < length) {
+        if (deadline) {
+            long long left = deadlineLeft();
+            pollfd p{fd, POLLIN, 0};
+            int ready = left == 0 ? 0 : ::poll(&p, 1, static_cast<int>((left + 999) / 1000));
+            if (ready < 0 && errno == EINTR) {
+                platform::dispatchPendingSignals();
+                continue;
+            }
+            if (ready == 0) {
+                ulog(MSG_TIMED_OUT_RECEIVE_EXPECTED_RCVED, kPrefix, static_cast<int>(length),
+                     static_cast<int>(got));
+                return kFailed;
+            }
+        }
         ssize_t n = ::recv(fd, buffer + got, length - got, 0);
         if (n < 0 && errno == EINTR) {
             platform::dispatchPendingSignals();
-            if (timeout != 0 && gRecvTimedOut) {
-                ulog(MSG_TIMED_OUT_RECEIVE_EXPECTED_RCVED, kPrefix, static_cast<int>(length),
-                     static_cast<int>(got));
-                result = kFailed;
-                break;
-            }
             continue;
         }
-        if (n <= 0) {
-            result = recvEnded(kPrefix, n);
-            break;
-        }
+        if (n <= 0) return recvEnded(kPrefix, n);
         got += static_cast<size_t>(n);
-        if (timeout != 0) armAlarm(timeout);
     }
-    if (timeout != 0) armAlarm(0);
-    return result;
+    return 0;
 }
 
 int nonblockRecv(int fd, uint8_t* buffer, size_t length) {
@@ -329,7 +337,7 @@ int nonblockRecv(int fd, uint8_t* buffer, size_t length) {
         ssize_t n = ::recv(fd, buffer + got, length - got, MSG_DONTWAIT);
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             count = timeOut(count, kRecvRetryLimit);
-            if (count == -1) {
+            if (count == -1 || deadlineLeft() == 0) {
                 ulog(MSG_TIMED_OUT_RECEIVE_EXPECTED_RCVED, kPrefix, static_cast<int>(length),
                      static_cast<int>(got));
                 return kFailed;
@@ -407,7 +415,7 @@ int aheadRecv(int fd, uint8_t* buffer, size_t length, ReadAhead& ahead) {
             got += take;
             continue;
         }
-        bool plain = transport().recvRoutine == blockRecv && transport().recvTimeout == 0;
+        bool plain = transport().recvRoutine == blockRecv && !transport().deadlineSet;
         if (!plain) return recvRoutine(fd, buffer + got, length - got);
         ssize_t n = ::recv(fd, ahead.bytes.data(), ahead.bytes.size(), 0);
         if (n < 0 && errno == EINTR) {

@@ -13,6 +13,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -90,7 +91,10 @@ using SendIoRoutine = int (*)(int fd, const uint8_t* buffer, size_t length);
 struct TransportState {
     SendIoRoutine sendRoutine = nullptr;  // blockSend unless non-blocking mode
     IoRoutine recvRoutine = nullptr;      // blockRecv unless non-blocking mode
-    unsigned recvTimeout = 0;             // seconds; blockRecv only; 0 = none
+    // When set, every receive fails once this moment has passed, in both
+    // I/O modes, however the bytes trickle in (setReceiveDeadline).
+    std::chrono::steady_clock::time_point recvDeadline{};
+    bool deadlineSet = false;
     uint16_t ackCounter = 0;
     bool backupAsleep = false;
     bool senderProcess = false;  // only the backup's sender signals its parent
@@ -100,6 +104,12 @@ TransportState& transport();
 
 void useNonblockingIo();
 void useBlockingIo();
+
+// Receives must be over within `seconds` (divided by the time divisor) from
+// now, all of them together; 0 lifts the deadline. A receive that reaches it
+// fails as a timed-out receive ("Timed out in Receive, expected = %d rcved =
+// %d").
+void setReceiveDeadline(unsigned seconds);
 
 int blockSend(int fd, const uint8_t* buffer, size_t length);
 int nonblockSend(int fd, const uint8_t* buffer, size_t length);

@@ -41,8 +41,9 @@ inline constexpr int kMaxBatch = 64;
 
 int SendDaemon(int connection, const PacketSource& source, const SenderOptions& options);
 int reestablishTCP(int connection);
-// SIGPIPE (deferred) in the sender: the front-end dropped the connection.
-// With 0: the job process's closing read saw the connection reset.
+// With SIGPIPE, called by the sender when a send found the connection
+// dropped (EPIPE, ECONNRESET): the front-end went away; logs and ends the
+// sender. With 0: the job process's closing read saw the connection reset.
 void connrelease(int sig);
 
 }  // namespace tavik::transport

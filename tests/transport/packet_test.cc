@@ -98,19 +98,36 @@ TEST_F(PacketTest, EndOfFileClearsBufferAndIsLoggedByBothReceivers) {
     EXPECT_TRUE(home_.logHas("(nonblockRecv) EOF received"));
 }
 
-TEST_F(PacketTest, ReceiveTimeOutsAreDividedAndLogWhatArrived) {
+TEST_F(PacketTest, TheReceiveDeadlineHoldsHoweverTheBytesTrickleIn) {
     settings().timeDivisor = 1000;  // 120 s becomes 120 ms
-    tavik::transport::transport().recvTimeout = 120;
-    SocketPair sp;
-    writeAll(sp.server, {9, 9, 9});
-    std::array<uint8_t, 8> b{};
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(blockRecv(sp.agent, b.data(), b.size()), kFailed);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-    EXPECT_TRUE(home_.logHas("(blockRecv) Timed out in Receive, expected = 8 rcved = 3"));
+    for (IoRoutine routine : {blockRecv, nonblockRecv}) {
+        setReceiveDeadline(120);
+        SocketPair sp;
+        // A byte every 50 ms: each arrives well within 120 ms of the one
+        // before, but the whole never arrives within 120 ms of the start.
+        pid_t dripper = ::fork();
+        if (dripper == 0) {
+            for (int i = 0; i < 8; ++i) {
+                writeAll(sp.server, {9});
+                ::usleep(50000);
+            }
+            ::_exit(0);
+        }
+        std::array<uint8_t, 8> b{};
+        auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(routine(sp.agent, b.data(), b.size()), kFailed);
+        auto took = std::chrono::steady_clock::now() - start;
+        EXPECT_LT(took, std::chrono::milliseconds(350));
+        ::kill(dripper, SIGKILL);
+        ::waitpid(dripper, nullptr, 0);
+        setReceiveDeadline(0);
+    }
+    EXPECT_TRUE(home_.logHas("(blockRecv) Timed out in Receive, expected = 8 rcved = "));
+    EXPECT_TRUE(home_.logHas("(nonblockRecv) Timed out in Receive, expected = 8 rcved = "));
 
-    // The non-blocking receiver gives up at its own limit.
-    tavik::transport::transport() = TransportState{blockSend, blockRecv};
+    // The non-blocking receiver also gives up at its own limit.
+    SocketPair sp;
+    std::array<uint8_t, 8> b{};
     settings().timeDivisor = 100000;
     EXPECT_EQ(nonblockRecv(sp.agent, b.data(), 4), kFailed);
     EXPECT_TRUE(home_.logHas("(nonblockRecv) Timed out in Receive, expected = 4 rcved = 0"));
@@ -268,8 +285,8 @@ TEST_F(PacketTest, ReadAheadServesManyPacketsFromOneReceiveAndFailsLikeBlockRecv
     EXPECT_TRUE(home_.logHas("(GetReply) Failed to Receive Data Packet"));
 }
 
-TEST_F(PacketTest, ReadAheadReadsNoFurtherThanOnePacketUnderAReceiveTimeOut) {
-    tavik::transport::transport().recvTimeout = 120;
+TEST_F(PacketTest, ReadAheadReadsNoFurtherThanOnePacketUnderAReceiveDeadline) {
+    setReceiveDeadline(120);
     SocketPair sp;
     auto first = packetBytes(code::kMkdir, {4, 5});
     auto second = packetBytes(code::kEnd, {});
