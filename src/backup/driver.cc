@@ -1,6 +1,7 @@
 #include "backup/driver.h"
 
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,7 +29,10 @@ constexpr const char* kPrefix = "(startbackup) ";
 
 bool queueNotFull() { return queuedCount() < queueCapacity(); }
 
-[[noreturn]] void runSender(int jobSocket) {
+[[noreturn]] void runSender(int jobSocket, pid_t jobProcess) {
+    // The sender dies with its job process, however that ends: the
+    // connection then closes, and nothing sends on for a job that is gone.
+    if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != jobProcess) std::_Exit(1);
     platform::defaultSignal(SIGTERM);
     platform::defaultSignal(SIGCHLD);
     platform::defaultSignal(SIGUSR1);
@@ -130,13 +134,15 @@ int startbackup(int jobSocket, const std::string& sourcePath) {
     platform::installHandler(SIGUSR1, spanTapeSignal);
     if (b.hooks.onChildSignal) platform::deferSignal(SIGCHLD, b.hooks.onChildSignal);
 
+    pid_t self = ::getpid();
     pid_t pid = ::fork();
     if (pid < 0) {
         ulog(MSG_FAILED_FORK_JOB_ABORT, kPrefix, errText());
         return -1;
     }
-    if (pid == 0) runSender(jobSocket);
+    if (pid == 0) runSender(jobSocket, self);
     setSenderPid(pid);
+    markSegmentForRemoval();  // both processes are attached
     if (b.hooks.setChild) b.hooks.setChild(pid);
     if (b.watchdog) installWatchdog();
     b.dirDepth = 0;

@@ -351,6 +351,54 @@ int ReleaseIPC() {
     return result;
 }
 
+void markSegmentForRemoval() {
+    constexpr const char* kPrefix = "(GetIPC) ";
+    Ipc& q = ipc();
+    int id = q.segment.id();
+    if (id < 0) return;
+    if (int err = q.segment.remove(); err != 0) {
+        errno = err;
+        ulog(MSG_FAILED_REMOVE_SHARED_MEMORY, kPrefix, errText());
+        return;
+    }
+    ClearIPC('m', id);
+}
+
+void ReclaimIPC() {
+    constexpr const char* kPrefix = "(ReclaimIPC) ";
+    std::vector<std::pair<char, int>> gone;
+    {
+        int failure = 0;
+        FILE* f = openRegistry(kPrefix, 'm', -1, false, failure);
+        if (!f) return;
+        char buf[kRegistryLine];
+        while (std::fgets(buf, sizeof buf, f)) {
+            if (buf[0] != 'm' && buf[0] != 's') continue;
+            char* end = nullptr;
+            long id = std::strtol(buf + 1, &end, 10);
+            if (end == buf + 1 || id < 0 || id > INT_MAX) continue;
+            bool unused = false;
+            errno = 0;
+            if (buf[0] == 'm') {
+                unused = platform::segmentAttachments(int(id)) == 0;
+            } else {
+                pid_t pid = platform::semaphoreLastProcess(int(id));
+                unused = pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH;
+            }
+            // An object that no longer exists only has its line cleared.
+            if (unused || errno == EINVAL || errno == EIDRM) gone.emplace_back(buf[0], int(id));
+        }
+        std::fclose(f);
+    }
+    for (const auto& [type, id] : gone) {
+        int r = type == 'm' ? platform::removeSegmentById(id) : platform::removeSemaphoreById(id);
+        if (r == 0)
+            ulog("%sRemoved the %s %d of a job that is gone", kPrefix, type == 'm' ? "shared memory" : "semaphore",
+                 id);
+        ClearIPC(type, id);
+    }
+}
+
 void disownIPC() {
     Ipc& q = ipc();
     q.segment.disown();

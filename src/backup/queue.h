@@ -60,6 +60,15 @@ int GetIPC();
 int ReleaseIPC();
 // In the sender: keep the attachment, leave the objects to the job process.
 void disownIPC();
+// In the job process once the sender is attached too: the segment is marked
+// for removal (and its registry line cleared), so that the kernel frees it
+// with the last detach, however the two processes end.
+void markSegmentForRemoval();
+// Removes every object that tvk.ipc lists as live and that no job uses any
+// more: a segment nobody is attached to, a semaphore whose job process (the
+// last to set or operate it) is gone. Each is logged and its line cleared.
+// Called by the daemon at start-up and when a job process was killed.
+void ReclaimIPC();
 bool haveIPC();
 
 // The sender's pid, terminated by ReleaseIPC; -1 when there is none.

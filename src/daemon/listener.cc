@@ -16,6 +16,7 @@
 #include <cstring>
 #include <unordered_map>
 
+#include "backup/queue.h"
 #include "daemon/cleanup.h"
 #include "daemon/job_entry.h"
 #include "daemon/state.h"
@@ -74,10 +75,17 @@ int waitForEvent(fd_set& readSet, int highest) {
     return pselect(highest + 1, &readSet, nullptr, nullptr, nullptr, &waitMask);
 }
 
+// Collects the connection processes that ended. A job killed by a signal
+// had no chance to remove its IPC objects: they are reclaimed here.
 void reapChildren(Connections& connections) {
     int status;
     pid_t pid;
-    while ((pid = waitpid(-1, &status, WNOHANG)) > 0) connections.ended(pid);
+    bool killed = false;
+    while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
+        connections.ended(pid);
+        killed = killed || WIFSIGNALED(status);
+    }
+    if (killed) backup::ReclaimIPC();
 }
 
 // Reads the process ids that connection processes report once their caller

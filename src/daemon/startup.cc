@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "backup/queue.h"
 #include "backup/queue_size.h"
 #include "daemon/backup_hooks.h"
 #include "daemon/cleanup.h"
@@ -170,6 +171,7 @@ void startDaemon(int argc, char* argv[]) {
     readLimits(p.limitsPath, s);
 
     if (backup::DecideShmBuf() != 0) exit(1);
+    backup::ReclaimIPC();  // what jobs of an earlier daemon left behind
     installBackupHooks();
 
     l.listenSocket = l.jobSocket = -1;

@@ -95,4 +95,15 @@ int SemaphoreSet::remove() {
     return ::semctl(id, 0, IPC_RMID) == 0 ? 0 : errno;
 }
 
+long segmentAttachments(int id) {
+    shmid_ds ds{};
+    return ::shmctl(id, IPC_STAT, &ds) == 0 ? static_cast<long>(ds.shm_nattch) : -1;
+}
+
+pid_t semaphoreLastProcess(int id) { return ::semctl(id, 0, GETPID); }
+
+int removeSegmentById(int id) { return ::shmctl(id, IPC_RMID, nullptr) == 0 ? 0 : errno; }
+
+int removeSemaphoreById(int id) { return ::semctl(id, 0, IPC_RMID) == 0 ? 0 : errno; }
+
 }  // namespace tavik::platform

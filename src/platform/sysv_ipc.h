@@ -75,4 +75,13 @@ private:
     bool owned_ = true;
 };
 
+// Objects known only by id (listed by an earlier process, owned by none
+// here): the number of attachments of a segment, the process that last set
+// or operated a semaphore set (-1 with errno, EINVAL or EIDRM when the
+// object is gone), and their removal (0 or errno).
+long segmentAttachments(int id);
+pid_t semaphoreLastProcess(int id);
+int removeSegmentById(int id);
+int removeSemaphoreById(int id);
+
 }  // namespace tavik::platform
