@@ -207,7 +207,7 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, 
             }
             if (!entryStat(dirFd, e->name, path, st)) continue;
             if (!S_ISDIR(st.st_mode)) continue;
-            if (b.hooks.isProtectedDir && b.hooks.isProtectedDir(path)) {
+            if (b.hooks.isProtectedDir && b.hooks.isProtectedDir(platform::identityOf(st))) {
                 ulog(MSG_PROTECTED_DIRECTORY, kPrefix, path.c_str(), b.hooks.controlFile.c_str());
                 continue;
             }
