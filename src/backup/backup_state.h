@@ -79,6 +79,9 @@ struct BackupState {
     size_t sourceLength = 0;  // the source path's length, for the restart compare
     bool restartFound = false;
     bool grooming = false;
+    // The directory whose files the walk is sending: grooming records each
+    // file with its directory's identity.
+    platform::FileIdentity groomDirectory;
     bool watchdog = false;  // option flag 0x02 in force
     BackupHooks hooks;
 };

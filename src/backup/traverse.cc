@@ -149,6 +149,7 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, 
     std::vector<std::string> unexamined;
 
     if (mode == 2) {
+        b.groomDirectory = platform::identityOf(dirStat);
         while (const platform::DirStream::Entry* e = dir.next()) {
             if (dot(e->name) || outsideTopList(e->name)) continue;
             if (atPacketBoundary() != 0) return leave(-1);
@@ -236,7 +237,7 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, 
                 return leave(r);
             }
             if (newServer && b.grooming && !restartPending()) {
-                int g = groom::RecordGrooming(path.c_str(), st);
+                int g = groom::RecordGrooming(path.c_str(), st, platform::identityOf(dirStat));
                 if (g != 0) ulog(MSG_FAILED_RECORD_GROOMING_RET, kPrefix, path.c_str(), g);
             }
             if (b.ancestors.push(st.st_dev, st.st_ino) == -2) {
