@@ -40,6 +40,7 @@ namespace {
 using detail::GroomState;
 using detail::state;
 
+constexpr const char* kBeginPrefix = "(BeginGrooming) ";
 constexpr const char* kEndPrefix = "(EndGrooming) ";
 constexpr const char* kLogPrefix = "(grlog) ";
 constexpr const char* kMigratePrefix = "(MigrateLog) ";
@@ -358,17 +359,27 @@ int BeginGrooming(const char* logDir, const char* groomSet, const GroomingRecord
     s.groomedCount = 0;
     s.protectedList.reset();
 
-    // 1. The work file and the copy file.
+    // 1. The work file and the copy file. A rotation set's copy file is
+    // named after the set in the log directory, which every job process may
+    // write: a set name that is not a plain file name ("/" in it, "." or
+    // "..", or none) would put it elsewhere, or follow a directory link that
+    // someone planted there. Such a grooming is refused before anything is
+    // written.
     s.owner = getpid();
+    s.copyFile.clear();
+    s.kind = (record.fOptions & kGroomDelete) ? kKindDelete : kKindRotation;
+    std::string_view set(groomSet, strnlen(groomSet, kGroomSetTextSize));
+    if (s.kind == kKindRotation && (set.empty() || set == "." || set == ".." || set.find('/') != set.npos)) {
+        ulog("%sThe rotation set name [%.*s] is not a plain file name", kBeginPrefix, int(set.size()), set.data());
+        return -1;
+    }
     s.workFile = makeTemp("tvkgr");
     if (s.workFile.empty()) return -1;
     char copy[kCopyFileSize];
-    if (record.fOptions & kGroomDelete) {
-        s.kind = kKindDelete;
+    if (s.kind == kKindDelete) {
         snprintf(copy, sizeof copy, "%s/migrate.log", logDir);
     } else {
-        s.kind = kKindRotation;
-        snprintf(copy, sizeof copy, "%s/%.*s.grm", logDir, int(kGroomSetTextSize), groomSet);
+        snprintf(copy, sizeof copy, "%s/%.*s.grm", logDir, int(set.size()), set.data());
     }
     s.copyFile = copy;
 

@@ -33,7 +33,8 @@ protected:
 TEST_F(ControlFilesTest, ListedDirectoriesAreProtectedHoweverTheyAreNamed) {
     settings().verbose = true;
     const std::string s = home_.dir() + "/t";
-    const std::string deep = s + "/" + std::string(200, 'd') + "/" + std::string(200, 'e') + "/" + std::string(200, 'f');
+    const std::string deep = s + "/" + std::string(200, 'd') + "/" + std::string(200, 'e') + "/" +
+                             std::string(200, 'f');
     for (const char* d : {"/etc/default", "/etcetera", "/home/secret/x/y", "/usr/etc", "/var/log"})
         std::filesystem::create_directories(s + d);
     std::filesystem::create_directories(deep + "/sub");

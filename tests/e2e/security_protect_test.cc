@@ -1,7 +1,8 @@
 // Attacks on what the administrator protects and on grooming's deletions, on
 // a root agent started without -S: a protected directory named another way,
-// and a recorded directory swapped for a link before grooming deletes. Each
-// outcome is asserted on the wire, on disk and in the log.
+// a recorded directory swapped for a link before grooming deletes, and a
+// rotation-set name that points out of LOG/. Each outcome is asserted on the
+// wire, on disk and in the log.
 #include <filesystem>
 
 #include "e2e/test_user.h"
@@ -139,6 +140,38 @@ TEST_F(SecurityProtectTest, GroomingDoesNotDeleteThroughASwappedDirectory) {
         EXPECT_FALSE(logHas("Delete " + at(std::string(d) + "/f"))) << d;
     }
     EXPECT_TRUE(daemon_.waitForLog("Total 1 files were deleted"));
+}
+
+// The rotation set's copy file is LOG/<set>.grm: a set name that leaves LOG/
+// (directly, or through a link planted in the world-writable LOG/) ends the
+// grooming before anything is written, and a copy file planted there as a
+// link is not written through.
+TEST_F(SecurityProtectTest, GroomingSetNameStaysInTheLogDirectory) {
+    ASSERT_TRUE(startDaemon());
+    const std::string log = daemon_.home() + "LOG/";
+    ownedLink(scratch_.dir(), log + "a", true);
+    ownedLink(scratch_.path("planted.grm"), log + "planted.grm", true);
+    const struct {
+        std::string set, escape;
+        bool refused;
+    } rows[] = {{"../../x", log + "../../x.grm", true}, {"a/b", scratch_.path("b.grm"), true},
+                {"planted", scratch_.path("planted.grm"), false}};
+    size_t ended = 0, refused = 0;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.set);
+        fs::remove(row.escape);
+        ASSERT_EQ(beginRootCompare(groomingRecord(0x02, 1, row.set)), 4);
+        EXPECT_EQ(end().first, "");
+        EXPECT_TRUE(daemon_.waitForLog("Workstation Compare Ended", ++ended));
+        EXPECT_FALSE(fs::exists(row.escape));
+        fs::remove(row.escape);
+        refused += row.refused;
+        EXPECT_EQ(logHas("(BeginGrooming) The rotation set name [" + row.set + "] is not a plain file name"),
+                  row.refused);
+        EXPECT_EQ(countOf(daemon_.log(), "Failed in BeginGrooming()"), refused);
+    }
+    EXPECT_TRUE(logHas("Cannot copy file "));
+    EXPECT_TRUE(logHas(log + "planted.grm"));
 }
 
 }  // namespace

@@ -342,7 +342,11 @@ TEST_F(GroomingLibrary, DeletesOnlyWhatIsStillWhatWasRecorded) {
         struct stat st, dir;
         ASSERT_EQ(lstat(plain.back().c_str(), &st), 0);
         ASSERT_EQ(stat((tree_ + "/p").c_str(), &dir), 0);
-        if (i % 2) record(plain.back()); else RecordGrooming(plain.back().c_str(), st, tavik::platform::identityOf(dir));
+        if (i % 2) {
+            record(plain.back());
+        } else {
+            RecordGrooming(plain.back().c_str(), st, tavik::platform::identityOf(dir));
+        }
         if (i % 30) continue;
         const auto& row = rows[size_t(i / 30)];
         ASSERT_EQ(stat(row.path.c_str(), &st), 0) << row.path;  // following links
@@ -371,6 +375,21 @@ TEST_F(GroomingLibrary, DeletesOnlyWhatIsStillWhatWasRecorded) {
         EXPECT_TRUE(fs::exists(tree_ + "/" + kept)) << kept;
     tavik::nls::CloseMessages();
     unsetenv("LANG");
+}
+
+TEST_F(GroomingLibrary, RotationSetNameMustBeAPlainFileName) {
+    for (const char* set : {"../../x", "a/b", "/x", "..", ".", ""}) {
+        SCOPED_TRACE(set);
+        EXPECT_EQ(BeginGrooming(logDir().c_str(), set, rotation(1), tape()), -1);
+        EXPECT_STREQ(GroomingCopyFile(), "");
+        EXPECT_TRUE(tempFiles().empty()) << "nothing is written";
+        std::string line = "(BeginGrooming) The rotation set name [" + std::string(set) + "] is not a plain file name";
+        EXPECT_NE(readFile(tavik::paths().logPath).find(line), std::string::npos);
+    }
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "..x", rotation(1), tape()), 0);
+    EXPECT_EQ(std::string(GroomingCopyFile()), logDir() + "/..x.grm");
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "a/b", deleting(), tape()), 0);  // no set: its name is not used
+    EXPECT_EQ(std::string(GroomingCopyFile()), logDir() + "/migrate.log");
 }
 
 TEST_F(GroomingLibrary, WithoutTemporaryDirectoryNothingIsDeleted) {
