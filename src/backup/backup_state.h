@@ -18,6 +18,7 @@
 
 #include "filter/filter.h"
 #include "filter/match.h"
+#include "platform/file_identity.h"
 #include "platform/wire_stat.h"
 
 namespace tavik {
@@ -51,8 +52,14 @@ private:
 };
 
 struct BackupHooks {
-    // True when a directory lies in a protected directory (tvk.cntl).
-    std::function<bool(const std::string&)> isProtectedDir;
+    // True when the directory with this identity is listed in tvk.cntl. The
+    // walk asks for each directory it meets, with the identity from the
+    // stat it already made; below a root found unprotected, a directory
+    // that is not listed itself lies in no listed one.
+    std::function<bool(platform::FileIdentity)> isProtectedDir;
+    // True when the directory `path`, or one of its ancestors, is listed: for
+    // a walk from a path the job's checks have not seen (the estimate's).
+    std::function<bool(const std::string&)> liesInProtectedDir;
     // The description of the protected list's file, for the log line.
     std::string controlFile;
     // Deferred SIGCHLD action of the backup process: ends the job when the
@@ -72,6 +79,9 @@ struct BackupState {
     size_t sourceLength = 0;  // the source path's length, for the restart compare
     bool restartFound = false;
     bool grooming = false;
+    // The directory whose files the walk is sending: grooming records each
+    // file with its directory's identity.
+    platform::FileIdentity groomDirectory;
     bool watchdog = false;  // option flag 0x02 in force
     BackupHooks hooks;
 };

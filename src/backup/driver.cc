@@ -91,7 +91,9 @@ int sendGroomingReport(int result) {
             uint32_t options = wire::loadLe32(ctx.groomRecord.data() + groom::kGroomOptionsOffset);
             if (options & groom::kGroomRotationSet) {
                 std::string copy = groom::GroomingCopyFile();
-                if (copyFile(work.c_str(), copy.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0666) == -1)
+                // A link in the log directory, which every job may write,
+                // is not followed.
+                if (copyFile(work.c_str(), copy.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW, 0666) == -1)
                     ulog(MSG_CANNOT_COPY, kPrefix, work.c_str(), copy.c_str());
                 ulog(MSG_TOTAL_GROOMED_FOR_SET, count, ctx.groomSet.c_str());
             } else if (options & groom::kGroomDelete) {

@@ -27,6 +27,7 @@ namespace {
 struct Walk {
     EstimateCount count;
     uint16_t depth = 0;
+    bool inProtected = false;  // the source lies in a protected directory: no subdirectory counts
 };
 
 // The entry by its name in the open directory.
@@ -72,14 +73,14 @@ bool countDir(Walk& w, const std::string& dirPath, int mode) {
             }
             dir.rewind();
         }
-        if (w.depth < job().maxDirDepth) {
+        if (w.depth < job().maxDirDepth && !w.inProtected) {
             while (const platform::DirStream::Entry* e = dir.next()) {
                 if (dot(e->name) || outsideTopList(w, e->name) || !e->mayBeDirectory(s.followLinks)) continue;
                 std::string path = dirPath + e->name;
                 struct stat st;
                 if (!statEntry(dir.fd(), e->name, path, st) || !S_ISDIR(st.st_mode)) continue;
                 if (s.noCrossFs && st.st_dev != b.rootDev) continue;
-                if (b.hooks.isProtectedDir && b.hooks.isProtectedDir(path)) continue;
+                if (b.hooks.isProtectedDir && b.hooks.isProtectedDir(platform::identityOf(st))) continue;
                 path += "/";
                 int submode = int(filter::DirVerdictOf(b.filter, path));
                 if (submode == 0) continue;
@@ -124,6 +125,9 @@ int estimate(const std::string& sourcePath, uint32_t& filesOut, uint32_t& kiloby
     if (base.empty() || base.back() != '/') base += '/';
     int mode = int(filter::DirVerdictOf(b.filter, sourcePath));
     Walk w;
+    // The source may be any path the front-end names: it is examined once
+    // with its ancestors, the directories below it by their own identity.
+    w.inProtected = b.hooks.liesInProtectedDir && b.hooks.liesInProtectedDir(base);
     if (mode == 1 || mode == 2) {
         b.ancestors.push(st.st_dev, st.st_ino);
         bool kept = countDir(w, base, mode);

@@ -83,7 +83,7 @@ std::string_view lastComponent(const std::string& path) {
 
 void recordGrooming(const std::string& path, const struct stat& st, const char* prefix) {
     if (!backupState().grooming) return;
-    int r = groom::RecordGrooming(path.c_str(), st);
+    int r = groom::RecordGrooming(path.c_str(), st, backupState().groomDirectory);
     if (r != 0) ulog(MSG_FAILED_RECORD_GROOMING_RET, prefix, path.c_str(), r);
 }
 

@@ -149,6 +149,7 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, 
     std::vector<std::string> unexamined;
 
     if (mode == 2) {
+        b.groomDirectory = platform::identityOf(dirStat);
         while (const platform::DirStream::Entry* e = dir.next()) {
             if (dot(e->name) || outsideTopList(e->name)) continue;
             if (atPacketBoundary() != 0) return leave(-1);
@@ -207,7 +208,7 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, 
             }
             if (!entryStat(dirFd, e->name, path, st)) continue;
             if (!S_ISDIR(st.st_mode)) continue;
-            if (b.hooks.isProtectedDir && b.hooks.isProtectedDir(path)) {
+            if (b.hooks.isProtectedDir && b.hooks.isProtectedDir(platform::identityOf(st))) {
                 ulog(MSG_PROTECTED_DIRECTORY, kPrefix, path.c_str(), b.hooks.controlFile.c_str());
                 continue;
             }
@@ -236,7 +237,7 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, 
                 return leave(r);
             }
             if (newServer && b.grooming && !restartPending()) {
-                int g = groom::RecordGrooming(path.c_str(), st);
+                int g = groom::RecordGrooming(path.c_str(), st, platform::identityOf(dirStat));
                 if (g != 0) ulog(MSG_FAILED_RECORD_GROOMING_RET, kPrefix, path.c_str(), g);
             }
             if (b.ancestors.push(st.st_dev, st.st_ino) == -2) {

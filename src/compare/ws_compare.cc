@@ -430,8 +430,11 @@ int CompareSession::end() {
             }
         }
         if (groomOptions_ & groom::kGroomRotationSet) {
+            // No copy file when grooming was refused. A link in the log
+            // directory, which every job may write, is not followed.
             const char* copy = groom::GroomingCopyFile();
-            if (copyFile(workFile.c_str(), copy, O_WRONLY | O_CREAT | O_APPEND, 0666) != 0) {
+            constexpr int kAppend = O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW;
+            if (*copy != '\0' && copyFile(workFile.c_str(), copy, kAppend, 0666) != 0) {
                 ulog(MSG_CANNOT_COPY, "", workFile.c_str(), copy);
             }
             ulog(MSG_TOTAL_GROOMED_FOR_SET, groomed, ctx_.groomSet.c_str());

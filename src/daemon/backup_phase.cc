@@ -30,10 +30,8 @@ namespace tavik {
 
 void installBackupHooks() {
     backup::BackupHooks& hooks = backup::backupState().hooks;
-    hooks.isProtectedDir = [](const std::string& path) {
-        const DirList& list = job().protectedDirs;
-        return !list.names.empty() && isProtected(path, list) != 0;
-    };
+    hooks.isProtectedDir = [](platform::FileIdentity id) { return listsDirectory(job().protectedDirs, id); };
+    hooks.liesInProtectedDir = [](const std::string& path) { return isProtected(path, job().protectedDirs) != 0; };
     hooks.controlFile = paths().cntlPath;
     hooks.onChildSignal = cleanupOnChildSignal;
     hooks.setChild = setCleanupChild;

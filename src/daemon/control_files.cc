@@ -1,7 +1,9 @@
 #include "daemon/control_files.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <cstdio>
@@ -10,6 +12,7 @@
 
 #include "daemon/state.h"
 #include "log/ulog.h"
+#include "platform/fd.h"
 
 namespace tavik {
 namespace {
@@ -17,6 +20,25 @@ namespace {
 struct FileCloser {
     void operator()(FILE* f) const { std::fclose(f); }
 };
+
+// A root deeper than this many directories is not walked to its end (a
+// path of PATH_MAX characters has fewer).
+constexpr int kMaxAncestors = 4096;
+
+// The identity of every entry that names a directory.
+void resolve(DirList& list) {
+    list.identities.clear();
+    for (const std::string& name : list.names) {
+        struct stat st {};
+        if (name.empty() || name.back() == '/' || ::stat(name.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) continue;
+        try {
+            list.identities.push_back(platform::identityOf(st));
+        } catch (const std::bad_alloc&) {
+            ulog(MSG_FAILED_MALLOC_DIR_LIST, "(dir_cntl) ", std::strerror(ENOMEM));
+            return;
+        }
+    }
+}
 
 }  // namespace
 
@@ -36,10 +58,15 @@ int dir_cntl(const char* path, DirList& list) {
     struct stat st {};
     if (::stat(path, &st) != 0) {
         list.names.clear();
+        list.identities.clear();
         return 0;
     }
-    if (st.st_mtime <= list.readTime) return 0;
+    if (st.st_mtime <= list.readTime) {
+        resolve(list);
+        return 0;
+    }
     list.names.clear();
+    list.identities.clear();
     std::unique_ptr<FILE, FileCloser> file(std::fopen(path, "r"));
     if (!file) {
         ulog(MSG_FAIED_OPEN, kPrefix, path, errText());
@@ -66,6 +93,7 @@ int dir_cntl(const char* path, DirList& list) {
         }
     }
     std::free(buffer);
+    resolve(list);
     if (result != 0) return result;
     if (settings().verbose) {
         for (const std::string& name : list.names) ulog("tvk.cntl: %s", name.c_str());
@@ -74,25 +102,32 @@ int dir_cntl(const char* path, DirList& list) {
     return 0;
 }
 
+bool listsDirectory(const DirList& list, platform::FileIdentity id) {
+    return std::find(list.identities.begin(), list.identities.end(), id) != list.identities.end();
+}
+
 int isProtected(const std::string& root, const DirList& list) {
-    std::string tested = root;
-    if (!tested.empty() && tested.back() == '/') tested.pop_back();
-    if (tested.empty()) return 0;
-    for (const std::string& name : list.names) {
-        if (name.empty() || name.size() > tested.size()) continue;
-        if (tested.compare(0, name.size(), name) != 0) continue;
-        if (tested.size() == name.size() || tested[name.size()] == '/') {
-            // An entry ending in "/" would need the root to continue with a
-            // second "/": it protects nothing.
-            if (name.back() == '/') continue;
-            return kProtected;
-        }
+    if (list.identities.empty()) return 0;
+    constexpr int kFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    platform::UniqueFd at(::open(root.c_str(), kFlags));
+    struct stat st {};
+    if (!at || ::fstat(at.get(), &st) != 0) return kProtected;
+    platform::FileIdentity here = platform::identityOf(st);
+    for (int level = 0; level < kMaxAncestors; ++level) {
+        platform::UniqueFd parent(::openat(at.get(), "..", kFlags));
+        if (!parent || ::fstat(parent.get(), &st) != 0) return kProtected;
+        platform::FileIdentity above = platform::identityOf(st);
+        if (above == here) return 0;  // "/": its ".." is itself
+        if (listsDirectory(list, here)) return kProtected;
+        at = std::move(parent);
+        here = above;
     }
-    return 0;
+    return kProtected;
 }
 
 void freeDirList(DirList& list) {
     list.names.clear();
+    list.identities.clear();
     list.readTime = 0;  // the next dir_cntl reads the file again
 }
 

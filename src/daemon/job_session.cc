@@ -66,6 +66,14 @@ int changeToRoot(Channel& channel, const JobContext& ctx, bool safely = false) {
 int prepare(Channel& channel, JobContext& ctx) {
     switch (ctx.request.opMode()) {
         case kOpBackup:
+            // tvk.cntl is the administrator's list: it is read, and every
+            // entry resolved to the directory it names, with the agent's own
+            // rights before the switch. As the login, a file the login may
+            // not read, or an entry on a path it may not search, would
+            // protect nothing, though the directory may well be reachable
+            // to it by another name. A failure is logged there, and what was
+            // read of the file applies.
+            dir_cntl(paths().cntlPath.c_str(), ctx.protectedDirs);
             if (!identitySwitchExempt(ctx, false) && !switchIdentity(ctx)) {
                 answer(channel, ctx, transport::code::kIdentityFailed);
                 return -1;
@@ -75,10 +83,8 @@ int prepare(Channel& channel, JobContext& ctx) {
                 answer(channel, ctx, transport::code::kNoAccess);
                 return -1;
             }
-            // An unreadable file has been logged; what was read of it applies.
-            if (dir_cntl(paths().cntlPath.c_str(), ctx.protectedDirs) != 0 && ctx.protectedDirs.names.empty()) {
-                return 0;
-            }
+            // The root is examined as the login: where its name leads for
+            // the login is where the backup will read.
             if (isProtected(ctx.jobRoot, ctx.protectedDirs) != 0) {
                 ulog(MSG_PROTECTED_DIRECTORY, "", ctx.jobRoot.c_str(), paths().cntlPath.c_str());
                 answer(channel, ctx, transport::code::kProtectedDir);

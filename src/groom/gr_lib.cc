@@ -22,7 +22,9 @@
 #include "nls/mbstring.h"
 #include "nls/messages.h"
 #include "platform/fd.h"
+#include "platform/safe_path.h"
 #include "platform/signals.h"
+#include "wire/bytes.h"
 
 namespace tavik::groom {
 
@@ -38,6 +40,7 @@ namespace {
 using detail::GroomState;
 using detail::state;
 
+constexpr const char* kBeginPrefix = "(BeginGrooming) ";
 constexpr const char* kEndPrefix = "(EndGrooming) ";
 constexpr const char* kLogPrefix = "(grlog) ";
 constexpr const char* kMigratePrefix = "(MigrateLog) ";
@@ -86,6 +89,16 @@ void removeFile(std::string& name) {
 void closeCandidates(GroomState& s) {
     if (s.candidates) fclose(s.candidates);
     s.candidates = nullptr;
+}
+
+// Forgets the identities without writing what is pending.
+void closeIdentities(GroomState& s) {
+    if (s.identitiesFd >= 0) close(s.identitiesFd);
+    s.identitiesFd = -1;
+    s.pendingCount = 0;
+    s.lastDirectory.clear();
+    s.lastDirectoryKnown = false;
+    s.lastDirectoryId = {};
 }
 
 void closeWorkFile(GroomState& s) {
@@ -146,6 +159,55 @@ void runSort(const std::string& sorted, const std::string& candidates) {
     }
 }
 
+void storeLe64(uint8_t* p, uint64_t v) {
+    wire::storeLe32(p, uint32_t(v));
+    wire::storeLe32(p + 4, uint32_t(v >> 32));
+}
+uint64_t loadLe64(const uint8_t* p) { return wire::loadLe32(p) | uint64_t(wire::loadLe32(p + 4)) << 32; }
+
+// What a candidate was when it was recorded.
+struct Recorded {
+    platform::FileIdentity file;
+    platform::FileIdentity directory;
+    uint8_t kind = 0;
+};
+
+// Writes the pending identity records after those already written; false
+// (errno set) when they could not all be written.
+bool flushIdentities(GroomState& s) {
+    size_t length = s.pendingCount * detail::kIdentityRecordSize;
+    s.pendingCount = 0;
+    return s.identitiesFd >= 0 && writeAll(s.identitiesFd, reinterpret_cast<const char*>(s.pending.data()), length);
+}
+
+void keepIdentities(GroomState& s, const Recorded& r) {
+    using namespace detail;
+    uint8_t* p = s.pending.data() + s.pendingCount * kIdentityRecordSize;
+    storeLe64(p + kFileDevAt, r.file.dev);
+    storeLe64(p + kFileInoAt, r.file.ino);
+    storeLe64(p + kDirDevAt, r.directory.dev);
+    storeLe64(p + kDirInoAt, r.directory.ino);
+    p[kKindAt] = r.kind;
+    if (++s.pendingCount == kIdentityBatch) flushIdentities(s);  // a short file shows when it is read
+}
+
+// The identities of candidate `sequence`; false (errno set) when they cannot
+// be read.
+bool recordedIdentities(const GroomState& s, long sequence, Recorded& r) {
+    using namespace detail;
+    uint8_t p[kIdentityRecordSize];
+    off_t at = off_t(sequence - 1) * off_t(kIdentityRecordSize);
+    ssize_t n = pread(s.identitiesFd, p, sizeof p, at);
+    if (n != ssize_t(sizeof p)) {
+        if (n >= 0) errno = EIO;
+        return false;
+    }
+    r.file = {dev_t(loadLe64(p + kFileDevAt)), ino_t(loadLe64(p + kFileInoAt))};
+    r.directory = {dev_t(loadLe64(p + kDirDevAt)), ino_t(loadLe64(p + kDirInoAt))};
+    r.kind = p[kKindAt];
+    return true;
+}
+
 bool isLeapYear(int year) { return (year % 400 == 0) || (year % 4 == 0 && year % 100 != 0); }
 
 int lastDayOfMonth(int month, int year) {
@@ -173,26 +235,48 @@ bool actualDirectory(int dirFd, const std::string& used, std::string& out) {
 
 enum class Removal { Skipped, Removed, Failed };
 
-// Removes one candidate that is not a directory. The file is reached through
-// a descriptor of its directory, and the protected test is made again on the
-// directory's real name: a symbolic link on the way, or one swapped in since
-// the recording, cannot lead the deletion into a protected place or directly
-// under "/". `st` receives the file's status.
-Removal removeCandidate(const char* path, const GroomElement* list, struct stat& st) {
-    if (IsProtected(path, list) != 0) return Removal::Skipped;
-    const char* slash = strrchr(path, '/');
-    std::string dir = slash ? std::string(path, size_t(slash - path)) : std::string(".");
-    if (dir.empty()) dir = "/";
-    const char* base = slash ? slash + 1 : path;
-    if (*base == '\0' || strcmp(base, ".") == 0 || strcmp(base, "..") == 0) return Removal::Skipped;
-    platform::UniqueFd dirFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!dirFd) return Removal::Skipped;
+// Removes one candidate that is not a directory, if it is still what was
+// recorded. The directory is reached without links that another user could
+// have planted and must be the one recorded; the file is examined and
+// removed relative to it and must be the one recorded too. The protected
+// test is made again on the directory's real name: a link that root owns
+// cannot lead the deletion into a protected place or directly under "/".
+// Failed comes with errno set (ESTALE: the directory or the file is not the
+// one recorded); a file or directory that is gone is Skipped. `st` receives
+// the file's status.
+Removal removeCandidate(const char* path, const GroomElement* list, const Recorded& recorded, struct stat& st) {
+    if (recorded.kind != detail::kKindFile || IsProtected(path, list) != 0) return Removal::Skipped;
+    platform::PathParts parts = platform::splitLast(path);
+    std::string base(parts.name);
+    if (base.empty() || base == "." || base == "..") return Removal::Skipped;
+    platform::UniqueFd dirFd = platform::openDirectory(parts.directory);
+    if (!dirFd) return errno == ENOENT ? Removal::Skipped : Removal::Failed;
+    if (fstat(dirFd.get(), &st) != 0) return Removal::Failed;
+    if (platform::identityOf(st) != recorded.directory) {
+        errno = ESTALE;
+        return Removal::Failed;
+    }
     std::string real;
+    std::string dir(parts.directory.empty() ? std::string_view(".") : parts.directory);
     if (!actualDirectory(dirFd.get(), dir, real) || real == "/") return Removal::Skipped;
     std::string full = real + "/" + base;
     if (IsProtected(full.c_str(), list) != 0) return Removal::Skipped;
-    if (fstatat(dirFd.get(), base, &st, AT_SYMLINK_NOFOLLOW) != 0 || S_ISDIR(st.st_mode)) return Removal::Skipped;
-    if (unlinkat(dirFd.get(), base, 0) != 0) return Removal::Failed;
+    if (fstatat(dirFd.get(), base.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        return errno == ENOENT ? Removal::Skipped : Removal::Failed;
+    }
+    if (platform::identityOf(st) != recorded.file) {
+        // A walk that follows links records a link by what it leads to; the
+        // link is that link still when it leads there now (only the link is
+        // removed, never what it leads to).
+        struct stat target;
+        if (!S_ISLNK(st.st_mode) || fstatat(dirFd.get(), base.c_str(), &target, 0) != 0 ||
+            platform::identityOf(target) != recorded.file) {
+            errno = ESTALE;
+            return Removal::Failed;
+        }
+    }
+    if (S_ISDIR(st.st_mode)) return Removal::Skipped;
+    if (unlinkat(dirFd.get(), base.c_str(), 0) != 0) return Removal::Failed;
     return Removal::Removed;
 }
 
@@ -267,6 +351,7 @@ int BeginGrooming(const char* logDir, const char* groomSet, const GroomingRecord
     // A grooming left unfinished by this process gives way to the new one.
     closeCandidates(s);
     removeFile(s.candidatesFile);
+    closeIdentities(s);
     closeWorkFile(s);
     s.startTime = 0;
     s.ageLimit = 0;
@@ -274,17 +359,27 @@ int BeginGrooming(const char* logDir, const char* groomSet, const GroomingRecord
     s.groomedCount = 0;
     s.protectedList.reset();
 
-    // 1. The work file and the copy file.
+    // 1. The work file and the copy file. A rotation set's copy file is
+    // named after the set in the log directory, which every job process may
+    // write: a set name that is not a plain file name ("/" in it, "." or
+    // "..", or none) would put it elsewhere, or follow a directory link that
+    // someone planted there. Such a grooming is refused before anything is
+    // written.
     s.owner = getpid();
+    s.copyFile.clear();
+    s.kind = (record.fOptions & kGroomDelete) ? kKindDelete : kKindRotation;
+    std::string_view set(groomSet, strnlen(groomSet, kGroomSetTextSize));
+    if (s.kind == kKindRotation && (set.empty() || set == "." || set == ".." || set.find('/') != set.npos)) {
+        ulog("%sThe rotation set name [%.*s] is not a plain file name", kBeginPrefix, int(set.size()), set.data());
+        return -1;
+    }
     s.workFile = makeTemp("tvkgr");
     if (s.workFile.empty()) return -1;
     char copy[kCopyFileSize];
-    if (record.fOptions & kGroomDelete) {
-        s.kind = kKindDelete;
+    if (s.kind == kKindDelete) {
         snprintf(copy, sizeof copy, "%s/migrate.log", logDir);
     } else {
-        s.kind = kKindRotation;
-        snprintf(copy, sizeof copy, "%s/%.*s.grm", logDir, int(kGroomSetTextSize), groomSet);
+        snprintf(copy, sizeof copy, "%s/%.*s.grm", logDir, int(set.size()), set.data());
     }
     s.copyFile = copy;
 
@@ -320,38 +415,84 @@ int BeginGrooming(const char* logDir, const char* groomSet, const GroomingRecord
         s.protectedList = std::move(element);
     }
 
-    // 6. The record, the candidates file, the start time.
+    // 6. The record, the candidates file and their identities, the start
+    // time.
     s.record = record;
     int fd = -1;
+    std::string identities = makeTemp("tvkgi", &fd);
+    if (identities.empty()) return -1;
+    unlink(identities.c_str());
+    fcntl(fd, F_SETFD, FD_CLOEXEC);
+    s.identitiesFd = fd;
     s.candidatesFile = makeTemp("tvkgc", &fd);
-    if (s.candidatesFile.empty()) return -1;
+    if (s.candidatesFile.empty()) {
+        closeIdentities(s);
+        return -1;
+    }
     s.candidates = fdopen(fd, "w+");
     if (!s.candidates) {
         close(fd);
         removeFile(s.candidatesFile);
+        closeIdentities(s);
         return -1;
     }
     s.startTime = time(nullptr);
     return 0;
 }
 
-int RecordGrooming(const char* path, const struct stat& status) {
-    GroomState& s = state();
-    if (!s.candidates || s.startTime == 0) return 0;
+namespace {
+
+// Whether `path` may become a candidate.
+bool eligible(GroomState& s, const char* path, const struct stat& status) {
+    if (!s.candidates || s.startTime == 0) return false;
     // A name that could break its candidates line is never recorded: a
     // newline in it, or a length that would split the line, would let the
     // rest of the name read as a candidate of its own.
     size_t len = strlen(path);
-    if (len == 0 || len > kMaxCandidatePath || memchr(path, '\n', len)) return 0;
-    if (IsProtected(path, s.protectedList.get()) != 0) return 0;
-    if (!S_ISDIR(status.st_mode) && !nls::MbStrChr(path + 1, '/')) return 0;
+    if (len == 0 || len > kMaxCandidatePath || memchr(path, '\n', len)) return false;
+    if (IsProtected(path, s.protectedList.get()) != 0) return false;
+    if (!S_ISDIR(status.st_mode) && !nls::MbStrChr(path + 1, '/')) return false;
     if (s.kind == kKindRotation) {
         if (s.ageLimit == 0) s.ageLimit = GroomAgeLimit(s.startTime, s.record.nMonths);
-        if (!(status.st_atime < s.ageLimit && status.st_mtime < s.ageLimit)) return 0;
+        if (!(status.st_atime < s.ageLimit && status.st_mtime < s.ageLimit)) return false;
     }
+    return true;
+}
+
+void record(GroomState& s, const char* path, const struct stat& status, platform::FileIdentity directory) {
     // Flushed line by line, so that the file on disk always holds whole lines.
     fprintf(s.candidates, "%d %s\n", s.sequence++, path);
     fflush(s.candidates);
+    bool isDirectory = S_ISDIR(status.st_mode);
+    keepIdentities(s, {platform::identityOf(status), directory,
+                       isDirectory ? detail::kKindDirectory : detail::kKindFile});
+}
+
+}  // namespace
+
+int RecordGrooming(const char* path, const struct stat& status, platform::FileIdentity directory) {
+    GroomState& s = state();
+    if (eligible(s, path, status)) record(s, path, status, directory);
+    return 0;
+}
+
+int RecordGrooming(const char* path, const struct stat& status) {
+    GroomState& s = state();
+    if (!eligible(s, path, status)) return 0;
+    // A directory is never deleted: its own directory does not matter.
+    if (!S_ISDIR(status.st_mode)) {
+        std::string_view directory = platform::splitLast(path).directory;
+        if (!s.lastDirectoryKnown || directory != s.lastDirectory) {
+            s.lastDirectory.assign(directory);
+            s.lastDirectoryKnown = true;
+            // {0, 0} when it cannot be reached: the file is then never deleted.
+            s.lastDirectoryId = {};
+            platform::UniqueFd dirFd = platform::openDirectory(directory);
+            struct stat st;
+            if (dirFd && fstat(dirFd.get(), &st) == 0) s.lastDirectoryId = platform::identityOf(st);
+        }
+    }
+    record(s, path, status, S_ISDIR(status.st_mode) ? platform::FileIdentity{} : s.lastDirectoryId);
     return 0;
 }
 
@@ -359,6 +500,7 @@ int EndGrooming() {
     GroomState& s = state();
     if (!s.candidates) return -1;
     closeCandidates(s);
+    flushIdentities(s);  // a record that could not be written reads short below
 
     s.sortedFile = makeTemp("tvkgs");
     if (s.sortedFile.empty()) {
@@ -384,8 +526,14 @@ int EndGrooming() {
         char* path = space + 1;
         path[strcspn(path, "\n")] = '\0';
         if (*path == '\0') continue;
+        char* end = nullptr;
+        long sequence = strtol(line, &end, 10);
+        if (end != space || sequence < 1 || sequence >= s.sequence) continue;
         struct stat st;
-        Removal done = removeCandidate(path, s.protectedList.get(), st);
+        Recorded recorded;
+        Removal done = recordedIdentities(s, sequence, recorded)
+                           ? removeCandidate(path, s.protectedList.get(), recorded, st)
+                           : Removal::Failed;
         if (done == Removal::Skipped) continue;
         if (done == Removal::Failed) {
             grlog(GroomText(kMsgCannotRemove), kEndPrefix, path, errText());
@@ -397,6 +545,7 @@ int EndGrooming() {
     }
     fclose(sorted);
     removeFile(s.sortedFile);
+    closeIdentities(s);
     grlog("\n");
     grlog(GroomText(kMsgDeletedCount), s.groomedCount);
     closeWorkFile(s);
@@ -428,6 +577,7 @@ void RemoveGroomingTempFiles() {
         // only forgets them.
         if (s.candidates) fclose(s.candidates);
         s.candidates = nullptr;
+        closeIdentities(s);
         if (s.workFd >= 0) close(s.workFd);
         s.workFd = -1;
         s.workFile.clear();
@@ -443,6 +593,7 @@ void RemoveGroomingTempFiles() {
         sortPid = -1;
     }
     closeCandidates(s);
+    closeIdentities(s);
     closeWorkFile(s);
     removeFile(s.workFile);
     removeFile(s.candidatesFile);

@@ -14,6 +14,14 @@
 // sends to the server, copies or migrates to the agent log (MigrateLog), and
 // removes.
 //
+// A file is deleted only while it is still what was recorded: recording
+// keeps the device and inode of the file and of its directory; at the end the
+// directory is reached again without links that another user could have
+// planted (platform::openDirectory), and the file is deleted relative to it
+// only when both identities are unchanged. Anything else is reported in the
+// work file as not removed (the directory or file replaced: ESTALE; a link
+// refused: EACCES); a file or directory that is gone is passed over.
+//
 // Texts come from message catalogue set 13; without an open catalogue they
 // read "catgetsErr". Temporary files are made with mkstemp in
 // groomingEnvironment().tempDir; RemoveGroomingTempFiles removes them on any
@@ -29,6 +37,7 @@
 #include <string>
 
 #include "groom/record.h"
+#include "platform/file_identity.h"
 
 namespace tavik::groom {
 
@@ -82,6 +91,12 @@ using GroomList = std::unique_ptr<GroomElement>;
 // made.
 int BeginGrooming(const char* logDir, const char* groomSet, const GroomingRecord& record, const TapeRecord& tape);
 // Records a candidate; always 0. Paths that are not eligible are passed over.
+// `status` is what the caller found at `path`; `directory` the identity of
+// the directory that holds it (a walk has it at hand).
+int RecordGrooming(const char* path, const struct stat& status, platform::FileIdentity directory);
+// The same for a caller without the directory's identity: a file's directory
+// is reached here as deletion will reach it, once for a run of files in the
+// same directory.
 int RecordGrooming(const char* path, const struct stat& status);
 // Deletes the candidates. 0 done, 2 the sorted list could not be made or
 // read, -1 grooming had not begun.

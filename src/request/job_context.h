@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "filter/received.h"
+#include "platform/file_identity.h"
 
 namespace tavik {
 
@@ -104,9 +105,12 @@ struct JobUser {
 };
 
 // The directories no backup may start in or below, newest first, and the
-// modification time of the file they were read from.
+// modification time of the file they were read from; `identities` holds
+// what each name that leads to a directory named when the list was last
+// examined (entries ending in "/" and names that lead nowhere have none).
 struct DirList {
     std::forward_list<std::string> names;
+    std::vector<platform::FileIdentity> identities;
     time_t readTime = 0;
 };
 

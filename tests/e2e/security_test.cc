@@ -1,11 +1,18 @@
 // Attacks on a root agent started without -S, each by an unprivileged test
 // login or a local user, with the secure outcome asserted on the wire, on
-// disk and in the log; and what a trusted login may still do.
+// disk and in the log; and what a trusted login may still do. In order: a
+// restore by a login that is not trusted, the run-unswitched bit, links
+// planted under a root restore, names planted in LOG/ and forged log lines,
+// a protected directory spelled otherwise, a reverse-lookup name the
+// caller chose, account state and the cost of an unknown login, a request
+// without a record, and grooming through a swapped directory or out of
+// LOG/.
 #include <arpa/inet.h>
 #include <sys/mount.h>
 #include <sys/sysmacros.h>
 
 #include <chrono>
+#include <filesystem>
 #include <thread>
 
 #include "e2e/restore_driver.h"
@@ -17,6 +24,8 @@ using namespace tavik::test;
 using tavik::frontend::JobClient;
 using tavik::frontend::RequestFields;
 using tavik::restore::RestoreAttributes;
+namespace command = tavik::restore::command;
+namespace fs = std::filesystem;
 
 // One job of `user` on `d`, from the request to the agent's close: of a type
 // (7) that the agent does not run, so the command exchange is the whole job.
@@ -50,6 +59,60 @@ protected:
         for (const auto& [from, to] : binds) script += "mount --bind " + from + " " + to + " && ";
         daemon.runThrough("unshare -m sh -c '" + script + "exec \"$0\" \"$@\"'");
         return true;
+    }
+
+    // A compare job that keeps root's identity (the login is trusted and
+    // asks for it), grooming as `groom` says: the answer to the request.
+    int beginRootCompare(const std::vector<uint8_t>& groom) {
+        trust(user_.name());
+        auto f = fields(work_, 2);
+        f.runUnswitched = true;
+        return begin(f, optionsRecord(2, 1), 0, groom);
+    }
+    int send(int8_t code, std::span<const uint8_t> payload = {}) {
+        if (!client_.sendRaw(tavik::frontend::buildCommand(code, 0, payload))) return tavik::frontend::kNoAnswer;
+        return code == command::kEnd ? tavik::frontend::kNoAnswer : client_.readAnswer();
+    }
+    // OPENFILE with what the disk says of `rel` now, then its data: both
+    // answers (0 and 0 when identical).
+    std::pair<int, int> compareFile(const std::string& rel) {
+        using namespace tavik::platform;
+        struct stat st = statOf(at(rel));
+        tavik::restore::RestoreAttributes a{
+            .dev = encodeDev32(st.st_dev), .ino = uint32_t(st.st_ino), .mode = st.st_mode,
+            .nlink = uint32_t(st.st_nlink), .uid = st.st_uid, .gid = st.st_gid, .atime = wireTime(st.st_atime),
+            .mtime = wireTime(st.st_mtime), .size = wireSize(st.st_size), .name = rel};
+        std::string data = readFile(at(rel));
+        int open = send(command::kOpenFile, tavik::restore::encodeRestoreAttributes(a));
+        return {open, send(command::kEndf, {reinterpret_cast<const uint8_t*>(data.data()), data.size()})};
+    }
+    // END: with files groomed, code 14, the 16-byte count and the work file
+    // (MOF packets and an ENDF), then 3. The count and the work file.
+    std::pair<std::string, std::string> end() {
+        EXPECT_TRUE(client_.sendRaw(tavik::frontend::buildCommand(command::kEnd, 0, {})));
+        std::pair<std::string, std::string> report;
+        int answer = client_.readAnswer();
+        if (answer == 14) {
+            std::array<uint8_t, 16> count{};
+            EXPECT_TRUE(client_.recvRaw(count));
+            report.first = reinterpret_cast<const char*>(count.data());
+            for (int code = 7; code == 7;) {
+                std::array<uint8_t, 8> h{};
+                if (!client_.recvRaw(h)) break;
+                code = h[2];
+                std::string data(tavik::wire::loadLe16(&h[6]), '\0');
+                if (!data.empty() && !client_.recvRaw({reinterpret_cast<uint8_t*>(data.data()), data.size()})) break;
+                report.second += data;
+            }
+            answer = client_.readAnswer();
+        }
+        EXPECT_EQ(answer, 3);
+        EXPECT_TRUE(agentCloses());
+        return report;
+    }
+    void ownedLink(const std::string& target, const std::string& link, bool byLogin) const {
+        ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0) << link;
+        if (byLogin) lchown(link.c_str(), user_.uid(), user_.gid());
     }
 
     Tree scratch_;
@@ -150,6 +213,108 @@ TEST_F(SecurityTest, RestoreAsRootFollowsNoLinkAnotherUserPlanted) {
     EXPECT_TRUE(logHas("(ws_restore[MKDIR]) Failed to make directory <" + dest + "/sub/newdir> (Permission denied)"));
 }
 
+// LOG/ as an older agent left it (mode 0777), where a login replaced each
+// file's name with its own link to a file of root's (mode 0600). The agent
+// starts and serves a job; root's files keep their bytes, the pid file is
+// made afresh, LOG/ becomes sticky, and the lines the log refused went to
+// standard output.
+TEST_F(SecurityTest, LinksPlantedInLogAreNotWrittenThrough) {
+    Daemon& d = daemon_;
+    const TestUser& user = user_;
+    Tree& roots = scratch_;
+    const std::string log = d.home() + "LOG/";
+    ASSERT_EQ(mkdir(log.c_str(), 0777), 0);
+    ASSERT_EQ(chmod(log.c_str(), 0777), 0);
+    const char* names[] = {"tvk.log", "tvk.log.old", "tvk.ipc", "tavikd.pid"};
+    for (const char* name : names) {
+        roots.file(name, "root's own\n", 0600);
+        ASSERT_EQ(symlink(roots.path(name).c_str(), (log + name).c_str()), 0);
+        ASSERT_EQ(lchown((log + name).c_str(), user.uid(), user.gid()), 0);
+    }
+    ASSERT_TRUE(d.start()) << d.launcher().output;
+    ASSERT_TRUE(runJob(d, user));
+    for (const char* name : names) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(readFile(roots.path(name)), "root's own\n");
+        EXPECT_EQ(statOf(roots.path(name)).st_mode, mode_t(0100600));
+    }
+    EXPECT_EQ(statOf(d.pidPath()).st_mode, mode_t(0100644));
+    EXPECT_EQ(readFile(d.pidPath()), std::to_string(d.pid()) + "\n");
+    EXPECT_EQ(statOf(log).st_mode, mode_t(041777));
+    std::string out = readFile(d.home() + "launcher.out");
+    EXPECT_TRUE(has(out, "(ulog) Faied to open " + log + "tvk.log (Too many levels of symbolic links)")) << out;
+    EXPECT_TRUE(has(out, "Start Compare Job From ")) << out;
+}
+
+// A LOG that is a link to a directory elsewhere, or a file: the agent does
+// not start and writes nothing there.
+TEST_F(SecurityTest, LogThatIsNotARealDirectoryStopsTheStart) {
+    Tree elsewhere;
+    for (bool asLink : {true, false}) {
+        SCOPED_TRACE(asLink ? "link" : "file");
+        Daemon d;
+        const std::string log = d.home() + "LOG";
+        if (asLink)
+            ASSERT_EQ(symlink(elsewhere.dir().c_str(), log.c_str()), 0);
+        else
+            writeFile(log, "");
+        LaunchResult r = d.launch({"-p", std::to_string(freePort())});
+        EXPECT_EQ(r.status, 255);
+        EXPECT_TRUE(has(r.output, "Failed to make directory <" + log + "> (Not a directory)")) << r.output;
+        EXPECT_TRUE(elsewhere.order().empty());
+    }
+}
+
+// A refused caller whose login holds newlines: its text is in the log with
+// the newlines escaped, and no line of the log begins with what followed them.
+TEST_F(SecurityTest, CallerTextCannotStartALogLine) {
+    Daemon& d = daemon_;
+    ASSERT_TRUE(d.start());
+    const std::string forged = "EVIL::0:0::/:/bin/sh";
+    JobClient client;
+    ASSERT_TRUE(client.connect("127.0.0.1", d.port()));
+    RequestFields f{.root = "/tmp", .login = "x\n" + forged + "\n", .password = "x", .opMode = 2, .acceptEA = 'e'};
+    EXPECT_EQ(client.request(f), 115);  // unknown user
+    EXPECT_TRUE(d.waitForLog("(ckpasswd) User x\\012" + forged + "\\012 is not defined in the password file"));
+    EXPECT_TRUE(has(d.log(), "loginID=x\\012" + forged + "\\012 "));
+    for (const std::string& line : lines(d.log())) EXPECT_NE(line.rfind("EVIL", 0), 0u) << line;
+}
+
+// tvk.cntl names a directory once; every other name of it, and every
+// directory below it, is refused all the same, whoever may read tvk.cntl.
+TEST_F(SecurityTest, ProtectedDirectoryHoldsHoweverItIsSpelled) {
+    for (const char* d : {"secret", "secret/inner", "sub", "secretary", "vault"}) mkdir(at(d).c_str(), 0755);
+    ownedLink("secret", at("alias"), true);
+    ownedLink(at("vault"), at("way"), false);  // an entry that is a link protects where it leads
+    ASSERT_TRUE(startDaemon());
+    const std::string cntl = daemon_.home() + "tvk.cntl";
+    std::ofstream(cntl) << at("secret") << "\n" << at("way") << "\n";
+
+    const struct {
+        std::string root;
+        int answer;
+    } rows[] = {
+        {at("secret"), 114},       {"/" + at("secret"), 114},      {work_ + "/./secret", 114},
+        {at("sub/../secret"), 114}, {at("alias"), 114},            {at("alias/inner"), 114},
+        {at("vault"), 114},        {at("secretary"), 4},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.root);
+        EXPECT_EQ(ask(fields(row.root, 0)), row.answer);
+        std::string line = "Protected Directory [" + row.root + "/] in " + cntl;
+        if (row.answer == 114) {
+            EXPECT_TRUE(agentCloses());
+            EXPECT_TRUE(daemon_.waitForLog(line));
+        } else {
+            EXPECT_FALSE(logHas(line));
+        }
+    }
+    // The list is the administrator's: read with root's rights.
+    chmod(cntl.c_str(), 0600);
+    EXPECT_EQ(ask(fields(at("secret"), 0)), 114);
+    EXPECT_TRUE(daemon_.waitForLog("Protected Directory [" + at("secret") + "/] in " + cntl, 2));
+}
+
 TEST_F(SecurityTest, HostEquivalenceNeedsTheCallersOwnAddress) {
     // 127.0.0.3's reverse lookup names trusted.test, whose address is
     // 127.0.0.2: a name the caller's own reverse zone could choose.
@@ -224,71 +389,69 @@ TEST_F(SecurityTest, ARequestWithoutARecordGetsNoEarlierCallersRoot) {
     EXPECT_TRUE(daemon_.waitForLog("Invalid Unix Path, Job Abort"));
 }
 
-// LOG/ as an older agent left it (mode 0777), where a login replaced each
-// file's name with its own link to a file of root's (mode 0600). The agent
-// starts and serves a job; root's files keep their bytes, the pid file is
-// made afresh, LOG/ becomes sticky, and the lines the log refused went to
-// standard output.
-TEST_F(SecurityTest, LinksPlantedInLogAreNotWrittenThrough) {
-    Daemon& d = daemon_;
-    const TestUser& user = user_;
-    Tree& roots = scratch_;
-    const std::string log = d.home() + "LOG/";
-    ASSERT_EQ(mkdir(log.c_str(), 0777), 0);
-    ASSERT_EQ(chmod(log.c_str(), 0777), 0);
-    const char* names[] = {"tvk.log", "tvk.log.old", "tvk.ipc", "tavikd.pid"};
-    for (const char* name : names) {
-        roots.file(name, "root's own\n", 0600);
-        ASSERT_EQ(symlink(roots.path(name).c_str(), (log + name).c_str()), 0);
-        ASSERT_EQ(lchown((log + name).c_str(), user.uid(), user.gid()), 0);
+// A root grooming records dir/f; before it deletes, dir becomes a link to a
+// directory the login may not write that holds its own f. The deletion
+// neither follows the login's link nor deletes in another directory than the
+// one recorded.
+TEST_F(SecurityTest, GroomingDoesNotDeleteThroughASwappedDirectory) {
+    for (const char* d : {"mine", "root"}) {
+        scratch_.dir(d);
+        scratch_.file(std::string(d) + "/f", "root's f");
+        mkdir(at(d).c_str(), 0755);
+        writeFile(at(std::string(d) + "/f"), "backed up");
     }
-    ASSERT_TRUE(d.start()) << d.launcher().output;
-    ASSERT_TRUE(runJob(d, user));
-    for (const char* name : names) {
-        SCOPED_TRACE(name);
-        EXPECT_EQ(readFile(roots.path(name)), "root's own\n");
-        EXPECT_EQ(statOf(roots.path(name)).st_mode, mode_t(0100600));
+    writeFile(at("g"), "groomed");
+    ASSERT_TRUE(startDaemon());
+    ASSERT_EQ(beginRootCompare(groomingRecord(0x04)), 4);
+    for (const char* rel : {"mine/f", "root/f", "g"}) EXPECT_EQ(compareFile(rel), std::make_pair(0, 0)) << rel;
+    for (const char* d : {"mine", "root"}) {
+        fs::rename(at(d), at(std::string(d) + "-moved"));
+        ownedLink(scratch_.path(d), at(d), std::string(d) == "mine");  // the login's own link, and root's
     }
-    EXPECT_EQ(statOf(d.pidPath()).st_mode, mode_t(0100644));
-    EXPECT_EQ(readFile(d.pidPath()), std::to_string(d.pid()) + "\n");
-    EXPECT_EQ(statOf(log).st_mode, mode_t(041777));
-    std::string out = readFile(d.home() + "launcher.out");
-    EXPECT_TRUE(has(out, "(ulog) Faied to open " + log + "tvk.log (Too many levels of symbolic links)")) << out;
-    EXPECT_TRUE(has(out, "Start Compare Job From ")) << out;
+
+    auto [count, work] = end();
+    EXPECT_EQ(count, "1");
+    EXPECT_TRUE(has(work, " " + at("g") + "\n"));
+    EXPECT_FALSE(fs::exists(at("g")));
+    for (const char* d : {"mine", "root"}) {
+        EXPECT_EQ(readFile(scratch_.path(std::string(d) + "/f")), "root's f") << d;
+        EXPECT_EQ(readFile(at(std::string(d) + "-moved/f")), "backed up") << d;
+        EXPECT_FALSE(has(work, " " + at(std::string(d) + "/f") + "\n")) << d;
+        EXPECT_FALSE(logHas("Delete " + at(std::string(d) + "/f"))) << d;
+    }
+    EXPECT_TRUE(daemon_.waitForLog("Total 1 files were deleted"));
 }
 
-// A LOG that is a link to a directory elsewhere, or a file: the agent does
-// not start and writes nothing there.
-TEST_F(SecurityTest, LogThatIsNotARealDirectoryStopsTheStart) {
-    Tree elsewhere;
-    for (bool asLink : {true, false}) {
-        SCOPED_TRACE(asLink ? "link" : "file");
-        Daemon d;
-        const std::string log = d.home() + "LOG";
-        if (asLink)
-            ASSERT_EQ(symlink(elsewhere.dir().c_str(), log.c_str()), 0);
-        else
-            writeFile(log, "");
-        LaunchResult r = d.launch({"-p", std::to_string(freePort())});
-        EXPECT_EQ(r.status, 255);
-        EXPECT_TRUE(has(r.output, "Failed to make directory <" + log + "> (Not a directory)")) << r.output;
-        EXPECT_TRUE(elsewhere.order().empty());
+// The rotation set's copy file is LOG/<set>.grm: a set name that leaves LOG/
+// (directly, or through a link planted in the world-writable LOG/) ends the
+// grooming before anything is written, and a copy file planted there as a
+// link is not written through.
+TEST_F(SecurityTest, GroomingSetNameStaysInTheLogDirectory) {
+    ASSERT_TRUE(startDaemon());
+    const std::string log = daemon_.home() + "LOG/";
+    ownedLink(scratch_.dir(), log + "a", true);
+    ownedLink(scratch_.path("planted.grm"), log + "planted.grm", true);
+    const struct {
+        std::string set, escape;
+        bool refused;
+    } rows[] = {{"../../x", log + "../../x.grm", true}, {"a/b", scratch_.path("b.grm"), true},
+                {"planted", scratch_.path("planted.grm"), false}};
+    size_t ended = 0, refused = 0;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.set);
+        fs::remove(row.escape);
+        ASSERT_EQ(beginRootCompare(groomingRecord(0x02, 1, row.set)), 4);
+        EXPECT_EQ(end().first, "");
+        EXPECT_TRUE(daemon_.waitForLog("Workstation Compare Ended", ++ended));
+        EXPECT_FALSE(fs::exists(row.escape));
+        fs::remove(row.escape);
+        refused += row.refused;
+        EXPECT_EQ(logHas("(BeginGrooming) The rotation set name [" + row.set + "] is not a plain file name"),
+                  row.refused);
+        EXPECT_EQ(countOf(daemon_.log(), "Failed in BeginGrooming()"), refused);
     }
-}
-
-// A refused caller whose login holds newlines: its text is in the log with
-// the newlines escaped, and no line of the log begins with what followed them.
-TEST_F(SecurityTest, CallerTextCannotStartALogLine) {
-    Daemon& d = daemon_;
-    ASSERT_TRUE(d.start());
-    const std::string forged = "EVIL::0:0::/:/bin/sh";
-    JobClient client;
-    ASSERT_TRUE(client.connect("127.0.0.1", d.port()));
-    RequestFields f{.root = "/tmp", .login = "x\n" + forged + "\n", .password = "x", .opMode = 2, .acceptEA = 'e'};
-    EXPECT_EQ(client.request(f), 115);  // unknown user
-    EXPECT_TRUE(d.waitForLog("(ckpasswd) User x\\012" + forged + "\\012 is not defined in the password file"));
-    EXPECT_TRUE(has(d.log(), "loginID=x\\012" + forged + "\\012 "));
-    for (const std::string& line : lines(d.log())) EXPECT_NE(line.rfind("EVIL", 0), 0u) << line;
+    EXPECT_TRUE(logHas("Cannot copy file "));
+    EXPECT_TRUE(logHas(log + "planted.grm"));
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <clocale>
 #include <cstdlib>
 #include <ctime>
+#include <functional>
 
 #include "daemon/state.h"
 #include "nls/messages.h"
@@ -297,6 +298,98 @@ TEST_F(GroomingLibrary, LinksNeverLeadIntoProtectedDirectories) {
     record(later);
     ASSERT_EQ(endGrooming(), 0);
     EXPECT_FALSE(fs::exists(later));
+}
+
+// Between recording and deletion a directory becomes a link, a file is
+// replaced or goes away: only what is still what was recorded is deleted,
+// and the rest is reported. Enough files are recorded that their identities
+// fill the side file over several writes.
+TEST_F(GroomingLibrary, DeletesOnlyWhatIsStillWhatWasRecorded) {
+    setenv("LANG", "C", 1);
+    tavik::nls::CloseMessages();  // texts looked up before the catalogue was open are forgotten
+    tavik::nls::OpenMessages(TAVIK_CATALOGUE_HOME, "tavik");
+    const bool root = geteuid() == 0;
+    const std::string refused = root ? "Permission denied" : "Stale file handle";
+    auto swapForLink = [&](const std::string& dir, uid_t owner) {
+        fs::rename(tree_ + "/" + dir, tree_ + "/" + dir + "-moved");
+        fs::create_directory_symlink(tree_ + "/other", tree_ + "/" + dir);
+        if (root) lchown((tree_ + "/" + dir).c_str(), owner, owner);
+    };
+    makeFile("other/f", 9);  // where the swapped directories lead
+    makeFile("e/target", 1);
+    fs::create_symlink("target", tree_ + "/e/link");
+    makeFile("g-real/f", 1);
+    fs::create_directory_symlink(tree_ + "/g-real", tree_ + "/g");
+    if (root) lchown((tree_ + "/g").c_str(), 65534, 65534);
+    const struct {
+        std::string path;
+        std::function<void()> change;
+        std::string line;  // reported in the work file; empty: deleted or passed over
+        bool deleted;
+    } rows[] = {
+        {makeFile("a/f", 1), [&] { swapForLink("a", 0); }, "Stale file handle", false},
+        {makeFile("b/f", 1), [&] { swapForLink("b", 65534); }, refused, false},
+        {makeFile("c/f", 1), [&] { fs::rename(tree_ + "/c/f", tree_ + "/c/f-old"), makeFile("c/f", 2); },
+         "Stale file handle", false},
+        {makeFile("d/f", 1), [&] { fs::remove(tree_ + "/d/f"); }, "", false},
+        {tree_ + "/e/link", [] {}, "", true},  // recorded by where it leads, as a walk that follows links does
+        {tree_ + "/g/f", [] {}, refused, false},  // recorded through another user's link
+    };
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "", deleting(), tape()), 0);
+    std::vector<std::string> plain;
+    for (int i = 0; i < 150; ++i) {
+        plain.push_back(makeFile("p/" + std::to_string(i), 1));
+        struct stat st, dir;
+        ASSERT_EQ(lstat(plain.back().c_str(), &st), 0);
+        ASSERT_EQ(stat((tree_ + "/p").c_str(), &dir), 0);
+        if (i % 2) {
+            record(plain.back());
+        } else {
+            RecordGrooming(plain.back().c_str(), st, tavik::platform::identityOf(dir));
+        }
+        if (i % 30) continue;
+        const auto& row = rows[size_t(i / 30)];
+        ASSERT_EQ(stat(row.path.c_str(), &st), 0) << row.path;  // following links
+        RecordGrooming(row.path.c_str(), st);
+        ASSERT_EQ(stat((tree_ + "/" + fs::path(row.path).parent_path().filename().string()).c_str(), &dir), 0);
+        RecordGrooming(fs::path(row.path).parent_path().c_str(), dir, {});  // a directory: never deleted
+    }
+    struct stat st;
+    ASSERT_EQ(lstat(rows[5].path.c_str(), &st), 0);
+    RecordGrooming(rows[5].path.c_str(), st);
+    for (const auto& row : rows) row.change();
+
+    ASSERT_EQ(endGrooming(), 0);
+    EXPECT_EQ(GroomedCount(), 151);
+    for (const std::string& p : plain) EXPECT_FALSE(fs::exists(p)) << p;
+    std::string work = readFile(GroomingWorkFile());
+    auto has = [&](const std::string& text) { return work.find(text) != std::string::npos; };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.path);
+        std::string reported = "(EndGrooming) Could not remove " + row.path + " (" + row.line + ")\n";
+        EXPECT_EQ(has(reported), !row.line.empty());
+        EXPECT_EQ(has(" " + row.path + "\n"), row.deleted);
+    }
+    EXPECT_FALSE(fs::exists(tree_ + "/e/link"));
+    for (const char* kept : {"other/f", "a-moved/f", "b-moved/f", "c/f", "c/f-old", "e/target", "g-real/f"})
+        EXPECT_TRUE(fs::exists(tree_ + "/" + kept)) << kept;
+    tavik::nls::CloseMessages();
+    unsetenv("LANG");
+}
+
+TEST_F(GroomingLibrary, RotationSetNameMustBeAPlainFileName) {
+    for (const char* set : {"../../x", "a/b", "/x", "..", ".", ""}) {
+        SCOPED_TRACE(set);
+        EXPECT_EQ(BeginGrooming(logDir().c_str(), set, rotation(1), tape()), -1);
+        EXPECT_STREQ(GroomingCopyFile(), "");
+        EXPECT_TRUE(tempFiles().empty()) << "nothing is written";
+        std::string line = "(BeginGrooming) The rotation set name [" + std::string(set) + "] is not a plain file name";
+        EXPECT_NE(readFile(tavik::paths().logPath).find(line), std::string::npos);
+    }
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "..x", rotation(1), tape()), 0);
+    EXPECT_EQ(std::string(GroomingCopyFile()), logDir() + "/..x.grm");
+    ASSERT_EQ(BeginGrooming(logDir().c_str(), "a/b", deleting(), tape()), 0);  // no set: its name is not used
+    EXPECT_EQ(std::string(GroomingCopyFile()), logDir() + "/migrate.log");
 }
 
 TEST_F(GroomingLibrary, WithoutTemporaryDirectoryNothingIsDeleted) {
