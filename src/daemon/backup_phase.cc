@@ -75,6 +75,7 @@ int backupPhase(Channel& channel, JobContext& ctx) {
             return kJobOver;
         }
     }
+    transport::setReceiveTimeout(fd, kClosingWait);
     uint8_t closing[transport::kHeaderSize];
     ssize_t n;
     do {

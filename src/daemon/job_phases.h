@@ -13,6 +13,17 @@ namespace tavik {
 
 inline constexpr int kJobOver = 1;
 
+// Bounds of the waits for the front-end after admission, each receive on
+// its own (seconds, divided by the time divisor). The parameter phase's
+// commands follow one another at once. The data phase allows what the
+// sender allows a stalled front-end, the tape-change allowance: the
+// front-end may be changing tapes; a front-end that vanished is noticed by
+// the connection's keep-alive probes within minutes anyway. After END the
+// front-end only has to close.
+inline constexpr unsigned kCommandWait = 600;
+inline constexpr unsigned kDataWait = 259200;
+inline constexpr unsigned kClosingWait = 600;
+
 int backupPhase(Channel& channel, JobContext& ctx);
 int restorePhase(Channel& channel, JobContext& ctx);
 int comparePhase(Channel& channel, JobContext& ctx);

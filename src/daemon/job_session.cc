@@ -13,6 +13,7 @@
 #include "platform/safe_path.h"
 #include "request/channel.h"
 #include "request/commands.h"
+#include "transport/endpoints.h"
 #include "transport/packet.h"
 
 namespace tavik {
@@ -135,6 +136,7 @@ int serveJob(JobContext& ctx) {
             l.jobSocket = -1;
             return kJobOver;
         }
+        transport::keepAlive(l.jobSocket);
         browsePhase(l.jobSocket, ctx);
         ::close(l.jobSocket);
         l.jobSocket = -1;
@@ -150,6 +152,8 @@ int serveJob(JobContext& ctx) {
     if (ctx.jobRoot.back() != '/') ctx.jobRoot += '/';
 
     if (prepare(channel, ctx) != 0) return kJobOver;
+    transport::keepAlive(l.jobSocket);
+    transport::setReceiveTimeout(l.jobSocket, kCommandWait);
     if (channel.sendCode(transport::code::kReady, ctx) != 0) return kJobOver;
 
     if (ctx.request.opMode() == kOpBackup && GetPattern(channel, ctx) != 0) {
@@ -163,6 +167,7 @@ int serveJob(JobContext& ctx) {
     }
     if (r != 0) return kJobOver;
 
+    transport::setReceiveTimeout(l.jobSocket, kDataWait);
     switch (ctx.request.opMode()) {
         case kOpBackup: return backupPhase(channel, ctx);
         case kOpRestore: return restorePhase(channel, ctx);

@@ -4,12 +4,14 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
+#include "daemon/state.h"
 #include "log/ulog.h"
 #include "platform/fd.h"
 
@@ -112,6 +114,27 @@ int tcpAccept(int listening) {
 int getBufSize(int sock, int kind) {
     int reported = rawBufSize(sock, kind);
     return reported < 0 ? -1 : requestedFromReport(reported);
+}
+
+int setReceiveTimeout(int sock, unsigned seconds) {
+    int d = settings().timeDivisor > 0 ? settings().timeDivisor : 1;
+    long long micros = static_cast<long long>(seconds) * 1000000 / d;
+    if (seconds != 0 && micros < 1000) micros = 1000;
+    timeval tv{};
+    tv.tv_sec = static_cast<time_t>(micros / 1000000);
+    tv.tv_usec = static_cast<suseconds_t>(micros % 1000000);
+    return setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+}
+
+int keepAlive(int sock) {
+    // Idle for 5 minutes, then 4 probes 30 s apart.
+    int on = 1, idle = 300, interval = 30, count = 4;
+    return setsockopt(sock, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) != 0 ||
+                   setsockopt(sock, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof idle) != 0 ||
+                   setsockopt(sock, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof interval) != 0 ||
+                   setsockopt(sock, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof count) != 0
+               ? -1
+               : 0;
 }
 
 int sendAtOnce(int sock) {

@@ -38,6 +38,15 @@ int probeBufSize(int kind, int& initialOut, int& largestOut);
 // ignore.
 int sendAtOnce(int sock);
 
+// Bounds each receive on `sock` to `seconds` (divided by the time
+// divisor; 0: no bound): a blocking receive that waits longer fails as a
+// timed-out receive. 0, or -1 with errno.
+int setReceiveTimeout(int sock, unsigned seconds);
+// Has the kernel probe an idle connection, so that a front-end that
+// vanished (its host down, its network gone) ends the job within minutes
+// even while a long wait is allowed. Failure is harmless.
+int keepAlive(int sock);
+
 // The kernel's report for a requested size, and back (the platform's rule).
 inline int kernelReportFor(int requested) { return requested * 2; }
 inline int requestedFromReport(int reported) { return reported / 2; }

@@ -280,6 +280,13 @@ long long deadlineLeft() {
     return left.count() > 0 ? left.count() : 0;
 }
 
+// A receive that waited longer than its bound (the deadline, or the
+// connection's receive time-out).
+int timedOut(const char* prefix, size_t length, size_t got) {
+    ulog(MSG_TIMED_OUT_RECEIVE_EXPECTED_RCVED, prefix, static_cast<int>(length), static_cast<int>(got));
+    return kFailed;
+}
+
 // A receive that failed (n < 0, errno set) or met the end of the stream
 // (n == 0): logged with the routine's prefix.
 int recvEnded(const char* prefix, ssize_t n) {
@@ -308,17 +315,14 @@ int blockRecv(int fd, uint8_t* buffer, size_t length) {
                 platform::dispatchPendingSignals();
                 continue;
             }
-            if (ready == 0) {
-                ulog(MSG_TIMED_OUT_RECEIVE_EXPECTED_RCVED, kPrefix, static_cast<int>(length),
-                     static_cast<int>(got));
-                return kFailed;
-            }
+            if (ready == 0) return timedOut(kPrefix, length, got);
         }
         ssize_t n = ::recv(fd, buffer + got, length - got, 0);
         if (n < 0 && errno == EINTR) {
             platform::dispatchPendingSignals();
             continue;
         }
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return timedOut(kPrefix, length, got);
         if (n <= 0) return recvEnded(kPrefix, n);
         got += static_cast<size_t>(n);
     }
@@ -422,6 +426,7 @@ int aheadRecv(int fd, uint8_t* buffer, size_t length, ReadAhead& ahead) {
             platform::dispatchPendingSignals();
             continue;
         }
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return timedOut(kPrefix, length, got);
         if (n <= 0) return recvEnded(kPrefix, n);
         ahead.start = 0;
         ahead.end = static_cast<size_t>(n);
