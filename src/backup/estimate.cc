@@ -144,7 +144,8 @@ int estimateCommand(Channel& channel, JobContext& ctx, std::span<const uint8_t> 
     constexpr const char* kPrefix = "(GetCommands) ";
     const Settings& s = settings();
     const char* text = reinterpret_cast<const char*>(payload.data());
-    size_t sourceLength = strnlen(text, payload.size());
+    // An empty payload names no source (and may have no storage at all).
+    size_t sourceLength = payload.empty() ? 0 : strnlen(text, payload.size());
     std::string source(text, sourceLength);
     filter::InitializeFilter(backupState().filter, ctx.filterItems, source, false);
     size_t at = sourceLength + 1;

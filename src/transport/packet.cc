@@ -458,20 +458,27 @@ int ackIfDue(int fd, uint16_t ackInterval) {
 
 namespace {
 
-// One whole send or receive of the browse protocol under its own alarm;
-// the two directions differ only in the call, the alarm and the texts.
+// One whole send or receive of the browse protocol under its own alarm
+// (for the whole message, however the network cuts it into segments); the
+// two directions differ only in the call, the alarm and the texts.
 int usbTransfer(bool sending, int fd, uint8_t* buffer, size_t length) {
     const char* prefix = sending ? "(usbSend) " : "(usbReceive) ";
     platform::SavedDisposition saved(SIGALRM);
     platform::installHandler(SIGALRM, platform::interruptOnly);
     armAlarm(sending ? kUsbSendAlarm : kUsbRecvAlarm);
-    ssize_t n = sending ? ::send(fd, buffer, length, MSG_NOSIGNAL) : ::recv(fd, buffer, length, 0);
+    size_t done = 0;
+    ssize_t n = 0;
+    while (done < length) {
+        n = sending ? ::send(fd, buffer + done, length - done, MSG_NOSIGNAL) : ::recv(fd, buffer + done, length - done, 0);
+        if (n <= 0) break;  // an end of stream, an error, or the alarm (EINTR)
+        done += static_cast<size_t>(n);
+    }
     int savedErrno = errno;
     armAlarm(0);
-    if (n >= 0 && static_cast<size_t>(n) == length) return 0;
+    if (done == length) return 0;
     if (n >= 0) {
         ulog(sending ? MSG_FAILED_SEND_BYTES_LENGTH : MSG_FAILED_RECV_BYTES_LENGTH, prefix, static_cast<int>(length),
-             static_cast<int>(n));
+             static_cast<int>(done));
         return -1;
     }
     errno = savedErrno;
