@@ -196,6 +196,7 @@ void serveForever() {
     Listener& l = listener();
     const bool verbose = settings().verbose;
     Connections connections;
+    transport::QueryRateLimit queryLimit;
     int admitted[2];
     if (pipe2(admitted, O_CLOEXEC | O_NONBLOCK) != 0) {
         ulog("Failed to create the admission pipe (%s)", errText());
@@ -223,7 +224,7 @@ void serveForever() {
         if (FD_ISSET(admitted[0], &readSet)) readAdmissions(admitted[0], connections);
         if (FD_ISSET(l.udpSocket, &readSet)) {
             if (verbose) ulog("select(), received UDP packet: enter AskMachine()...");
-            int rc = transport::AskMachine(l.udpSocket);
+            int rc = transport::AskMachine(l.udpSocket, queryLimit);
             if (verbose) ulog(rc == 0 ? "AskMachine OK" : "AskMachine Failed");
             continue;  // a connection that is ready too is taken on the next pass
         }

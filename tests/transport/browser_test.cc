@@ -219,7 +219,7 @@ TEST_F(BrowserTest, BrokenRequestsEndTheBrowseCleanly) {
     midRequest.resize(8 + 5);
     std::vector<uint8_t> oversized = request(21, 0, 22, std::string(1024, 'l'));
     const std::vector<Case> cases{
-        {"header in pieces", {0, 1, 15}, false, {"(usbReceive) Failed to recv 8 bytes, length = 3"}},
+        {"part of a header, then closed", {0, 1, 15}, true, {"(usbReceive) Failed to recv 8 bytes, length = 3"}},
         {"closed after the header", {0, 1, 15, 22, 0, 0, 0, 9}, true,
          {"(usbReceive) Failed to recv 9 bytes, length = 0", "(Browser) Failed in Receive"}},
         {"closed mid-request", midRequest, true,
@@ -242,9 +242,14 @@ TEST_F(BrowserTest, BrokenRequestsEndTheBrowseCleanly) {
     EXPECT_FALSE(home_.logHas("READ_LINK"));  // the oversized request was never taken
 }
 
-TEST_F(BrowserTest, RequestOfExactly1024BytesIsTaken) {
+TEST_F(BrowserTest, RequestOfExactly1024BytesIsTakenWhateverPiecesItArrivesIn) {
     ASSERT_NO_FATAL_FAILURE(startBrowser());
-    sendBytes(sp_.server, request(15, 3, 22, "/" + std::string(1023, 'd'), false));
+    std::vector<uint8_t> bytes = request(15, 3, 22, "/" + std::string(1023, 'd'), false);
+    for (size_t cut : {size_t(0), size_t(5), size_t(8 + 100)}) {
+        size_t next = cut == 0 ? 5 : cut == 5 ? 8 + 100 : bytes.size();
+        sendBytes(sp_.server, {bytes.begin() + long(cut), bytes.begin() + long(next)});
+        ::usleep(20000);
+    }
     EXPECT_EQ(nextCode(sp_.server), 16);
     EXPECT_TRUE(home_.logHas("(File name too long), Job Abort"));
 }

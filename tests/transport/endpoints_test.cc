@@ -86,3 +86,22 @@ TEST(MachineReply, LayoutForAnAnswerAndForAFailure) {
 }
 
 }  // namespace
+
+// Ten answers at once to one address, then two a second; other addresses
+// have their own allowance; the refusals are reported at most once a minute.
+TEST(QueryRateLimit, BurstThenRatePerAddressReportedOnceAMinute) {
+    using tavik::transport::QueryRateLimit;
+    QueryRateLimit limit;
+    auto t0 = QueryRateLimit::Clock::now();
+    int answered = 0;
+    for (int i = 0; i < 100; ++i) answered += limit.allow(0x0100007f, t0);
+    EXPECT_EQ(answered, 10);
+    EXPECT_TRUE(limit.allow(0x0200007f, t0));
+    EXPECT_EQ(limit.dueReport(t0), 90u);
+    EXPECT_FALSE(limit.allow(0x0100007f, t0 + std::chrono::milliseconds(400)));
+    EXPECT_TRUE(limit.allow(0x0100007f, t0 + std::chrono::milliseconds(600)));
+    EXPECT_EQ(limit.dueReport(t0 + std::chrono::seconds(30)), 0u);
+    EXPECT_EQ(limit.dueReport(t0 + std::chrono::seconds(61)), 1u);
+    // Many more addresses than the table holds: each new one is answered.
+    for (uint32_t a = 1; a <= 5000; ++a) EXPECT_TRUE(limit.allow(a << 8, t0 + std::chrono::seconds(62)));
+}
