@@ -1,11 +1,15 @@
 #include "transport/sender.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 
@@ -94,6 +98,45 @@ int sendBatch(int fd, iovec* iov, int n) {
 
 bool connectionDropped(int err) { return err == EPIPE || err == ECONNRESET; }
 
+uint32_t peerAddressOf(int sock) {
+    sockaddr_in peer{};
+    socklen_t length = sizeof peer;
+    return ::getpeername(sock, reinterpret_cast<sockaddr*>(&peer), &length) == 0 ? peer.sin_addr.s_addr : 0;
+}
+
+// The front-end's call on the renewal port: only a call from the address
+// the job's connection comes from is taken (anyone who reached the port
+// first would otherwise receive the rest of the backup), within
+// kRenewalWait seconds (divided by the time divisor). -1 after logging.
+int acceptFrontEnd(int listening, int connection, uint16_t port) {
+    constexpr const char* kRenewPrefix = "(reestablishTCP) ";
+    const uint32_t frontEnd = peerAddressOf(connection);
+    const int divisor = settings().timeDivisor > 0 ? settings().timeDivisor : 1;
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::microseconds(kRenewalWait * 1000000LL / divisor);
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd p{listening, POLLIN, 0};
+        int ready = left.count() > 0 ? ::poll(&p, 1, static_cast<int>(left.count())) : 0;
+        if (ready < 0 && errno == EINTR) {
+            platform::dispatchPendingSignals();
+            continue;
+        }
+        if (ready == 0) {
+            ulog("%sThe front-end did not connect to the new port %d in time", kRenewPrefix, int(port));
+            return -1;
+        }
+        int fresh = tcpAccept(listening);
+        if (fresh < 0) return -1;
+        uint32_t caller = peerAddressOf(fresh);
+        if (caller == frontEnd) return fresh;
+        char shown[INET_ADDRSTRLEN] = "";
+        inet_ntop(AF_INET, &caller, shown, sizeof shown);
+        ulog("%sA call on the new port %d from %s is not the front-end's: closed", kRenewPrefix, int(port), shown);
+        ::close(fresh);
+    }
+}
+
 }  // namespace
 
 int reestablishTCP(int connection) {
@@ -110,9 +153,15 @@ int reestablishTCP(int connection) {
         ::close(listening);
         return -1;
     }
-    int fresh = tcpAccept(listening);
+    int fresh = acceptFrontEnd(listening, connection, port);
     ::close(listening);
     if (fresh < 0) return -1;
+    // The new connection keeps the old one's receive bound and probes.
+    timeval bound{};
+    socklen_t boundLength = sizeof bound;
+    if (::getsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &bound, &boundLength) == 0)
+        ::setsockopt(fresh, SOL_SOCKET, SO_RCVTIMEO, &bound, boundLength);
+    keepAlive(fresh);
     if (s.verbose) ulog("%sNew TCP fd=%d, port=%d connected", kRenewPrefix, fresh, int(port));
     ::close(connection);
     if (!s.blockingIo) {

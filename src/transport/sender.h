@@ -39,7 +39,15 @@ struct SenderOptions {
 // Packets handed to the kernel in one call at most.
 inline constexpr int kMaxBatch = 64;
 
+// How long the front-end has to connect to the renewal port (seconds,
+// divided by the time divisor).
+inline constexpr unsigned kRenewalWait = 600;
+
 int SendDaemon(int connection, const PacketSource& source, const SenderOptions& options);
+// Renews the connection: a listening socket on a port the system picks, the
+// new-port packet (code 16) on the old connection, and the front-end's call
+// (from the old connection's address, within kRenewalWait). The new
+// connection, or -1 after logging.
 int reestablishTCP(int connection);
 // With SIGPIPE, called by the sender when a send found the connection
 // dropped (EPIPE, ECONNRESET): the front-end went away; logs and ends the

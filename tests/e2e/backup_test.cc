@@ -58,6 +58,9 @@ public:
         ackInterval_ = n;
         ackCode_ = ackCode;
     }
+    // Before each renewal, a caller from the loopback address `source`
+    // reaches the new port first; the agent must close it.
+    void strangerFirst(const char* source) { stranger_ = source; }
 
     // Reads up to END (true) or until the connection fails or `timeoutMs`
     // passes without a packet (false). `stopAfter` > 0 stops after that many
@@ -154,8 +157,20 @@ private:
     }
     // Connects to the new port of a renewal; later packets come from there.
     bool renew(uint16_t port) {
-        int s = ::socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in a = inetAddress(port);
+        if (!stranger_.empty()) {
+            int t = ::socket(AF_INET, SOCK_STREAM, 0);
+            sockaddr_in from = inetAddress(0);
+            inet_pton(AF_INET, stranger_.c_str(), &from.sin_addr);
+            uint8_t byte;
+            pollfd p{t, POLLIN, 0};
+            bool closed = ::bind(t, reinterpret_cast<sockaddr*>(&from), sizeof from) == 0 &&
+                          ::connect(t, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 && ::poll(&p, 1, 5000) == 1 &&
+                          ::recv(t, &byte, 1, 0) <= 0;
+            ::close(t);
+            if (!closed) return fail("the stranger's call on the new port was not closed");
+        }
+        int s = ::socket(AF_INET, SOCK_STREAM, 0);
         if (::connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
             ::close(s);
             return fail("renewal connect failed");
@@ -167,6 +182,7 @@ private:
     }
 
     int fd_;
+    std::string stranger_;
     std::vector<int> old_;
     uint16_t ackInterval_ = 0;
     int8_t ackCode_ = 0;
@@ -548,7 +564,14 @@ TEST_F(BackupFlowTest, RenewalsAfterFilesAndAfterKilobytes) {
     for (int i = 2; i <= 5; ++i) unlink(tree_.path("f" + std::to_string(i)).c_str());
     daemon_.stop();
     ASSERT_TRUE(start({"-v", "-S", "-r", "1"}));
-    reader = backup({.flags = 0x04, .ackInterval = 1});
+    // A caller from another address that reaches the new port first is
+    // closed; the front-end's call is then taken.
+    reader = begin({.flags = 0x04, .ackInterval = 1});
+    ASSERT_TRUE(reader);
+    reader->strangerFirst("127.0.0.2");
+    EXPECT_TRUE(reader->readUntilEnd()) << reader->error();
+    reader->closeAll();
+    EXPECT_TRUE(daemon_.waitForLog(" from 127.0.0.2 is not the front-end's: closed"));
     EXPECT_EQ(reader->summary(), (Summary{"6:", "6:f1", "16", "7:2048", "8:952", "9", "3"}));
     EXPECT_EQ(reader->packets()[3].connection, 1);
     EXPECT_EQ(reader->files()["f1"], pattern(3000));
