@@ -152,7 +152,9 @@ int changeCount(int delta, const char*) {
 
 // Opens the registry and takes its write lock; a null stream after logging
 // means the caller returns `failure`.
-FILE* openRegistry(const char* prefix, char type, int id, bool create, int& failure) {
+// The lock is waited for as the job's options say, unless `retries` names
+// the attempts (one second apart) for a caller outside a job.
+FILE* openRegistry(const char* prefix, char type, int id, bool create, int& failure, int retries = -1) {
     const std::string& path = paths().ipcPath;
     // LOG/ is open to every login: the registry is never opened through a link.
     platform::UniqueFd fd = platform::openPlainFile(path.c_str(), O_RDWR | (create ? O_CREAT : 0), 0600);
@@ -162,7 +164,7 @@ FILE* openRegistry(const char* prefix, char type, int id, bool create, int& fail
         return nullptr;
     }
     failure = 0;
-    int r = lockFile(fd.get(), kWriteLock);
+    int r = retries < 0 ? lockFile(fd.get(), kWriteLock) : lockFile(fd.get(), kWriteLock, uint16_t(retries), 1);
     if (r == -2) {
         ulog(MSG_GAVE_UP_LOCK_IPC, prefix, type, id);
         return nullptr;
@@ -366,37 +368,43 @@ void markSegmentForRemoval() {
 
 void ReclaimIPC() {
     constexpr const char* kPrefix = "(ReclaimIPC) ";
-    std::vector<std::pair<char, int>> gone;
-    {
-        int failure = 0;
-        FILE* f = openRegistry(kPrefix, 'm', -1, false, failure);
-        if (!f) return;
-        char buf[kRegistryLine];
-        while (std::fgets(buf, sizeof buf, f)) {
-            if (buf[0] != 'm' && buf[0] != 's') continue;
-            char* end = nullptr;
-            long id = std::strtol(buf + 1, &end, 10);
-            if (end == buf + 1 || id < 0 || id > INT_MAX) continue;
-            bool unused = false;
-            errno = 0;
-            if (buf[0] == 'm') {
-                unused = platform::segmentAttachments(int(id)) == 0;
-            } else {
-                pid_t pid = platform::semaphoreLastProcess(int(id));
-                unused = pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH;
-            }
-            // An object that no longer exists only has its line cleared.
-            if (unused || errno == EINVAL || errno == EIDRM) gone.emplace_back(buf[0], int(id));
+    constexpr int kLockAttempts = 5;
+    int failure = 0;
+    FILE* f = openRegistry(kPrefix, 'm', -1, false, failure, kLockAttempts);
+    if (!f) return;
+    char buf[kRegistryLine];
+    for (;;) {
+        long offset = std::ftell(f);
+        if (!std::fgets(buf, sizeof buf, f)) break;
+        size_t oldLength = size_t(std::ftell(f) - offset);
+        char type = buf[0];
+        if (type != 'm' && type != 's') continue;
+        char* end = nullptr;
+        long id = std::strtol(buf + 1, &end, 10);
+        if (end == buf + 1 || id < 0 || id > INT_MAX) continue;
+        errno = 0;
+        bool unused = false;
+        if (type == 'm') {
+            unused = platform::segmentAttachments(int(id)) == 0;
+        } else {
+            pid_t pid = platform::semaphoreLastProcess(int(id));
+            unused = pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH;
         }
-        std::fclose(f);
+        // An object that no longer exists only has its line cleared.
+        bool vanished = errno == EINVAL || errno == EIDRM;
+        if (!unused && !vanished) continue;
+        if (unused) {
+            int err = type == 'm' ? platform::removeSegmentById(int(id)) : platform::removeSemaphoreById(int(id));
+            if (err == 0)
+                ulog("%sRemoved the %s %d of a job that is gone", kPrefix,
+                     type == 'm' ? "shared memory" : "semaphore", int(id));
+        }
+        std::string cleared = registryLine('#', type, int(id));
+        if (cleared.size() > oldLength) continue;
+        overwriteLine(f, offset, cleared, oldLength);
+        std::fseek(f, offset + long(oldLength), SEEK_SET);
     }
-    for (const auto& [type, id] : gone) {
-        int r = type == 'm' ? platform::removeSegmentById(id) : platform::removeSemaphoreById(id);
-        if (r == 0)
-            ulog("%sRemoved the %s %d of a job that is gone", kPrefix, type == 'm' ? "shared memory" : "semaphore",
-                 id);
-        ClearIPC(type, id);
-    }
+    std::fclose(f);
 }
 
 void disownIPC() {

@@ -5,10 +5,15 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstring>
+#include <iostream>
 #include <random>
+#include <thread>
 
 #include "e2e/tavikctl_run.h"
+#include "frontend/job_client.h"
 #include "frontend/machine_query.h"
 
 namespace {
@@ -189,19 +194,100 @@ TEST(MachineQuery, AnsweredWithThisMachinesIdentityOnlyForWholeQueriesAndNeverSt
     EXPECT_NE(tavikctl("query 127.0.0.1:" + std::to_string(freePort()) + " --timeout 300").status, 0);
 }
 
-TEST(MachineQuery, QueryAndConnectionArrivingTogetherAreBothServed) {
+// 32 callers that send nothing and 32 that send a byte every 50 ms hold up
+// no one: a machine query is answered and a job admitted at once, well
+// inside the request deadline (12 s here); the hostile calls end at the
+// deadline, however their bytes trickle in.
+TEST(Availability, SilentAndDrippingCallersHoldUpNoOne) {
     Daemon d;
-    // The connection sends no request: when select reports it before the
-    // datagram, the listener waits out the request time-out (shortened here)
-    // before it answers the query.
-    ASSERT_TRUE(d.start({"-v"}));
-    int tcp = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_TRUE(d.start({"-v", "-S"}, {{"TAVIK_TIME_DIVISOR", "10"}}));
     sockaddr_in addr = inetAddress(d.port());
-    ASSERT_EQ(connect(tcp, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-    EXPECT_EQ(exchange(d.port(), query(13, 22), 3000).size(), 1036u);
-    EXPECT_TRUE(d.waitForLog("received call from "));
-    EXPECT_TRUE(d.waitForLog("(127.0.0.1)\n"));
-    close(tcp);
+    std::vector<int> silent, dripping;
+    for (int i = 0; i < 64; ++i) {
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+        (i < 32 ? silent : dripping).push_back(fd);
+    }
+    // A whole request, a byte at a time: it would take 34 s.
+    std::vector<uint8_t> request =
+        tavik::frontend::buildRequestPacket({.root = "/tmp", .login = "anyone", .password = "", .opMode = 7});
+    std::atomic<bool> stop{false};
+    std::thread drip([&] {
+        for (size_t at = 0; !stop && at < request.size(); ++at) {
+            for (int fd : dripping) send(fd, &request[at], 1, MSG_NOSIGNAL);
+            usleep(50000);
+        }
+    });
+    usleep(200000);  // every call has its process
+
+    auto started = std::chrono::steady_clock::now();
+    EXPECT_EQ(exchange(d.port(), query(13, 22), 6000).size(), 1036u);
+    auto queried = std::chrono::steady_clock::now();
+    tavik::frontend::JobClient job;
+    ASSERT_TRUE(job.connect("127.0.0.1", d.port()));
+    EXPECT_EQ(job.request({.root = "/tmp", .login = "anyone", .password = "", .opMode = 7}), 4);
+    auto admitted = std::chrono::steady_clock::now();
+    using ms = std::chrono::milliseconds;
+    long queryMs = std::chrono::duration_cast<ms>(queried - started).count();
+    long jobMs = std::chrono::duration_cast<ms>(admitted - queried).count();
+    std::cout << "with 64 hostile calls open: machine query answered in " << queryMs << " ms, job admitted in "
+              << jobMs << " ms\n";
+    EXPECT_LT(queryMs + jobMs, 6000);
+
+    // The dripping calls end at the deadline from their acceptance.
+    for (int fd : dripping) {
+        pollfd p{fd, POLLIN, 0};
+        uint8_t byte;
+        EXPECT_TRUE(poll(&p, 1, 20000) == 1 && recv(fd, &byte, 1, 0) <= 0);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(15));
+    stop = true;
+    drip.join();
+    EXPECT_TRUE(has(d.log(), "(blockRecv) Timed out in Receive, expected = 680 rcved = "));
+    for (int fd : silent) close(fd);
+    for (int fd : dripping) close(fd);
+    EXPECT_TRUE(d.alive());
+}
+
+// Calls beyond limits.cntl's bounds are closed at once with a line; a
+// closed standard output costs the daemon nothing.
+TEST(Availability, CallsBeyondTheBoundsAreClosedAtOnce) {
+    Daemon d;
+    std::ofstream(d.home() + "limits.cntl") << "# two waiting\nwaiting 2\njobs 1\nbogus 3\n";
+    // The daemon's standard output is a pipe whose reader goes away.
+    d.runThrough("sh -c 'exec \"$0\" \"$@\" | head -c 1' ");
+    ASSERT_TRUE(d.start({"-v", "-S", "-s", "nonblocking"}, {{"TAVIK_TIME_DIVISOR", "10"}}));
+    EXPECT_TRUE(d.waitForLog("* At most 2 callers waiting for admission and 1 jobs"));
+    EXPECT_TRUE(d.waitForLog("(limits) " + d.home() + "limits.cntl line 4 is ignored: bogus 3"));
+    sockaddr_in addr = inetAddress(d.port());
+    auto call = [&] {
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+        return fd;
+    };
+    auto closedAtOnce = [](int fd) {
+        pollfd p{fd, POLLIN, 0};
+        uint8_t byte;
+        return poll(&p, 1, 2000) == 1 && recv(fd, &byte, 1, 0) <= 0;
+    };
+    int waiting[2] = {call(), call()};
+    usleep(200000);
+    int third = call();
+    EXPECT_TRUE(closedAtOnce(third));
+    EXPECT_TRUE(d.waitForLog("Call from 127.0.0.1 closed: 2 callers are waiting for admission and 0 jobs are running"));
+    for (int fd : waiting) close(fd);
+    close(third);
+    // One job runs (its caller sends no parameters): the next call is closed.
+    usleep(300000);
+    tavik::frontend::JobClient job;
+    ASSERT_TRUE(job.connect("127.0.0.1", d.port()));
+    EXPECT_EQ(job.request({.root = "/tmp", .login = "anyone", .password = "", .opMode = 7}), 4);
+    usleep(200000);
+    int fourth = call();
+    EXPECT_TRUE(closedAtOnce(fourth));
+    EXPECT_TRUE(d.waitForLog("0 callers are waiting for admission and 1 jobs are running"));
+    close(fourth);
+    EXPECT_TRUE(d.alive());
 }
 
 }  // namespace
