@@ -10,7 +10,9 @@
 #include <sys/sysmacros.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -786,6 +788,72 @@ TEST_F(BackupFaultTest, KilledSenderEndsTheBackupProcess) {
     EXPECT_TRUE(ipcReleased(daemon_));
     reader->closeAll();
     servesNextJob();
+}
+
+// SIGKILL of a backup's job process: its sender dies with it, the front-end
+// sees the connection close at once, and the daemon removes the job's IPC
+// objects; a restarted daemon finds nothing left either.
+TEST_F(BackupFaultTest, KilledJobProcessTakesItsSenderAndItsIpcObjects) {
+    tree_.file("huge", pattern(16 << 20));
+    ASSERT_TRUE(start());
+    auto reader = begin({});  // and never read
+    ASSERT_TRUE(reader);
+    auto firstChild = [](pid_t pid) {
+        pid_t child = -1;
+        std::ifstream("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children") >> child;
+        return child;
+    };
+    pid_t job = -1, sender = -1;
+    for (int i = 0; i < 250 && sender <= 0; ++i, usleep(20000)) sender = firstChild(job = firstChild(daemon_.pid()));
+    ASSERT_GT(sender, 0);
+    std::string registry = readFile(daemon_.home() + "LOG/tvk.ipc");
+    kill(job, SIGKILL);
+    pollfd p{reader->fd(), POLLIN, 0};
+    bool closed = false;
+    // What the agent had sent is drained; then the end of the stream.
+    std::vector<uint8_t> sink(1 << 16);
+    auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!closed && std::chrono::steady_clock::now() < giveUp)
+        closed = poll(&p, 1, 1000) == 1 && recv(reader->fd(), sink.data(), sink.size(), 0) <= 0;
+    EXPECT_TRUE(closed);
+    // The test process is the subreaper that collects the orphaned sender.
+    EXPECT_EQ(waitExit(sender, 1000), 128 + SIGKILL) << "the sender outlived its job";
+    EXPECT_TRUE(ipcReleased(daemon_)) << registry << "\n" << readFile(daemon_.home() + "LOG/tvk.ipc");
+    EXPECT_TRUE(daemon_.waitForLog("(ReclaimIPC) Removed the semaphore "));
+    reader->closeAll();
+    daemon_.stop();
+    ASSERT_TRUE(start());
+    EXPECT_TRUE(ipcReleased(daemon_));
+    servesNextJob();
+}
+
+// A thousand jobs one after another leave the daemon with the descriptors,
+// memory and IPC registry it had.
+TEST_F(BackupFaultTest, AThousandJobsLeaveTheDaemonAsTheyFoundIt) {
+    tree_.file("a", "a");
+    ASSERT_TRUE(start());
+    auto descriptors = [&] {
+        return std::distance(std::filesystem::directory_iterator("/proc/" + std::to_string(daemon_.pid()) + "/fd"),
+                             std::filesystem::directory_iterator{});
+    };
+    auto residentKb = [&] {
+        std::ifstream status("/proc/" + std::to_string(daemon_.pid()) + "/status");
+        for (std::string line; std::getline(status, line);)
+            if (line.rfind("VmRSS:", 0) == 0) return std::atol(line.c_str() + 6);
+        return 0L;
+    };
+    const Summary want = {"6:", "6:a", "8:1", "9", "3"};
+    EXPECT_EQ(summary({}), want);  // the first job settles what it allocates once
+    long fds = descriptors(), kb = residentKb();
+    for (int i = 0; i < 1000; ++i) {
+        auto reader = begin({});
+        ASSERT_TRUE(reader);
+        ASSERT_TRUE(reader->readUntilEnd()) << i << ": " << reader->error();
+        ASSERT_EQ(reader->summary(), want) << i;
+    }
+    EXPECT_TRUE(ipcReleased(daemon_));
+    EXPECT_EQ(descriptors(), fds);
+    EXPECT_LE(residentKb(), kb + 256) << "resident memory grew from " << kb << " KB";
 }
 
 TEST_F(BackupFaultTest, EntriesTheLoginMayNotRead) {

@@ -668,6 +668,22 @@ TEST_F(CompareTest, MissingObjectsSizesContentsFollowedLinksAndAbort) {
         EXPECT_TRUE(logHas(line)) << line;
     }
     EXPECT_EQ(countOf(daemon_.log(), "Workstation Compare Ended"), 1u);  // the first job's only
+
+    // A front-end that dies mid-file (a reset): the job ends, the file is
+    // left as it was, and the next compare is served.
+    ASSERT_EQ(beginCompare(), 4);
+    RestoreDriver cut(client_);
+    ASSERT_TRUE(cut.openFile(tapeOf("to")));
+    EXPECT_EQ(cut.status(), 0);
+    ASSERT_TRUE(cut.mof(bytes(pattern(2048, 9))));
+    linger hard{1, 0};
+    setsockopt(client_.fd(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+    client_.close();
+    EXPECT_TRUE(daemon_.waitForLog("Cannot Receive disconnect from localhost"));
+    EXPECT_EQ(readFile(at("to")), pattern(5000, 9));
+    ASSERT_EQ(beginCompare(), 4);
+    RestoreDriver next(client_);
+    EXPECT_EQ(compareFile(next, tapeOf("to"), pattern(5000, 9)), (Verdicts{0, 0}));
 }
 
 TEST_F(CompareTest, UnreadableFilesAndHeldLocks) {
