@@ -11,7 +11,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <string>
 
 #include "restore/ws_restore.h"
@@ -23,31 +22,7 @@ using namespace tavik;
 
 const std::string& scratch() { return fuzz::scratchDir("restore"); }
 
-void confine(restore::RestoreAttributes& a) {
-    std::string out = scratch();
-    const std::string& name = a.name;
-    for (size_t i = 0; i <= name.size();) {
-        size_t slash = name.find('/', i);
-        if (slash == std::string::npos) slash = name.size();
-        std::string part = name.substr(i, slash - i);
-        if (part == "..") part = "__";
-        if (!part.empty() && part != ".") out += "/" + part;
-        i = slash + 1;
-    }
-    if (!name.empty() && name.back() == '/') out += "/";
-    if (out.size() > restore::kMaxNameLength) out.resize(restore::kMaxNameLength);
-    a.name = out;
-    if (a.type() == restore::kTypeSymlink || a.isSpecial()) {
-        a.mode = (a.mode & ~restore::kTypeMask) | restore::kTypeRegular;
-    }
-}
-
-void emptyScratch() {
-    std::error_code ec;
-    for (const auto& entry : std::filesystem::directory_iterator(scratch(), ec)) {
-        std::filesystem::remove_all(entry.path(), ec);
-    }
-}
+void confine(restore::RestoreAttributes& a) { fuzz::reroot(scratch(), a); }
 
 }  // namespace
 
@@ -61,6 +36,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         links.reset();
         (void)restore::ws_restore(socket, scratch(), ctx, links, {::geteuid(), ::getegid()});
     });
-    emptyScratch();
+    fuzz::emptyDir(scratch());
     return 0;
 }

@@ -20,12 +20,13 @@ inline void discardLog() {
     paths().oldLogPath = "/dev/null";
 }
 
-// /tmp/tavik-fuzz-<name>-XXXXXX, made by the first call (a target uses one
-// name). Never destroyed: the exit handler that removes it runs after static
-// destructors would have.
-inline const std::string& scratchDir(const char* name) {
-    static const std::string* dir = [name] {
-        std::string tmpl = std::string("/tmp/tavik-fuzz-") + name + "-XXXXXX";
+// <base>/tavik-fuzz-<name>-XXXXXX, made by the first call (a target uses one
+// name); the base is /tmp unless a target that writes much asks for a
+// memory file system. Never destroyed: the exit handler that removes it
+// runs after static destructors would have.
+inline const std::string& scratchDir(const char* name, const char* base = "/tmp") {
+    static const std::string* dir = [name, base] {
+        std::string tmpl = std::string(base) + "/tavik-fuzz-" + name + "-XXXXXX";
         if (!::mkdtemp(tmpl.data())) std::abort();
         std::atexit([] {
             std::error_code ec;

@@ -9,7 +9,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <filesystem>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "request/job_context.h"
@@ -27,6 +29,34 @@ inline JobContext streamJob(uint8_t interval) {
     ctx.ackInterval = interval % 4;
     ctx.serverVersion = 52;
     return ctx;
+}
+
+// Moves a record's name below `dir` ("/a/../b" becomes dir + "/a/__/b") and
+// turns links and special files into regular files, so that nothing a
+// stream makes can lead outside `dir`.
+inline void reroot(const std::string& dir, restore::RestoreAttributes& a) {
+    std::string out = dir;
+    const std::string& name = a.name;
+    for (size_t i = 0; i <= name.size();) {
+        size_t slash = name.find('/', i);
+        if (slash == std::string::npos) slash = name.size();
+        std::string part = name.substr(i, slash - i);
+        if (part == "..") part = "__";
+        if (!part.empty() && part != ".") out += "/" + part;
+        i = slash + 1;
+    }
+    if (!name.empty() && name.back() == '/') out += "/";
+    if (out.size() > restore::kMaxNameLength) out.resize(restore::kMaxNameLength);
+    a.name = out;
+    if (a.type() == restore::kTypeSymlink || a.isSpecial()) {
+        a.mode = (a.mode & ~restore::kTypeMask) | restore::kTypeRegular;
+    }
+}
+
+// Removes everything below `dir`.
+inline void emptyDir(const std::string& dir) {
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) std::filesystem::remove_all(entry.path(), ec);
 }
 
 // `input` as packets: each length cut to the bytes there are, each record of

@@ -12,7 +12,9 @@ for target in build-fuzz/fuzz/fuzz_*; do
   name=$(basename "$target")
   corpus=build-fuzz/corpus/$name
   mkdir -p "$corpus"
-  if "$target" -max_total_time="$seconds" -max_len=4096 -print_final_stats=0 -artifact_prefix="build-fuzz/$name-" "$corpus" >"build-fuzz/$name.log" 2>&1; then
+  # The kept seeds: inputs that reach past the first length checks.
+  if [ -d "fuzz/corpus/$name" ]; then cp -n fuzz/corpus/"$name"/* "$corpus"/; fi
+  if "$target" -max_total_time="$seconds" -max_len=8192 -print_final_stats=0 -artifact_prefix="build-fuzz/$name-" "$corpus" >"build-fuzz/$name.log" 2>&1; then
     echo "fuzz: $name ok (${seconds}s)"
   else
     echo "fuzz: $name FAILED"; tail -40 "build-fuzz/$name.log"; status=1
