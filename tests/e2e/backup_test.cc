@@ -288,6 +288,12 @@ class BackupStreamTest : public BackupTest {};
 class BackupFlowTest : public BackupTest {};
 class BackupFaultTest : public BackupTest {
 protected:
+    // The first child process of `pid` (-1 when it has none).
+    static pid_t firstChild(pid_t pid) {
+        pid_t child = -1;
+        std::ifstream("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children") >> child;
+        return child;
+    }
     // The next job is served normally.
     void servesNextJob(BackupSetup s = {}) {
         Tree other;
@@ -780,11 +786,6 @@ TEST_F(BackupFaultTest, KilledSenderEndsTheBackupProcess) {
     auto reader = begin({});  // and never read
     ASSERT_TRUE(reader);
     // The sender is the job process's child, the daemon's only grandchild.
-    auto firstChild = [](pid_t pid) {
-        pid_t child = -1;
-        std::ifstream("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children") >> child;
-        return child;
-    };
     pid_t sender = -1;
     for (int i = 0; i < 250 && sender <= 0; ++i, usleep(20000)) sender = firstChild(firstChild(daemon_.pid()));
     ASSERT_GT(sender, 0);
@@ -803,11 +804,6 @@ TEST_F(BackupFaultTest, KilledJobProcessTakesItsSenderAndItsIpcObjects) {
     ASSERT_TRUE(start());
     auto reader = begin({});  // and never read
     ASSERT_TRUE(reader);
-    auto firstChild = [](pid_t pid) {
-        pid_t child = -1;
-        std::ifstream("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children") >> child;
-        return child;
-    };
     pid_t job = -1, sender = -1;
     for (int i = 0; i < 250 && sender <= 0; ++i, usleep(20000)) sender = firstChild(job = firstChild(daemon_.pid()));
     ASSERT_GT(sender, 0);
