@@ -113,6 +113,13 @@ int prepare(Channel& channel, JobContext& ctx) {
             if (settings().followLinks) ulogText(MSG_SYMBOLIC_LINKS_FOLLOWED);
             return changeToRoot(channel, ctx);
         default:
+            // A job of its command exchange alone (an estimate, say) keeps
+            // the agent's identity only for a trusted login: another's
+            // estimate must not count what the login may not read.
+            if (!ctx.trusted && !switchIdentity(ctx)) {
+                answer(channel, ctx, transport::code::kIdentityFailed);
+                return -1;
+            }
             return changeToRoot(channel, ctx);
     }
 }

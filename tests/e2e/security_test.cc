@@ -164,6 +164,25 @@ TEST_F(SecurityTest, RunningUnswitchedIsForTrustedLoginsOnly) {
     EXPECT_EQ(ask(f), 4);
 }
 
+// A job of its command exchange alone (an estimate) by a login that is not
+// trusted runs as that login: it counts nothing it may not read.
+TEST_F(SecurityTest, AnEstimateCountsOnlyWhatTheLoginMayRead) {
+    ASSERT_TRUE(startDaemon());
+    scratch_.dir("rootonly", 0700);
+    for (const char* f : {"a", "b", "c"}) scratch_.file(std::string("rootonly/") + f, std::string(5000, 'x'));
+    auto estimate = [&] {
+        EXPECT_EQ(ask(fields(work_, 7)), 4);
+        std::string source = scratch_.path("rootonly");
+        EXPECT_EQ(client_.command(14, bytes(source + std::string(1, '\0'))), 4);
+        std::array<uint8_t, 8> counts{};
+        EXPECT_TRUE(client_.recvRaw(counts));
+        return tavik::wire::loadLe32(counts.data());
+    };
+    EXPECT_EQ(estimate(), 0u);
+    trust(user_.name());
+    EXPECT_EQ(estimate(), 3u);
+}
+
 TEST_F(SecurityTest, RestoreAsRootFollowsNoLinkAnotherUserPlanted) {
     TestUser attacker;
     ASSERT_TRUE(attacker.ok());
