@@ -470,13 +470,15 @@ bool RestoreSession::publish(const char* prefix) {
         auto linked = [&](const char* name) {
             return ::linkat(AT_FDCWD, self, here_.dir(), name, AT_SYMLINK_FOLLOW) == 0;
         };
-        done = linked(here_.base());
-        if (!done && errno == EEXIST) {
-            // Something took the name meanwhile: replace it as a whole.
-            replacing_ = true;
-            done = makeUnderTemporaryName(linked);
+        if (!replacing_) {
+            done = linked(here_.base());
+            // Something took the name meanwhile: it is replaced as a whole.
+            if (!done && errno == EEXIST) replacing_ = true;
         }
-        if (done && !temporary_.empty()) done = ::renameat(here_.dir(), temporary_.c_str(), here_.dir(), here_.base()) == 0;
+        if (!done && replacing_) {
+            done = makeUnderTemporaryName(linked) &&
+                   ::renameat(here_.dir(), temporary_.c_str(), here_.dir(), here_.base()) == 0;
+        }
     } else if (!temporary_.empty()) {
         done = ::renameat(here_.dir(), temporary_.c_str(), here_.dir(), here_.base()) == 0;
     } else {
