@@ -15,6 +15,7 @@
 #include "groom/record.h"
 #include "log/ulog.h"
 #include "platform/fd.h"
+#include "platform/fd_attributes.h"
 #include "platform/read_open.h"
 #include "platform/signals.h"
 #include "platform/wire_stat.h"
@@ -374,7 +375,11 @@ void CompareSession::compareLinkTarget() {
 // record; here the exact values stat gave are at hand).
 void CompareSession::resetTimes() {
     const struct timespec times[2] = {disk_.st_atim, disk_.st_mtim};
-    if (::utimensat(AT_FDCWD, path_.c_str(), times, followLinks_ ? 0 : AT_SYMLINK_NOFOLLOW) != 0) {
+    // Through the descriptor that read the file where there is one: no name
+    // swapped meanwhile gets the times.
+    int r = fd_ ? platform::changeTimes(fd_.get(), times)
+                : ::utimensat(AT_FDCWD, path_.c_str(), times, followLinks_ ? 0 : AT_SYMLINK_NOFOLLOW);
+    if (r != 0) {
         ulog(MSG_FAILED_SET_TIME, kEndfPrefix, path_.c_str(), errText());
     }
 }
@@ -394,8 +399,8 @@ int CompareSession::endf() {
         compareLinkTarget();
     } else {
         if (count_ > 0) compareHeld(kEndfPrefix);
-        fd_.reset();
         if (resetAccessTime_ && !timesKept_) resetTimes();
+        fd_.reset();
     }
     count_ = 0;
     if (answer(content_) != 0) return transport::kFailed;
