@@ -11,10 +11,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     tavik::frontend::TreeWalker tree;
     tavik::frontend::TreeEvent event;
     size_t at = 0;
-    while (size - at >= tavik::transport::kHeaderSize) {
-        tavik::transport::HeaderBytes hb{};
+    while (size - at >= protocol::kHeaderSize) {
+        protocol::HeaderBytes hb{};
         std::memcpy(hb.data(), data + at, hb.size());
-        tavik::transport::PacketHeader h = tavik::transport::decodeHeader(hb);
+        protocol::PacketHeader h = protocol::decodeHeader(hb);
         if (size - at - hb.size() < h.length) break;
         auto r = tree.push(h, {data + at + hb.size(), h.length}, event);
         if (r == tavik::frontend::TreeWalker::Result::kError) break;

@@ -48,8 +48,8 @@ const std::string& root() {
 
 // How many bytes GetRequest takes of a request whose header says `length`.
 size_t requestBytes(uint16_t length) {
-    if (length == 0) return transport::kHeaderSize;
-    return transport::kHeaderSize + (length > request_layout::kSize ? length : request_layout::kSize);
+    if (length == 0) return protocol::kHeaderSize;
+    return protocol::kHeaderSize + (length > request_layout::kSize ? length : request_layout::kSize);
 }
 
 }  // namespace
@@ -64,10 +64,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return true;
     }();
     (void)once;
-    if (size < transport::kHeaderSize) return 0;
+    if (size < protocol::kHeaderSize) return 0;
     JobContext& ctx = job();
     prepareForConnection(ctx);
-    size_t taken = requestBytes(wire::loadLe16(data + transport::kHeaderLengthAt));
+    size_t taken = requestBytes(wire::loadLe16(data + protocol::kHeaderLengthAt));
     if (taken > size) return 0;
     Channel request{std::span<const uint8_t>(data, taken)};
     if (GetRequest(request, ctx) != 0) return 0;

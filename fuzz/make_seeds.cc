@@ -45,16 +45,16 @@ Bytes record(const std::string& name, uint32_t mode, uint32_t nlink = 1) {
 // second name of it, a symbolic link, UNLINK, END.
 Bytes fileStream() {
     Bytes s;
-    append(s, command(restore::command::kMkdir, record("/d", 040755)));
-    append(s, command(restore::command::kOpenFile, record("/d/f", 0100644, 2)));
-    append(s, command(restore::command::kMof, Bytes(2048, 'a')));
-    append(s, command(restore::command::kEndf, text("tail", false)));
-    append(s, command(restore::command::kOpenFile, record("/d/g", 0100644, 2)));
-    append(s, command(restore::command::kEndf));
-    append(s, command(restore::command::kOpenFile, record("/d/l", 0120777)));
-    append(s, command(restore::command::kEndf, text("f", false)));
-    append(s, command(restore::command::kUnlink));
-    append(s, command(restore::command::kEnd));
+    append(s, command(protocol::code::kMkdir, record("/d", 040755)));
+    append(s, command(protocol::code::kOpenFile, record("/d/f", 0100644, 2)));
+    append(s, command(protocol::code::kMof, Bytes(2048, 'a')));
+    append(s, command(protocol::code::kEndf, text("tail", false)));
+    append(s, command(protocol::code::kOpenFile, record("/d/g", 0100644, 2)));
+    append(s, command(protocol::code::kEndf));
+    append(s, command(protocol::code::kOpenFile, record("/d/l", 0120777)));
+    append(s, command(protocol::code::kEndf, text("f", false)));
+    append(s, command(protocol::code::kUnlink));
+    append(s, command(protocol::code::kEnd));
     return s;
 }
 

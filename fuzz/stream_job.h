@@ -67,21 +67,21 @@ template <class Confine>
 std::vector<uint8_t> reframe(std::span<const uint8_t> input, Confine confine) {
     std::vector<uint8_t> stream;
     wire::ByteReader in(input);
-    transport::HeaderBytes hb{};
-    while (in.remaining() >= transport::kHeaderSize && in.getBytes(hb)) {
-        transport::PacketHeader h = transport::decodeHeader(hb);
+    protocol::HeaderBytes hb{};
+    while (in.remaining() >= protocol::kHeaderSize && in.getBytes(hb)) {
+        protocol::PacketHeader h = protocol::decodeHeader(hb);
         std::span<const uint8_t> payload;
         if (!in.view(std::min<size_t>(h.length, in.remaining()), payload)) break;
         std::vector<uint8_t> body(payload.begin(), payload.end());
         restore::RestoreAttributes a;
-        if ((h.code == restore::command::kMkdir || h.code == restore::command::kOpenFile) &&
+        if ((h.code == protocol::code::kMkdir || h.code == protocol::code::kOpenFile) &&
             restore::decodeRestoreAttributes(payload, a) == restore::RecordError::None) {
             confine(a);
             body = restore::encodeRestoreAttributes(a);
         }
         if (body.size() > 65535) body.resize(65535);
         h.length = static_cast<uint16_t>(body.size());
-        transport::HeaderBytes out = transport::encodeHeader(h);
+        protocol::HeaderBytes out = protocol::encodeHeader(h);
         stream.insert(stream.end(), out.begin(), out.end());
         stream.insert(stream.end(), body.begin(), body.end());
     }

@@ -82,7 +82,7 @@ int sendGroomingReport(int result) {
         } else {
             char text[16];
             std::snprintf(text, sizeof text, "%d", count);
-            result = queueStatus(transport::code::kGroomCount, text);
+            result = queueStatus(protocol::code::kGroomCount, text);
             if (result == 0) {
                 result = send_file(fd, st, nullptr, work);
             } else {
@@ -152,11 +152,11 @@ int startbackup(int jobSocket, const std::string& sourcePath) {
     struct stat st;
     if (::stat(sourcePath.c_str(), &st) != 0) {
         ulog(MSG_FAILED_GET_ATTRIBUTES_STAT, kPrefix, sourcePath.c_str(), errText());
-        return queueStatus(transport::code::kNoDir, "") == 0 ? 0 : -1;
+        return queueStatus(protocol::code::kNoDir, "") == 0 ? 0 : -1;
     }
     struct stat sourceStat = st;
     b.rootDev = st.st_dev;
-    bool newServer = ctx.serverVersion >= transport::kNewServerVersion;
+    bool newServer = ctx.serverVersion >= protocol::kNewServerVersion;
     if (newServer) {
         int r = sendAttributes(st, "", 17, sourcePath);
         if (r != 0) {

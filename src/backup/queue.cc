@@ -460,13 +460,13 @@ int waitFreeSlot() {
         if (next > 1000) next = 1000;
         q.sleepMs = uint16_t(next);
     }
-    std::memset(inSlot(), 0, transport::kHeaderSize);
+    std::memset(inSlot(), 0, protocol::kHeaderSize);
     return 0;
 }
 
 uint8_t* inSlot() { return slotAt(field(kRingInAt).load()); }
 
-size_t slotPayloadCapacity() { return ipc().slotSize - transport::kHeaderSize; }
+size_t slotPayloadCapacity() { return ipc().slotSize - protocol::kHeaderSize; }
 
 int countup(uint16_t n, bool hold) {
     Ipc& q = ipc();

@@ -28,7 +28,7 @@ void watchdogAction(int);
 
 namespace {
 
-namespace code = transport::code;
+namespace code = protocol::code;
 constexpr uint8_t kStatusVersion = 5;
 
 bool gBuilding = false;        // a packet is being built in the queue
@@ -55,11 +55,11 @@ struct Building {
 constexpr uint16_t kReadSlots = 32;
 
 void writeHeader(uint8_t* slot, int8_t packetCode, uint8_t version, size_t length) {
-    transport::PacketHeader h;
+    protocol::PacketHeader h;
     h.code = packetCode;
     h.version = version;
     h.length = uint16_t(length);
-    transport::HeaderBytes bytes = transport::encodeHeader(h);
+    protocol::HeaderBytes bytes = protocol::encodeHeader(h);
     std::memcpy(slot, bytes.data(), bytes.size());
 }
 
@@ -68,7 +68,7 @@ int publish(int8_t packetCode, uint8_t version, size_t length, bool hold = false
     return countup(1, hold);
 }
 
-uint8_t* payload() { return inSlot() + transport::kHeaderSize; }
+uint8_t* payload() { return inSlot() + protocol::kHeaderSize; }
 
 size_t ioSize() {
     size_t io = size_t(settings().ioBufferSize);
@@ -110,7 +110,7 @@ int sendRegular(int fd, const std::string& path, bool& entryFailed) {
     for (;;) {
         uint16_t k = freeSlots();  // at least one: the caller waited for it
         if (k > kReadSlots) k = kReadSlots;
-        for (uint16_t i = 0; i < k; ++i) iov[i] = {inSlotAhead(i) + transport::kHeaderSize, chunk};
+        for (uint16_t i = 0; i < k; ++i) iov[i] = {inSlotAhead(i) + protocol::kHeaderSize, chunk};
         ssize_t m = platform::readvBlocking(fd, iov, int(k));
         if (m < 0) {
             ulog(MSG_FAILED_READING, kPrefix, path.c_str(), errText());

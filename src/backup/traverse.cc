@@ -27,7 +27,7 @@
 namespace tavik::backup {
 namespace {
 
-namespace code = transport::code;
+namespace code = protocol::code;
 constexpr const char* kPrefix = "(ws_backup) ";
 
 bool dot(const char* name) { return name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0)); }
@@ -141,7 +141,7 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, 
     }
     if (accessTimeKept) *accessTimeKept = dir.accessTimeKept();
     int dirFd = dir.fd();
-    bool newServer = ctx.serverVersion >= transport::kNewServerVersion;
+    bool newServer = ctx.serverVersion >= protocol::kNewServerVersion;
     // Entries the first pass could not examine: the second examines (and
     // logs) them again, as it would if it examined every entry. Every other
     // entry that the first pass saw is no directory and is passed over

@@ -30,7 +30,6 @@ namespace tavik::compare {
 namespace {
 
 using restore::RestoreAttributes;
-namespace command = restore::command;
 
 constexpr const char* kPrefix = "(ws_compare) ";
 constexpr const char* kAbortPrefix = "(ws_compare[ABORT]) ";
@@ -130,14 +129,14 @@ int CompareSession::run() {
         count_ = incoming.fill;
         int r = 0;
         switch (code) {
-            case command::kAbort:
+            case protocol::code::kAbort:
                 ulog(MSG_JOB_ABORTED_FRONT_END, kAbortPrefix);
                 return 0;
-            case command::kMkdir: r = mkdirCommand(); break;
-            case command::kOpenFile: r = openFile(); break;
-            case command::kMof: r = mof(); break;
-            case command::kEndf: r = endf(); break;
-            case command::kEnd: return end();
+            case protocol::code::kMkdir: r = mkdirCommand(); break;
+            case protocol::code::kOpenFile: r = openFile(); break;
+            case protocol::code::kMof: r = mof(); break;
+            case protocol::code::kEndf: r = endf(); break;
+            case protocol::code::kEnd: return end();
             default:
                 ulog(MSG_UNKNOWN_COMMAND, kPrefix, static_cast<int>(code));
                 break;
@@ -476,10 +475,10 @@ int sync_send_file(int socket, const char* name) {
             readFailed = true;
             break;
         }
-        transport::PacketHeader h;
-        h.code = static_cast<size_t>(n) == data.size() ? transport::code::kMof : transport::code::kEndf;
+        protocol::PacketHeader h;
+        h.code = static_cast<size_t>(n) == data.size() ? protocol::code::kMof : protocol::code::kEndf;
         h.length = static_cast<uint16_t>(n);
-        transport::HeaderBytes header = transport::encodeHeader(h);
+        protocol::HeaderBytes header = protocol::encodeHeader(h);
         if (transport::sendRoutine(socket, header.data(), header.size()) != 0) {
             ulog(MSG_SEND_COMMAND_0X_FAILED, kSendFilePrefix, static_cast<unsigned>(static_cast<uint8_t>(h.code)));
             return transport::kFailed;

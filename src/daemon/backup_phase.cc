@@ -62,7 +62,7 @@ int backupPhase(Channel& channel, JobContext& ctx) {
     if (backup::startbackup(fd, ctx.jobRoot) != 0) return kJobOver;
     ulog(MSG_WORKSTATION_BACKUP_ENDED, "");
     backup::stopWatchdog();
-    if (backup::queueStatus(transport::code::kEnd) != 0) return kJobOver;
+    if (backup::queueStatus(protocol::code::kEnd) != 0) return kJobOver;
     if (backup::restartPending()) return kJobOver;
     backup::waitQueueEmpty();
 
@@ -76,7 +76,7 @@ int backupPhase(Channel& channel, JobContext& ctx) {
         }
     }
     transport::setReceiveTimeout(fd, kClosingWait);
-    uint8_t closing[transport::kHeaderSize];
+    uint8_t closing[protocol::kHeaderSize];
     ssize_t n;
     do {
         n = ::recv(fd, closing, sizeof closing, 0);

@@ -57,7 +57,7 @@ int changeToRoot(Channel& channel, const JobContext& ctx, bool safely = false) {
     }
     if (!entered) {
         ulog(MSG_FAILED_CHANGE_DIRECTORY_JOB_ABORT, "", ctx.jobRoot.c_str(), errText());
-        answer(channel, ctx, transport::code::kPathFailed);
+        answer(channel, ctx, protocol::code::kPathFailed);
         return -1;
     }
     return 0;
@@ -76,19 +76,19 @@ int prepare(Channel& channel, JobContext& ctx) {
             // read of the file applies.
             dir_cntl(paths().cntlPath.c_str(), ctx.protectedDirs);
             if (!identitySwitchExempt(ctx, false) && !switchIdentity(ctx)) {
-                answer(channel, ctx, transport::code::kIdentityFailed);
+                answer(channel, ctx, protocol::code::kIdentityFailed);
                 return -1;
             }
             if (::access(ctx.jobRoot.c_str(), R_OK | X_OK) != 0) {
                 ulog(MSG_FAILED_ACCESS_DIRECTORY, "", ctx.jobRoot.c_str(), errText());
-                answer(channel, ctx, transport::code::kNoAccess);
+                answer(channel, ctx, protocol::code::kNoAccess);
                 return -1;
             }
             // The root is examined as the login: where its name leads for
             // the login is where the backup will read.
             if (isProtected(ctx.jobRoot, ctx.protectedDirs) != 0) {
                 ulog(MSG_PROTECTED_DIRECTORY, "", ctx.jobRoot.c_str(), paths().cntlPath.c_str());
-                answer(channel, ctx, transport::code::kProtectedDir);
+                answer(channel, ctx, protocol::code::kProtectedDir);
                 return -1;
             }
             return 0;  // a backup keeps its working directory
@@ -98,15 +98,15 @@ int prepare(Channel& channel, JobContext& ctx) {
             // only the destination is made as the login.
             int r = !ctx.trusted && !switchIdentity(ctx) ? 1 : prepareRestoreRoot(ctx);
             if (r != 0) {
-                bool identity = ctx.serverVersion >= transport::kNewServerVersion && r == 1;
-                answer(channel, ctx, identity ? transport::code::kIdentityFailed : transport::code::kPathFailed);
+                bool identity = ctx.serverVersion >= protocol::kNewServerVersion && r == 1;
+                answer(channel, ctx, identity ? protocol::code::kIdentityFailed : protocol::code::kPathFailed);
                 return -1;
             }
             return changeToRoot(channel, ctx, true);
         }
         case kOpCompare:
             if (!identitySwitchExempt(ctx, false) && !switchIdentity(ctx)) {
-                answer(channel, ctx, transport::code::kIdentityFailed);
+                answer(channel, ctx, protocol::code::kIdentityFailed);
                 return -1;
             }
             settings().followLinks = ctx.request.follow() != 0;
@@ -117,7 +117,7 @@ int prepare(Channel& channel, JobContext& ctx) {
             // the agent's identity only for a trusted login: another's
             // estimate must not count what the login may not read.
             if (!ctx.trusted && !switchIdentity(ctx)) {
-                answer(channel, ctx, transport::code::kIdentityFailed);
+                answer(channel, ctx, protocol::code::kIdentityFailed);
                 return -1;
             }
             return changeToRoot(channel, ctx);
@@ -152,7 +152,7 @@ int serveJob(JobContext& ctx) {
 
     logStartLine(ctx);
     if (ctx.jobRoot.empty() || ctx.jobRoot[0] != '/') {
-        answer(channel, ctx, transport::code::kNotAbsolute);
+        answer(channel, ctx, protocol::code::kNotAbsolute);
         ulog(MSG_INVALID_UNIX_PATH_JOB_ABORT, "");
         return kJobOver;
     }
@@ -161,7 +161,7 @@ int serveJob(JobContext& ctx) {
     if (prepare(channel, ctx) != 0) return kJobOver;
     transport::keepAlive(l.jobSocket);
     transport::setReceiveTimeout(l.jobSocket, kCommandWait);
-    if (channel.sendCode(transport::code::kReady, ctx) != 0) return kJobOver;
+    if (channel.sendCode(protocol::code::kReady, ctx) != 0) return kJobOver;
 
     if (ctx.request.opMode() == kOpBackup && GetPattern(channel, ctx) != 0) {
         ulog(MSG_FAILED_RECEIVE_PATTERNS_FILTER, "");

@@ -134,8 +134,8 @@ int checkLogin(JobContext& ctx) {
     // An expired or locked account is refused like a wrong password.
     if (r == 0 && accountUsable(login.c_str(), l.peerAddress) != 0) r = -1;
     if (r == 0) return 0;
-    int8_t refusal = (ctx.serverVersion >= transport::kNewServerVersion && r == -2) ? transport::code::kUnknownUser
-                                                                                    : transport::code::kLoginFailed;
+    int8_t refusal = (ctx.serverVersion >= protocol::kNewServerVersion && r == -2) ? protocol::code::kUnknownUser
+                                                                                    : protocol::code::kLoginFailed;
     if (transport::syncSendCode(l.jobSocket, refusal) != 0) {
         // Logged by the sender; the caller is refused either way.
     }

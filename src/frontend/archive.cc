@@ -16,11 +16,11 @@ namespace tavik::frontend {
 namespace {
 
 using namespace archive_layout;
-namespace code = transport::code;
+namespace code = protocol::code;
 
 constexpr size_t kWriteBuffer = 1 << 20;
 constexpr size_t kReadBuffer = 1 << 20;
-static_assert(kReadBuffer >= transport::kHeaderSize + 0xFFFF, "a whole packet fits the read buffer");
+static_assert(kReadBuffer >= protocol::kHeaderSize + 0xFFFF, "a whole packet fits the read buffer");
 // Deepest directory nesting the walker follows (the agent stops at 51).
 constexpr size_t kMaxDepth = 256;
 
@@ -330,23 +330,23 @@ ArchiveReader::Next ArchiveReader::next(ArchivePacket& out) {
     }
     // Formatted only for an error: next() runs once per packet.
     auto where = [this]() { return " at offset " + std::to_string(position_); };
-    if (bodyEnd_ - position_ < transport::kHeaderSize || !fill(transport::kHeaderSize)) {
+    if (bodyEnd_ - position_ < protocol::kHeaderSize || !fill(protocol::kHeaderSize)) {
         error_ = std::string("truncated packet header") + where();
         return Next::kError;
     }
-    transport::HeaderBytes hb{};
+    protocol::HeaderBytes hb{};
     std::memcpy(hb.data(), buffer_.data() + bufferPos_, hb.size());
-    transport::PacketHeader h = transport::decodeHeader(hb);
-    uint64_t room = bodyEnd_ - position_ - transport::kHeaderSize;
-    if (h.length > room || !fill(transport::kHeaderSize + h.length)) {
+    protocol::PacketHeader h = protocol::decodeHeader(hb);
+    uint64_t room = bodyEnd_ - position_ - protocol::kHeaderSize;
+    if (h.length > room || !fill(protocol::kHeaderSize + h.length)) {
         error_ = "packet of " + std::to_string(h.length) + " payload bytes overruns the body" + where();
         return Next::kError;
     }
-    size_t total = transport::kHeaderSize + h.length;
+    size_t total = protocol::kHeaderSize + h.length;
     std::span<const uint8_t> packet(buffer_.data() + bufferPos_, total);
     if (!skipChecksum_) crc_ = crc32Update(crc_, packet);
     out.header = h;
-    out.payload = packet.subspan(transport::kHeaderSize);
+    out.payload = packet.subspan(protocol::kHeaderSize);
     out.offset = position_;
     bufferPos_ += total;
     position_ += total;
@@ -397,7 +397,7 @@ std::string TreeWalker::childPath(const std::string& name) const {
     return dirs_.empty() ? name : dirs_.back() + "/" + name;
 }
 
-TreeWalker::Result TreeWalker::push(const transport::PacketHeader& header, std::span<const uint8_t> payload,
+TreeWalker::Result TreeWalker::push(const protocol::PacketHeader& header, std::span<const uint8_t> payload,
                                     TreeEvent& event) {
     if (!error_.empty()) return Result::kError;
     const int8_t c = header.code;

@@ -126,7 +126,7 @@ private:
 // One packet of the body. `payload` stays valid until the next call of
 // ArchiveReader::next.
 struct ArchivePacket {
-    transport::PacketHeader header;
+    protocol::PacketHeader header;
     std::span<const uint8_t> payload;
     uint64_t offset = 0;  // of the packet header, from the start of the file
 };
@@ -222,7 +222,7 @@ public:
     TreeWalker() = default;
     // One packet; kEvent fills `event`, kSkip is a packet without meaning
     // for the tree (WATCH_DOG, new port).
-    Result push(const transport::PacketHeader& header, std::span<const uint8_t> payload, TreeEvent& event);
+    Result push(const protocol::PacketHeader& header, std::span<const uint8_t> payload, TreeEvent& event);
     // At the end of the packets: false (with error()) unless END was seen.
     bool finish();
     const std::string& error() const { return error_; }

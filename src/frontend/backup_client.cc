@@ -15,7 +15,7 @@
 namespace tavik::frontend {
 namespace {
 
-namespace code = transport::code;
+namespace code = protocol::code;
 constexpr uint8_t kOpBackup = 0;
 constexpr int8_t kEstimateCommand = 14;
 constexpr size_t kEstimateReplySize = 8;
@@ -63,7 +63,7 @@ std::string refusalText(int answer) {
 }
 
 bool openBackupJob(JobClient& client, const BackupJobSpec& job, std::string& error) {
-    if (job.login.serverVersion < transport::kNewServerVersion &&
+    if (job.login.serverVersion < protocol::kNewServerVersion &&
         (!job.filterItems.empty() || job.optionFlags != 0)) {
         error = "filters and job options need server version 50 or more";
         return false;
@@ -85,7 +85,7 @@ bool openBackupJob(JobClient& client, const BackupJobSpec& job, std::string& err
         error = "job refused: " + (answer == kNoAnswer ? client.lastError() : refusalText(answer));
         return false;
     }
-    if (job.login.serverVersion < transport::kNewServerVersion) return true;
+    if (job.login.serverVersion < protocol::kNewServerVersion) return true;
     std::vector<uint8_t> raw = encodeJobOptions(job);
     for (const auto& item : job.filterItems) raw.insert(raw.end(), item.begin(), item.end());
     if (!client.sendRaw(raw)) {
@@ -144,8 +144,8 @@ bool estimateJob(JobClient& client, const BackupJobSpec& job, uint32_t& files, u
 // ---- receiving the stream ----
 
 bool StreamReceiver::acknowledge() {
-    transport::PacketHeader ack;  // code 0, header only
-    transport::HeaderBytes bytes = transport::encodeHeader(ack);
+    protocol::PacketHeader ack;  // code 0, header only
+    protocol::HeaderBytes bytes = protocol::encodeHeader(ack);
     if (!sendAll(fd_.get(), bytes.data(), bytes.size())) {
         error_ = std::string("cannot send an acknowledgement: ") + std::strerror(errno);
         return false;
@@ -173,7 +173,7 @@ bool StreamReceiver::renew(uint16_t port) {
     return true;
 }
 
-bool StreamReceiver::handle(const transport::PacketHeader& header, std::span<const uint8_t> payload) {
+bool StreamReceiver::handle(const protocol::PacketHeader& header, std::span<const uint8_t> payload) {
     const int8_t c = header.code;
     if (!treeBroken_) {
         TreeEvent event;
@@ -233,7 +233,7 @@ void StreamReceiver::keepParsed(std::vector<uint8_t>& buffer, size_t parsed) {
 bool StreamReceiver::run(platform::UniqueFd connection) {
     fd_ = std::move(connection);
     std::vector<uint8_t> buffer(kReadBuffer);
-    static_assert(kReadBuffer >= transport::kHeaderSize + 0xFFFF, "a whole packet fits the buffer");
+    static_assert(kReadBuffer >= protocol::kHeaderSize + 0xFFFF, "a whole packet fits the buffer");
     size_t fill = 0;
     const int64_t started = nowMs();
     int64_t lastProgress = started;
@@ -268,14 +268,14 @@ bool StreamReceiver::run(platform::UniqueFd connection) {
 
         size_t parsed = 0;
         renewed_ = false;
-        while (fill - parsed >= transport::kHeaderSize && !stats_.complete && !renewed_) {
-            transport::HeaderBytes hb{};
+        while (fill - parsed >= protocol::kHeaderSize && !stats_.complete && !renewed_) {
+            protocol::HeaderBytes hb{};
             std::memcpy(hb.data(), buffer.data() + parsed, hb.size());
-            transport::PacketHeader h = transport::decodeHeader(hb);
-            size_t total = transport::kHeaderSize + h.length;  // at most 65543: fits the buffer
+            protocol::PacketHeader h = protocol::decodeHeader(hb);
+            size_t total = protocol::kHeaderSize + h.length;  // at most 65543: fits the buffer
             if (fill - parsed < total) break;
             ++stats_.packets;
-            if (!handle(h, {buffer.data() + parsed + transport::kHeaderSize, h.length})) {
+            if (!handle(h, {buffer.data() + parsed + protocol::kHeaderSize, h.length})) {
                 keepParsed(buffer, parsed + total);
                 return false;
             }

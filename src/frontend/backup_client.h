@@ -123,7 +123,7 @@ public:
     const std::string& error() const { return error_; }
 
 private:
-    bool handle(const transport::PacketHeader& header, std::span<const uint8_t> payload);
+    bool handle(const protocol::PacketHeader& header, std::span<const uint8_t> payload);
     bool acknowledge();
     bool renew(uint16_t port);
     bool flushParsed(std::vector<uint8_t>& buffer, size_t parsed);

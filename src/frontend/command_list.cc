@@ -113,14 +113,14 @@ int commandList(int argc, char* argv[]) {
                 printf("%s\n", pendingLink.c_str());
                 pendingLink.clear();
             }
-            bool unsent = e.code != transport::code::kReadErr && e.code != transport::code::kNoDir;
+            bool unsent = e.code != protocol::code::kReadErr && e.code != protocol::code::kNoDir;
             if (unsent) ++entries;
             printf("%-10s %s (%s)\n", statusName(e.code), joinSourcePath(source, e.path).c_str(),
                    statusWords(e.code));
             break;
         }
         case TreeEvent::Type::kDirClose:
-            if (e.code != transport::code::kEndDir)
+            if (e.code != protocol::code::kEndDir)
                 printf("%-10s %s (%s)\n", statusName(e.code), joinSourcePath(source, e.path).c_str(),
                        statusWords(e.code));
             break;

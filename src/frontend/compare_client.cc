@@ -59,14 +59,14 @@ public:
         if (!client_.connect(spec_.host, spec_.login.port)) return fail(error, client_.lastError());
         RequestFields fields = loginRequest(spec_.login, spec_.root, kOpCompare);
         int answer = client_.request(fields);
-        if (answer != transport::code::kReady)
+        if (answer != protocol::code::kReady)
             return fail(error, answer == kNoAnswer ? client_.lastError()
                                                    : "the agent refused the compare (answer " + std::to_string(answer) + ")");
         std::array<uint8_t, options_layout::kSize> options{};
         wire::storeLe16(&options[options_layout::kRetryCountAt], 5);
         wire::storeLe16(&options[options_layout::kRetryIntervalAt], 5);
         options[options_layout::kFlagsAt] = spec_.detailed ? options_layout::kDetailedVerdicts : 0;
-        if (client_.option(options) != transport::code::kReady) return fail(error, "the agent refused the options");
+        if (client_.option(options) != protocol::code::kReady) return fail(error, "the agent refused the options");
         if (!sendGrooming(client_, spec_.groom, error)) return false;
         if (!client_.start(0)) return fail(error, client_.lastError());
         return true;
@@ -167,9 +167,9 @@ private:
             result_.groomed = true;
             result_.groomCount.assign(reinterpret_cast<const char*>(count.data()), strnlen(reinterpret_cast<const char*>(count.data()), count.size()));
             for (;;) {
-                transport::HeaderBytes raw{};
+                protocol::HeaderBytes raw{};
                 if (!client_.recvRaw(raw)) return fail(error, client_.lastError());
-                transport::PacketHeader h = transport::decodeHeader(raw);
+                protocol::PacketHeader h = protocol::decodeHeader(raw);
                 if (h.code != 7 && h.code != 8) {
                     code = h.code;
                     break;

@@ -67,7 +67,7 @@ bool sendGrooming(JobClient& client, const GroomRequest& request, std::string& e
     if (request.kind == GroomKind::kNone) return true;
     std::array<uint8_t, kTapeRecordSize> tape{};
     int answer = client.grooming(encodeGroomRecord(request), tape);
-    if (answer == transport::code::kReady) return true;
+    if (answer == protocol::code::kReady) return true;
     error = "GROOMING: " + (answer == kNoAnswer ? client.lastError() : "refused (answer " + std::to_string(answer) + ")");
     return false;
 }

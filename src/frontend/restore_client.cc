@@ -89,14 +89,14 @@ bool openRestoreJob(JobClient& client, const RestoreJobSpec& job, std::string& e
     RequestFields fields = loginRequest(job.login, job.destination, kOpRestore);
     fields.conflict = job.conflict;
     int answer = client.request(fields);
-    if (answer != transport::code::kReady) {
+    if (answer != protocol::code::kReady) {
         std::string why = answer == kNoAnswer ? client.lastError() : "unexpected answer " + std::to_string(answer);
         switch (answer) {
-        case transport::code::kPathFailed: why = "the destination could not be made or entered (105)"; break;
-        case transport::code::kLoginFailed: why = "login failed (113)"; break;
-        case transport::code::kUnknownUser: why = "unknown user (115)"; break;
-        case transport::code::kNotAbsolute: why = "the destination is not absolute (116)"; break;
-        case transport::code::kIdentityFailed: why = "the agent could not switch to the user's identity (119)"; break;
+        case protocol::code::kPathFailed: why = "the destination could not be made or entered (105)"; break;
+        case protocol::code::kLoginFailed: why = "login failed (113)"; break;
+        case protocol::code::kUnknownUser: why = "unknown user (115)"; break;
+        case protocol::code::kNotAbsolute: why = "the destination is not absolute (116)"; break;
+        case protocol::code::kIdentityFailed: why = "the agent could not switch to the user's identity (119)"; break;
         default: break;
         }
         error = "job refused: " + why;
@@ -205,7 +205,7 @@ bool RestoreSender::append(std::span<const uint8_t> packet) {
 void RestoreSender::answer(uint8_t code) {
     ++stats_.answers;
     if (pending_.empty()) {
-        if (endSent_ && code == static_cast<uint8_t>(transport::code::kEnd)) {
+        if (endSent_ && code == static_cast<uint8_t>(protocol::code::kEnd)) {
             stats_.ended = true;
         } else {
             broken("an answer (" + std::to_string(code) + ") for no file");
@@ -320,7 +320,7 @@ bool RestoreSender::dropFile(const std::string& words) {
     pending_.push_back({std::move(currentPath_), "the backup could not read all of its data (" + words +
                                                      "); removed again"});
     if (!encoder_.endFile()) return false;
-    return append(buildCommand(restore::command::kUnlink, 0, {}));
+    return append(buildCommand(protocol::code::kUnlink, 0, {}));
 }
 
 void RestoreSender::notSent(const std::string& path, const std::string& words) { fail(path, 0, words); }

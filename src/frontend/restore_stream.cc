@@ -38,11 +38,11 @@ bool RestoreStreamEncoder::isDirectory(const backup::BackupAttributes& entry) {
 
 bool RestoreStreamEncoder::emit(int8_t code, std::span<const uint8_t> payload) {
     // One buffer for every packet: no allocation per 2048 bytes of data.
-    packet_.resize(transport::kHeaderSize + payload.size());
-    transport::PacketHeader h;
+    packet_.resize(protocol::kHeaderSize + payload.size());
+    protocol::PacketHeader h;
     h.code = code;
     h.length = static_cast<uint16_t>(payload.size());
-    transport::HeaderBytes header = transport::encodeHeader(h);
+    protocol::HeaderBytes header = protocol::encodeHeader(h);
     std::memcpy(packet_.data(), header.data(), header.size());
     if (!payload.empty()) std::memcpy(packet_.data() + header.size(), payload.data(), payload.size());
     return sink_(packet_);
@@ -51,13 +51,13 @@ bool RestoreStreamEncoder::emit(int8_t code, std::span<const uint8_t> payload) {
 bool RestoreStreamEncoder::directory(const backup::BackupAttributes& entry, const std::string& fullName) {
     if (inFile_) return false;
     std::vector<uint8_t> record = restore::encodeRestoreAttributes(restoreAttributesFor(entry, fullName));
-    return !record.empty() && emit(restore::command::kMkdir, record);
+    return !record.empty() && emit(protocol::code::kMkdir, record);
 }
 
 bool RestoreStreamEncoder::beginFile(const backup::BackupAttributes& entry, const std::string& fullName) {
     if (inFile_) return false;
     std::vector<uint8_t> record = restore::encodeRestoreAttributes(restoreAttributesFor(entry, fullName));
-    if (record.empty() || !emit(restore::command::kOpenFile, record)) return false;
+    if (record.empty() || !emit(protocol::code::kOpenFile, record)) return false;
     inFile_ = true;
     held_.clear();
     return true;
@@ -69,7 +69,7 @@ bool RestoreStreamEncoder::data(std::span<const uint8_t> bytes) {
         // A full payload goes out only once more data follows it: the last
         // piece of a file always travels in its ENDF.
         if (held_.size() == restore::kMaxDataPayload) {
-            if (!emit(restore::command::kMof, held_)) return false;
+            if (!emit(protocol::code::kMof, held_)) return false;
             held_.clear();
         }
         size_t take = restore::kMaxDataPayload - held_.size();
@@ -83,7 +83,7 @@ bool RestoreStreamEncoder::data(std::span<const uint8_t> bytes) {
 bool RestoreStreamEncoder::endFile() {
     if (!inFile_) return false;
     inFile_ = false;
-    bool ok = emit(restore::command::kEndf, held_);
+    bool ok = emit(protocol::code::kEndf, held_);
     held_.clear();
     return ok;
 }
@@ -94,12 +94,12 @@ bool RestoreStreamEncoder::entry(const backup::BackupAttributes& e, const std::s
     return beginFile(e, fullName) && data(bytes) && endFile();
 }
 
-bool RestoreStreamEncoder::end() { return !inFile_ && emit(restore::command::kEnd, {}); }
+bool RestoreStreamEncoder::end() { return !inFile_ && emit(protocol::code::kEnd, {}); }
 
 bool RestoreStreamEncoder::abort() {
     inFile_ = false;
     held_.clear();
-    return emit(restore::command::kAbort, {});
+    return emit(protocol::code::kAbort, {});
 }
 
 }  // namespace tavik::frontend

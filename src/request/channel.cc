@@ -32,15 +32,15 @@ int Channel::send(const uint8_t* buffer, size_t length) {
 int Channel::sendCode(int8_t code, const JobContext& ctx) {
     transport::ReadyInfo ready{ctx.ackInterval, ctx.serverVersion};
     if (!fromBuffer_) return transport::syncSendCode(fd_, code, ready);
-    transport::PacketHeader h;
+    protocol::PacketHeader h;
     h.code = code;
-    if (code == transport::code::kReady) {
+    if (code == protocol::code::kReady) {
         h.value = ready.ackInterval;
-        h.version = ready.serverVersion >= transport::kNewServerVersion
+        h.version = ready.serverVersion >= protocol::kNewServerVersion
                         ? static_cast<uint8_t>(ready.serverVersion)
-                        : transport::kOldReadyVersion;
+                        : protocol::kOldReadyVersion;
     }
-    transport::HeaderBytes bytes = transport::encodeHeader(h);
+    protocol::HeaderBytes bytes = protocol::encodeHeader(h);
     return send(bytes.data(), bytes.size());
 }
 

@@ -36,7 +36,7 @@ void logTopList(const TopList& list) {
 }
 
 int diskItem(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) {
-    if (channel.sendCode(transport::code::kReady, ctx) != 0) return kFailed;
+    if (channel.sendCode(protocol::code::kReady, ctx) != 0) return kFailed;
     auto p = padded<8>(payload);
     uint32_t nFiles = wire::loadLe32(p.data());
     uint32_t size = wire::loadLe32(p.data() + 4);
@@ -63,7 +63,7 @@ int diskItem(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload
 }
 
 int option(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) {
-    if (channel.sendCode(transport::code::kReady, ctx) != 0) return kFailed;
+    if (channel.sendCode(protocol::code::kReady, ctx) != 0) return kFailed;
     ctx.jobOptions = padded<options_layout::kSize>(payload);
     if (settings().verbose) {
         ulog("OPTION: vOpt.nRetryCount=%d, nRetryInterval=%d", ctx.retryCount(), ctx.retryInterval());
@@ -73,7 +73,7 @@ int option(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) 
 
 int grooming(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) {
     using namespace groom_layout;
-    if (channel.sendCode(transport::code::kReady, ctx) != 0) return kFailed;
+    if (channel.sendCode(protocol::code::kReady, ctx) != 0) return kFailed;
     ctx.groomRecord.assign(payload.begin(), payload.end());
     if (ctx.groomRecord.size() < kMinSize) ctx.groomRecord.resize(kMinSize, 0);
     const uint8_t* g = ctx.groomRecord.data();
@@ -105,7 +105,7 @@ int grooming(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload
 }
 
 int dbFile(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) {
-    if (channel.sendCode(transport::code::kReady, ctx) != 0) return kFailed;
+    if (channel.sendCode(protocol::code::kReady, ctx) != 0) return kFailed;
     auto p = padded<4>(payload);
     uint32_t length = wire::loadLe32(p.data());
     if (settings().verbose) ulog("DB_FILE: filelist_len=%d", static_cast<int>(length));
@@ -130,7 +130,7 @@ int dbFile(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) 
 }
 
 int continueCommand(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) {
-    if (channel.sendCode(transport::code::kReady, ctx) != 0) return kFailed;
+    if (channel.sendCode(protocol::code::kReady, ctx) != 0) return kFailed;
     auto p = padded<4>(payload);
     uint32_t offset = wire::loadLe32(p.data());
     ctx.restartOffset = static_cast<int32_t>(offset);
@@ -151,7 +151,7 @@ int continueCommand(Channel& channel, JobContext& ctx, std::span<const uint8_t> 
 
 int unsupported(Channel& channel, JobContext& ctx, int8_t code) {
     ulog("%sUnsupported command %d is rejected", kPrefix, static_cast<int>(code));
-    return channel.sendCode(transport::code::kRejected, ctx) == 0 ? 0 : kFailed;
+    return channel.sendCode(protocol::code::kRejected, ctx) == 0 ? 0 : kFailed;
 }
 
 }  // namespace
@@ -175,7 +175,7 @@ void buildTopList(TopList& list, uint32_t nFiles, std::vector<char> text) {
 
 int GetPattern(Channel& channel, JobContext& ctx) {
     Settings& s = settings();
-    if (ctx.serverVersion < transport::kNewServerVersion) {
+    if (ctx.serverVersion < protocol::kNewServerVersion) {
         s.followLinks = ::access(paths().followMarkerPath.c_str(), F_OK) == 0;
         if (s.followLinks) ulogText(MSG_SYMBOLIC_LINKS_FOLLOWED);
         ctx.maxDirDepth = kOldMaxDirDepth;
@@ -251,13 +251,13 @@ int GetPattern(Channel& channel, JobContext& ctx) {
 }
 
 int GetCommands(Channel& channel, JobContext& ctx) {
-    transport::HeaderBytes hb{};
+    protocol::HeaderBytes hb{};
     if (channel.recv(hb.data(), hb.size()) != 0) {
         ulog(MSG_FAILED_RECEIVE_HEADER_PACKET, kPrefix);
         return kFailed;
     }
     for (;;) {
-        transport::PacketHeader h = transport::decodeHeader(hb);
+        protocol::PacketHeader h = protocol::decodeHeader(hb);
         if (settings().verbose) ulog("%scommand=%d, blkOffset=%d", kPrefix, h.code, h.length);
         std::vector<uint8_t> payload;
         if (h.length != 0) {
@@ -283,7 +283,7 @@ int GetCommands(Channel& channel, JobContext& ctx) {
             case command::kGrooming: r = grooming(channel, ctx, payload); break;
             case command::kEstimate:
                 if (gEstimate) {
-                    if (channel.sendCode(transport::code::kReady, ctx) != 0) return kFailed;
+                    if (channel.sendCode(protocol::code::kReady, ctx) != 0) return kFailed;
                     r = gEstimate(channel, ctx, payload);
                 } else {
                     r = unsupported(channel, ctx, h.code);

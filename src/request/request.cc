@@ -44,12 +44,12 @@ int8_t refineServerVersion(int8_t version, uint8_t flags) {
 }
 
 int GetRequest(Channel& channel, JobContext& ctx) {
-    transport::HeaderBytes hb{};
+    protocol::HeaderBytes hb{};
     if (channel.recv(hb.data(), hb.size()) != 0) {
         ulog(MSG_FAILED_RECEIVE_HEADER_PACKET, kPrefix);
         return transport::kFailed;
     }
-    transport::PacketHeader header = transport::decodeHeader(hb);
+    protocol::PacketHeader header = protocol::decodeHeader(hb);
     if (header.length != 0) {
         if (header.length > kMaxRequestLength) {
             ulog(MSG_FAILED_RECEIVE_DATA_PACKET, kPrefix);
@@ -99,7 +99,7 @@ void dumpRequest(const JobContext& ctx) {
     appendf(line, "method=%x", hex(r.method()));
     ulogText(line.c_str());
 
-    if (r.version() < transport::kNewServerVersion) {
+    if (r.version() < protocol::kNewServerVersion) {
         dumpList("File: ", r, request_layout::kFileCountAt, request_layout::kFileModeAt, request_layout::kFileListAt);
         dumpList("Dir : ", r, request_layout::kDirCountAt, request_layout::kDirModeAt, request_layout::kDirListAt);
     }

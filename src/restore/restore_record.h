@@ -21,6 +21,8 @@
 #include <string>
 #include <vector>
 
+#include "protocol/packet.h"
+
 namespace tavik::restore {
 
 inline constexpr size_t kRecDev = 0;
@@ -45,17 +47,6 @@ inline constexpr size_t kMaxRecordSize = kRecName + kPathBufferSize;
 
 // One data payload (MOF, ENDF) carries at most this many bytes.
 inline constexpr size_t kMaxDataPayload = 2048;
-
-// Command codes of the stream (the header's code byte).
-namespace command {
-inline constexpr int8_t kAbort = 2;
-inline constexpr int8_t kEnd = 3;
-inline constexpr int8_t kMof = 7;
-inline constexpr int8_t kEndf = 8;
-inline constexpr int8_t kUnlink = 15;
-inline constexpr int8_t kMkdir = 20;
-inline constexpr int8_t kOpenFile = 22;
-}  // namespace command
 
 // Per-file status bytes, answered after ENDF.
 namespace status {

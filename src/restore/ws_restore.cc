@@ -131,28 +131,28 @@ int RestoreSession::run() {
         if (transport::GetReply(socket_, code, record_, &incoming, ahead_) != 0) return transport::kFailed;
         count_ = incoming.fill;
         switch (code) {
-            case command::kAbort:
+            case protocol::code::kAbort:
                 ulog(MSG_JOB_ABORTED_FRONT_END, kAbortPrefix);
                 return 0;
-            case command::kEnd:
+            case protocol::code::kEnd:
                 ulog(MSG_WORKSTATION_RESTORE_COMPLETED, "");
                 // What was restored is on stable storage before the front-end
                 // hears that the restore is complete.
                 if (locator_.syncAll() != 0) ulog("%sFailed to flush the restored files to disk (%s)", kPrefix, errText());
-                return answer(transport::code::kEnd) == 0 ? 0 : transport::kFailed;
-            case command::kUnlink:
+                return answer(protocol::code::kEnd) == 0 ? 0 : transport::kFailed;
+            case protocol::code::kUnlink:
                 unlinkCommand();
                 break;
-            case command::kMkdir:
+            case protocol::code::kMkdir:
                 mkdirCommand();
                 break;
-            case command::kOpenFile:
+            case protocol::code::kOpenFile:
                 openFile();
                 break;
-            case command::kMof:
+            case protocol::code::kMof:
                 if (mof() != 0) return transport::kFailed;
                 break;
-            case command::kEndf: {
+            case protocol::code::kEndf: {
                 bool over = false;
                 int r = endf(over);
                 if (over) return r;
@@ -337,7 +337,7 @@ bool RestoreSession::resolveConflict() {
 
 bool RestoreSession::replaceExisting(const struct stat& st) {
     if (S_ISREG(st.st_mode)) {
-        if (ctx_.serverVersion >= transport::kNewServerVersion) onNfs_ = backup::skip_nfs(path_.c_str(), st.st_dev);
+        if (ctx_.serverVersion >= protocol::kNewServerVersion) onNfs_ = backup::skip_nfs(path_.c_str(), st.st_dev);
         bool mandatory = (st.st_mode & S_ISGID) != 0 && (st.st_mode & S_IXGRP) == 0;
         if (settings().checkLocks || (onNfs_ == 0 && mandatory)) {
             platform::UniqueFd f(::openat(here_.dir(), here_.base(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));

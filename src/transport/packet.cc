@@ -50,28 +50,6 @@ void sleepMicros(long long micros) {
 
 }  // namespace
 
-HeaderBytes encodeHeader(const PacketHeader& h) {
-    HeaderBytes b{};
-    b[kHeaderFlagsAt] = h.flags;
-    b[kHeaderReservedAt] = h.reserved;
-    b[kHeaderCodeAt] = static_cast<uint8_t>(h.code);
-    b[kHeaderVersionAt] = h.version;
-    wire::storeLe16(&b[kHeaderValueAt], h.value);
-    wire::storeLe16(&b[kHeaderLengthAt], h.length);
-    return b;
-}
-
-PacketHeader decodeHeader(const HeaderBytes& b) {
-    PacketHeader h;
-    h.flags = b[kHeaderFlagsAt];
-    h.reserved = b[kHeaderReservedAt];
-    h.code = static_cast<int8_t>(b[kHeaderCodeAt]);
-    h.version = b[kHeaderVersionAt];
-    h.value = wire::loadLe16(&b[kHeaderValueAt]);
-    h.length = wire::loadLe16(&b[kHeaderLengthAt]);
-    return h;
-}
-
 TransportState& transport() {
     static TransportState state{blockSend, blockRecv};
     return state;
@@ -360,14 +338,14 @@ int nonblockRecv(int fd, uint8_t* buffer, size_t length) {
 }
 
 int syncSendCode(int fd, int8_t packetCode, const ReadyInfo& ready) {
-    PacketHeader h;
+    protocol::PacketHeader h;
     h.code = packetCode;
-    if (packetCode == code::kReady) {
+    if (packetCode == protocol::code::kReady) {
         h.value = ready.ackInterval;
-        h.version = ready.serverVersion >= kNewServerVersion ? static_cast<uint8_t>(ready.serverVersion)
-                                                             : kOldReadyVersion;
+        h.version = ready.serverVersion >= protocol::kNewServerVersion ? static_cast<uint8_t>(ready.serverVersion)
+                                                             : protocol::kOldReadyVersion;
     }
-    HeaderBytes bytes = encodeHeader(h);
+    protocol::HeaderBytes bytes = protocol::encodeHeader(h);
     if (sendRoutine(fd, bytes.data(), bytes.size()) != 0) {
         ulog(MSG_SEND_COMMAND_0X_FAILED, "(sync_send_code) ", static_cast<unsigned>(static_cast<uint8_t>(packetCode)));
         return kFailed;
@@ -380,17 +358,17 @@ namespace {
 template <typename Receive>
 int getReplyWith(int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fileData, Receive receive) {
     constexpr const char* kPrefix = "(GetReply) ";
-    HeaderBytes bytes{};
+    protocol::HeaderBytes bytes{};
     if (receive(bytes.data(), bytes.size()) != 0) {
         ulog(MSG_FAILED_RECEIVE_HEADER_PACKET, kPrefix);
         return kFailed;
     }
-    PacketHeader h = decodeHeader(bytes);
+    protocol::PacketHeader h = protocol::decodeHeader(bytes);
     codeOut = h.code;
     if (h.length == 0) return 0;
     uint8_t* target = nullptr;
     bool fits = false;
-    if ((h.code == code::kMof || h.code == code::kEndf) && fileData) {
+    if ((h.code == protocol::code::kMof || h.code == protocol::code::kEndf) && fileData) {
         size_t room = fileData->fill <= fileData->area.size() ? fileData->area.size() - fileData->fill : 0;
         fits = h.length <= room;
         if (fits) target = fileData->area.data() + fileData->fill;
@@ -402,7 +380,7 @@ int getReplyWith(int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fil
         ulog(MSG_FAILED_RECEIVE_DATA_PACKET, kPrefix);
         return kFailed;
     }
-    if ((h.code == code::kMof || h.code == code::kEndf) && fileData) fileData->fill += h.length;
+    if ((h.code == protocol::code::kMof || h.code == protocol::code::kEndf) && fileData) fileData->fill += h.length;
     return 0;
 }
 
@@ -453,7 +431,7 @@ int ackIfDue(int fd, uint16_t ackInterval) {
         t.ackCounter = static_cast<uint16_t>((t.ackCounter + 1) % ackInterval);
         if (t.ackCounter != 0) return 0;
     }
-    return syncSendCode(fd, code::kOk) == 0 ? 0 : kFailed;
+    return syncSendCode(fd, protocol::code::kOk) == 0 ? 0 : kFailed;
 }
 
 namespace {

@@ -27,28 +27,28 @@ constexpr const char* kPrefix = "(SendDaemon) ";
 uint32_t gAccSZ = 0;  // MOF/ENDF payload bytes since the last renewal
 uint32_t gAccNF = 0;  // ENDF packets since the last renewal
 
-PacketHeader headerOf(const uint8_t* slot) {
-    HeaderBytes bytes;
-    for (size_t i = 0; i < kHeaderSize; ++i) bytes[i] = slot[i];
-    return decodeHeader(bytes);
+protocol::PacketHeader headerOf(const uint8_t* slot) {
+    protocol::HeaderBytes bytes;
+    for (size_t i = 0; i < protocol::kHeaderSize; ++i) bytes[i] = slot[i];
+    return protocol::decodeHeader(bytes);
 }
 
 // How many renewals come before this packet is sent (0, 1 or 2), and the
 // counters after it. An ENDF that reaches the file limit renews and clears
 // both counters; its length then counts towards the kilobyte limit like a
 // MOF's, so an ENDF of reconnectKB kilobytes or more renews a second time.
-int renewalsBefore(const PacketHeader& h, bool permitted, uint32_t& sz, uint32_t& nf) {
+int renewalsBefore(const protocol::PacketHeader& h, bool permitted, uint32_t& sz, uint32_t& nf) {
     const Settings& s = settings();
     if (!permitted) return 0;
     int renewals = 0;
-    if (h.code == code::kEndf && s.reconnectFiles != 0) {
+    if (h.code == protocol::code::kEndf && s.reconnectFiles != 0) {
         nf += 1;
         if (nf >= uint32_t(s.reconnectFiles)) {
             ++renewals;
             sz = nf = 0;
         }
     }
-    if ((h.code == code::kMof || h.code == code::kEndf) && s.reconnectKB != 0) {
+    if ((h.code == protocol::code::kMof || h.code == protocol::code::kEndf) && s.reconnectKB != 0) {
         sz += h.length;
         if (sz / 1024 >= uint32_t(s.reconnectKB)) {
             ++renewals;
@@ -145,10 +145,10 @@ int reestablishTCP(int connection) {
     uint16_t port = 0;
     int listening = tcpOpen(port);
     if (listening < 0) return -1;
-    PacketHeader h;
-    h.code = code::kNewPort;
+    protocol::PacketHeader h;
+    h.code = protocol::code::kNewPort;
     h.value = port;
-    HeaderBytes bytes = encodeHeader(h);
+    protocol::HeaderBytes bytes = protocol::encodeHeader(h);
     if (sendRoutine(connection, bytes.data(), bytes.size()) != 0) {
         ::close(listening);
         return -1;
@@ -211,7 +211,7 @@ int SendDaemon(int connection, const PacketSource& source, const SenderOptions& 
         bool ackDue = false;
         while (n < kMaxBatch && n < ready && !sendDone && !ackDue) {
             const uint8_t* slot = source.slotAhead(uint16_t(n));
-            PacketHeader h = headerOf(slot);
+            protocol::PacketHeader h = headerOf(slot);
             uint32_t sz = gAccSZ, nf = gAccNF;
             if (int renewals = renewalsBefore(h, options.renewalPermitted, sz, nf); renewals > 0) {
                 if (n > 0) break;  // the packets before it leave on the old connection
@@ -223,10 +223,10 @@ int SendDaemon(int connection, const PacketSource& source, const SenderOptions& 
             }
             gAccSZ = sz;
             gAccNF = nf;
-            if (h.code == code::kEnd) sendDone = true;
-            if (h.code == code::kWatchDog && settings().verbose) ulog("%sWATCH_DOG sent", kPrefix);
+            if (h.code == protocol::code::kEnd) sendDone = true;
+            if (h.code == protocol::code::kWatchDog && settings().verbose) ulog("%sWATCH_DOG sent", kPrefix);
             if (options.ackInterval != 0 &&
-                (h.code == code::kFileHeader || h.code == code::kMof || h.code == code::kEndf)) {
+                (h.code == protocol::code::kFileHeader || h.code == protocol::code::kMof || h.code == protocol::code::kEndf)) {
                 if (options.ackInterval == 1) {
                     ackDue = true;
                 } else {
@@ -235,7 +235,7 @@ int SendDaemon(int connection, const PacketSource& source, const SenderOptions& 
                 }
             }
             iov[n].iov_base = const_cast<uint8_t*>(slot);
-            iov[n].iov_len = kHeaderSize + h.length;
+            iov[n].iov_len = protocol::kHeaderSize + h.length;
             ++n;
         }
         if (sendDone) sendAtOnce(connection);
@@ -244,12 +244,12 @@ int SendDaemon(int connection, const PacketSource& source, const SenderOptions& 
             return -1;
         }
         if (ackDue) {
-            HeaderBytes answer{};
+            protocol::HeaderBytes answer{};
             if (recvRoutine(connection, answer.data(), answer.size()) != 0) {
                 ulog(MSG_FAILED_RECEIVE_HEADER_PACKET, kPrefix);
                 return -1;
             }
-            if (decodeHeader(answer).code != code::kOk) {
+            if (protocol::decodeHeader(answer).code != protocol::code::kOk) {
                 ulog("%sProtocol error (Acknowledge expected)", kPrefix);
                 return -1;
             }

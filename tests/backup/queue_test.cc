@@ -150,7 +150,7 @@ TEST_F(QueueTest, RingWrapsAndTheProducerAdaptsItsSleep) {
     EXPECT_LE(producerSleepMs(), 9);
     EXPECT_EQ(queuedCount(), 5);
     // The slot's header is cleared for the next packet.
-    for (size_t i = 0; i < transport::kHeaderSize; ++i) EXPECT_EQ(inSlot()[i], 0);
+    for (size_t i = 0; i < protocol::kHeaderSize; ++i) EXPECT_EQ(inSlot()[i], 0);
     ReleaseIPC();
 }
 

@@ -55,9 +55,9 @@ protected:
         std::vector<Packet> out;
         while (queuedCount() != 0) {
             const uint8_t* slot = outSlot();
-            transport::HeaderBytes h;
+            protocol::HeaderBytes h;
             std::copy(slot, slot + 8, h.begin());
-            transport::PacketHeader header = transport::decodeHeader(h);
+            protocol::PacketHeader header = protocol::decodeHeader(h);
             out.push_back({header.code, header.version, std::vector<uint8_t>(slot + 8, slot + 8 + header.length)});
             countdown();
         }

@@ -23,7 +23,6 @@
 namespace tavik::compare {
 namespace {
 
-namespace command = restore::command;
 using Bytes = std::vector<uint8_t>;
 using testing::Packet;
 
@@ -80,12 +79,12 @@ protected:
 TEST_F(CompareStream, OverlongNamesAreAnsweredAsObjectsThatCannotBeExamined) {
     makeFile("f", "data");
     testing::Run r = compare({
-        {command::kOpenFile, longNameRecord(1024)}, {command::kMof, Bytes(2048, 'x')}, {command::kEndf, Bytes(10, 'x')},
-        {command::kMkdir, longNameRecord(4000)},
-        {command::kOpenFile, longNameRecord(1023)}, {command::kEndf},  // fits the buffer; too long for the system
-        {command::kOpenFile, record("f")}, {command::kEndf, {'d', 'a', 't', 'a'}},  // the stream goes on
-        {command::kEndf},  // no file to end: nothing is compared
-        {command::kEnd},
+        {protocol::code::kOpenFile, longNameRecord(1024)}, {protocol::code::kMof, Bytes(2048, 'x')}, {protocol::code::kEndf, Bytes(10, 'x')},
+        {protocol::code::kMkdir, longNameRecord(4000)},
+        {protocol::code::kOpenFile, longNameRecord(1023)}, {protocol::code::kEndf},  // fits the buffer; too long for the system
+        {protocol::code::kOpenFile, record("f")}, {protocol::code::kEndf, {'d', 'a', 't', 'a'}},  // the stream goes on
+        {protocol::code::kEndf},  // no file to end: nothing is compared
+        {protocol::code::kEnd},
     });
     EXPECT_EQ(r.result, 0);
     EXPECT_EQ(r.codes(), (std::vector<int>{0xD2, 0, 0xD3, 0xD2, 0, 0, 0, 0, 3}));
@@ -104,10 +103,10 @@ TEST_F(CompareStream, OversizedPacketsEndTheJobWithCode100) {
         std::vector<int> codes;
     } rows[] = {
         {"a data payload larger than one packet may carry",
-         {{command::kOpenFile, record("f")}, {command::kMof, Bytes(2049, 'a')}, {command::kEnd}}, 0, {0, 100}},
+         {{protocol::code::kOpenFile, record("f")}, {protocol::code::kMof, Bytes(2049, 'a')}, {protocol::code::kEnd}}, 0, {0, 100}},
         {"a record larger than the record area",
-         {{command::kOpenFile, longNameRecord(60000)}, {command::kEnd}}, 0, {100}},
-        {"a stream that stops in a header", {{command::kOpenFile, record("f")}}, 3, {0, 100}},
+         {{protocol::code::kOpenFile, longNameRecord(60000)}, {protocol::code::kEnd}}, 0, {100}},
+        {"a stream that stops in a header", {{protocol::code::kOpenFile, record("f")}}, 3, {0, 100}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
@@ -131,7 +130,7 @@ TEST_F(CompareStream, LargeFilesCompareByTheLow32BitsOfTheirSize) {
     EXPECT_EQ(wire::loadLe32(&same[restore::kRecSize]), 10u);
     Bytes other = same;
     wire::storeLe32(&other[restore::kRecSize], 11);
-    testing::Run r = compare({{command::kOpenFile, same}, {command::kOpenFile, other}, {command::kAbort}});
+    testing::Run r = compare({{protocol::code::kOpenFile, same}, {protocol::code::kOpenFile, other}, {protocol::code::kAbort}});
     EXPECT_EQ(r.result, 0);
     EXPECT_EQ(r.codes(), (std::vector<int>{0, 0xD5}));
     EXPECT_TRUE(home_.logHas("(ws_compare[OPENFILE]) File [big] size is changed (11 -> 10)"));
@@ -141,8 +140,8 @@ TEST_F(CompareStream, DeletingGroomingThatFindsNothingSendsNoReport) {
     makeFile("f", "data");
     ctx_.groomRecord.assign(24, 0);
     ctx_.groomRecord[12] = 0x04;
-    testing::Run r = compare({{command::kOpenFile, record("f")}, {command::kEndf, {'D', 'a', 't', 'a'}},  // not "data"
-                              {command::kEnd}});
+    testing::Run r = compare({{protocol::code::kOpenFile, record("f")}, {protocol::code::kEndf, {'D', 'a', 't', 'a'}},  // not "data"
+                              {protocol::code::kEnd}});
     EXPECT_EQ(r.result, 0);
     EXPECT_EQ(r.codes(), (std::vector<int>{0, 0xDA, 3}));
     EXPECT_TRUE(home_.logHas("Total 0 files were deleted"));

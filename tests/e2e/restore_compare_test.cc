@@ -29,6 +29,7 @@ using tavik::frontend::kNoAnswer;
 using tavik::restore::RestoreAttributes;
 namespace fs = std::filesystem;
 namespace restore = tavik::restore;
+namespace protocol = tavik::protocol;
 namespace frontend = tavik::frontend;
 
 constexpr uint32_t kTime = 1234567890;
@@ -288,10 +289,10 @@ TEST_F(RestoreTest, BadCommandsAreRefusedAndAbortEndsTheJob) {
     std::vector<uint8_t> record = encode(file("x"));
     record.resize(48);
     record.insert(record.end(), 1100, 'a');
-    ASSERT_TRUE(r.send(tavik::restore::command::kOpenFile, record));
+    ASSERT_TRUE(r.send(protocol::code::kOpenFile, record));
     ASSERT_TRUE(r.mof(std::vector<uint8_t>(2048, 'z')));
     EXPECT_EQ(r.endf(std::vector<uint8_t>(10, 'z')), 'j');
-    ASSERT_TRUE(r.send(tavik::restore::command::kMkdir, record));  // logged, not answered
+    ASSERT_TRUE(r.send(protocol::code::kMkdir, record));  // logged, not answered
     // Unknown commands are logged and ignored.
     ASSERT_TRUE(r.send(63));
     ASSERT_TRUE(r.send(static_cast<int8_t>(200), std::vector<uint8_t>(16, 1)));
@@ -299,12 +300,12 @@ TEST_F(RestoreTest, BadCommandsAreRefusedAndAbortEndsTheJob) {
     // UNLINK after a skipped file does not remove the file the policy kept;
     // after a restored file it removes it.
     EXPECT_EQ(r.file(file("keep"), "other"), kSkipped);
-    ASSERT_TRUE(r.send(tavik::restore::command::kUnlink));
+    ASSERT_TRUE(r.send(protocol::code::kUnlink));
     EXPECT_EQ(r.file(file("gone"), "data"), 0);
-    ASSERT_TRUE(r.send(tavik::restore::command::kUnlink));
+    ASSERT_TRUE(r.send(protocol::code::kUnlink));
     EXPECT_EQ(r.file(file("after"), "after"), 0);
     // ABORT ends the job without an answer.
-    ASSERT_TRUE(r.send(tavik::restore::command::kAbort));
+    ASSERT_TRUE(r.send(protocol::code::kAbort));
     EXPECT_TRUE(agentCloses());
     EXPECT_TRUE(daemon_.waitForLog("Received disconnect from localhost"));
     EXPECT_EQ(readFile(at("keep")), "keep me");
@@ -338,7 +339,7 @@ TEST_F(RestoreTest, BrokenStreamsEndTheJobAndAnsweredFilesStayIntact) {
         ASSERT_TRUE(r.openFile(file(name + "-old", 0100755)));  // overwrites
         for (int i = 0; i < 3; ++i) ASSERT_TRUE(r.mof(std::vector<uint8_t>(2048, 'q')));
         if (oversized) {
-            ASSERT_TRUE(r.send(tavik::restore::command::kMof, std::vector<uint8_t>(2049, 'p')));
+            ASSERT_TRUE(r.send(protocol::code::kMof, std::vector<uint8_t>(2049, 'p')));
             EXPECT_TRUE(agentCloses());
         } else {
             client_.close();
@@ -436,7 +437,7 @@ protected:
     // file in MOF packets of 2048 bytes and a shorter ENDF; then the end
     // answer (3) and the close. The work file's text.
     std::string endWithGrooming(RestoreDriver& r, const std::string& count) {
-        EXPECT_TRUE(r.send(tavik::restore::command::kEnd));
+        EXPECT_TRUE(r.send(protocol::code::kEnd));
         EXPECT_EQ(client_.readAnswer(), 14);
         std::array<uint8_t, 16> text{};
         EXPECT_TRUE(client_.recvRaw(text));
@@ -658,7 +659,7 @@ TEST_F(CompareTest, MissingObjectsSizesContentsFollowedLinksAndAbort) {
     EXPECT_EQ(compareFile(f, tapeOf("gone"), "nowhere"), (Verdicts{0xD2, 0}));
     ASSERT_TRUE(f.send(99));  // unknown: logged, no answer
     EXPECT_EQ(compareFile(f, followed, pattern(5000, 9)), (Verdicts{0, 0}));
-    ASSERT_TRUE(f.send(tavik::restore::command::kAbort));
+    ASSERT_TRUE(f.send(protocol::code::kAbort));
     EXPECT_TRUE(agentCloses());
     EXPECT_TRUE(daemon_.waitForLog("Received disconnect from localhost", 2));
     for (const char* line : {"* Symbolic links will be followed",

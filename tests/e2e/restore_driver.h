@@ -37,17 +37,17 @@ public:
     bool send(int8_t code, std::span<const uint8_t> payload = {}) {
         return client_.sendRaw(frontend::buildCommand(code, 0, payload));
     }
-    bool mkdir(const restore::RestoreAttributes& a) { return send(restore::command::kMkdir, encode(a)); }
-    bool openFile(const restore::RestoreAttributes& a) { return send(restore::command::kOpenFile, encode(a)); }
+    bool mkdir(const restore::RestoreAttributes& a) { return send(protocol::code::kMkdir, encode(a)); }
+    bool openFile(const restore::RestoreAttributes& a) { return send(protocol::code::kOpenFile, encode(a)); }
     // One MOF packet; false also when a due acknowledgement did not come.
     bool mof(std::span<const uint8_t> data) {
-        if (!send(restore::command::kMof, data)) return false;
+        if (!send(protocol::code::kMof, data)) return false;
         if (ackInterval_ == 0 || ++mofs_ % ackInterval_ != 0) return true;
         ++acks_;
         return client_.readAnswer() == 0;
     }
     // ENDF with its data; the file's status byte (0..255) or frontend::kNoAnswer.
-    int endf(std::span<const uint8_t> data = {}) { return send(restore::command::kEndf, data) ? status() : frontend::kNoAnswer; }
+    int endf(std::span<const uint8_t> data = {}) { return send(protocol::code::kEndf, data) ? status() : frontend::kNoAnswer; }
     // The data in MOF payloads of at most 2048 bytes, the rest with ENDF.
     int data(const std::string& text) {
         std::span<const uint8_t> rest = bytes(text);
@@ -59,7 +59,7 @@ public:
     int file(const restore::RestoreAttributes& a, const std::string& text = "") {
         return openFile(a) ? data(text) : frontend::kNoAnswer;
     }
-    int end() { return send(restore::command::kEnd) ? status() : frontend::kNoAnswer; }
+    int end() { return send(protocol::code::kEnd) ? status() : frontend::kNoAnswer; }
     int status() {
         int answer = client_.readAnswer();
         return answer == frontend::kNoAnswer ? answer : answer & 0xFF;

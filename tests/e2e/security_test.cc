@@ -24,7 +24,7 @@ using namespace tavik::test;
 using tavik::frontend::JobClient;
 using tavik::frontend::RequestFields;
 using tavik::restore::RestoreAttributes;
-namespace command = tavik::restore::command;
+namespace protocol = tavik::protocol;
 namespace fs = std::filesystem;
 
 // One job of `user` on `d`, from the request to the agent's close: of a type
@@ -71,7 +71,7 @@ protected:
     }
     int send(int8_t code, std::span<const uint8_t> payload = {}) {
         if (!client_.sendRaw(tavik::frontend::buildCommand(code, 0, payload))) return tavik::frontend::kNoAnswer;
-        return code == command::kEnd ? tavik::frontend::kNoAnswer : client_.readAnswer();
+        return code == protocol::code::kEnd ? tavik::frontend::kNoAnswer : client_.readAnswer();
     }
     // OPENFILE with what the disk says of `rel` now, then its data: both
     // answers (0 and 0 when identical).
@@ -83,13 +83,13 @@ protected:
             .nlink = uint32_t(st.st_nlink), .uid = st.st_uid, .gid = st.st_gid, .atime = wireTime(st.st_atime),
             .mtime = wireTime(st.st_mtime), .size = wireSize(st.st_size), .name = rel};
         std::string data = readFile(at(rel));
-        int open = send(command::kOpenFile, tavik::restore::encodeRestoreAttributes(a));
-        return {open, send(command::kEndf, {reinterpret_cast<const uint8_t*>(data.data()), data.size()})};
+        int open = send(protocol::code::kOpenFile, tavik::restore::encodeRestoreAttributes(a));
+        return {open, send(protocol::code::kEndf, {reinterpret_cast<const uint8_t*>(data.data()), data.size()})};
     }
     // END: with files groomed, code 14, the 16-byte count and the work file
     // (MOF packets and an ENDF), then 3. The count and the work file.
     std::pair<std::string, std::string> end() {
-        EXPECT_TRUE(client_.sendRaw(tavik::frontend::buildCommand(command::kEnd, 0, {})));
+        EXPECT_TRUE(client_.sendRaw(tavik::frontend::buildCommand(protocol::code::kEnd, 0, {})));
         std::pair<std::string, std::string> report;
         int answer = client_.readAnswer();
         if (answer == 14) {
@@ -138,7 +138,7 @@ TEST_F(SecurityTest, RestoreByALoginThatIsNotTrustedRunsAsThatLogin) {
     for (const auto& row : rows) EXPECT_EQ(r.file(row.record, "#!/bin/sh\n"), row.status) << row.what;
     // A directory over root's file, then UNLINK of that name.
     ASSERT_TRUE(r.mkdir(restoreAttrs(scratch_.path("victim"), 040755)));
-    ASSERT_TRUE(r.send(tavik::restore::command::kUnlink));
+    ASSERT_TRUE(r.send(protocol::code::kUnlink));
     EXPECT_EQ(r.end(), 3);
 
     EXPECT_EQ(statOf(scratch_.path("rootonly/sh")).st_mode, 0u);

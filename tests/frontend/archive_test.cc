@@ -24,7 +24,8 @@ using tavik::test::StreamBuilder;
 using tavik::test::archiveBytes;
 using tavik::test::archiveOf;
 using tavik::test::archiveVerifies;
-namespace code = tavik::transport::code;
+namespace code = tavik::protocol::code;
+namespace protocol = tavik::protocol;
 
 StreamBuilder sampleStream() {
     StreamBuilder s;
@@ -130,8 +131,8 @@ TEST(ArchiveRoundTrip, WriterOutputReadsBackPacketForPacket) {
     ArchiveReader::Next n;
     while ((n = reader.next(p)) == ArchiveReader::Next::kPacket) {
         ASSERT_LT(i, s.packets().size());
-        std::vector<uint8_t> got(tavik::transport::kHeaderSize + p.payload.size());
-        tavik::transport::HeaderBytes hb = tavik::transport::encodeHeader(p.header);
+        std::vector<uint8_t> got(protocol::kHeaderSize + p.payload.size());
+        protocol::HeaderBytes hb = protocol::encodeHeader(p.header);
         std::copy(hb.begin(), hb.end(), got.begin());
         std::copy(p.payload.begin(), p.payload.end(), got.begin() + 8);
         EXPECT_EQ(got, s.packets()[i]) << "packet " << i;

@@ -27,7 +27,7 @@ using namespace tavik::frontend;
 using tavik::platform::UniqueFd;
 using tavik::test::archiveVerifies;
 using tavik::test::StreamBuilder;
-namespace code = tavik::transport::code;
+namespace code = tavik::protocol::code;
 
 UniqueFd listenLoopback(uint16_t& port) {
     port = 0;

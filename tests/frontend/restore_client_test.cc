@@ -22,7 +22,8 @@ namespace {
 using namespace tavik::frontend;
 using tavik::test::archiveOf;
 using tavik::test::StreamBuilder;
-namespace cmd = tavik::restore::command;
+namespace cmd = tavik::protocol::code;
+namespace protocol = tavik::protocol;
 
 TEST(RestoreSelection, PathsRelativeOrUnderTheSourceSelectTheirSubtrees) {
     RestoreSelection s;
@@ -212,8 +213,8 @@ TEST(RestoreReplay, EntriesBecomeCommandsWithFullNamesAndStatusesAreMatchedInOrd
 TEST(RestoreReplay, UnreadableDataIsRemovedAgainAndMissingEntriesAreNamed) {
     StreamBuilder b;
     b.source().header("partial", 0, 0100644, 5000).packet(7, std::vector<uint8_t>(2048, 'p'));
-    b.status(tavik::transport::code::kReadErr);
-    b.status(tavik::transport::code::kNoFile, "gone", true).dir("skip").file("x", "x").endDir().end();
+    b.status(protocol::code::kReadErr);
+    b.status(protocol::code::kNoFile, "gone", true).dir("skip").file("x", "x").endDir().end();
     std::vector<uint8_t> archive = archiveOf(b);
 
     FakeAgent agent({0});

@@ -7,12 +7,12 @@ namespace tavik::test {
 
 StreamBuilder& StreamBuilder::packet(int8_t code, const std::vector<uint8_t>& payload, uint16_t value,
                                      uint8_t version) {
-    transport::PacketHeader h;
+    protocol::PacketHeader h;
     h.code = code;
     h.value = value;
     h.version = version;
     h.length = uint16_t(payload.size());
-    transport::HeaderBytes hb = transport::encodeHeader(h);
+    protocol::HeaderBytes hb = protocol::encodeHeader(h);
     std::vector<uint8_t> p(hb.begin(), hb.end());
     p.insert(p.end(), payload.begin(), payload.end());
     bytes_.insert(bytes_.end(), p.begin(), p.end());
@@ -33,17 +33,17 @@ StreamBuilder& StreamBuilder::header(const std::string& name, uint8_t kind, uint
     std::vector<uint8_t> record(backup::kMaxAttrRecord);
     size_t n = backup::encodeBackupAttributes(a, record);
     record.resize(n);
-    return packet(transport::code::kFileHeader, record);
+    return packet(protocol::code::kFileHeader, record);
 }
 
 StreamBuilder& StreamBuilder::file(const std::string& name, const std::string& data, size_t chunk) {
     header(name, 0, 0100644, uint32_t(data.size()));
     size_t at = 0;
     while (data.size() - at >= chunk) {
-        packet(transport::code::kMof, std::vector<uint8_t>(data.begin() + long(at), data.begin() + long(at + chunk)));
+        packet(protocol::code::kMof, std::vector<uint8_t>(data.begin() + long(at), data.begin() + long(at + chunk)));
         at += chunk;
     }
-    return packet(transport::code::kEndf, std::vector<uint8_t>(data.begin() + long(at), data.end()));
+    return packet(protocol::code::kEndf, std::vector<uint8_t>(data.begin() + long(at), data.end()));
 }
 
 StreamBuilder& StreamBuilder::status(int8_t code, const std::string& text, bool withText) {

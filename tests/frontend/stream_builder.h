@@ -21,8 +21,8 @@ public:
     // A regular file with `data`, in MOF/ENDF chunks of `chunk` bytes.
     StreamBuilder& file(const std::string& name, const std::string& data, size_t chunk = 2048);
     StreamBuilder& status(int8_t code, const std::string& text = "", bool withText = false);
-    StreamBuilder& endDir() { return status(transport::code::kEndDir); }
-    StreamBuilder& end() { return status(transport::code::kEnd); }
+    StreamBuilder& endDir() { return status(protocol::code::kEndDir); }
+    StreamBuilder& end() { return status(protocol::code::kEnd); }
 
     const std::vector<uint8_t>& bytes() const { return bytes_; }
     // Each packet's bytes, in order.

@@ -29,7 +29,7 @@ struct Packet {
 inline std::vector<uint8_t> streamOf(const std::vector<Packet>& packets) {
     std::vector<uint8_t> out;
     for (const Packet& p : packets) {
-        transport::HeaderBytes h = transport::encodeHeader(
+        protocol::HeaderBytes h = protocol::encodeHeader(
             {.code = static_cast<int8_t>(p.code), .length = static_cast<uint16_t>(p.data.size())});
         out.insert(out.end(), h.begin(), h.end());
         out.insert(out.end(), p.data.begin(), p.data.end());
@@ -40,11 +40,11 @@ inline std::vector<uint8_t> streamOf(const std::vector<Packet>& packets) {
 // Whole headers; a payload cut short by the end keeps what there is.
 inline std::vector<Packet> packetsOf(const std::vector<uint8_t>& bytes) {
     std::vector<Packet> out;
-    for (size_t at = 0; bytes.size() - at >= transport::kHeaderSize;) {
-        transport::HeaderBytes h{};
+    for (size_t at = 0; bytes.size() - at >= protocol::kHeaderSize;) {
+        protocol::HeaderBytes h{};
         std::copy_n(bytes.begin() + static_cast<long>(at), h.size(), h.begin());
-        transport::PacketHeader header = transport::decodeHeader(h);
-        at += transport::kHeaderSize;
+        protocol::PacketHeader header = protocol::decodeHeader(h);
+        at += protocol::kHeaderSize;
         size_t end = at + std::min<size_t>(header.length, bytes.size() - at);
         out.emplace_back(static_cast<uint8_t>(header.code), std::vector<uint8_t>(&bytes[0] + at, &bytes[0] + end));
         at = end;

@@ -44,9 +44,9 @@ TEST(RestoreStreamEncoder, DataIsCutInto2048BytePayloadsWithTheRestInEndf) {
             ASSERT_TRUE(e.enc.endFile());
             std::vector<testing::Packet> packets = e.packets();
             ASSERT_EQ(packets.size(), pieces.size() + 1) << size;
-            EXPECT_EQ(packets[0].code, restore::command::kOpenFile);
+            EXPECT_EQ(packets[0].code, protocol::code::kOpenFile);
             for (size_t i = 0; i < pieces.size(); ++i) {
-                const int code = i + 1 < pieces.size() ? restore::command::kMof : restore::command::kEndf;
+                const int code = i + 1 < pieces.size() ? protocol::code::kMof : protocol::code::kEndf;
                 EXPECT_EQ(packets[i + 1].code, code);
                 EXPECT_EQ(packets[i + 1].data.size(), pieces[i]) << size << " piece " << i;
             }
@@ -64,8 +64,8 @@ TEST(RestoreStreamEncoder, TheRecordIsTranslatedWithTheFullName) {
     ASSERT_TRUE(e.enc.end());
     std::vector<testing::Packet> packets = e.packets();
     ASSERT_EQ(packets.size(), 4u);
-    EXPECT_EQ(packets[0].code, restore::command::kMkdir);
-    EXPECT_EQ(packets[3].code, restore::command::kEnd);
+    EXPECT_EQ(packets[0].code, protocol::code::kMkdir);
+    EXPECT_EQ(packets[3].code, protocol::code::kEnd);
     EXPECT_TRUE(packets[3].data.empty());
     restore::RestoreAttributes r;
     ASSERT_EQ(restore::decodeRestoreAttributes(packets[0].data, r), restore::RecordError::None);

@@ -59,12 +59,12 @@ protected:
 
 TEST_F(StreamTest, ALoginsRestoreRefusesSpecialFilesAndReportsOwnersItCannotSet) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to run the restore as another user";
-    testing::Run r = restore({{command::kOpenFile, record("fifo", 010644, kNobody)}, {command::kEndf},
-                              {command::kOpenFile, record("dev", 020644, kNobody)}, {command::kMof, Bytes(100, 'z')},
-                              {command::kEndf},
-                              {command::kOpenFile, record("roots", 0100640, 0)}, {command::kEndf, Bytes(10, 'r')},
-                              {command::kOpenFile, record("mine", 0104750, kNobody)}, {command::kEndf, Bytes(10, 'm')},
-                              {command::kEnd}},
+    testing::Run r = restore({{protocol::code::kOpenFile, record("fifo", 010644, kNobody)}, {protocol::code::kEndf},
+                              {protocol::code::kOpenFile, record("dev", 020644, kNobody)}, {protocol::code::kMof, Bytes(100, 'z')},
+                              {protocol::code::kEndf},
+                              {protocol::code::kOpenFile, record("roots", 0100640, 0)}, {protocol::code::kEndf, Bytes(10, 'r')},
+                              {protocol::code::kOpenFile, record("mine", 0104750, kNobody)}, {protocol::code::kEndf, Bytes(10, 'm')},
+                              {protocol::code::kEnd}},
                              kNobody);
     EXPECT_EQ(r.result, 0);
     EXPECT_EQ(r.codes(), (std::vector<int>{'p', 'p', 'k', 0, 3}));
@@ -93,13 +93,13 @@ TEST_F(StreamTest, AcknowledgesEveryMofAndAnswersLinksAndDevicesItCannotMake) {
     RestoreAttributes dev = attrs(at("nodriver"), 020600, 0);
     dev.rdev = 240u << 18;  // major 240: reserved for local use, no driver here
     dev.size = 10;
-    testing::Run r = restore({{command::kOpenFile, encodeRestoreAttributes(first)}, {command::kEndf, {'1'}},
-                              {command::kUnlink},  // the first name goes again
-                              {command::kOpenFile, encodeRestoreAttributes(second)}, {command::kEndf, {'2'}},
-                              {command::kOpenFile, encodeRestoreAttributes(dev)}, {command::kEndf, Bytes(10, 'r')},
-                              {command::kOpenFile, record("f", 0100600)}, {command::kMof, Bytes(2048, 'a')},
-                              {command::kMof, Bytes(2048, 'b')}, {command::kEndf, Bytes(5, 'e')},
-                              {command::kEnd}});
+    testing::Run r = restore({{protocol::code::kOpenFile, encodeRestoreAttributes(first)}, {protocol::code::kEndf, {'1'}},
+                              {protocol::code::kUnlink},  // the first name goes again
+                              {protocol::code::kOpenFile, encodeRestoreAttributes(second)}, {protocol::code::kEndf, {'2'}},
+                              {protocol::code::kOpenFile, encodeRestoreAttributes(dev)}, {protocol::code::kEndf, Bytes(10, 'r')},
+                              {protocol::code::kOpenFile, record("f", 0100600)}, {protocol::code::kMof, Bytes(2048, 'a')},
+                              {protocol::code::kMof, Bytes(2048, 'b')}, {protocol::code::kEndf, Bytes(5, 'e')},
+                              {protocol::code::kEnd}});
     EXPECT_EQ(r.result, 0);
     EXPECT_EQ(r.codes(), (std::vector<int>{0, 'o', 'x', 0, 0, 0, 3}));
     struct stat st {};
@@ -117,10 +117,10 @@ TEST_F(StreamTest, BrokenStreamsEndTheJobWith100) {
         const char* what;
         std::vector<testing::Packet> stream;
     } rows[] = {
-        {"the connection ends without END", {{command::kOpenFile, record("g", 0100600, geteuid())}}},
-        {"a record larger than any name could make it", {{command::kOpenFile, Bytes(48 + 4097, 'a')}}},
+        {"the connection ends without END", {{protocol::code::kOpenFile, record("g", 0100600, geteuid())}}},
+        {"a record larger than any name could make it", {{protocol::code::kOpenFile, Bytes(48 + 4097, 'a')}}},
         {"a data payload above 2048 bytes",
-         {{command::kOpenFile, record("h", 0100600, geteuid())}, {command::kEndf, Bytes(2049, 'x')}, {command::kEnd}}},
+         {{protocol::code::kOpenFile, record("h", 0100600, geteuid())}, {protocol::code::kEndf, Bytes(2049, 'x')}, {protocol::code::kEnd}}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);

@@ -38,10 +38,10 @@ void writeAll(int fd, const std::vector<uint8_t>& bytes) {
 }
 
 std::vector<uint8_t> packetBytes(int8_t c, std::vector<uint8_t> payload) {
-    PacketHeader h;
+    protocol::PacketHeader h;
     h.code = c;
     h.length = static_cast<uint16_t>(payload.size());
-    HeaderBytes b = encodeHeader(h);
+    protocol::HeaderBytes b = protocol::encodeHeader(h);
     payload.insert(payload.begin(), b.begin(), b.end());
     return payload;
 }
@@ -53,16 +53,16 @@ std::array<uint8_t, 8> readHeader(int fd) {
 }
 
 TEST_F(PacketTest, HeaderGoldenBytesAndRoundTrip) {
-    PacketHeader h{0xC0, 0, code::kReady, 52, 0x1234, 0xABCD};
-    HeaderBytes b = encodeHeader(h);
-    EXPECT_EQ(b, (HeaderBytes{0xC0, 0x00, 0x04, 0x34, 0x34, 0x12, 0xCD, 0xAB}));
-    PacketHeader back = decodeHeader(b);
+    protocol::PacketHeader h{0xC0, 0, protocol::code::kReady, 52, 0x1234, 0xABCD};
+    protocol::HeaderBytes b = protocol::encodeHeader(h);
+    EXPECT_EQ(b, (protocol::HeaderBytes{0xC0, 0x00, 0x04, 0x34, 0x34, 0x12, 0xCD, 0xAB}));
+    protocol::PacketHeader back = protocol::decodeHeader(b);
     EXPECT_EQ(back.flags, 0xC0);
     EXPECT_EQ(back.code, 4);
     EXPECT_EQ(back.version, 52);
     EXPECT_EQ(back.value, 0x1234);
     EXPECT_EQ(back.length, 0xABCD);
-    EXPECT_EQ(decodeHeader(HeaderBytes{0, 0, 200, 0, 0, 0, 0, 0}).code, -56);
+    EXPECT_EQ(protocol::decodeHeader(protocol::HeaderBytes{0, 0, 200, 0, 0, 0, 0, 0}).code, -56);
 }
 
 TEST_F(PacketTest, WholeBufferTransfersAndZeroLengths) {
@@ -147,15 +147,15 @@ TEST_F(PacketTest, TimeOutCountsAndStopsAtItsLimit) {
 
 TEST_F(PacketTest, ReadyCarriesAckIntervalAndVersionByServer) {
     SocketPair sp;
-    ASSERT_EQ(syncSendCode(sp.agent, code::kReady, ReadyInfo{7, 49}), 0);
+    ASSERT_EQ(syncSendCode(sp.agent, protocol::code::kReady, ReadyInfo{7, 49}), 0);
     EXPECT_EQ(readHeader(sp.server), (std::array<uint8_t, 8>{0, 0, 4, 5, 7, 0, 0, 0}));
-    ASSERT_EQ(syncSendCode(sp.agent, code::kReady, ReadyInfo{0, 52}), 0);
+    ASSERT_EQ(syncSendCode(sp.agent, protocol::code::kReady, ReadyInfo{0, 52}), 0);
     EXPECT_EQ(readHeader(sp.server), (std::array<uint8_t, 8>{0, 0, 4, 52, 0, 0, 0, 0}));
-    ASSERT_EQ(syncSendCode(sp.agent, code::kNotAbsolute, ReadyInfo{7, 52}), 0);
+    ASSERT_EQ(syncSendCode(sp.agent, protocol::code::kNotAbsolute, ReadyInfo{7, 52}), 0);
     EXPECT_EQ(readHeader(sp.server), (std::array<uint8_t, 8>{0, 0, 116, 0, 0, 0, 0, 0}));
 
     sp.closeServer();
-    EXPECT_EQ(syncSendCode(sp.agent, code::kLoginFailed), kFailed);
+    EXPECT_EQ(syncSendCode(sp.agent, protocol::code::kLoginFailed), kFailed);
     EXPECT_TRUE(home_.logHas("(sync_send_code) Send command [0x71] failed"));
     EXPECT_TRUE(home_.logHas("(blockSend) Failed in send(), "));
 }
@@ -252,12 +252,12 @@ TEST_F(PacketTest, ReadAheadServesManyPacketsFromOneReceiveAndFailsLikeBlockRecv
     SocketPair sp;
     std::vector<uint8_t> stream;
     for (int i = 0; i < 20; ++i) {
-        auto p = packetBytes(code::kMof, std::vector<uint8_t>(2048, static_cast<uint8_t>(i)));
+        auto p = packetBytes(protocol::code::kMof, std::vector<uint8_t>(2048, static_cast<uint8_t>(i)));
         stream.insert(stream.end(), p.begin(), p.end());
     }
-    auto rec = packetBytes(code::kOpenFile, {1, 2, 3});
+    auto rec = packetBytes(protocol::code::kOpenFile, {1, 2, 3});
     stream.insert(stream.end(), rec.begin(), rec.end());
-    auto cut = packetBytes(code::kEndf, std::vector<uint8_t>(100, 7));
+    auto cut = packetBytes(protocol::code::kEndf, std::vector<uint8_t>(100, 7));
     cut.resize(50);  // the connection ends inside this packet
     stream.insert(stream.end(), cut.begin(), cut.end());
     writeAll(sp.server, stream);
@@ -270,14 +270,14 @@ TEST_F(PacketTest, ReadAheadServesManyPacketsFromOneReceiveAndFailsLikeBlockRecv
         FileDataBuffer data{area, 0};
         int8_t c = 0;
         ASSERT_EQ(GetReply(sp.agent, c, record, &data, ahead), 0) << i;
-        EXPECT_EQ(c, code::kMof);
+        EXPECT_EQ(c, protocol::code::kMof);
         EXPECT_EQ(data.fill, 2048u);
         EXPECT_EQ(area[2047], static_cast<uint8_t>(i));
     }
     int8_t c = 0;
     FileDataBuffer data{area, 0};
     ASSERT_EQ(GetReply(sp.agent, c, record, &data, ahead), 0);
-    EXPECT_EQ(c, code::kOpenFile);
+    EXPECT_EQ(c, protocol::code::kOpenFile);
     EXPECT_EQ(record[2], 3);
     EXPECT_EQ(data.fill, 0u);
     EXPECT_EQ(GetReply(sp.agent, c, record, &data, ahead), kFailed);
@@ -288,8 +288,8 @@ TEST_F(PacketTest, ReadAheadServesManyPacketsFromOneReceiveAndFailsLikeBlockRecv
 TEST_F(PacketTest, ReadAheadReadsNoFurtherThanOnePacketUnderAReceiveDeadline) {
     setReceiveDeadline(120);
     SocketPair sp;
-    auto first = packetBytes(code::kMkdir, {4, 5});
-    auto second = packetBytes(code::kEnd, {});
+    auto first = packetBytes(protocol::code::kMkdir, {4, 5});
+    auto second = packetBytes(protocol::code::kEnd, {});
     std::vector<uint8_t> both = first;
     both.insert(both.end(), second.begin(), second.end());
     writeAll(sp.server, both);
@@ -297,10 +297,10 @@ TEST_F(PacketTest, ReadAheadReadsNoFurtherThanOnePacketUnderAReceiveDeadline) {
     std::array<uint8_t, 16> record{};
     int8_t c = 0;
     ASSERT_EQ(GetReply(sp.agent, c, record, nullptr, ahead), 0);
-    EXPECT_EQ(c, code::kMkdir);
+    EXPECT_EQ(c, protocol::code::kMkdir);
     EXPECT_EQ(ahead.end, 0u);
     // The second packet is still in the socket.
-    EXPECT_EQ(readHeader(sp.agent)[2], code::kEnd);
+    EXPECT_EQ(readHeader(sp.agent)[2], protocol::code::kEnd);
 }
 
 }  // namespace

@@ -40,10 +40,10 @@ int release(uint16_t n) {
 }
 
 std::vector<uint8_t> packet(int8_t packetCode, size_t length, size_t seed) {
-    PacketHeader h;
+    protocol::PacketHeader h;
     h.code = packetCode;
     h.length = uint16_t(length);
-    HeaderBytes bytes = encodeHeader(h);
+    protocol::HeaderBytes bytes = protocol::encodeHeader(h);
     std::vector<uint8_t> out(bytes.begin(), bytes.end());
     for (size_t i = 0; i < length; ++i) out.push_back(uint8_t(seed * 31 + i * 7));
     return out;
@@ -56,11 +56,11 @@ TEST(SenderTest, PartialVectoredSendsKeepTheStreamAndStopBeforeEachAcknowledgeme
     gSlots.clear();
     gReleased = 0;
     for (size_t f = 0; f < 30; ++f) {
-        gSlots.push_back(packet(code::kFileHeader, 60, f));
-        for (size_t c = 0; c < 8; ++c) gSlots.push_back(packet(code::kMof, 2048, f * 10 + c));
-        gSlots.push_back(packet(code::kEndf, 100 + f, f));
+        gSlots.push_back(packet(protocol::code::kFileHeader, 60, f));
+        for (size_t c = 0; c < 8; ++c) gSlots.push_back(packet(protocol::code::kMof, 2048, f * 10 + c));
+        gSlots.push_back(packet(protocol::code::kEndf, 100 + f, f));
     }
-    gSlots.push_back(packet(code::kEnd, 0, 0));
+    gSlots.push_back(packet(protocol::code::kEnd, 0, 0));
     constexpr uint16_t kAckInterval = 7;
 
     SocketPair sp;
@@ -81,12 +81,12 @@ TEST(SenderTest, PartialVectoredSendsKeepTheStreamAndStopBeforeEachAcknowledgeme
         std::vector<uint8_t> got(want.size());
         ASSERT_EQ(::recv(sp.server, got.data(), got.size(), MSG_WAITALL), ssize_t(got.size())) << "packet " << i;
         ASSERT_EQ(got, want) << "packet " << i;
-        if (want[2] == uint8_t(code::kEnd)) break;
+        if (want[2] == uint8_t(protocol::code::kEnd)) break;
         if (++counted % kAckInterval != 0) continue;
         // Nothing more until the acknowledgement.
         pollfd p{sp.server, POLLIN, 0};
         EXPECT_EQ(::poll(&p, 1, 30), 0) << "data after packet " << i;
-        HeaderBytes ok = encodeHeader(PacketHeader{});
+        protocol::HeaderBytes ok = protocol::encodeHeader(protocol::PacketHeader{});
         ASSERT_EQ(::send(sp.server, ok.data(), ok.size(), 0), ssize_t(ok.size()));
     }
     pollfd p{sp.server, POLLIN, 0};
