@@ -66,7 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     (void)once;
     if (size < 2) return 0;
     JobContext ctx = fuzz::streamJob(data[1]);
-    ctx.jobOptions[options_layout::kFlagsAt] = data[0];
+    ctx.jobOptions[protocol::options_layout::kFlagsAt] = data[0];
     settings().checkLocks = (data[1] & 0x10) != 0;
     fuzz::serveStream(fuzz::reframe({data + 2, size - 2}, confine), [&ctx](int socket) {
         // The job works in its root; the fuzzer's own directory is put back after.

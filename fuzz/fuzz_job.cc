@@ -49,7 +49,7 @@ const std::string& root() {
 // How many bytes GetRequest takes of a request whose header says `length`.
 size_t requestBytes(uint16_t length) {
     if (length == 0) return protocol::kHeaderSize;
-    return protocol::kHeaderSize + (length > request_layout::kSize ? length : request_layout::kSize);
+    return protocol::kHeaderSize + (length > protocol::request_layout::kSize ? length : protocol::request_layout::kSize);
 }
 
 }  // namespace
@@ -71,13 +71,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (taken > size) return 0;
     Channel request{std::span<const uint8_t>(data, taken)};
     if (GetRequest(request, ctx) != 0) return 0;
-    uint8_t& opMode = ctx.request.raw[request_layout::kOpModeAt];
-    if (opMode == kOpBackup) opMode = 7;
+    uint8_t& opMode = ctx.request.raw[protocol::request_layout::kOpModeAt];
+    if (opMode == protocol::kOpBackup) opMode = 7;
     ctx.jobRoot = root();
 
     std::span<const uint8_t> rest(data + taken, size - taken);
     std::vector<uint8_t> stream(rest.begin(), rest.end());
-    if (opMode == kOpRestore || opMode == kOpCompare) {
+    if (opMode == protocol::kOpRestore || opMode == protocol::kOpCompare) {
         stream = fuzz::reframe(rest, [](restore::RestoreAttributes& a) { fuzz::reroot(root(), a); });
     }
     int fds[2];

@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     tavik::prepareForConnection(ctx);
     tavik::Channel channel{std::span<const uint8_t>(data, size)};
     if (tavik::GetRequest(channel, ctx) != 0) return 0;
-    if (ctx.request.opMode() == tavik::kOpBackup && tavik::GetPattern(channel, ctx) != 0) return 0;
+    if (ctx.request.opMode() == tavik::protocol::kOpBackup && tavik::GetPattern(channel, ctx) != 0) return 0;
     (void)tavik::GetCommands(channel, ctx);
     return 0;
 }

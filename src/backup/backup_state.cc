@@ -35,8 +35,8 @@ BackupState& backupState() {
     return *state;
 }
 
-filter::OldSelection decodeOldSelection(const JobRequest& request) {
-    namespace L = request_layout;
+filter::OldSelection decodeOldSelection(const protocol::JobRequest& request) {
+    namespace L = protocol::request_layout;
     const uint8_t* raw = request.raw.data();
     filter::OldSelection sel;
     auto text = [](const uint8_t* at) {

@@ -21,7 +21,7 @@
 #include "platform/file_identity.h"
 #include "platform/wire_stat.h"
 
-namespace tavik {
+namespace tavik::protocol {
 struct JobRequest;
 }
 
@@ -89,6 +89,6 @@ struct BackupState {
 BackupState& backupState();
 
 // The request's older selection (file and directory lists, date test).
-filter::OldSelection decodeOldSelection(const JobRequest& request);
+filter::OldSelection decodeOldSelection(const protocol::JobRequest& request);
 
 }  // namespace tavik::backup

@@ -51,7 +51,7 @@ bool queueNotFull() { return queuedCount() < queueCapacity(); }
     source.slotAhead = slotAfterOut;
     source.release = [](uint16_t n) { return countdown(n); };
     transport::SenderOptions options;
-    options.renewalPermitted = (job().optionFlags() & options_layout::kReconnect) != 0;
+    options.renewalPermitted = (job().optionFlags() & protocol::options_layout::kReconnect) != 0;
     options.ackInterval = job().ackInterval;
     int r = transport::SendDaemon(jobSocket, source, options);
     std::_Exit(r != 0 ? 255 : 0);
@@ -127,7 +127,7 @@ int startbackup(int jobSocket, const std::string& sourcePath) {
     JobContext& ctx = job();
     b.sourceLength = sourcePath.size();
     b.restartFound = false;
-    b.watchdog = (ctx.optionFlags() & options_layout::kWatchDog) != 0;
+    b.watchdog = (ctx.optionFlags() & protocol::options_layout::kWatchDog) != 0;
     b.grooming = !ctx.groomRecord.empty();
     b.oldSelection = decodeOldSelection(ctx.request);
 

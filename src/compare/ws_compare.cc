@@ -58,9 +58,9 @@ public:
           verbose_(settings().verbose),
           followLinks_(settings().followLinks),
           checkLocks_(settings().checkLocks),
-          detailed_((ctx.optionFlags() & options_layout::kDetailedVerdicts) != 0),
+          detailed_((ctx.optionFlags() & protocol::options_layout::kDetailedVerdicts) != 0),
           resetAccessTime_(settings().resetAccessTime &&
-                           (ctx.optionFlags() & options_layout::kNoAccessReset) == 0) {
+                           (ctx.optionFlags() & protocol::options_layout::kNoAccessReset) == 0) {
         rootFits_ = root_.assign(root);
     }
 

@@ -36,8 +36,8 @@ bool switchIdentity(const JobContext& ctx) {
 
 void logStartLine(const JobContext& ctx) {
     const char* format = MSG_START_COMPARE_JOB_FROM_DESTINATION;
-    if (ctx.request.opMode() == kOpBackup) format = MSG_START_BACKUP_JOB_FROM_SOURCE;
-    if (ctx.request.opMode() == kOpRestore) format = MSG_START_RESTORE_JOB_FROM_DESTINATION;
+    if (ctx.request.opMode() == protocol::kOpBackup) format = MSG_START_BACKUP_JOB_FROM_SOURCE;
+    if (ctx.request.opMode() == protocol::kOpRestore) format = MSG_START_RESTORE_JOB_FROM_DESTINATION;
     // Built first and written as text, so a "%" in the path stays as it is.
     char line[kLogBufferSize];
     std::snprintf(line, sizeof line, format, "", listener().caller(), ctx.request.loginID().c_str(),
@@ -66,7 +66,7 @@ int changeToRoot(Channel& channel, const JobContext& ctx, bool safely = false) {
 // The checks before code 4; 0 when the job may go on.
 int prepare(Channel& channel, JobContext& ctx) {
     switch (ctx.request.opMode()) {
-        case kOpBackup:
+        case protocol::kOpBackup:
             // tvk.cntl is the administrator's list: it is read, and every
             // entry resolved to the directory it names, with the agent's own
             // rights before the switch. As the login, a file the login may
@@ -92,7 +92,7 @@ int prepare(Channel& channel, JobContext& ctx) {
                 return -1;
             }
             return 0;  // a backup keeps its working directory
-        case kOpRestore: {
+        case protocol::kOpRestore: {
             // A login that is not trusted restores wholly under its own
             // identity; a trusted one's restore runs as the agent's user and
             // only the destination is made as the login.
@@ -104,7 +104,7 @@ int prepare(Channel& channel, JobContext& ctx) {
             }
             return changeToRoot(channel, ctx, true);
         }
-        case kOpCompare:
+        case protocol::kOpCompare:
             if (!identitySwitchExempt(ctx, false) && !switchIdentity(ctx)) {
                 answer(channel, ctx, protocol::code::kIdentityFailed);
                 return -1;
@@ -136,7 +136,7 @@ int serveJob(JobContext& ctx) {
     Channel channel(l.jobSocket);
     decideTrust(ctx);
 
-    if (ctx.request.opMode() == kOpBrowse) {
+    if (ctx.request.opMode() == protocol::kOpBrowse) {
         if (settings().verbose) ulogText("enter Browser()...");
         if (!identitySwitchExempt(ctx, true) && !switchIdentity(ctx)) {
             ::close(l.jobSocket);
@@ -163,7 +163,7 @@ int serveJob(JobContext& ctx) {
     transport::setReceiveTimeout(l.jobSocket, kCommandWait);
     if (channel.sendCode(protocol::code::kReady, ctx) != 0) return kJobOver;
 
-    if (ctx.request.opMode() == kOpBackup && GetPattern(channel, ctx) != 0) {
+    if (ctx.request.opMode() == protocol::kOpBackup && GetPattern(channel, ctx) != 0) {
         ulog(MSG_FAILED_RECEIVE_PATTERNS_FILTER, "");
         return kJobOver;
     }
@@ -176,9 +176,9 @@ int serveJob(JobContext& ctx) {
 
     transport::setReceiveTimeout(l.jobSocket, kDataWait);
     switch (ctx.request.opMode()) {
-        case kOpBackup: return backupPhase(channel, ctx);
-        case kOpRestore: return restorePhase(channel, ctx);
-        case kOpCompare: return comparePhase(channel, ctx);
+        case protocol::kOpBackup: return backupPhase(channel, ctx);
+        case protocol::kOpRestore: return restorePhase(channel, ctx);
+        case protocol::kOpCompare: return comparePhase(channel, ctx);
         default: return kJobOver;  // the command exchange was the whole job
     }
 }

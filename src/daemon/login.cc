@@ -37,7 +37,7 @@ void hashInVain(const char* plain) {
     if (!::crypt_gensalt_rn(nullptr, 0, nullptr, 0, setting, sizeof setting)) return;
     crypt_data data{};
     ::crypt_r(plain, setting, &data);
-    wipeSecret(&data, sizeof data);
+    platform::wipeSecret(&data, sizeof data);
 }
 
 // The system's account management for `login`: PAM's account check, with
@@ -97,7 +97,7 @@ int ckpasswd(JobUser& user, const char* login, const char* plain) {
         crypt_data data{};
         const char* hashed = ::crypt_r(plain, shadow->sp_pwdp, &data);
         equal = hashed && hashed[0] != '*' && std::strcmp(hashed, shadow->sp_pwdp) == 0;
-        wipeSecret(&data, sizeof data);
+        platform::wipeSecret(&data, sizeof data);
     }
     ::endspent();
     if (!equal) {
@@ -126,11 +126,11 @@ int accountUsable(const char* login, const char* peerAddress) {
 
 int checkLogin(JobContext& ctx) {
     Listener& l = listener();
-    char plain[kPasswordSize];
-    descramblePassword(plain, ctx.request.paswd());
+    char plain[protocol::kPasswordSize];
+    protocol::descramblePassword(plain, ctx.request.paswd());
     std::string login = ctx.request.loginID();
     int r = ckpasswd(ctx.jobUser, login.c_str(), plain);
-    wipeSecret(plain, sizeof plain);
+    platform::wipeSecret(plain, sizeof plain);
     // An expired or locked account is refused like a wrong password.
     if (r == 0 && accountUsable(login.c_str(), l.peerAddress) != 0) r = -1;
     if (r == 0) return 0;

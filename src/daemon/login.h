@@ -21,7 +21,8 @@
 #include <cstdint>
 
 #include "request/job_context.h"
-#include "request/password.h"
+#include "protocol/request.h"
+#include "platform/secret.h"
 
 namespace tavik {
 

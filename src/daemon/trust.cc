@@ -71,7 +71,7 @@ void decideTrust(JobContext& ctx) {
     }
     const JobUser& user = ctx.jobUser;
     ctx.trusted = user.present && (user.uid == 0 || listedAsTrusted(paths().trustPath, user.name));
-    bool asked = ctx.serverVersion > 51 && ctx.request.noSwitchBit() && ctx.request.opMode() != kOpBrowse;
+    bool asked = ctx.serverVersion > 51 && ctx.request.noSwitchBit() && ctx.request.opMode() != protocol::kOpBrowse;
     ctx.keepIdentity = asked && ctx.trusted;
     if (asked && !ctx.trusted)
         ulog("The request to run without switching to login %s is ignored: the login is not trusted",

@@ -10,13 +10,13 @@
 #include <cerrno>
 #include <cstring>
 
+#include "protocol/request.h"
 #include "wire/bytes.h"
 
 namespace tavik::frontend {
 namespace {
 
 namespace code = protocol::code;
-constexpr uint8_t kOpBackup = 0;
 constexpr int8_t kEstimateCommand = 14;
 constexpr size_t kEstimateReplySize = 8;
 
@@ -77,7 +77,7 @@ bool openBackupJob(JobClient& client, const BackupJobSpec& job, std::string& err
         error = client.lastError();
         return false;
     }
-    RequestFields fields = loginRequest(job.login, job.source, kOpBackup);
+    RequestFields fields = loginRequest(job.login, job.source, protocol::kOpBackup);
     fields.follow = job.follow;
     fields.tpSize = uint16_t(job.filterItems.size());
     int answer = client.request(fields);

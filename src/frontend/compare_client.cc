@@ -57,15 +57,15 @@ public:
     bool open(std::string& error) {
         client_.setTimeoutMs(spec_.timeoutMs);
         if (!client_.connect(spec_.host, spec_.login.port)) return fail(error, client_.lastError());
-        RequestFields fields = loginRequest(spec_.login, spec_.root, kOpCompare);
+        RequestFields fields = loginRequest(spec_.login, spec_.root, protocol::kOpCompare);
         int answer = client_.request(fields);
         if (answer != protocol::code::kReady)
             return fail(error, answer == kNoAnswer ? client_.lastError()
                                                    : "the agent refused the compare (answer " + std::to_string(answer) + ")");
-        std::array<uint8_t, options_layout::kSize> options{};
-        wire::storeLe16(&options[options_layout::kRetryCountAt], 5);
-        wire::storeLe16(&options[options_layout::kRetryIntervalAt], 5);
-        options[options_layout::kFlagsAt] = spec_.detailed ? options_layout::kDetailedVerdicts : 0;
+        std::array<uint8_t, protocol::options_layout::kSize> options{};
+        wire::storeLe16(&options[protocol::options_layout::kRetryCountAt], 5);
+        wire::storeLe16(&options[protocol::options_layout::kRetryIntervalAt], 5);
+        options[protocol::options_layout::kFlagsAt] = spec_.detailed ? protocol::options_layout::kDetailedVerdicts : 0;
         if (client_.option(options) != protocol::code::kReady) return fail(error, "the agent refused the options");
         if (!sendGrooming(client_, spec_.groom, error)) return false;
         if (!client_.start(0)) return fail(error, client_.lastError());

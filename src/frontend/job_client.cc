@@ -11,14 +11,15 @@
 
 #include "frontend/net.h"
 #include "request/job_context.h"
-#include "request/password.h"
+#include "protocol/request.h"
+#include "platform/secret.h"
 #include "wire/bytes.h"
 
 namespace tavik::frontend {
 namespace {
 
 constexpr size_t kHeaderSize = 8;
-constexpr size_t kRecordRootMax = request_layout::kRootWidth - 1;
+constexpr size_t kRecordRootMax = protocol::request_layout::kRootWidth - 1;
 
 }  // namespace
 
@@ -44,9 +45,9 @@ std::vector<uint8_t> buildCommand(int8_t code, uint16_t value, std::span<const u
 }
 
 std::vector<uint8_t> buildRequestPacket(const RequestFields& fields) {
-    using namespace request_layout;
+    using namespace protocol::request_layout;
     bool longRoot = fields.root.size() > kRecordRootMax;
-    if (fields.root.size() + 1 > kJobRootSize - 1) return {};
+    if (fields.root.size() + 1 > protocol::kJobRootSize - 1) return {};
     size_t length = kSize + (longRoot ? fields.root.size() + 1 : 0);
     std::vector<uint8_t> packet(kHeaderSize + length, 0);
     uint8_t versionByte = 0;
@@ -58,9 +59,9 @@ std::vector<uint8_t> buildRequestPacket(const RequestFields& fields) {
     uint8_t* r = packet.data() + kHeaderSize;
     std::memcpy(r + kRootAt, fields.root.data(), longRoot ? kRecordRootMax : fields.root.size());
     std::memcpy(r + kLoginAt, fields.login.data(), fields.login.size() < kLoginWidth ? fields.login.size() : kLoginWidth - 1);
-    std::array<uint8_t, kPasswordSize> scrambled = scramblePassword(fields.password.c_str());
+    std::array<uint8_t, protocol::kPasswordSize> scrambled = protocol::scramblePassword(fields.password.c_str());
     std::memcpy(r + kPasswordAt, scrambled.data(), scrambled.size());
-    wipeSecret(scrambled.data(), scrambled.size());
+    platform::wipeSecret(scrambled.data(), scrambled.size());
     wire::storeLe16(r + kTpSizeAt, fields.tpSize);
     r[kAcceptEaAt] = fields.acceptEA;
     r[kOpModeAt] = fields.opMode;
@@ -149,7 +150,7 @@ int JobClient::request(const RequestFields& fields) {
         return kNoAnswer;
     }
     bool ok = sendRaw(packet);
-    wipeSecret(packet.data(), packet.size());
+    platform::wipeSecret(packet.data(), packet.size());
     if (!ok) return kNoAnswer;
     return readAnswer();
 }

@@ -8,7 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "request/password.h"
+#include "protocol/request.h"
+#include "platform/secret.h"
 
 namespace tavik::frontend {
 namespace {

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "protocol/request.h"
 #include "restore/restore_record.h"
 #include "transport/packet.h"
 #include "wire/bytes.h"
@@ -15,7 +16,6 @@
 namespace tavik::frontend {
 namespace {
 
-constexpr uint8_t kOpRestore = 1;
 constexpr size_t kAnswerSize = 8;
 constexpr size_t kAnswerCodeAt = 2;
 constexpr size_t kAnswerLengthAt = 6;
@@ -86,7 +86,7 @@ bool openRestoreJob(JobClient& client, const RestoreJobSpec& job, std::string& e
         error = client.lastError();
         return false;
     }
-    RequestFields fields = loginRequest(job.login, job.destination, kOpRestore);
+    RequestFields fields = loginRequest(job.login, job.destination, protocol::kOpRestore);
     fields.conflict = job.conflict;
     int answer = client.request(fields);
     if (answer != protocol::code::kReady) {

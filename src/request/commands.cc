@@ -64,7 +64,7 @@ int diskItem(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload
 
 int option(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) {
     if (channel.sendCode(protocol::code::kReady, ctx) != 0) return kFailed;
-    ctx.jobOptions = padded<options_layout::kSize>(payload);
+    ctx.jobOptions = padded<protocol::options_layout::kSize>(payload);
     if (settings().verbose) {
         ulog("OPTION: vOpt.nRetryCount=%d, nRetryInterval=%d", ctx.retryCount(), ctx.retryInterval());
     }
@@ -188,7 +188,7 @@ int GetPattern(Channel& channel, JobContext& ctx) {
     ctx.jobOptions.fill(0);
     if (channel.recv(ctx.jobOptions.data(), ctx.jobOptions.size()) != 0) return kFailed;
     uint8_t flags = ctx.optionFlags();
-    using namespace options_layout;
+    using namespace protocol::options_layout;
     if (flags & kTraverseNfs) {
         ulogText(MSG_NFS_DIRECTORIES_TRAVERSED);
         s.skipNfs = false;

@@ -21,15 +21,15 @@ void appendf(std::string& line, const char* format, Args... args) {
     line += piece;
 }
 
-void dumpList(const char* title, const JobRequest& r, size_t countAt, size_t modeAt, size_t listAt) {
+void dumpList(const char* title, const protocol::JobRequest& r, size_t countAt, size_t modeAt, size_t listAt) {
     uint8_t count = r.raw[countAt];
     if (count == 0) return;
     ulogText(title);
     ulog("fileCount=%d %s", count, r.raw[modeAt] ? "Include" : "Exclude");
-    size_t shown = count < request_layout::kListEntries ? count : request_layout::kListEntries;
+    size_t shown = count < protocol::request_layout::kListEntries ? count : protocol::request_layout::kListEntries;
     for (size_t i = 0; i < shown; ++i) {
-        const char* at = reinterpret_cast<const char*>(r.raw.data() + listAt + i * request_layout::kListEntryWidth);
-        std::string pattern(at, strnlen(at, request_layout::kListEntryWidth));
+        const char* at = reinterpret_cast<const char*>(r.raw.data() + listAt + i * protocol::request_layout::kListEntryWidth);
+        std::string pattern(at, strnlen(at, protocol::request_layout::kListEntryWidth));
         ulog("      '%s'", pattern.c_str());
     }
 }
@@ -51,7 +51,7 @@ int GetRequest(Channel& channel, JobContext& ctx) {
     }
     protocol::PacketHeader header = protocol::decodeHeader(hb);
     if (header.length != 0) {
-        if (header.length > kMaxRequestLength) {
+        if (header.length > protocol::kMaxRequestLength) {
             ulog(MSG_FAILED_RECEIVE_DATA_PACKET, kPrefix);
             return transport::kFailed;
         }
@@ -60,8 +60,8 @@ int GetRequest(Channel& channel, JobContext& ctx) {
             return transport::kFailed;
         }
         ctx.jobRoot.clear();
-        if (header.length > request_layout::kSize) {
-            std::vector<uint8_t> root(header.length - request_layout::kSize);
+        if (header.length > protocol::request_layout::kSize) {
+            std::vector<uint8_t> root(header.length - protocol::request_layout::kSize);
             if (channel.recv(root.data(), root.size()) != 0) {
                 ulog(MSG_FAILED_RECEIVE_DATA_PACKET, kPrefix);
                 return transport::kFailed;
@@ -80,7 +80,7 @@ int GetRequest(Channel& channel, JobContext& ctx) {
 }
 
 void dumpRequest(const JobContext& ctx) {
-    const JobRequest& r = ctx.request;
+    const protocol::JobRequest& r = ctx.request;
     std::string line;
     appendf(line, "root=%s ", ctx.jobRoot.c_str());
     appendf(line, "loginID=%s ", r.loginID().c_str());
@@ -100,8 +100,8 @@ void dumpRequest(const JobContext& ctx) {
     ulogText(line.c_str());
 
     if (r.version() < protocol::kNewServerVersion) {
-        dumpList("File: ", r, request_layout::kFileCountAt, request_layout::kFileModeAt, request_layout::kFileListAt);
-        dumpList("Dir : ", r, request_layout::kDirCountAt, request_layout::kDirModeAt, request_layout::kDirListAt);
+        dumpList("File: ", r, protocol::request_layout::kFileCountAt, protocol::request_layout::kFileModeAt, protocol::request_layout::kFileListAt);
+        dumpList("Dir : ", r, protocol::request_layout::kDirCountAt, protocol::request_layout::kDirModeAt, protocol::request_layout::kDirListAt);
     }
 }
 

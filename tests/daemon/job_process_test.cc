@@ -48,7 +48,7 @@ protected:
     // when 0); returns the first answer code, or -1 when the connection closed
     // without one.
     int serve(uint8_t opMode, const std::string& root, uid_t asUser = 0) {
-        ctx_.request.raw[request_layout::kOpModeAt] = opMode;
+        ctx_.request.raw[protocol::request_layout::kOpModeAt] = opMode;
         ctx_.jobRoot = root;
         tavik::testing::SocketPair sp;
         pid_t child = ::fork();
@@ -89,11 +89,11 @@ TEST_F(JobProcessTest, ChuidSwitchesGroupsGidUidAndRootCannotComeBack) {
 TEST_F(JobProcessTest, FailedSwitchIsLoggedAndAnswered119) {
     REQUIRE_ROOT();
     // An unprivileged process cannot set its group list.
-    EXPECT_EQ(serve(kOpBackup, "/tmp", kNobody), 119);
+    EXPECT_EQ(serve(protocol::kOpBackup, "/tmp", kNobody), 119);
     EXPECT_TRUE(home_.logHas("(chuid) Failed to initialize the group access list in initgroups(nobody,65534) ("));
-    EXPECT_EQ(serve(kOpCompare, "/tmp", kNobody), 119);
+    EXPECT_EQ(serve(protocol::kOpCompare, "/tmp", kNobody), 119);
     // Browse answers nothing: the connection is closed.
-    EXPECT_EQ(serve(kOpBrowse, "/tmp", kNobody), -1);
+    EXPECT_EQ(serve(protocol::kOpBrowse, "/tmp", kNobody), -1);
 }
 
 TEST_F(JobProcessTest, SingleUserModeAndPreparationRefusals) {
@@ -101,16 +101,16 @@ TEST_F(JobProcessTest, SingleUserModeAndPreparationRefusals) {
     if (geteuid() == 0) {
         // No switch is needed: the job reaches READY.
         ctx_.jobUser = JobUser{};
-        EXPECT_EQ(serve(kOpBackup, "/tmp"), 4);
-        EXPECT_EQ(serve(kOpCompare, "/tmp"), 4);
+        EXPECT_EQ(serve(protocol::kOpBackup, "/tmp"), 4);
+        EXPECT_EQ(serve(protocol::kOpCompare, "/tmp"), 4);
     }
-    EXPECT_EQ(serve(kOpBackup, "tmp"), 116);
-    EXPECT_EQ(serve(kOpBackup, ""), 116);
-    EXPECT_EQ(serve(kOpBackup, "/no/%s%d"), 118);
+    EXPECT_EQ(serve(protocol::kOpBackup, "tmp"), 116);
+    EXPECT_EQ(serve(protocol::kOpBackup, ""), 116);
+    EXPECT_EQ(serve(protocol::kOpBackup, "/no/%s%d"), 118);
     // A restore makes its root; one below a regular file cannot be made.
     std::string underFile = home_.dir() + "/file/dir";
     std::ofstream(home_.dir() + "/file") << "x";
-    EXPECT_EQ(serve(kOpRestore, underFile), 105);
+    EXPECT_EQ(serve(protocol::kOpRestore, underFile), 105);
     EXPECT_EQ(serve(7, "/no/such/dir"), 105);
     EXPECT_EQ(serve(7, "/tmp"), 4);
     EXPECT_TRUE(home_.logHas("Start Backup Job From (), Source = /no/%s%d")) << "percent signs kept";
@@ -156,16 +156,16 @@ TEST_F(JobProcessTest, OnlyTrustedLoginsKeepTheAgentsIdentity) {
             std::ofstream(file) << row.trustFile;
             ::chmod(file.c_str(), row.mode);
         }
-        for (uint8_t op : {kOpBackup, kOpBrowse}) {
+        for (uint8_t op : {protocol::kOpBackup, protocol::kOpBrowse}) {
             JobContext ctx;
             prepareForConnection(ctx);
             ctx.jobUser = row.user;
             ctx.serverVersion = row.version;
-            ctx.request.raw[request_layout::kNoSwitchAt] = row.bit;
-            ctx.request.raw[request_layout::kOpModeAt] = op;
+            ctx.request.raw[protocol::request_layout::kNoSwitchAt] = row.bit;
+            ctx.request.raw[protocol::request_layout::kOpModeAt] = op;
             decideTrust(ctx);
             EXPECT_EQ(ctx.trusted, row.trusted);
-            EXPECT_EQ(identitySwitchExempt(ctx, op == kOpBrowse), op == kOpBrowse ? row.browseKeeps : row.keep);
+            EXPECT_EQ(identitySwitchExempt(ctx, op == protocol::kOpBrowse), op == protocol::kOpBrowse ? row.browseKeeps : row.keep);
         }
         if (!row.line.empty()) {
             EXPECT_TRUE(home_.logHas(row.line));

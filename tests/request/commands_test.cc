@@ -201,7 +201,7 @@ TEST_F(CommandsTest, BrokenStreamsFailWithTheirLines) {
 
 TEST_F(CommandsTest, OldServerPatternPhaseReadsNothing) {
     ctx_.serverVersion = '1';
-    ctx_.request.raw[request_layout::kFollowAt] = 1;
+    ctx_.request.raw[protocol::request_layout::kFollowAt] = 1;
     EXPECT_EQ(pattern({}), 0);
     EXPECT_EQ(ctx_.maxDirDepth, 19);
     EXPECT_FALSE(settings().followLinks);  // no marker file, whatever follow says
@@ -247,7 +247,7 @@ Bytes item(uint16_t type, uint32_t count, const Bytes& data) {
 
 TEST_F(CommandsTest, FilterItemsAndTheirDataWithinTheTextArea) {
     ctx_.serverVersion = '4';
-    wire::storeLe16(ctx_.request.raw.data() + request_layout::kTpSizeAt, 4);
+    wire::storeLe16(ctx_.request.raw.data() + protocol::request_layout::kTpSizeAt, 4);
     Bytes s(512, 0);
     append(s, item(2, 2, {'*', '.', 'c', 0, '*', '.', 'h', 0}));
     append(s, item(4, 0, {}));
@@ -265,7 +265,7 @@ TEST_F(CommandsTest, FilterItemsAndTheirDataWithinTheTextArea) {
     EXPECT_TRUE(home_.logHas("(GetPattern) Unknown filter type: 9"));
 
     // Pattern data beyond the text area is refused.
-    wire::storeLe16(ctx_.request.raw.data() + request_layout::kTpSizeAt, 3);
+    wire::storeLe16(ctx_.request.raw.data() + protocol::request_layout::kTpSizeAt, 3);
     Bytes big(512, 0);
     append(big, item(2, 1, Bytes(8000, 'a')));
     append(big, item(2, 1, Bytes(8000, 'b')));

@@ -8,7 +8,8 @@
 #include <cstdlib>
 
 #include "frontend/login_options.h"
-#include "request/password.h"
+#include "protocol/request.h"
+#include "platform/secret.h"
 #include "wire/bytes.h"
 
 namespace {

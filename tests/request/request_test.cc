@@ -10,7 +10,8 @@
 
 #include "daemon/scratch_home.h"
 #include "frontend/job_client.h"
-#include "request/password.h"
+#include "protocol/request.h"
+#include "platform/secret.h"
 #include "transport/packet.h"
 #include "wire/bytes.h"
 
@@ -59,8 +60,8 @@ TEST_F(RequestTest, RecordFieldsAndTheRootInOrAfterTheRecord) {
     EXPECT_EQ(ctx_.request.tpSize(), 3);
     EXPECT_EQ(ctx_.request.acceptEA(), 'e');
     EXPECT_EQ(ctx_.conflictPolicy, 4);
-    char plain[kPasswordSize];
-    descramblePassword(plain, ctx_.request.paswd());
+    char plain[protocol::kPasswordSize];
+    protocol::descramblePassword(plain, ctx_.request.paswd());
     EXPECT_STREQ(plain, "Pw0rd-42");
 
     // A root field without its NUL is cut at 176 bytes.
@@ -158,26 +159,26 @@ TEST_F(RequestTest, EveryTruncationFails) {
 }
 
 TEST(Password, ScrambleRoundTripsAndStopsAtKeyCharacters) {
-    auto s = scramblePassword("pass");
-    char plain[kPasswordSize];
-    descramblePassword(plain, s.data());
+    auto s = protocol::scramblePassword("pass");
+    char plain[protocol::kPasswordSize];
+    protocol::descramblePassword(plain, s.data());
     EXPECT_STREQ(plain, "pass");
     EXPECT_EQ(s[0], 'p' ^ 'K');
     EXPECT_EQ(s[4], static_cast<uint8_t>('b'));  // the NUL scrambled with key[4]
 
-    std::array<uint8_t, kPasswordSize> empty{};
-    descramblePassword(plain, empty.data());
+    std::array<uint8_t, protocol::kPasswordSize> empty{};
+    protocol::descramblePassword(plain, empty.data());
     EXPECT_STREQ(plain, "");
 
     // A character equal to the key character scrambles to NUL: the password
     // is read up to there.
-    auto k = scramblePassword("abmXY");  // key[2] is 'm'
-    descramblePassword(plain, k.data());
+    auto k = protocol::scramblePassword("abmXY");  // key[2] is 'm'
+    protocol::descramblePassword(plain, k.data());
     EXPECT_STREQ(plain, "ab");
 
-    std::array<uint8_t, kPasswordSize> full;
+    std::array<uint8_t, protocol::kPasswordSize> full;
     full.fill(0x7F);
-    descramblePassword(plain, full.data());
+    protocol::descramblePassword(plain, full.data());
     EXPECT_EQ(std::strlen(plain), 23u);
 }
 

@@ -139,7 +139,7 @@ TEST_F(StreamTest, AJobsPathChildThatCannotSwitchGets119FromNewServersAnd105From
     settings() = Settings{};
     JobContext job;
     prepareForConnection(job);
-    job.request.raw[request_layout::kOpModeAt] = kOpRestore;
+    job.request.raw[protocol::request_layout::kOpModeAt] = protocol::kOpRestore;
     job.jobUser = JobUser{true, "nobody", kNobody, kNobody};
     job.jobRoot = at("dest");
     for (int version : {50, 52, 49}) {

@@ -1,8 +1,34 @@
-#include "request/password.h"
+#include "protocol/request.h"
 
 #include <cstring>
 
-namespace tavik {
+#include "wire/bytes.h"
+
+namespace tavik::protocol {
+
+namespace {
+
+std::string fixedText(const uint8_t* at, size_t width) {
+    size_t len = strnlen(reinterpret_cast<const char*>(at), width);
+    return std::string(reinterpret_cast<const char*>(at), len);
+}
+
+}  // namespace
+
+std::string JobRequest::root() const {
+    return fixedText(raw.data() + request_layout::kRootAt, request_layout::kRootWidth);
+}
+
+std::string JobRequest::loginID() const {
+    // The field keeps room for its NUL: at most 47 characters count.
+    return fixedText(raw.data() + request_layout::kLoginAt, request_layout::kLoginWidth - 1);
+}
+
+uint16_t JobRequest::tpSize() const { return wire::loadLe16(raw.data() + request_layout::kTpSizeAt); }
+
+int32_t JobRequest::timeThresh() const {
+    return static_cast<int32_t>(wire::loadLe32(raw.data() + request_layout::kTimeThreshAt));
+}
 
 void descramblePassword(char (&plain)[kPasswordSize], const uint8_t* scrambled) {
     std::memset(plain, 0, sizeof plain);
@@ -26,9 +52,4 @@ std::array<uint8_t, kPasswordSize> scramblePassword(const char* plain) {
     return out;
 }
 
-void wipeSecret(void* data, size_t size) {
-    volatile unsigned char* p = static_cast<volatile unsigned char*>(data);
-    while (size--) *p++ = 0;
-}
-
-}  // namespace tavik
+}  // namespace tavik::protocol
