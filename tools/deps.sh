@@ -10,6 +10,7 @@ packages=(
   libcrypt-dev                       # password checks against the shadow file
   libpam0g-dev                       # the system's account checks (expired, locked)
   libisal-dev                        # archive checksums of tavikctl (CRC-32)
+  nlohmann-json3-dev                 # tavikctl --json (header-only)
   locales                            # localedef for the locale tests
   passwd                             # useradd/chpasswd for the login tests
   iproute2 procps netcat-openbsd     # ss/ipcs/pgrep and nc for tests and benchmarks
