@@ -14,6 +14,9 @@ packages=(
   locales                            # localedef for the locale tests
   passwd                             # useradd/chpasswd for the login tests
   iproute2 procps netcat-openbsd     # ss/ipcs/pgrep and nc for tests and benchmarks
+  mandoc man-db                      # the manual pages' checks (tools/check-docs.sh)
+  dpkg-dev file lintian systemd      # the Debian package: cpack's dpkg-shlibdeps, lintian,
+  bash-completion                    #   systemd-analyze, the completion (tools/package-check.sh)
 )
 
 missing=()
