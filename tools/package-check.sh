@@ -60,7 +60,21 @@ lintian --fail-on error,warning "$deb" >/dev/null 2>&1 || fail "lintian reports 
 
 step "install"
 dpkg -i "$deb" >/dev/null
-files=$(dpkg -L tavik | while read -r f; do [ -d "$f" ] || echo "$f"; done)
+# The package's files, less those that the machine's dpkg filters keep out
+# (path-exclude in /etc/dpkg/dpkg.cfg.d: manual pages and documentation on
+# slim images; the last rule that matches decides).
+rules=$(cat /etc/dpkg/dpkg.cfg.d/* 2>/dev/null | sed -n 's/^[[:space:]]*\(path-exclude\|path-include\)[[:space:]=]\+/\1 /p')
+kept() {
+  local kind pattern keep=1
+  while read -r kind pattern; do
+    # shellcheck disable=SC2053
+    [ -n "$kind" ] && [[ $1 == $pattern ]] && { [ "$kind" = path-include ] && keep=1 || keep=0; }
+  done <<<"$rules"
+  [ "$keep" = 1 ]
+}
+files=$(dpkg-deb --fsys-tarfile "$deb" | tar -tf - | sed -n 's|^\./|/|; /[^/]$/p' | while read -r f; do
+  if kept "$f"; then echo "$f"; fi
+done)
 for f in $files; do [ -e "$f" ] || fail "dpkg -i did not install $f"; done
 if [ -d /run/systemd/system ]; then
   systemctl is-active --quiet tavikd || fail "systemd runs here, but the unit did not start"
