@@ -15,23 +15,20 @@ mkdir -p "$home"; mv "$scratch/tavikd" "$home/"
 ctl=$scratch/tavikctl
 export TAVIK_PASSWORD=demo  # the demo agent runs in single-user mode: no login check
 
+source tools/agent.sh
 stop() {
-  if [ -f "$home/LOG/tavikd.pid" ]; then kill "$(cat "$home/LOG/tavikd.pid")" 2>/dev/null || true; sleep 0.2; fi
+  stop_agent "$home" || true
   rm -rf "$scratch"
 }
 trap stop EXIT
 
 step() { printf '\n== %s\n' "$*"; }
+trap 'echo "error: the demonstration failed at line $LINENO: $BASH_COMMAND" >&2' ERR
 
-port=$(python3 - <<'PY' 2>/dev/null || echo 16050
-import socket
-s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])
-PY
-)
-
-step "starting tavikd in $home on port $port (single-user mode)"
-"$home/tavikd" -S -p "$port" >"$scratch/tavikd.out" 2>&1
-cat "$scratch/tavikd.out"
+step "starting tavikd in $home on a free port (single-user mode)"
+start_agent "$home/tavikd" -S || exit 1
+port=$AGENT_PORT
+echo "tavikd serves port $port"
 $ctl query "127.0.0.1:$port"
 
 step "making a sample directory"

@@ -10,9 +10,13 @@ packages=(
   libcrypt-dev                       # password checks against the shadow file
   libpam0g-dev                       # the system's account checks (expired, locked)
   libisal-dev                        # archive checksums of tavikctl (CRC-32)
+  nlohmann-json3-dev                 # tavikctl --json (header-only)
   locales                            # localedef for the locale tests
   passwd                             # useradd/chpasswd for the login tests
   iproute2 procps netcat-openbsd     # ss/ipcs/pgrep and nc for tests and benchmarks
+  mandoc man-db                      # the manual pages' checks (tools/check-docs.sh)
+  dpkg-dev file lintian systemd      # the Debian package: cpack's dpkg-shlibdeps, lintian,
+  bash-completion                    #   systemd-analyze, the completion (tools/package-check.sh)
 )
 
 missing=()

@@ -17,8 +17,14 @@ port=${TAVIK_PORT:-6050}
 # The daemon keeps its standard output (it reports there when its log cannot
 # be opened): give it a file, so that a pipe reading this script's output
 # is not held open by the detached daemon.
-"$PWD/run/tavikd" -p "$port" "$@" >run/tavikd.out 2>&1 || { cat run/tavikd.out; exit 1; }
+status=0
+"$PWD/run/tavikd" -p "$port" "$@" >run/tavikd.out 2>&1 || status=$?
 cat run/tavikd.out
+if [ "$status" -ne 0 ]; then
+  echo "error: tavikd could not start on port $port (exit status $status; the reason is above)." >&2
+  echo "       TAVIK_PORT=N bash tools/start.sh starts it on another port." >&2
+  exit 1
+fi
 echo "tavikd started on port $port (pid $(cat run/LOG/tavikd.pid)); log: run/LOG/tvk.log"
 echo "try:  run/tavikctl query 127.0.0.1:$port"
 echo "stop: kill \$(cat run/LOG/tavikd.pid)"

@@ -24,10 +24,11 @@ const char kBackupUsage[] =
     "  job:       --ack N --watchdog --renew --buffer-from-agent --no-atime-reset --one-file-system\n"
     "             --nfs --follow-links --restart PATH[:OFFSET] --lock-retries N --lock-interval S\n"
     "             --timeout SECONDS --hold-after-end MS --groom delete | --groom set NAME --months N\n"
-    "  login:     --user NAME --port N --server-version 49..52 (password from TAVIK_PASSWORD or asked)\n";
+    "  login:     --user NAME --port N --server-version 49..52 (password from TAVIK_PASSWORD or asked)\n"
+    "  output:    --json (the run's summary as one JSON object)\n";
 const char kEstimateUsage[] =
     "usage: tavikctl estimate HOST:/path [selection options of backup] [--no-atime-reset]\n"
-    "       [--one-file-system] [--nfs] [--follow-links] [--timeout SECONDS] [login options]\n";
+    "       [--one-file-system] [--nfs] [--follow-links] [--timeout SECONDS] [login options] [--json]\n";
 
 bool parseDay(const std::string& text, int32_t& out) {
     int y, m, d;

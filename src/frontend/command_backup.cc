@@ -11,6 +11,7 @@
 #include "frontend/backup_client.h"
 #include "frontend/backup_options.h"
 #include "frontend/commands.h"
+#include "frontend/json_output.h"
 
 namespace tavik::frontend {
 namespace {
@@ -30,6 +31,7 @@ std::string joinSourcePath(const std::string& source, const std::string& relativ
 }
 
 int commandBackup(int argc, char* argv[]) {
+    bool json = takeJsonFlag(argc, argv);
     BackupCommandLine line;
     std::string error;
     if (!parseBackupCommandLine(std::vector<std::string>(argv, argv + argc), true, line, error)) {
@@ -51,10 +53,20 @@ int commandBackup(int argc, char* argv[]) {
         fprintf(stderr, "tavikctl backup: %s\n", writer.error().c_str());
         return 1;
     }
+    // With --json the run's summary is one object on standard output, or on
+    // standard error when the archive is standard output.
+    FILE* jsonOut = line.output == "-" ? stderr : stdout;
+    Json summary{{"host", job.host}, {"source", job.source}, {"archive", line.output}};
     JobClient client;
     if (!openBackupJob(client, job, error) || !startBackupJob(client, job, error)) {
         fprintf(stderr, "tavikctl backup: %s\n", error.c_str());
         if (!writer.finish(0, false)) fprintf(stderr, "tavikctl backup: %s\n", writer.error().c_str());
+        if (json) {
+            summary["ok"] = false;
+            summary["complete"] = false;
+            summary["error"] = error;
+            printJson(jsonOut, summary);
+        }
         return 1;
     }
     platform::UniqueFd connection(::dup(client.fd()));
@@ -79,6 +91,39 @@ int commandBackup(int argc, char* argv[]) {
     double t = s.seconds;
     if (tty) fprintf(stderr, "\r%60s\r", "");
 
+    std::vector<std::string> errors;
+    if (!received) errors.push_back("backup failed: " + receiver.error());
+    if (!s.structureError.empty()) errors.push_back("the stream is malformed: " + s.structureError);
+    if (!written) errors.push_back(writer.error());
+    if (json) {
+        Json problems = Json::array();
+        for (const EntryProblem& p : s.problems)
+            problems.push_back(Json{{"status", statusName(p.code)},
+                                    {"path", joinSourcePath(job.source, p.path)},
+                                    {"reason", statusWords(p.code)}});
+        summary["ok"] = errors.empty();
+        summary["complete"] = s.complete;
+        summary["entries"] = s.entries;
+        summary["data_bytes"] = s.dataBytes;
+        summary["bytes"] = s.bytes;
+        summary["packets"] = s.packets;
+        summary["seconds"] = t;
+        summary["renewals"] = s.renewals;
+        summary["acknowledgements"] = s.acks;
+        summary["problem_count"] = s.problemCount;
+        summary["problems"] = std::move(problems);
+        if (s.groomed) {
+            summary["groomed_files"] = s.groomCount;
+            summary["groom_report"] = s.groomReport;
+        }
+        if (!errors.empty()) {
+            std::string all = errors.front();
+            for (size_t i = 1; i < errors.size(); ++i) all += "; " + errors[i];
+            summary["error"] = all;
+        }
+        printJson(jsonOut, summary);
+        return errors.empty() ? 0 : 1;
+    }
     for (const EntryProblem& p : s.problems)
         fprintf(stderr, "%-8s %s: %s\n", statusName(p.code), joinSourcePath(job.source, p.path).c_str(),
                 statusWords(p.code));
@@ -97,20 +142,8 @@ int commandBackup(int argc, char* argv[]) {
         fputs(s.groomReport.c_str(), stderr);
         if (!s.groomReport.empty() && s.groomReport.back() != '\n') fputc('\n', stderr);
     }
-    int status = 0;
-    if (!received) {
-        fprintf(stderr, "tavikctl backup: backup failed: %s\n", receiver.error().c_str());
-        status = 1;
-    }
-    if (!s.structureError.empty()) {
-        fprintf(stderr, "tavikctl backup: the stream is malformed: %s\n", s.structureError.c_str());
-        status = 1;
-    }
-    if (!written) {
-        fprintf(stderr, "tavikctl backup: %s\n", writer.error().c_str());
-        status = 1;
-    }
-    return status;
+    for (const std::string& e : errors) fprintf(stderr, "tavikctl backup: %s\n", e.c_str());
+    return errors.empty() ? 0 : 1;
 }
 
 }  // namespace tavik::frontend

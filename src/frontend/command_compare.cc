@@ -7,6 +7,7 @@
 
 #include "frontend/commands.h"
 #include "frontend/compare_client.h"
+#include "frontend/json_output.h"
 #include "frontend/net.h"
 
 namespace tavik::frontend {
@@ -14,7 +15,8 @@ namespace {
 
 const char kCompareUsage[] =
     "usage: tavikctl compare ARCHIVE HOST:/path [--detailed] [--directories]\n"
-    "       [--groom delete | --groom set NAME --months N] [--timeout SECONDS] [login options] [PATH...]\n"
+    "       [--groom delete | --groom set NAME --months N] [--timeout SECONDS] [login options] [--json]\n"
+    "       [PATH...]\n"
     "  PATH: compare only these archive paths (relative to the archive's source) and what is below them\n";
 
 bool parse(std::vector<std::string> args, CompareSpec& job, std::string& error) {
@@ -58,6 +60,7 @@ bool parse(std::vector<std::string> args, CompareSpec& job, std::string& error) 
 }  // namespace
 
 int commandCompare(int argc, char* argv[]) {
+    bool json = takeJsonFlag(argc, argv);
     CompareSpec job;
     std::string error;
     if (!parse(std::vector<std::string>(argv, argv + argc), job, error)) {
@@ -73,6 +76,25 @@ int commandCompare(int argc, char* argv[]) {
         fprintf(stderr, "tavikctl compare: %s\n", error.c_str());
         return 2;
     }
+    int status = result.different + result.unreadable == 0 ? 0 : 1;
+    if (json) {
+        for (const CompareVerdict& v : result.differences)
+            printJson(stdout, Json{{"record", "difference"},
+                                   {"path", v.path},
+                                   {"verdict", verdictWords(v.code)},
+                                   {"code", v.code},
+                                   {"unreadable", verdictUnreadable(v.code)}});
+        Json summary{{"record", "summary"},
+                     {"identical", result.identical},
+                     {"different", result.different},
+                     {"unreadable", result.unreadable}};
+        if (result.groomed) {
+            summary["groomed_files"] = result.groomCount;
+            summary["groom_report"] = result.groomReport;
+        }
+        printJson(stdout, summary);
+        return status;
+    }
     for (const CompareVerdict& v : result.differences) printf("%s: %s\n", v.path.c_str(), verdictWords(v.code));
     printf("%zu identical, %zu different, %zu unreadable\n", result.identical, result.different, result.unreadable);
     if (result.groomed) {
@@ -80,7 +102,7 @@ int commandCompare(int argc, char* argv[]) {
         fputs(result.groomReport.c_str(), stdout);
         if (!result.groomReport.empty() && result.groomReport.back() != '\n') putchar('\n');
     }
-    return result.different + result.unreadable == 0 ? 0 : 1;
+    return status;
 }
 
 }  // namespace tavik::frontend

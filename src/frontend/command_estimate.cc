@@ -7,10 +7,12 @@
 #include "frontend/backup_client.h"
 #include "frontend/backup_options.h"
 #include "frontend/commands.h"
+#include "frontend/json_output.h"
 
 namespace tavik::frontend {
 
 int commandEstimate(int argc, char* argv[]) {
+    bool json = takeJsonFlag(argc, argv);
     BackupCommandLine line;
     std::string error;
     if (!parseBackupCommandLine(std::vector<std::string>(argv, argv + argc), false, line, error)) {
@@ -29,7 +31,11 @@ int commandEstimate(int argc, char* argv[]) {
     }
     // Closing the connection ends the job before any backup starts.
     client.close();
-    printf("%u files, %u kilobytes\n", files, kilobytes);
+    if (json)
+        printJson(stdout, Json{{"host", line.job.host}, {"path", line.job.source}, {"files", files},
+                               {"kilobytes", kilobytes}});
+    else
+        printf("%u files, %u kilobytes\n", files, kilobytes);
     return 0;
 }
 

@@ -2,16 +2,19 @@
 // `tar -tv` (mode, owner/group ids, size, modification time, full path),
 // entries the agent could not send and skipped directories in words. With
 // --verify the checksum, the trailer's counts and the stream's structure are
-// checked and the verdict printed on standard error.
+// checked and the verdict printed on standard error. With --json each line is
+// a JSON object instead (entries, problems, the verdict).
 #include <sys/stat.h>
 #include <time.h>
 
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "frontend/archive.h"
 #include "frontend/commands.h"
+#include "frontend/json_output.h"
 
 namespace tavik::frontend {
 namespace {
@@ -51,9 +54,84 @@ std::string entryLine(const TreeEvent& e, const std::string& source) {
     return head + path;
 }
 
+const char* typeWord(const TreeEvent& e) {
+    if (e.isDirectory) return "directory";
+    switch (e.attributes.mode & 0xF000) {
+    case 0x1000: return "fifo";
+    case 0x2000: return "character-device";
+    case 0x4000: return "directory";
+    case 0x6000: return "block-device";
+    case 0x8000: return "file";
+    case 0xA000: return "symlink";
+    case 0xC000: return "socket";
+    }
+    return "unknown";
+}
+
+// A path without the slash that joinSourcePath leaves after a directory.
+std::string plainPath(const std::string& source, const std::string& relative) {
+    std::string path = joinSourcePath(source, relative);
+    if (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+// Prints each record of the listing: a line in words, or a JSON object.
+class Printer {
+public:
+    Printer(bool json, const std::string& source) : json_(json), source_(source) {}
+
+    // `target` is a symbolic link's text (null for other entries).
+    void entry(const TreeEvent& e, const std::string* target) const {
+        if (!json_) {
+            std::string line = entryLine(e, source_);
+            if (target) line += " -> " + *target;
+            printf("%s\n", line.c_str());
+            return;
+        }
+        const backup::BackupAttributes& a = e.attributes;
+        char mode[8];
+        snprintf(mode, sizeof mode, "%04o", unsigned(a.mode & 07777));
+        Json o{{"record", "entry"}, {"path", plainPath(source_, e.path)}, {"type", typeWord(e)}, {"mode", mode},
+               {"uid", a.uid},      {"gid", a.gid},                       {"size", a.size},     {"mtime", a.mtime}};
+        if (target) o["target"] = *target;
+        printJson(stdout, o);
+    }
+    void problem(int8_t code, const std::string& path) const {
+        if (json_)
+            printJson(stdout, Json{{"record", "problem"},
+                                   {"status", statusName(code)},
+                                   {"path", plainPath(source_, path)},
+                                   {"reason", statusWords(code)}});
+        else
+            printf("%-10s %s (%s)\n", statusName(code), joinSourcePath(source_, path).c_str(), statusWords(code));
+    }
+    void groomCount(const std::string& text) const {
+        if (json_)
+            printJson(stdout, Json{{"record", "groomed"}, {"files", text}});
+        else
+            printf("%-10s %s files groomed\n", "GROOMCOUNT", text.c_str());
+    }
+    void verdict(bool ok, const std::string& error, uint32_t packets, uint64_t entries) const {
+        if (!json_) return;
+        Json o{{"record", "verify"}, {"ok", ok}};
+        if (ok) {
+            o["packets"] = packets;
+            o["entries"] = entries;
+        } else {
+            o["error"] = error;
+        }
+        printJson(stdout, o);
+    }
+
+private:
+    bool json_;
+    const std::string& source_;
+};
+
 }  // namespace
 
 int commandList(int argc, char* argv[]) {
+    bool json = takeJsonFlag(argc, argv);
     bool verify = false;
     std::string path;
     for (int i = 0; i < argc; ++i) {
@@ -68,7 +146,7 @@ int commandList(int argc, char* argv[]) {
         }
     }
     if (path.empty()) {
-        fprintf(stderr, "usage: tavikctl list [--verify] ARCHIVE\n");
+        fprintf(stderr, "usage: tavikctl list [--verify] [--json] ARCHIVE\n");
         return 2;
     }
     ArchiveReader reader;
@@ -76,56 +154,63 @@ int commandList(int argc, char* argv[]) {
         fprintf(stderr, "tavikctl list: %s\n", reader.error().c_str());
         return 1;
     }
-    const std::string& source = reader.header().source;
+    const Printer print(json, reader.header().source);
     ArchiveWalker walker(reader);
     TreeEvent e;
-    std::string pendingLink;  // a symbolic link's line waits for its target
+    std::optional<TreeEvent> pendingLink;  // a symbolic link waits for its target
+    auto flushLink = [&](const std::string* target) {
+        if (pendingLink) print.entry(*pendingLink, target);
+        pendingLink.reset();
+    };
     uint64_t entries = 0;
+    auto failed = [&](const std::string& error) {
+        fflush(stdout);
+        fprintf(stderr, "tavikctl list: verify: FAILED: %s\n", error.c_str());
+        print.verdict(false, error, 0, 0);
+        return 1;
+    };
     for (;;) {
         ArchiveWalker::Next n = walker.next(e);
         if (n == ArchiveWalker::Next::kError) {
-            if (!pendingLink.empty()) printf("%s\n", pendingLink.c_str());
+            flushLink(nullptr);
             fflush(stdout);
             fprintf(stderr, "tavikctl list: %s\n", walker.error().c_str());
-            if (verify) fprintf(stderr, "tavikctl list: verify: FAILED\n");
+            if (verify) {
+                fprintf(stderr, "tavikctl list: verify: FAILED\n");
+                print.verdict(false, walker.error(), 0, 0);
+            }
             return 1;
         }
         if (n == ArchiveWalker::Next::kEnd) break;
         switch (e.type) {
         case TreeEvent::Type::kEntry:
             ++entries;
+            flushLink(nullptr);
             if ((e.attributes.mode & 0xF000) == 0xA000 && !e.isDirectory) {
-                pendingLink = entryLine(e, source);
+                pendingLink = e;
+                pendingLink->data = {};
             } else {
-                printf("%s\n", entryLine(e, source).c_str());
+                print.entry(e, nullptr);
             }
             break;
         case TreeEvent::Type::kData:
-            if (!pendingLink.empty() && e.last) {
-                pendingLink += " -> ";
-                pendingLink.append(reinterpret_cast<const char*>(e.data.data()), e.data.size());
-                printf("%s\n", pendingLink.c_str());
-                pendingLink.clear();
+            if (pendingLink && e.last) {
+                std::string target(reinterpret_cast<const char*>(e.data.data()), e.data.size());
+                flushLink(&target);
             }
             break;
         case TreeEvent::Type::kProblem: {
-            if (!pendingLink.empty()) {
-                printf("%s\n", pendingLink.c_str());
-                pendingLink.clear();
-            }
+            flushLink(nullptr);
             bool unsent = e.code != protocol::code::kReadErr && e.code != protocol::code::kNoDir;
             if (unsent) ++entries;
-            printf("%-10s %s (%s)\n", statusName(e.code), joinSourcePath(source, e.path).c_str(),
-                   statusWords(e.code));
+            print.problem(e.code, e.path);
             break;
         }
         case TreeEvent::Type::kDirClose:
-            if (e.code != protocol::code::kEndDir)
-                printf("%-10s %s (%s)\n", statusName(e.code), joinSourcePath(source, e.path).c_str(),
-                       statusWords(e.code));
+            if (e.code != protocol::code::kEndDir) print.problem(e.code, e.path);
             break;
         case TreeEvent::Type::kGroomCount:
-            printf("%-10s %s files groomed\n", "GROOMCOUNT", e.text.c_str());
+            print.groomCount(e.text);
             break;
         case TreeEvent::Type::kEnd:
             break;
@@ -134,16 +219,11 @@ int commandList(int argc, char* argv[]) {
     fflush(stdout);
     if (!verify) return 0;
     const ArchiveTrailer& t = reader.trailer();
-    if (!reader.checksumGood()) {
-        fprintf(stderr, "tavikctl list: verify: FAILED: checksum or counts do not match the trailer\n");
-        return 1;
-    }
-    if (!t.complete) {
-        fprintf(stderr, "tavikctl list: verify: FAILED: the archive is marked incomplete\n");
-        return 1;
-    }
+    if (!reader.checksumGood()) return failed("checksum or counts do not match the trailer");
+    if (!t.complete) return failed("the archive is marked incomplete");
     fprintf(stderr, "tavikctl list: verify: checksum good, %u packets, %llu entries, stream complete\n",
             reader.packetsRead(), static_cast<unsigned long long>(entries));
+    print.verdict(true, "", reader.packetsRead(), entries);
     return 0;
 }
 

@@ -3,13 +3,15 @@
 #include <string>
 
 #include "frontend/commands.h"
+#include "frontend/json_output.h"
 #include "frontend/machine_query.h"
 #include "frontend/net.h"
 
 namespace tavik::frontend {
 
-// tavikctl query HOST[:PORT] [--timeout MS] [--server-version N]
+// tavikctl query HOST[:PORT] [--timeout MS] [--server-version N] [--json]
 int commandQuery(int argc, char* argv[]) {
+    bool json = takeJsonFlag(argc, argv);
     std::string target;
     int timeoutMs = 3000;
     int version = 22;
@@ -28,7 +30,7 @@ int commandQuery(int argc, char* argv[]) {
     }
     auto hp = target.empty() ? std::nullopt : parseHostPort(target);
     if (!hp || timeoutMs <= 0) {
-        fprintf(stderr, "usage: tavikctl query HOST[:PORT] [--timeout MS] [--server-version N]\n");
+        fprintf(stderr, "usage: tavikctl query HOST[:PORT] [--timeout MS] [--server-version N] [--json]\n");
         return 2;
     }
     std::string error;
@@ -40,6 +42,15 @@ int commandQuery(int argc, char* argv[]) {
     if (info->command != 13) {
         fprintf(stderr, "tavikctl: the agent could not identify its system (answer %d)\n", info->command);
         return 1;
+    }
+    if (json) {
+        printJson(stdout, Json{{"host", hp->host},
+                               {"port", hp->port},
+                               {"system", info->sysname},
+                               {"release", info->release},
+                               {"version", info->version_text},
+                               {"machine", info->machine}});
+        return 0;
     }
     printf("System:  %s\n", info->sysname.c_str());
     printf("Release: %s\n", info->release.c_str());

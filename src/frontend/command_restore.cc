@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "frontend/commands.h"
+#include "frontend/json_output.h"
 #include "frontend/net.h"
 #include "frontend/restore_client.h"
 
@@ -17,7 +18,7 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: tavikctl restore ARCHIVE HOST:/dest [PATH...] [--conflict skip|rename|overwrite|newer]\n"
-    "                        [--user NAME] [--port N] [--server-version N] [--timeout S]\n";
+    "                        [--user NAME] [--port N] [--server-version N] [--timeout S] [--json]\n";
 
 // Reads the whole archive once: the checksum, the trailer's counts and the
 // stream's structure must all be sound before anything is sent.
@@ -47,6 +48,7 @@ bool verifyArchive(const std::string& path, std::string& error) {
 }  // namespace
 
 int commandRestore(int argc, char* argv[]) {
+    bool json = takeJsonFlag(argc, argv);
     std::vector<std::string> args(argv, argv + argc);
     RestoreJobSpec job;
     std::string error;
@@ -114,6 +116,12 @@ int commandRestore(int argc, char* argv[]) {
     JobClient client;
     if (!openRestoreJob(client, job, error)) {
         fprintf(stderr, "tavikctl restore: %s\n", error.c_str());
+        if (json)
+            printJson(stdout, Json{{"archive", archive},
+                                   {"host", job.host},
+                                   {"destination", job.destination},
+                                   {"ok", false},
+                                   {"error", error}});
         return 1;
     }
     platform::UniqueFd connection(::dup(client.fd()));
@@ -139,12 +147,38 @@ int commandRestore(int argc, char* argv[]) {
     if (tty) fprintf(stderr, "\r%70s\r", "");
 
     const RestoreStats& s = sender.stats();
+    std::vector<std::string> unmet = selection.unmet();
+    std::vector<std::string> errors;
+    if (!replayed) errors.push_back("restore broke off: " + replayError);
+    if (!ended && replayed) errors.push_back("restore failed: " + sender.error());
+    int status = replayed && ended && s.failureCount == 0 && unmet.empty() ? 0 : 1;
+    if (json) {
+        Json failures = Json::array(), missing = Json::array();
+        for (const RestoreFailure& f : s.failures)
+            failures.push_back(Json{{"path", joinSourcePath(job.destination, f.path)}, {"reason", f.words}});
+        for (const std::string& p : unmet) missing.push_back(joinSourcePath(reader.header().source, p));
+        Json summary{{"archive", archive},
+                     {"host", job.host},
+                     {"destination", job.destination},
+                     {"ok", status == 0},
+                     {"files", s.files},
+                     {"restored", s.restored},
+                     {"skipped", s.skipped},
+                     {"failed", s.failureCount},
+                     {"directories", s.directories},
+                     {"data_bytes", s.dataBytes},
+                     {"seconds", s.seconds},
+                     {"failures", std::move(failures)},
+                     {"not_in_archive", std::move(missing)}};
+        if (!errors.empty()) summary["error"] = errors.front();
+        printJson(stdout, summary);
+        return status;
+    }
     for (const RestoreFailure& f : s.failures)
         fprintf(stderr, "not restored: %s: %s\n", joinSourcePath(job.destination, f.path).c_str(), f.words.c_str());
     if (s.failureCount > s.failures.size())
         fprintf(stderr, "... and %llu more files not restored\n",
                 static_cast<unsigned long long>(s.failureCount - s.failures.size()));
-    std::vector<std::string> unmet = selection.unmet();
     for (const std::string& p : unmet)
         fprintf(stderr, "not in the archive: %s\n", joinSourcePath(reader.header().source, p).c_str());
 
@@ -155,16 +189,7 @@ int commandRestore(int argc, char* argv[]) {
             static_cast<unsigned long long>(s.skipped), static_cast<unsigned long long>(s.failureCount),
             static_cast<unsigned long long>(s.directories), static_cast<unsigned long long>(s.dataBytes), s.seconds,
             s.seconds > 0 ? double(s.dataBytes) / 1e6 / s.seconds : 0.0);
-    int status = 0;
-    if (!replayed) {
-        fprintf(stderr, "tavikctl restore: restore broke off: %s\n", replayError.c_str());
-        status = 1;
-    }
-    if (!ended) {
-        if (replayed) fprintf(stderr, "tavikctl restore: restore failed: %s\n", sender.error().c_str());
-        status = 1;
-    }
-    if (s.failureCount != 0 || !unmet.empty()) status = 1;
+    for (const std::string& e : errors) fprintf(stderr, "tavikctl restore: %s\n", e.c_str());
     return status;
 }
 

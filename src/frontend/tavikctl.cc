@@ -27,6 +27,8 @@ const Command kCommands[] = {
 int usage() {
     fprintf(stderr, "usage: tavikctl COMMAND [ARGS]\n\ncommands:\n");
     for (const Command& c : kCommands) fprintf(stderr, "  %s\n", c.synopsis);
+    fprintf(stderr, "\nquery, list, estimate, compare, backup and restore take --json: JSON Lines for scripts\n"
+                    "(tavikctl(1) gives their fields, and every command's options)\n");
     return 2;
 }
 

@@ -4,7 +4,8 @@
 // their sources; acknowledgements, renewals, restart points and old servers
 // on the way; selection and estimate; conflict policies, partial restores,
 // damaged archives and refused jobs with their exit statuses; compare
-// verdicts in words and deleting grooming after a backup or a compare.
+// verdicts in words and deleting grooming after a backup or a compare; the
+// --json output of every command that has it.
 #include <fcntl.h>
 #include <sys/statvfs.h>
 #include <sys/sysmacros.h>
@@ -16,6 +17,7 @@
 #include <set>
 
 #include "e2e/tavikctl_run.h"
+#include "frontend/json_output.h"
 
 namespace {
 
@@ -331,6 +333,86 @@ TEST_F(TavikctlCompare, DeletingGroomingRemovesTheIdenticalFilesAndReportsThem) 
     EXPECT_TRUE(has(r.out, at("sub/b.txt"))) << r.out;
     EXPECT_EQ(statOf(at("sub/b.txt")).st_mode, 0u);
     EXPECT_TRUE(S_ISREG(statOf(at("sub/c.txt")).st_mode));
+}
+
+// --json: every line of standard output is one object; the fields carry
+// what the lines in words say, and the exit statuses stay.
+TEST_F(TavikctlCompare, JsonOutputIsOneObjectPerEntryOrRun) {
+    using tavik::frontend::Json;
+    auto objects = [](const std::string& text) {
+        std::vector<Json> out;
+        for (const std::string& line : lines(text)) out.push_back(Json::parse(line));
+        return out;
+    };
+    const std::string port = std::to_string(daemon_.port()), src = " 127.0.0.1:" + tree_.dir();
+    struct Case {
+        std::string command;  // --json and the port are added
+        int status;
+        const char* field;  // of the one object on standard output
+        Json value;         // null: the field is there
+    };
+    const Case cases[] = {
+        {"query 127.0.0.1:" + port, 0, "system", "Linux"},
+        {"estimate" + src, 0, "files", 4},
+        {"backup" + src + " -o " + archive_, 0, "entries", 6},
+        {"backup 127.0.0.1:" + at("none") + " -o " + scratch_.path("x.tvk"), 1, "error", nullptr},
+        {"compare " + archive_ + src + " --directories", 0, "identical", 5},
+        {"restore " + archive_ + " 127.0.0.1:" + dest_, 0, "restored", 4},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.command);
+        Output r = tavikctl(c.command + " --json" + (c.command.starts_with("query") ? "" : " --port " + port));
+        EXPECT_EQ(r.status, c.status) << r.err;
+        std::vector<Json> got = objects(r.out);
+        ASSERT_EQ(got.size(), 1u) << r.out;
+        EXPECT_TRUE(c.value.is_null() ? got[0].contains(c.field) : got[0][c.field] == c.value) << r.out;
+    }
+
+    // list: one object per entry, fields in their documented order, a link
+    // with its target; then the verdict.
+    Output l = tavikctl("list --verify --json " + archive_);
+    ASSERT_EQ(l.status, 0) << l.err;
+    std::vector<Json> listed = objects(l.out);
+    ASSERT_EQ(listed.size(), 7u) << l.out;
+    auto entry = [&](const std::string& rel) {
+        for (const Json& o : listed)
+            if (o["path"] == at(rel)) return o;
+        return Json();
+    };
+    EXPECT_EQ(entry("sub/c.txt"), (Json{{"record", "entry"}, {"path", at("sub/c.txt")}, {"type", "file"},
+                                        {"mode", "0644"}, {"uid", getuid()}, {"gid", getgid()}, {"size", 5},
+                                        {"mtime", statOf(at("sub/c.txt")).st_mtime}}));
+    EXPECT_EQ(entry("link")["target"], "a.txt");
+    EXPECT_EQ(entry("sub")["type"], "directory");
+    EXPECT_EQ(listed.back()["record"], "verify");
+    EXPECT_EQ(listed.back()["entries"], 6);
+
+    // compare: each difference, then the counts; exit 1.
+    tree_.file("a.txt", "ALPHA\n", 0644, statOf(at("a.txt")).st_mtime);
+    Output c = tavikctl("compare --json " + archive_ + src + " --port " + port);
+    EXPECT_EQ(c.status, 1);
+    std::vector<Json> compared = objects(c.out);
+    ASSERT_EQ(compared.size(), 2u) << c.out;
+    EXPECT_EQ(compared[0], (Json{{"record", "difference"}, {"path", "a.txt"}, {"verdict", "contents differ"},
+                                 {"code", compared[0]["code"]}, {"unreadable", false}}));
+    EXPECT_EQ(compared[1], (Json{{"record", "summary"}, {"identical", 3}, {"different", 1}, {"unreadable", 0}}));
+
+    // restore: a directory in the way fails one file; the summary names it.
+    std::filesystem::remove_all(dest_);
+    ASSERT_EQ(mkdir(dest_.c_str(), 0755), 0);
+    ASSERT_EQ(mkdir((dest_ + "/a.txt").c_str(), 0755), 0);
+    Output r = tavikctl("restore " + archive_ + " 127.0.0.1:" + dest_ + " --json --port " + port);
+    EXPECT_EQ(r.status, 1);
+    Json restored = Json::parse(r.out);
+    EXPECT_EQ(restored["ok"], false);
+    EXPECT_EQ(restored["failed"], 1);
+    EXPECT_EQ(restored["failures"][0]["path"], dest_ + "/a.txt");
+
+    // backup to standard output: the summary goes to standard error.
+    Output piped = tavikctl("backup" + src + " -o - --json --port " + port);
+    EXPECT_EQ(piped.status, 0);
+    EXPECT_EQ(piped.out.substr(0, 8), "TAVIKARC");
+    EXPECT_EQ(Json::parse(piped.err)["complete"], true) << piped.err;
 }
 
 // A damaged archive is refused before the agent hears of it: no job is
