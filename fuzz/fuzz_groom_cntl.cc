@@ -7,7 +7,7 @@
 #include <string>
 
 #include "groom/groom.h"
-#include "groom/record.h"
+#include "protocol/commands.h"
 #include "scratch.h"
 #include "wire/bytes.h"
 
@@ -37,10 +37,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
 
     tavik::wire::ByteReader in(data, size);
-    GroomingRecord record = DecodeGroomingRecord(in);
+    GroomingRecord record = protocol::decodeGroomingRecord(in);
     if (record.rotationSet.size() > kGroomSetWidth) abort();
     TapeRecord tape;
     size_t before = in.position();
-    if (!DecodeTapeRecord(in, tape) && in.position() != before) abort();
+    if (!protocol::decodeTapeRecord(in, tape) && in.position() != before) abort();
     return 0;
 }

@@ -14,7 +14,7 @@
 #include "backup/traverse.h"
 #include "daemon/state.h"
 #include "groom/groom.h"
-#include "groom/record.h"
+#include "protocol/commands.h"
 #include "log/ulog.h"
 #include "platform/signals.h"
 #include "request/job_context.h"
@@ -88,15 +88,15 @@ int sendGroomingReport(int result) {
             } else {
                 ::close(fd);
             }
-            uint32_t options = wire::loadLe32(ctx.groomRecord.data() + groom::kGroomOptionsOffset);
-            if (options & groom::kGroomRotationSet) {
+            uint32_t options = wire::loadLe32(ctx.groomRecord.data() + protocol::kGroomOptionsOffset);
+            if (options & protocol::kGroomRotationSet) {
                 std::string copy = groom::GroomingCopyFile();
                 // A link in the log directory, which every job may write,
                 // is not followed.
                 if (copyFile(work.c_str(), copy.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW, 0666) == -1)
                     ulog(MSG_CANNOT_COPY, kPrefix, work.c_str(), copy.c_str());
                 ulog(MSG_TOTAL_GROOMED_FOR_SET, count, ctx.groomSet.c_str());
-            } else if (options & groom::kGroomDelete) {
+            } else if (options & protocol::kGroomDelete) {
                 groom::MigrateLog(work.c_str());
                 ulog(MSG_TOTAL_DELETED, count);
             }
@@ -165,10 +165,10 @@ int startbackup(int jobSocket, const std::string& sourcePath) {
         }
         if (b.grooming) {
             wire::ByteReader in(std::span<const uint8_t>(ctx.groomRecord.data(), ctx.groomRecord.size()));
-            groom::GroomingRecord record = groom::DecodeGroomingRecord(in);
+            protocol::GroomingRecord record = protocol::decodeGroomingRecord(in);
             wire::ByteReader tapeIn(std::span<const uint8_t>(ctx.tapeRecord.data(), ctx.tapeRecord.size()));
-            groom::TapeRecord tape;
-            (void)groom::DecodeTapeRecord(tapeIn, tape);  // always whole: 63 bytes kept
+            protocol::TapeRecord tape;
+            (void)protocol::decodeTapeRecord(tapeIn, tape);  // always whole: 63 bytes kept
             if (groom::BeginGrooming(paths().logDir.c_str(), ctx.groomSet.c_str(), record, tape) != 0)
                 ulog(MSG_FAILED_BEGINGROOMING, kPrefix);
             if (!restartPending()) {

@@ -16,6 +16,7 @@
 #include "log/ulog.h"
 #include "platform/dir_stream.h"
 #include "platform/fs_type.h"
+#include "protocol/commands.h"
 #include "request/channel.h"
 #include "request/commands.h"
 #include "request/job_context.h"
@@ -172,7 +173,7 @@ int estimateCommand(Channel& channel, JobContext& ctx, std::span<const uint8_t> 
     estimate(source, files, kilobytes);
     ctx.topList.clear();
     if (s.verbose) ulog("Estimated total : %ld files, %ld K bytes", long(files), long(kilobytes));
-    uint8_t reply[kEstimateReplySize];
+    uint8_t reply[protocol::kEstimateReplySize];
     wire::storeLe32(reply, files);
     wire::storeLe32(reply + 4, kilobytes);
     if (channel.send(reply, sizeof reply) != 0) {

@@ -23,7 +23,6 @@ struct JobContext;
 namespace tavik::backup {
 
 inline constexpr uint32_t kKilobytesPerOverflow = 4194303;
-inline constexpr size_t kEstimateReplySize = 8;
 
 struct EstimateCount {
     uint32_t files = 0;

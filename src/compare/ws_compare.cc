@@ -12,7 +12,7 @@
 
 #include "daemon/state.h"
 #include "groom/groom.h"
-#include "groom/record.h"
+#include "protocol/commands.h"
 #include "log/ulog.h"
 #include "platform/fd.h"
 #include "platform/fd_attributes.h"
@@ -148,10 +148,10 @@ int CompareSession::run() {
 void CompareSession::beginGrooming() {
     if (ctx_.groomRecord.empty()) return;
     wire::ByteReader in(ctx_.groomRecord);
-    groom::GroomingRecord groomRecord = groom::DecodeGroomingRecord(in);
-    groom::TapeRecord tape;
+    protocol::GroomingRecord groomRecord = protocol::decodeGroomingRecord(in);
+    protocol::TapeRecord tape;
     wire::ByteReader tapeIn(ctx_.tapeRecord);
-    (void)groom::DecodeTapeRecord(tapeIn, tape);  // the job context holds all 63 bytes
+    (void)protocol::decodeTapeRecord(tapeIn, tape);  // the job context holds all 63 bytes
     groomOptions_ = groomRecord.fOptions;
     grooming_ = true;
     if (groom::BeginGrooming(paths().logDir.c_str(), ctx_.groomSet.c_str(), groomRecord, tape) != 0) {
@@ -433,7 +433,7 @@ int CompareSession::end() {
                 }
             }
         }
-        if (groomOptions_ & groom::kGroomRotationSet) {
+        if (groomOptions_ & protocol::kGroomRotationSet) {
             // No copy file when grooming was refused. A link in the log
             // directory, which every job may write, is not followed.
             const char* copy = groom::GroomingCopyFile();
@@ -442,7 +442,7 @@ int CompareSession::end() {
                 ulog(MSG_CANNOT_COPY, "", workFile.c_str(), copy);
             }
             ulog(MSG_TOTAL_GROOMED_FOR_SET, groomed, ctx_.groomSet.c_str());
-        } else if (groomOptions_ & groom::kGroomDelete) {
+        } else if (groomOptions_ & protocol::kGroomDelete) {
             (void)groom::MigrateLog(workFile.c_str());  // an unreadable work file is logged there
             ulog(MSG_TOTAL_DELETED, groomed);
         }

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "protocol/commands.h"
 #include "protocol/request.h"
 #include "wire/bytes.h"
 
@@ -17,8 +18,6 @@ namespace tavik::frontend {
 namespace {
 
 namespace code = protocol::code;
-constexpr int8_t kEstimateCommand = 14;
-constexpr size_t kEstimateReplySize = 8;
 
 int64_t nowMs() {
     timespec ts{};
@@ -126,12 +125,12 @@ bool estimateJob(JobClient& client, const BackupJobSpec& job, uint32_t& files, u
         payload.insert(payload.end(), name.begin(), name.end());
         payload.push_back(0);
     }
-    int answer = client.command(kEstimateCommand, payload);
+    int answer = client.command(protocol::command::kEstimate, payload);
     if (answer != code::kReady) {
         error = "ESTIMATE: " + (answer == kNoAnswer ? client.lastError() : refusalText(answer));
         return false;
     }
-    std::array<uint8_t, kEstimateReplySize> reply{};
+    std::array<uint8_t, protocol::kEstimateReplySize> reply{};
     if (!client.recvRaw(reply)) {
         error = "ESTIMATE: " + client.lastError();
         return false;

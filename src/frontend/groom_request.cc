@@ -3,17 +3,14 @@
 #include <array>
 #include <cstdlib>
 
+#include "protocol/commands.h"
 #include "transport/packet.h"
 #include "wire/bytes.h"
 
 namespace tavik::frontend {
 namespace {
 
-constexpr size_t kGroomRecordSize = 32;
-constexpr size_t kTapeRecordSize = 63;
-constexpr uint32_t kGroomRotationSet = 0x02;
-constexpr uint32_t kGroomDelete = 0x04;
-constexpr size_t kMaxSetName = 8;
+constexpr size_t kMaxSetName = protocol::kGroomSetWidth;
 
 }  // namespace
 
@@ -54,18 +51,13 @@ bool groomOptionsComplete(const GroomRequest& request, std::string& error) {
 }
 
 std::vector<uint8_t> encodeGroomRecord(const GroomRequest& request) {
-    std::vector<uint8_t> record(kGroomRecordSize, 0);
-    wire::ByteWriter w(record);
-    uint32_t options = request.kind == GroomKind::kRotationSet ? kGroomRotationSet : kGroomDelete;
-    std::string name = request.set.substr(0, kMaxSetName);
-    bool ok = w.putLe16(request.months) && w.putLe16(0) && w.putLe32(0) && w.putLe32(0) && w.putLe32(options) &&
-              w.putBytes({reinterpret_cast<const uint8_t*>(name.data()), name.size()});
-    return ok ? record : std::vector<uint8_t>();
+    uint32_t options = request.kind == GroomKind::kRotationSet ? protocol::kGroomRotationSet : protocol::kGroomDelete;
+    return protocol::encodeGroomingRecord(request.months, options, request.set);
 }
 
 bool sendGrooming(JobClient& client, const GroomRequest& request, std::string& error) {
     if (request.kind == GroomKind::kNone) return true;
-    std::array<uint8_t, kTapeRecordSize> tape{};
+    std::array<uint8_t, protocol::kTapeRecordSize> tape{};
     int answer = client.grooming(encodeGroomRecord(request), tape);
     if (answer == protocol::code::kReady) return true;
     error = "GROOMING: " + (answer == kNoAnswer ? client.lastError() : "refused (answer " + std::to_string(answer) + ")");

@@ -346,7 +346,7 @@ void grlog(const char* format, ...) {
     fwrite(text, 1, len, stderr);
 }
 
-int BeginGrooming(const char* logDir, const char* groomSet, const GroomingRecord& record, const TapeRecord& tape) {
+int BeginGrooming(const char* logDir, const char* groomSet, const protocol::GroomingRecord& record, const protocol::TapeRecord& tape) {
     GroomState& s = state();
     // A grooming left unfinished by this process gives way to the new one.
     closeCandidates(s);
@@ -367,8 +367,8 @@ int BeginGrooming(const char* logDir, const char* groomSet, const GroomingRecord
     // written.
     s.owner = getpid();
     s.copyFile.clear();
-    s.kind = (record.fOptions & kGroomDelete) ? kKindDelete : kKindRotation;
-    std::string_view set(groomSet, strnlen(groomSet, kGroomSetTextSize));
+    s.kind = (record.fOptions & protocol::kGroomDelete) ? kKindDelete : kKindRotation;
+    std::string_view set(groomSet, strnlen(groomSet, protocol::kGroomSetTextSize));
     if (s.kind == kKindRotation && (set.empty() || set == "." || set == ".." || set.find('/') != set.npos)) {
         ulog("%sThe rotation set name [%.*s] is not a plain file name", kBeginPrefix, int(set.size()), set.data());
         return -1;
@@ -611,7 +611,7 @@ void ResetGrooming() {
     s.protectedList.reset();
     s.groomedCount = 0;
     s.controlFileTime = 0;
-    s.record = GroomingRecord{};
+    s.record = protocol::GroomingRecord{};
 }
 
 const char* GroomingWorkFile() { return state().workFile.c_str(); }

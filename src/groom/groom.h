@@ -36,7 +36,7 @@
 #include <memory>
 #include <string>
 
-#include "groom/record.h"
+#include "protocol/commands.h"
 #include "platform/file_identity.h"
 
 namespace tavik::groom {
@@ -89,7 +89,7 @@ using GroomList = std::unique_ptr<GroomElement>;
 // copy file name). Returns 0, or -1 when the control file could not be read,
 // the protected list could not be built, or a temporary file could not be
 // made.
-int BeginGrooming(const char* logDir, const char* groomSet, const GroomingRecord& record, const TapeRecord& tape);
+int BeginGrooming(const char* logDir, const char* groomSet, const protocol::GroomingRecord& record, const protocol::TapeRecord& tape);
 // Records a candidate; always 0. Paths that are not eligible are passed over.
 // `status` is what the caller found at `path`; `directory` the identity of
 // the directory that holds it (a walk has it at hand).

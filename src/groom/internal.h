@@ -51,7 +51,7 @@ struct GroomState {
     GroomList protectedList;
     int groomedCount = 0;
     time_t controlFileTime = 0;
-    GroomingRecord record;
+    protocol::GroomingRecord record;
     pid_t owner = -1;               // the process whose temporary files these are
 };
 

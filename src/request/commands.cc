@@ -42,7 +42,7 @@ int diskItem(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload
     uint32_t size = wire::loadLe32(p.data() + 4);
     if (settings().verbose) ulog("DISK_ITEM: flist.nFiles=%d, flist.size=%d", static_cast<int>(nFiles), static_cast<int>(size));
     ctx.topList.clear();
-    if (size > kMaxRawTransfer) {
+    if (size > protocol::kMaxRawTransfer) {
         ulog(MSG_FAILED_RECEIVE_DATA_PACKET, kPrefix);
         return kFailed;
     }
@@ -72,16 +72,15 @@ int option(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) 
 }
 
 int grooming(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) {
-    using namespace groom_layout;
     if (channel.sendCode(protocol::code::kReady, ctx) != 0) return kFailed;
     ctx.groomRecord.assign(payload.begin(), payload.end());
-    if (ctx.groomRecord.size() < kMinSize) ctx.groomRecord.resize(kMinSize, 0);
+    if (ctx.groomRecord.size() < protocol::kGroomKeptSize) ctx.groomRecord.resize(protocol::kGroomKeptSize, 0);
     const uint8_t* g = ctx.groomRecord.data();
-    uint32_t fOptions = wire::loadLe32(g + kOptionsAt);
+    uint32_t fOptions = wire::loadLe32(g + protocol::kGroomOptionsOffset);
     if (settings().verbose) {
         ulog("GROOMING: vGroom->nMonths=%d, nCopies=%d, nFilterItems=%d, fOptions=0x%x",
-             wire::loadLe16(g + kMonthsAt), wire::loadLe16(g + kCopiesAt),
-             static_cast<int>(wire::loadLe32(g + kFilterItemsAt)), fOptions);
+             wire::loadLe16(g + protocol::kGroomMonthsOffset), wire::loadLe16(g + protocol::kGroomCopiesOffset),
+             static_cast<int>(wire::loadLe32(g + protocol::kGroomFilterItemsOffset)), fOptions);
     }
     if (channel.recv(ctx.tapeRecord.data(), ctx.tapeRecord.size()) != 0) {
         ulog(MSG_FAILED_RECEIVE_DATA_PACKET, kPrefix);
@@ -93,11 +92,11 @@ int grooming(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload
              static_cast<int>(static_cast<int8_t>(ctx.tapeRecord[62])));
     }
     ctx.groomSet.clear();
-    if (fOptions & kRotationSet) {
-        const char* name = reinterpret_cast<const char*>(ctx.groomRecord.data() + kSetNameAt);
-        ctx.groomSet.assign(name, strnlen(name, kSetNameWidth));
-        std::memset(ctx.groomRecord.data() + kSetNameAt, 0, kSetNameWidth);
-    } else if (!(fOptions & kDeleteFiles)) {
+    if (fOptions & protocol::kGroomRotationSet) {
+        const char* name = reinterpret_cast<const char*>(ctx.groomRecord.data() + protocol::kGroomSetOffset);
+        ctx.groomSet.assign(name, strnlen(name, protocol::kGroomSetWidth));
+        std::memset(ctx.groomRecord.data() + protocol::kGroomSetOffset, 0, protocol::kGroomSetWidth);
+    } else if (!(fOptions & protocol::kGroomDelete)) {
         ctx.groomRecord.clear();
     }
     if (settings().verbose) ulog("GROOMSET=[%s]", ctx.groomSet.c_str());
@@ -110,7 +109,7 @@ int dbFile(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) 
     uint32_t length = wire::loadLe32(p.data());
     if (settings().verbose) ulog("DB_FILE: filelist_len=%d", static_cast<int>(length));
     ctx.dbFileList.clear();
-    if (length > kMaxRawTransfer) {
+    if (length > protocol::kMaxRawTransfer) {
         ulog(MSG_FAILED_RECEIVE_DATA_PACKET, kPrefix);
         return kFailed;
     }
@@ -274,14 +273,14 @@ int GetCommands(Channel& channel, JobContext& ctx) {
         }
         int r = 0;
         switch (h.code) {
-            case command::kStart:
+            case protocol::command::kStart:
                 ctx.ackInterval = h.value;
                 if (settings().verbose) ulog("RCV_OK: AckCount=%d", ctx.ackInterval);
                 return 0;
-            case command::kDiskItem: r = diskItem(channel, ctx, payload); break;
-            case command::kOption: r = option(channel, ctx, payload); break;
-            case command::kGrooming: r = grooming(channel, ctx, payload); break;
-            case command::kEstimate:
+            case protocol::command::kDiskItem: r = diskItem(channel, ctx, payload); break;
+            case protocol::command::kOption: r = option(channel, ctx, payload); break;
+            case protocol::command::kGrooming: r = grooming(channel, ctx, payload); break;
+            case protocol::command::kEstimate:
                 if (gEstimate) {
                     if (channel.sendCode(protocol::code::kReady, ctx) != 0) return kFailed;
                     r = gEstimate(channel, ctx, payload);
@@ -289,8 +288,8 @@ int GetCommands(Channel& channel, JobContext& ctx) {
                     r = unsupported(channel, ctx, h.code);
                 }
                 break;
-            case command::kDbFile: r = dbFile(channel, ctx, payload); break;
-            case command::kContinue: r = continueCommand(channel, ctx, payload); break;
+            case protocol::command::kDbFile: r = dbFile(channel, ctx, payload); break;
+            case protocol::command::kContinue: r = continueCommand(channel, ctx, payload); break;
             default: r = unsupported(channel, ctx, h.code); break;
         }
         if (r != 0) return r;

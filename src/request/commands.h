@@ -5,7 +5,7 @@
 // Every size from the wire is checked before anything is read into memory:
 // payloads (up to 65535 bytes) are allocated as sized, the filter items' data
 // must fit the 16384-byte pattern text area, and the raw transfers of
-// DISK_ITEM and DB_FILE are bounded by kMaxRawTransfer. Fixed-size payloads
+// DISK_ITEM and DB_FILE are bounded by protocol::kMaxRawTransfer. Fixed-size payloads
 // that arrive short read as zero-padded. Results: 0; 100 on a failed or
 // refused transfer; -1 (GetCommands) when memory ran out.
 #pragma once
@@ -13,37 +13,11 @@
 #include <cstdint>
 #include <span>
 
+#include "protocol/commands.h"
 #include "request/channel.h"
 #include "request/job_context.h"
 
 namespace tavik {
-
-// The largest topList text or database file list a job accepts.
-inline constexpr uint32_t kMaxRawTransfer = 16u * 1024 * 1024;
-
-// Command codes of the parameter phase.
-namespace command {
-inline constexpr int8_t kStart = 0;
-inline constexpr int8_t kDiskItem = 11;
-inline constexpr int8_t kOption = 12;
-inline constexpr int8_t kGrooming = 13;
-inline constexpr int8_t kEstimate = 14;
-inline constexpr int8_t kDbFile = 15;
-inline constexpr int8_t kContinue = 16;
-}  // namespace command
-
-// Grooming record offsets the command phase reads.
-namespace groom_layout {
-inline constexpr size_t kMonthsAt = 0;
-inline constexpr size_t kCopiesAt = 2;
-inline constexpr size_t kFilterItemsAt = 4;
-inline constexpr size_t kOptionsAt = 12;
-inline constexpr size_t kSetNameAt = 16;
-inline constexpr size_t kSetNameWidth = 8;
-inline constexpr size_t kMinSize = kSetNameAt + kSetNameWidth;
-inline constexpr uint32_t kRotationSet = 0x02;
-inline constexpr uint32_t kDeleteFiles = 0x04;
-}  // namespace groom_layout
 
 [[nodiscard]] int GetPattern(Channel& channel, JobContext& ctx);
 [[nodiscard]] int GetCommands(Channel& channel, JobContext& ctx);

@@ -18,6 +18,7 @@
 
 #include "filter/received.h"
 #include "platform/file_identity.h"
+#include "protocol/commands.h"
 #include "protocol/request.h"
 
 namespace tavik {
@@ -53,8 +54,6 @@ struct TopList {
     }
 };
 
-inline constexpr size_t kTapeRecordSize = 63;
-inline constexpr size_t kGroomSetSize = 16;
 inline constexpr uint16_t kOldMaxDirDepth = 19;
 inline constexpr uint16_t kNewMaxDirDepth = 51;
 
@@ -77,7 +76,7 @@ struct JobContext {
     uint16_t maxDirDepth = kOldMaxDirDepth;
     TopList topList;
     std::vector<uint8_t> groomRecord;  // empty: no grooming in this job
-    std::array<uint8_t, kTapeRecordSize> tapeRecord{};
+    std::array<uint8_t, protocol::kTapeRecordSize> tapeRecord{};
     std::string groomSet;
     std::vector<uint8_t> dbFileList;
     std::string restartPath;

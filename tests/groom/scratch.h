@@ -28,6 +28,7 @@
 namespace groomtest {
 
 namespace fs = std::filesystem;
+namespace protocol = tavik::protocol;
 
 using tavik::testing::readFile;
 
@@ -112,20 +113,20 @@ protected:
         ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
     }
 
-    static tavik::groom::GroomingRecord deleting() {
-        tavik::groom::GroomingRecord r;
-        r.fOptions = tavik::groom::kGroomDelete;
+    static protocol::GroomingRecord deleting() {
+        protocol::GroomingRecord r;
+        r.fOptions = protocol::kGroomDelete;
         return r;
     }
-    static tavik::groom::GroomingRecord rotation(uint16_t months) {
-        tavik::groom::GroomingRecord r;
-        r.fOptions = tavik::groom::kGroomRotationSet;
+    static protocol::GroomingRecord rotation(uint16_t months) {
+        protocol::GroomingRecord r;
+        r.fOptions = protocol::kGroomRotationSet;
         r.nMonths = months;
         r.rotationSet = "WEEKSET";
         return r;
     }
-    static tavik::groom::TapeRecord tape() {
-        tavik::groom::TapeRecord t;
+    static protocol::TapeRecord tape() {
+        protocol::TapeRecord t;
         t.tapeID = "T0001";
         t.sessionNumber = "0042";
         t.tapeName = "WEEKLY-07";

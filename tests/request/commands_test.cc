@@ -156,7 +156,7 @@ TEST_F(CommandsTest, DbFileListIsKeptRaw) {
     append(s, cmd(0));
     ASSERT_EQ(run(s), 0);
     EXPECT_EQ(ctx_.dbFileList, list);
-    EXPECT_EQ(run(cmd(15, le32({kMaxRawTransfer + 1}))), transport::kFailed);
+    EXPECT_EQ(run(cmd(15, le32({protocol::kMaxRawTransfer + 1}))), transport::kFailed);
 }
 
 TEST_F(CommandsTest, ContinueLogsItsThreeForms) {

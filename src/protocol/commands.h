@@ -1,9 +1,12 @@
-// The GROOMING command's two records as the job receives them.
+// The parameter phase of a job: the command codes the front-end sends
+// after the job request, what they carry (the GROOMING command's record and
+// the tape record that follows it), the bound on the raw transfers of
+// DISK_ITEM and DB_FILE, and the estimate's answer.
 //
-// GroomingRecord is the command's payload (its first 24 bytes are what
-// grooming keeps); TapeRecord is the 63-byte raw transfer that follows it.
-// Both are decoded from the bytes as received, through the bounded reader:
-// a grooming payload shorter than 24 bytes reads as if padded with zeros, a
+// GroomingRecord is the GROOMING command's payload (the front-end sends 32
+// bytes; the agent keeps the first 24); TapeRecord is the 63-byte raw
+// transfer that follows it. Both are decoded through the bounded reader: a
+// grooming payload shorter than 24 bytes reads as if padded with zeros, a
 // tape record must be whole. Multi-byte fields are little-endian.
 #pragma once
 
@@ -11,10 +14,28 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "wire/bytes.h"
 
-namespace tavik::groom {
+namespace tavik::protocol {
+
+// Command codes of the parameter phase.
+namespace command {
+inline constexpr int8_t kStart = 0;
+inline constexpr int8_t kDiskItem = 11;
+inline constexpr int8_t kOption = 12;
+inline constexpr int8_t kGrooming = 13;
+inline constexpr int8_t kEstimate = 14;
+inline constexpr int8_t kDbFile = 15;
+inline constexpr int8_t kContinue = 16;
+}  // namespace command
+
+// The largest topList text or database file list a job accepts.
+inline constexpr uint32_t kMaxRawTransfer = 16u * 1024 * 1024;
+
+// The estimate's answer: files and kilobytes, 32 bits each.
+inline constexpr size_t kEstimateReplySize = 8;
 
 // Grooming record offsets.
 inline constexpr size_t kGroomMonthsOffset = 0;
@@ -58,8 +79,13 @@ struct TapeRecord {
 
 // Reads the grooming payload from `in` (at most 24 bytes are consumed; the
 // rest of the payload is left to the caller). Never fails.
-GroomingRecord DecodeGroomingRecord(wire::ByteReader& in);
+GroomingRecord decodeGroomingRecord(wire::ByteReader& in);
 // Reads the 63-byte tape record; false (nothing consumed) when it is short.
-[[nodiscard]] bool DecodeTapeRecord(wire::ByteReader& in, TapeRecord& out);
+[[nodiscard]] bool decodeTapeRecord(wire::ByteReader& in, TapeRecord& out);
 
-}  // namespace tavik::groom
+// The GROOMING record the front-end sends: 32 bytes, of which the agent
+// keeps 24.
+inline constexpr size_t kGroomRecordSize = 32;
+std::vector<uint8_t> encodeGroomingRecord(uint16_t months, uint32_t options, const std::string& rotationSet);
+
+}  // namespace tavik::protocol

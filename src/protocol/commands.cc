@@ -1,10 +1,10 @@
-#include "groom/record.h"
+#include "protocol/commands.h"
 
 #include <algorithm>
 
-namespace tavik::groom {
+namespace tavik::protocol {
 
-GroomingRecord DecodeGroomingRecord(wire::ByteReader& in) {
+GroomingRecord decodeGroomingRecord(wire::ByteReader& in) {
     GroomingRecord r;
     size_t n = std::min(in.remaining(), kGroomKeptSize);
     // The read is of exactly the bytes that remain, so it cannot fail.
@@ -18,7 +18,7 @@ GroomingRecord DecodeGroomingRecord(wire::ByteReader& in) {
     return r;
 }
 
-bool DecodeTapeRecord(wire::ByteReader& in, TapeRecord& out) {
+bool decodeTapeRecord(wire::ByteReader& in, TapeRecord& out) {
     if (in.remaining() < kTapeRecordSize) return false;
     TapeRecord r;
     bool ok = in.getFixedText(kTapeIdWidth, r.tapeID) && in.getFixedText(kSessionNumberWidth, r.sessionNumber) &&
@@ -28,4 +28,13 @@ bool DecodeTapeRecord(wire::ByteReader& in, TapeRecord& out) {
     return true;
 }
 
-}  // namespace tavik::groom
+std::vector<uint8_t> encodeGroomingRecord(uint16_t months, uint32_t options, const std::string& rotationSet) {
+    std::vector<uint8_t> record(kGroomRecordSize, 0);
+    wire::ByteWriter w(record);
+    std::string name = rotationSet.substr(0, kGroomSetWidth);
+    bool ok = w.putLe16(months) && w.putLe16(0) && w.putLe32(0) && w.putLe32(0) && w.putLe32(options) &&
+              w.putBytes({reinterpret_cast<const uint8_t*>(name.data()), name.size()});
+    return ok ? record : std::vector<uint8_t>();
+}
+
+}  // namespace tavik::protocol

@@ -1,5 +1,5 @@
 // Decoding the GROOMING command's payload and tape record from wire bytes.
-#include "groom/record.h"
+#include "protocol/commands.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 
 namespace {
 
-using namespace tavik::groom;
+namespace protocol = tavik::protocol;
 using tavik::wire::ByteReader;
 
 std::vector<uint8_t> groomingBytes() {
@@ -23,21 +23,21 @@ std::vector<uint8_t> groomingBytes() {
 TEST(GroomRecord, DecodesGoldenBytes) {
     std::vector<uint8_t> bytes = groomingBytes();
     ByteReader in(bytes.data(), bytes.size());
-    GroomingRecord r = DecodeGroomingRecord(in);
+    protocol::GroomingRecord r = protocol::decodeGroomingRecord(in);
     EXPECT_EQ(r.nMonths, 3);
     EXPECT_EQ(r.nCopies, 2);
     EXPECT_EQ(r.nFilterItems, 5u);
     EXPECT_EQ(r.fOptions, 0x80000006u);
     EXPECT_EQ(r.rotationSet, "WEEKSET9");
-    EXPECT_EQ(in.position(), kGroomKeptSize) << "the rest is the caller's";
+    EXPECT_EQ(in.position(), protocol::kGroomKeptSize) << "the rest is the caller's";
     EXPECT_TRUE(std::equal(r.kept.begin(), r.kept.end(), bytes.begin()));
 }
 
 TEST(GroomRecord, ShortPayloadReadsAsZeroPadded) {
     std::vector<uint8_t> bytes = groomingBytes();
-    for (size_t len = 0; len <= kGroomKeptSize; ++len) {
+    for (size_t len = 0; len <= protocol::kGroomKeptSize; ++len) {
         ByteReader in(bytes.data(), len);
-        GroomingRecord r = DecodeGroomingRecord(in);
+        protocol::GroomingRecord r = protocol::decodeGroomingRecord(in);
         EXPECT_EQ(in.position(), len);
         EXPECT_EQ(r.nMonths, len >= 1 ? 3 : 0) << len;
         EXPECT_EQ(r.fOptions, len >= 16 ? 0x80000006u : len >= 13 ? 0x06u : 0u) << len;
@@ -46,7 +46,7 @@ TEST(GroomRecord, ShortPayloadReadsAsZeroPadded) {
 }
 
 TEST(GroomRecord, TapeRecordWholeOrNothing) {
-    std::vector<uint8_t> bytes(kTapeRecordSize, 0);
+    std::vector<uint8_t> bytes(protocol::kTapeRecordSize, 0);
     const char id[] = "TAPE-ID-0123456X";  // all 16 bytes used, no NUL
     std::copy(id, id + 16, bytes.begin());
     const char session[] = "0042";
@@ -54,19 +54,19 @@ TEST(GroomRecord, TapeRecordWholeOrNothing) {
     const char name[] = "WEEKLY-07";
     std::copy(name, name + 9, bytes.begin() + 32);
     bytes[62] = 0xFF;
-    TapeRecord t;
+    protocol::TapeRecord t;
     ByteReader in(bytes.data(), bytes.size());
-    ASSERT_TRUE(DecodeTapeRecord(in, t));
+    ASSERT_TRUE(protocol::decodeTapeRecord(in, t));
     EXPECT_EQ(t.tapeID, "TAPE-ID-0123456X");
     EXPECT_EQ(t.sessionNumber, "0042");
     EXPECT_EQ(t.tapeName, "WEEKLY-07");
     EXPECT_EQ(t.tapeSequence, -1);
     EXPECT_TRUE(in.empty());
-    for (size_t len = 0; len < kTapeRecordSize; ++len) {
+    for (size_t len = 0; len < protocol::kTapeRecordSize; ++len) {
         ByteReader cut(bytes.data(), len);
-        TapeRecord u;
+        protocol::TapeRecord u;
         u.tapeName = "untouched";
-        EXPECT_FALSE(DecodeTapeRecord(cut, u)) << len;
+        EXPECT_FALSE(protocol::decodeTapeRecord(cut, u)) << len;
         EXPECT_EQ(cut.position(), 0u);
         EXPECT_EQ(u.tapeName, "untouched");
     }
