@@ -9,15 +9,15 @@
 #include "backup/attribute_record.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    auto record = tavik::backup::decodeBackupAttributes({data, size});
+    auto record = protocol::decodeBackupAttributes({data, size});
     if (!record) return 0;
-    std::vector<uint8_t> out(tavik::backup::kMaxAttrRecord);
-    size_t length = tavik::backup::encodeBackupAttributes(*record, out);
-    if (record->name.size() > tavik::backup::kMaxRecordName) {
+    std::vector<uint8_t> out(protocol::kMaxAttrRecord);
+    size_t length = protocol::encodeBackupAttributes(*record, out);
+    if (record->name.size() > protocol::kMaxRecordName) {
         if (length != 0) abort();
         return 0;
     }
-    if (length != tavik::backup::kAttrFixedSize + record->name.size()) abort();
-    if (std::memcmp(out.data(), data, tavik::backup::kAttrName + record->name.size() + 1) != 0) abort();
+    if (length != protocol::kAttrFixedSize + record->name.size()) abort();
+    if (std::memcmp(out.data(), data, protocol::kAttrName + record->name.size() + 1) != 0) abort();
     return 0;
 }

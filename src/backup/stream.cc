@@ -234,12 +234,12 @@ int sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const s
         uint32_t listed = 0;
         st.st_size = (S_ISCHR(st.st_mode) && lookupRawSize(path.c_str(), listed)) ? off_t(listed) : 0;
     }
-    BackupAttributes a = attributesFromStat(st, name, kind == kKindSpecial ? kKindEntry : kind, backupState().inodes);
+    protocol::BackupAttributes a = attributesFromStat(st, name, kind == kKindSpecial ? protocol::kKindEntry : kind, backupState().inodes);
     watchdogOff();
     {
         Building building;
         if (waitFreeSlot() != 0) return -1;
-        size_t length = encodeBackupAttributes(a, {payload(), slotPayloadCapacity()});
+        size_t length = protocol::encodeBackupAttributes(a, {payload(), slotPayloadCapacity()});
         if (length == 0) return -1;  // callers refuse longer names before
         // The header of an entry whose data follows at once leaves with them.
         if (publish(code::kFileHeader, 0, length, dataFollows) != 0) return -1;
@@ -293,7 +293,7 @@ int backup_file(int dirFd, const std::string& path, std::string_view name, struc
     ssize_t targetLength = 0;
     bool send = true;
     bool timesKept = false;  // read without touching the access time
-    if (name.size() > kMaxRecordName) {
+    if (name.size() > protocol::kMaxRecordName) {
         // The attribute record cannot carry the name: reported like an entry
         // that cannot be opened.
         errno = ENAMETOOLONG;
@@ -342,7 +342,7 @@ int backup_file(int dirFd, const std::string& path, std::string_view name, struc
     }
     struct stat before = st;
     if (send) {
-        r = sendAttributes(st, name, special ? kKindSpecial : kKindEntry, path,
+        r = sendAttributes(st, name, special ? kKindSpecial : protocol::kKindEntry, path,
                            S_ISREG(st.st_mode) || S_ISLNK(st.st_mode));
         if (r != 0) {
             if (fd >= 0) ::close(fd);

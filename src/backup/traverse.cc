@@ -223,7 +223,7 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, 
                        filter::OldDirListed(b.oldSelection, e->name) == 0) {
                 continue;
             }
-            if (std::strlen(e->name) > kMaxRecordName) {
+            if (std::strlen(e->name) > protocol::kMaxRecordName) {
                 errno = ENAMETOOLONG;
                 ulog(MSG_FAILED_OPEN_SOURCE_DIR, kPrefix, path.c_str(), errText());
                 int r = queueStatus(code::kNoFile, e->name);

@@ -50,7 +50,7 @@ bool payloadText(std::span<const uint8_t> payload, std::string& out) {
 
 // One path component: what a restore may create below its target.
 bool goodName(const std::string& name) {
-    return !name.empty() && name.size() <= backup::kMaxRecordName && name != "." && name != ".." &&
+    return !name.empty() && name.size() <= protocol::kMaxRecordName && name != "." && name != ".." &&
            name.find('/') == std::string::npos;
 }
 
@@ -425,17 +425,17 @@ TreeWalker::Result TreeWalker::push(const protocol::PacketHeader& header, std::s
     case code::kFileHeader: {
         if (inData_) return fail("file header inside the data of " + currentEntry_);
         if (sourceClosed_) return fail("file header after the source was closed");
-        auto attrs = backup::decodeBackupAttributes(payload);
+        auto attrs = protocol::decodeBackupAttributes(payload);
         if (!attrs) return fail("damaged file header");
         event.type = TreeEvent::Type::kEntry;
-        if (attrs->kind == backup::kKindSource) {
+        if (attrs->kind == protocol::kKindSource) {
             if (!first) return fail("source header not at the start of the stream");
             if (!attrs->name.empty()) return fail("source header with a name");
             event.isDirectory = true;
         } else {
             if (!goodName(attrs->name)) return fail("bad entry name in a file header");
             event.path = childPath(attrs->name);
-            if (attrs->kind == backup::kKindDirectory) {
+            if (attrs->kind == protocol::kKindDirectory) {
                 if (dirs_.size() >= kMaxDepth) return fail("directories nested too deep");
                 dirs_.push_back(event.path);
                 event.isDirectory = true;

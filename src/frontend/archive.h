@@ -199,7 +199,7 @@ struct TreeEvent {
     Type type = Type::kEntry;
     int8_t code = 0;
     std::string path;  // relative to the source: "" for the source, "a/b" below it
-    backup::BackupAttributes attributes;
+    protocol::BackupAttributes attributes;
     bool isDirectory = false;  // kEntry: kind 16 or 17
     std::span<const uint8_t> data;
     bool last = false;

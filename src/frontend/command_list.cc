@@ -42,7 +42,7 @@ std::string modeText(uint32_t mode) {
 }
 
 std::string entryLine(const TreeEvent& e, const std::string& source) {
-    const backup::BackupAttributes& a = e.attributes;
+    const protocol::BackupAttributes& a = e.attributes;
     char when[32] = "(unknown date)  ";
     time_t mtime = time_t(a.mtime);
     struct tm tm {};
@@ -88,7 +88,7 @@ public:
             printf("%s\n", line.c_str());
             return;
         }
-        const backup::BackupAttributes& a = e.attributes;
+        const protocol::BackupAttributes& a = e.attributes;
         char mode[8];
         snprintf(mode, sizeof mode, "%04o", unsigned(a.mode & 07777));
         Json o{{"record", "entry"}, {"path", plainPath(source_, e.path)}, {"type", typeWord(e)}, {"mode", mode},

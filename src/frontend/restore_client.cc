@@ -277,7 +277,7 @@ bool RestoreSender::flush() {
     return true;
 }
 
-bool RestoreSender::directory(const std::string& path, const backup::BackupAttributes& attributes) {
+bool RestoreSender::directory(const std::string& path, const protocol::BackupAttributes& attributes) {
     std::string full = restorePathFor(destination_, path);
     if (full.size() > restore::kMaxNameLength) {
         notSent(path, "the name is longer than the agent takes (1023 bytes)");
@@ -288,7 +288,7 @@ bool RestoreSender::directory(const std::string& path, const backup::BackupAttri
     return true;
 }
 
-bool RestoreSender::beginFile(const std::string& path, const backup::BackupAttributes& attributes) {
+bool RestoreSender::beginFile(const std::string& path, const protocol::BackupAttributes& attributes) {
     std::string full = restorePathFor(destination_, path);
     if (full.size() > restore::kMaxNameLength) {
         notSent(path, "the name is longer than the agent takes (1023 bytes)");

@@ -121,8 +121,8 @@ public:
         progressMs_ = intervalMs;
     }
 
-    [[nodiscard]] bool directory(const std::string& path, const backup::BackupAttributes& attributes);
-    [[nodiscard]] bool beginFile(const std::string& path, const backup::BackupAttributes& attributes);
+    [[nodiscard]] bool directory(const std::string& path, const protocol::BackupAttributes& attributes);
+    [[nodiscard]] bool beginFile(const std::string& path, const protocol::BackupAttributes& attributes);
     [[nodiscard]] bool data(std::span<const uint8_t> bytes);
     [[nodiscard]] bool endFile();
     // Ends the open file and has the agent remove it again: its data in the

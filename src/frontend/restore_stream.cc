@@ -6,7 +6,7 @@
 
 namespace tavik::frontend {
 
-restore::RestoreAttributes restoreAttributesFor(const backup::BackupAttributes& e, const std::string& fullName) {
+restore::RestoreAttributes restoreAttributesFor(const protocol::BackupAttributes& e, const std::string& fullName) {
     restore::RestoreAttributes r;
     r.dev = e.dev;
     r.ino = e.ino;
@@ -32,8 +32,8 @@ std::string restorePathFor(const std::string& root, const std::string& name) {
     return base + "/" + rest;
 }
 
-bool RestoreStreamEncoder::isDirectory(const backup::BackupAttributes& entry) {
-    return entry.kind == backup::kKindDirectory || (entry.mode & restore::kTypeMask) == restore::kTypeDirectory;
+bool RestoreStreamEncoder::isDirectory(const protocol::BackupAttributes& entry) {
+    return entry.kind == protocol::kKindDirectory || (entry.mode & restore::kTypeMask) == restore::kTypeDirectory;
 }
 
 bool RestoreStreamEncoder::emit(int8_t code, std::span<const uint8_t> payload) {
@@ -48,13 +48,13 @@ bool RestoreStreamEncoder::emit(int8_t code, std::span<const uint8_t> payload) {
     return sink_(packet_);
 }
 
-bool RestoreStreamEncoder::directory(const backup::BackupAttributes& entry, const std::string& fullName) {
+bool RestoreStreamEncoder::directory(const protocol::BackupAttributes& entry, const std::string& fullName) {
     if (inFile_) return false;
     std::vector<uint8_t> record = restore::encodeRestoreAttributes(restoreAttributesFor(entry, fullName));
     return !record.empty() && emit(protocol::code::kMkdir, record);
 }
 
-bool RestoreStreamEncoder::beginFile(const backup::BackupAttributes& entry, const std::string& fullName) {
+bool RestoreStreamEncoder::beginFile(const protocol::BackupAttributes& entry, const std::string& fullName) {
     if (inFile_) return false;
     std::vector<uint8_t> record = restore::encodeRestoreAttributes(restoreAttributesFor(entry, fullName));
     if (record.empty() || !emit(protocol::code::kOpenFile, record)) return false;
@@ -88,7 +88,7 @@ bool RestoreStreamEncoder::endFile() {
     return ok;
 }
 
-bool RestoreStreamEncoder::entry(const backup::BackupAttributes& e, const std::string& fullName,
+bool RestoreStreamEncoder::entry(const protocol::BackupAttributes& e, const std::string& fullName,
                                  std::span<const uint8_t> bytes) {
     if (isDirectory(e)) return directory(e, fullName);
     return beginFile(e, fullName) && data(bytes) && endFile();

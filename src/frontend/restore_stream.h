@@ -26,7 +26,7 @@ namespace tavik::frontend {
 
 // The restore record for a backup entry restored as `fullName`. The words
 // that the restore does not read (offsets 36 and 44) are sent as 0.
-restore::RestoreAttributes restoreAttributesFor(const backup::BackupAttributes& entry, const std::string& fullName);
+restore::RestoreAttributes restoreAttributesFor(const protocol::BackupAttributes& entry, const std::string& fullName);
 
 // `root` and a name below it joined with exactly one "/".
 std::string restorePathFor(const std::string& root, const std::string& name);
@@ -37,18 +37,18 @@ public:
     explicit RestoreStreamEncoder(Sink sink) : sink_(std::move(sink)) {}
 
     // MKDIR for a directory entry (by its kind or its mode).
-    [[nodiscard]] bool directory(const backup::BackupAttributes& entry, const std::string& fullName);
+    [[nodiscard]] bool directory(const protocol::BackupAttributes& entry, const std::string& fullName);
     // OPENFILE; the data follows through data() and endFile().
-    [[nodiscard]] bool beginFile(const backup::BackupAttributes& entry, const std::string& fullName);
+    [[nodiscard]] bool beginFile(const protocol::BackupAttributes& entry, const std::string& fullName);
     [[nodiscard]] bool data(std::span<const uint8_t> bytes);
     [[nodiscard]] bool endFile();
     // A whole entry: MKDIR for a directory, else OPENFILE, data and ENDF.
-    [[nodiscard]] bool entry(const backup::BackupAttributes& entry, const std::string& fullName,
+    [[nodiscard]] bool entry(const protocol::BackupAttributes& entry, const std::string& fullName,
                              std::span<const uint8_t> bytes);
     [[nodiscard]] bool end();
     [[nodiscard]] bool abort();
 
-    static bool isDirectory(const backup::BackupAttributes& entry);
+    static bool isDirectory(const protocol::BackupAttributes& entry);
 
 private:
     [[nodiscard]] bool emit(int8_t code, std::span<const uint8_t> payload);

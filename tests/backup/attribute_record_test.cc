@@ -14,9 +14,10 @@
 namespace {
 
 using namespace tavik::backup;
+namespace protocol = tavik::protocol;
 
 TEST(AttributeRecord, GoldenBytesAndLengthFortyNinePlusName) {
-    BackupAttributes a;
+    protocol::BackupAttributes a;
     a.dev = 0x01020304;
     a.ino = 0x0A0B0C0D;
     a.mode = 0100644;
@@ -29,11 +30,11 @@ TEST(AttributeRecord, GoldenBytesAndLengthFortyNinePlusName) {
     a.dosTime = 0xBEEF;
     a.dosDate = 0xCAFE;
     a.size = 4097;
-    a.kind = kKindEntry;
+    a.kind = protocol::kKindEntry;
     a.name = "hello.c12345";  // 12 bytes: length 61
-    std::array<uint8_t, kMaxAttrRecord> buf;
+    std::array<uint8_t, protocol::kMaxAttrRecord> buf;
     buf.fill(0xEE);
-    ASSERT_EQ(encodeBackupAttributes(a, buf), 61u);
+    ASSERT_EQ(protocol::encodeBackupAttributes(a, buf), 61u);
     const uint8_t head[] = {0x04, 0x03, 0x02, 0x01, 0x0D, 0x0C, 0x0B, 0x0A, 0xA4, 0x81, 0, 0, 1, 0, 0, 0,
                             0xFE, 0xFF, 0xFF, 0xFF, 100, 0, 0, 0, 0, 0, 0, 0, 0x44, 0x33, 0x22, 0x11,
                             0x88, 0x77, 0x66, 0x55, 0xEF, 0xBE, 0xFE, 0xCA, 0x01, 0x10, 0, 0, 0};
@@ -42,7 +43,7 @@ TEST(AttributeRecord, GoldenBytesAndLengthFortyNinePlusName) {
     for (size_t i = 57; i < 61; ++i) EXPECT_EQ(buf[i], 0) << "NUL and padding at " << i;
     EXPECT_EQ(buf[61], 0xEE) << "nothing written past the record";
 
-    auto back = decodeBackupAttributes(std::span<const uint8_t>(buf.data(), 61));
+    auto back = protocol::decodeBackupAttributes(std::span<const uint8_t>(buf.data(), 61));
     ASSERT_TRUE(back);
     EXPECT_EQ(back->name, a.name);
     EXPECT_EQ(back->uid, -2);
@@ -51,26 +52,26 @@ TEST(AttributeRecord, GoldenBytesAndLengthFortyNinePlusName) {
 }
 
 TEST(AttributeRecord, RefusesLongNamesAndDecodesOnlyWholeRecords) {
-    BackupAttributes a;
-    a.name = std::string(kMaxRecordName, 'n');
-    std::vector<uint8_t> buf(kMaxAttrRecord + 10);
-    EXPECT_EQ(encodeBackupAttributes(a, buf), kMaxAttrRecord);
+    protocol::BackupAttributes a;
+    a.name = std::string(protocol::kMaxRecordName, 'n');
+    std::vector<uint8_t> buf(protocol::kMaxAttrRecord + 10);
+    EXPECT_EQ(protocol::encodeBackupAttributes(a, buf), protocol::kMaxAttrRecord);
     a.name += 'n';
-    EXPECT_EQ(encodeBackupAttributes(a, buf), 0u) << "256 bytes: refused";
+    EXPECT_EQ(protocol::encodeBackupAttributes(a, buf), 0u) << "256 bytes: refused";
     a.name = "x";
-    EXPECT_EQ(encodeBackupAttributes(a, std::span<uint8_t>(buf.data(), 49)), 0u) << "no room";
-    ASSERT_EQ(encodeBackupAttributes(a, buf), 50u);
+    EXPECT_EQ(protocol::encodeBackupAttributes(a, std::span<uint8_t>(buf.data(), 49)), 0u) << "no room";
+    ASSERT_EQ(protocol::encodeBackupAttributes(a, buf), 50u);
     for (size_t len = 0; len < 46; ++len)
-        EXPECT_FALSE(decodeBackupAttributes(std::span<const uint8_t>(buf.data(), len))) << len;
+        EXPECT_FALSE(protocol::decodeBackupAttributes(std::span<const uint8_t>(buf.data(), len))) << len;
     std::fill(buf.begin() + 45, buf.begin() + 50, 'x');
-    EXPECT_FALSE(decodeBackupAttributes(std::span<const uint8_t>(buf.data(), 50))) << "name without a NUL";
+    EXPECT_FALSE(protocol::decodeBackupAttributes(std::span<const uint8_t>(buf.data(), 50))) << "name without a NUL";
 }
 
 TEST(AttributeRecord, DosTimeAndDateInLocalTime) {
     setenv("TZ", "UTC", 1);
     tzset();
     uint16_t t, d;
-    dosTimeDate(1780841109, t, d);  // 2026-06-07 14:05:09
+    protocol::dosTimeDate(1780841109, t, d);  // 2026-06-07 14:05:09
     EXPECT_EQ(t, (9 / 2) | (5 << 5) | (14 << 11));
     EXPECT_EQ(d, 7 | (6 << 5) | ((2026 - 1980) << 9));
 }

@@ -97,7 +97,7 @@ TEST_F(StreamTest, EntriesThatChangeBetweenStatAndRead) {
     EXPECT_EQ(backup_file(dir(), shrink, "shrink", st, 0), 0);
     ps = drain();
     EXPECT_EQ(codes(ps), (std::vector<int>{6, 800100}));
-    EXPECT_EQ(decodeBackupAttributes(ps[0].payload)->size, 5000u);
+    EXPECT_EQ(protocol::decodeBackupAttributes(ps[0].payload)->size, 5000u);
 
     // Grown: everything there is at reading time is sent.
     std::string grow = file("grow", 100);
@@ -137,7 +137,7 @@ TEST_F(StreamTest, NameTooLongForTheRecordIsReportedLikeAnUnopenableEntry) {
     std::string path = file("short", 3);
     struct stat st;
     stat(path.c_str(), &st);
-    std::string name(kMaxRecordName + 1, 'n');
+    std::string name(protocol::kMaxRecordName + 1, 'n');
     EXPECT_EQ(backup_file(dir(), path, name, st, 0), 0);
     auto ps = drain();
     ASSERT_EQ(ps.size(), 1u);
@@ -145,11 +145,11 @@ TEST_F(StreamTest, NameTooLongForTheRecordIsReportedLikeAnUnopenableEntry) {
     EXPECT_EQ(ps[0].text(), name);
     EXPECT_TRUE(home_.logHas("(File name too long)"));
     // The longest name that fits: a record of 49 + 255 bytes.
-    std::string longest = file(std::string(kMaxRecordName, 'n'), 3);
-    EXPECT_EQ(backup_file(dir(), longest, std::string(kMaxRecordName, 'n'), st, 0), 0);
+    std::string longest = file(std::string(protocol::kMaxRecordName, 'n'), 3);
+    EXPECT_EQ(backup_file(dir(), longest, std::string(protocol::kMaxRecordName, 'n'), st, 0), 0);
     ps = drain();
     ASSERT_EQ(ps.size(), 2u);
-    EXPECT_EQ(ps[0].payload.size(), 49 + kMaxRecordName);
+    EXPECT_EQ(ps[0].payload.size(), 49 + protocol::kMaxRecordName);
 }
 
 // A listed raw device is sent as its listed size of data (the end-to-end
@@ -176,8 +176,8 @@ TEST_F(StreamTest, RawDevicesAreLookedUpInTheDatabaseList) {
     EXPECT_EQ(backup_file(dir(), other, "rawnull", st, 0), 0);
     auto ps = drain();
     EXPECT_EQ(codes(ps), (std::vector<int>{6, 800000}));
-    EXPECT_EQ(decodeBackupAttributes(ps[0].payload)->size, 0u);
-    EXPECT_EQ(decodeBackupAttributes(ps[0].payload)->kind, 0);
+    EXPECT_EQ(protocol::decodeBackupAttributes(ps[0].payload)->size, 0u);
+    EXPECT_EQ(protocol::decodeBackupAttributes(ps[0].payload)->kind, 0);
 
     // A list that does not hold whole entries is not walked past its end.
     list = {1, 0, 0, 0, 'a', 'b'};  // no NUL

@@ -25,6 +25,7 @@ namespace {
 
 using namespace tavik::test;
 namespace frontend = tavik::frontend;
+namespace protocol = tavik::protocol;
 
 // The front-end's side of a backup stream: every packet the agent sends
 // (code, value, version, length, payload).
@@ -36,9 +37,9 @@ struct StreamPacket {
     int connection = 0;  // 0 for the first connection, 1 after the first renewal...
 
     // A file header's fields.
-    tavik::backup::BackupAttributes attributes() const {
-        auto a = tavik::backup::decodeBackupAttributes(payload);
-        return a ? *a : tavik::backup::BackupAttributes{.kind = 255, .name = "?"};
+    protocol::BackupAttributes attributes() const {
+        auto a = protocol::decodeBackupAttributes(payload);
+        return a ? *a : protocol::BackupAttributes{.kind = 255, .name = "?"};
     }
     std::string name() const { return attributes().name; }
     uint8_t kind() const { return attributes().kind; }

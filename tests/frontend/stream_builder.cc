@@ -21,7 +21,7 @@ StreamBuilder& StreamBuilder::packet(int8_t code, const std::vector<uint8_t>& pa
 }
 
 StreamBuilder& StreamBuilder::header(const std::string& name, uint8_t kind, uint32_t mode, uint32_t size) {
-    backup::BackupAttributes a;
+    protocol::BackupAttributes a;
     a.mode = mode;
     a.nlink = 1;
     a.uid = 1000;
@@ -30,8 +30,8 @@ StreamBuilder& StreamBuilder::header(const std::string& name, uint8_t kind, uint
     a.size = size;
     a.kind = kind;
     a.name = name;
-    std::vector<uint8_t> record(backup::kMaxAttrRecord);
-    size_t n = backup::encodeBackupAttributes(a, record);
+    std::vector<uint8_t> record(protocol::kMaxAttrRecord);
+    size_t n = protocol::encodeBackupAttributes(a, record);
     record.resize(n);
     return packet(protocol::code::kFileHeader, record);
 }

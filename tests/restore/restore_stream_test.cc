@@ -14,7 +14,7 @@
 namespace tavik::frontend {
 namespace {
 
-backup::BackupAttributes regular(uint32_t size) {
+protocol::BackupAttributes regular(uint32_t size) {
     return {.dev = 7, .ino = 99, .mode = 0100640, .nlink = 1, .uid = 12, .gid = 34, .rdev = 5, .atime = 111,
             .mtime = 222, .dosTime = 0x1234, .dosDate = 0x5678, .size = size, .name = "f"};
 }
@@ -56,9 +56,9 @@ TEST(RestoreStreamEncoder, DataIsCutInto2048BytePayloadsWithTheRestInEndf) {
 
 TEST(RestoreStreamEncoder, TheRecordIsTranslatedWithTheFullName) {
     Encoded e;
-    backup::BackupAttributes dir = regular(0);
+    protocol::BackupAttributes dir = regular(0);
     dir.mode = 040755;
-    dir.kind = backup::kKindDirectory;
+    dir.kind = protocol::kKindDirectory;
     ASSERT_TRUE(e.enc.entry(dir, restorePathFor("/restore/", "/home/u"), {}));
     ASSERT_TRUE(e.enc.entry(regular(3), "/restore/home/u/f", std::vector<uint8_t>{1, 2, 3}));
     ASSERT_TRUE(e.enc.end());
