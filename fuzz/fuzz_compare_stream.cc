@@ -48,7 +48,7 @@ const std::string& tree() {
     return dir;
 }
 
-void confine(restore::RestoreAttributes& a) {
+void confine(protocol::RestoreAttributes& a) {
     unsigned pick = 0;
     for (char c : a.name) pick = pick * 31 + static_cast<uint8_t>(c);
     a.name = kNames[pick % kNames.size()];

@@ -78,7 +78,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::span<const uint8_t> rest(data + taken, size - taken);
     std::vector<uint8_t> stream(rest.begin(), rest.end());
     if (opMode == protocol::kOpRestore || opMode == protocol::kOpCompare) {
-        stream = fuzz::reframe(rest, [](restore::RestoreAttributes& a) { fuzz::reroot(root(), a); });
+        stream = fuzz::reframe(rest, [](protocol::RestoreAttributes& a) { fuzz::reroot(root(), a); });
     }
     int fds[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) return 0;

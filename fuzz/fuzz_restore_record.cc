@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <span>
 
-#include "restore/restore_record.h"
+#include "protocol/restore_record.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace tavik::restore;

@@ -22,7 +22,7 @@ using namespace tavik;
 
 const std::string& scratch() { return fuzz::scratchDir("restore"); }
 
-void confine(restore::RestoreAttributes& a) { fuzz::reroot(scratch(), a); }
+void confine(protocol::RestoreAttributes& a) { fuzz::reroot(scratch(), a); }
 
 }  // namespace
 

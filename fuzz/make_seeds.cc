@@ -14,7 +14,7 @@
 
 #include "filter/items.h"
 #include "frontend/job_client.h"
-#include "restore/restore_record.h"
+#include "protocol/restore_record.h"
 #include "transport/browser.h"
 #include "wire/bytes.h"
 
@@ -36,9 +36,9 @@ Bytes text(const std::string& s, bool nul = true) {
 }
 
 Bytes record(const std::string& name, uint32_t mode, uint32_t nlink = 1) {
-    restore::RestoreAttributes a{.dev = 3, .ino = 77, .mode = mode, .nlink = nlink, .uid = 0, .gid = 0,
+    protocol::RestoreAttributes a{.dev = 3, .ino = 77, .mode = mode, .nlink = nlink, .uid = 0, .gid = 0,
                                  .atime = 1500000000, .mtime = 1400000000, .size = 5, .name = name};
-    return restore::encodeRestoreAttributes(a);
+    return protocol::encodeRestoreAttributes(a);
 }
 
 // A restore (or compare) stream: a directory, a file in two data packets, a

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "request/job_context.h"
-#include "restore/restore_record.h"
+#include "protocol/restore_record.h"
 #include "scratch.h"
 #include "transport/packet.h"
 #include "wire/bytes.h"
@@ -34,7 +34,7 @@ inline JobContext streamJob(uint8_t interval) {
 // Moves a record's name below `dir` ("/a/../b" becomes dir + "/a/__/b") and
 // turns links and special files into regular files, so that nothing a
 // stream makes can lead outside `dir`.
-inline void reroot(const std::string& dir, restore::RestoreAttributes& a) {
+inline void reroot(const std::string& dir, protocol::RestoreAttributes& a) {
     std::string out = dir;
     const std::string& name = a.name;
     for (size_t i = 0; i <= name.size();) {
@@ -46,10 +46,10 @@ inline void reroot(const std::string& dir, restore::RestoreAttributes& a) {
         i = slash + 1;
     }
     if (!name.empty() && name.back() == '/') out += "/";
-    if (out.size() > restore::kMaxNameLength) out.resize(restore::kMaxNameLength);
+    if (out.size() > protocol::kMaxNameLength) out.resize(protocol::kMaxNameLength);
     a.name = out;
-    if (a.type() == restore::kTypeSymlink || a.isSpecial()) {
-        a.mode = (a.mode & ~restore::kTypeMask) | restore::kTypeRegular;
+    if (a.type() == protocol::kTypeSymlink || a.isSpecial()) {
+        a.mode = (a.mode & ~protocol::kTypeMask) | protocol::kTypeRegular;
     }
 }
 
@@ -73,11 +73,11 @@ std::vector<uint8_t> reframe(std::span<const uint8_t> input, Confine confine) {
         std::span<const uint8_t> payload;
         if (!in.view(std::min<size_t>(h.length, in.remaining()), payload)) break;
         std::vector<uint8_t> body(payload.begin(), payload.end());
-        restore::RestoreAttributes a;
+        protocol::RestoreAttributes a;
         if ((h.code == protocol::code::kMkdir || h.code == protocol::code::kOpenFile) &&
-            restore::decodeRestoreAttributes(payload, a) == restore::RecordError::None) {
+            protocol::decodeRestoreAttributes(payload, a) == protocol::RecordError::None) {
             confine(a);
-            body = restore::encodeRestoreAttributes(a);
+            body = protocol::encodeRestoreAttributes(a);
         }
         if (body.size() > 65535) body.resize(65535);
         h.length = static_cast<uint16_t>(body.size());

@@ -29,7 +29,7 @@
 namespace tavik::compare {
 namespace {
 
-using restore::RestoreAttributes;
+using protocol::RestoreAttributes;
 
 constexpr const char* kPrefix = "(ws_compare) ";
 constexpr const char* kAbortPrefix = "(ws_compare[ABORT]) ";
@@ -42,9 +42,9 @@ constexpr const char* kSendFilePrefix = "(sync_send_file) ";
 // A record whose name the system could still hold is read whole (a name of
 // 1024 bytes or more is then answered as one that cannot be examined); a
 // larger record breaks the stream.
-constexpr size_t kRecordAreaSize = restore::kRecName + 4096;
+constexpr size_t kRecordAreaSize = protocol::kRecName + 4096;
 // The root, the name, and root and name joined are 1024-byte texts.
-constexpr size_t kNameBufferSize = restore::kPathBufferSize;
+constexpr size_t kNameBufferSize = protocol::kPathBufferSize;
 // How much of a refused name the log shows.
 constexpr int kShownNameBytes = 100;
 // A difference of size alone: no content comparison follows.
@@ -101,7 +101,7 @@ private:
     std::array<char, kNameBufferSize> full_{};
     bool fullFits_ = false;  // a name that does not fit is never recorded for grooming
 
-    RestoreAttributes tape_;
+    protocol::RestoreAttributes tape_;
     struct stat disk_ {};
     bool haveFile_ = false;  // an OPENFILE found its object and waits for ENDF
     bool diskIsLink_ = false;
@@ -120,11 +120,11 @@ int CompareSession::run() {
     for (;;) {
         int8_t code = 0;
         record_.fill(0);  // a short record reads as zeros, never as the previous one
-        size_t room = count_ + restore::kMaxDataPayload;
+        size_t room = count_ + protocol::kMaxDataPayload;
         if (room > data_.size()) room = data_.size();
         transport::FileDataBuffer incoming{std::span<uint8_t>(data_.data(), room), count_};
         if (transport::GetReply(socket_, code, record_, &incoming, ahead_) != 0) {
-            return answer(verdict::kStop) == 0 ? 0 : transport::kFailed;
+            return answer(protocol::verdict::kStop) == 0 ? 0 : transport::kFailed;
         }
         count_ = incoming.fill;
         int r = 0;
@@ -178,7 +178,7 @@ bool CompareSession::takeName(const char* prefix, const char* statFormat, bool d
         errno = ENAMETOOLONG;
         char shown[kShownNameBytes + 4];
         std::snprintf(shown, sizeof shown, "%.*s...", kShownNameBytes,
-                      reinterpret_cast<const char*>(&record_[restore::kRecName]));
+                      reinterpret_cast<const char*>(&record_[protocol::kRecName]));
         ulog(statFormat, prefix, shown, errText());
         return false;
     }
@@ -193,25 +193,25 @@ uint8_t CompareSession::compareAttributes(const char* prefix, const char* shown,
     const struct stat& st = disk_;
     if (tape_.mode != static_cast<uint32_t>(st.st_mode)) {
         ulog(MSG_MODE_CHANGED, prefix, shown, tape_.mode, static_cast<unsigned>(st.st_mode));
-        return verdict::kMode;
+        return protocol::verdict::kMode;
     }
     if (tape_.nlink != static_cast<uint32_t>(st.st_nlink)) {
         ulog(MSG_NUMBER_LINKS_CHANGED, prefix, shown, static_cast<int>(tape_.nlink), static_cast<int>(st.st_nlink));
-        return verdict::kLinks;
+        return protocol::verdict::kLinks;
     }
     if (tape_.uid != static_cast<uint32_t>(st.st_uid)) {
         ulog(MSG_USER_ID_CHANGED, prefix, shown, static_cast<int>(tape_.uid), static_cast<int>(st.st_uid));
-        return verdict::kOwner;
+        return protocol::verdict::kOwner;
     }
     if (tape_.gid != static_cast<uint32_t>(st.st_gid)) {
         ulog(MSG_GROUP_ID_CHANGED, prefix, shown, static_cast<int>(tape_.gid), static_cast<int>(st.st_gid));
-        return verdict::kGroup;
+        return protocol::verdict::kGroup;
     }
     if (deviceNumber && (S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode))) {
         uint32_t diskRdev = platform::encodeDev32(st.st_rdev);
         if (tape_.rdev != diskRdev) {
             ulog(MSG_RDEV_CHANGED, prefix, shown, tape_.rdev, diskRdev);
-            return verdict::kRdev;
+            return protocol::verdict::kRdev;
         }
     }
     uint32_t diskMtime = platform::wireTime(static_cast<int64_t>(st.st_mtime));
@@ -219,31 +219,31 @@ uint8_t CompareSession::compareAttributes(const char* prefix, const char* shown,
         char was[32];
         std::snprintf(was, sizeof was, "%s", formatLogDate(static_cast<time_t>(tape_.mtime)));
         ulog(MSG_MODIFY_TIME_CHANGED, prefix, shown, was, formatLogDate(static_cast<time_t>(diskMtime)));
-        return verdict::kMtime;
+        return protocol::verdict::kMtime;
     }
     return 0;
 }
 
 int CompareSession::mkdirCommand() {
-    bool decoded = restore::decodeRestoreAttributes(record_, tape_) == restore::RecordError::None;
+    bool decoded = protocol::decodeRestoreAttributes(record_, tape_) == protocol::RecordError::None;
     errno = 0;
     difference_ = 0;
-    if (!takeName(kMkdirPrefix, MSG_FAILED_GET_ATTRIBUTES_STAT, decoded)) return answer(verdict::kNoDirectory);
+    if (!takeName(kMkdirPrefix, MSG_FAILED_GET_ATTRIBUTES_STAT, decoded)) return answer(protocol::verdict::kNoDirectory);
     traceStdout(verbose_, "MKDIR: path = %s\n", full_.data());
     if (!fullFits_) errno = ENAMETOOLONG;
     if (!fullFits_ || ::stat(full_.data(), &disk_) != 0) {
         ulog(MSG_FAILED_GET_ATTRIBUTES_STAT, kMkdirPrefix, path_.c_str(), errText());
-        return answer(verdict::kNoDirectory);
+        return answer(protocol::verdict::kNoDirectory);
     }
     difference_ = compareAttributes(kMkdirPrefix, full_.data(), false);
-    if (difference_ != 0) return answer(detailed_ ? difference_ : verdict::kDirectoryDiffers);
-    if (answer(verdict::kSame) != 0) return transport::kFailed;
+    if (difference_ != 0) return answer(detailed_ ? difference_ : protocol::verdict::kDirectoryDiffers);
+    if (answer(protocol::verdict::kSame) != 0) return transport::kFailed;
     if (grooming_) record(full_.data(), disk_);
     return 0;
 }
 
 int CompareSession::openFile() {
-    bool decoded = restore::decodeRestoreAttributes(record_, tape_) == restore::RecordError::None;
+    bool decoded = protocol::decodeRestoreAttributes(record_, tape_) == protocol::RecordError::None;
     content_ = 0;
     count_ = 0;
     difference_ = 0;
@@ -252,20 +252,20 @@ int CompareSession::openFile() {
     diskIsLink_ = false;
     const char* statFormat = followLinks_ ? MSG_FAILED_GET_ATTRIBUTES_STAT : MSG_FAILED_GET_ATTRIBUTES_LSTAT;
     if (!takeName(kOpenPrefix, statFormat, decoded)) {
-        content_ = verdict::kNoFile;
-        return answer(verdict::kNoFile);
+        content_ = protocol::verdict::kNoFile;
+        return answer(protocol::verdict::kNoFile);
     }
     traceStdout(verbose_, "OPENFILE: %s\n", full_.data());
     int r = followLinks_ ? ::stat(path_.c_str(), &disk_) : ::lstat(path_.c_str(), &disk_);
     if (r != 0) {
         ulog(statFormat, kOpenPrefix, path_.c_str(), errText());
-        content_ = verdict::kNoFile;
-        return answer(verdict::kNoFile);
+        content_ = protocol::verdict::kNoFile;
+        return answer(protocol::verdict::kNoFile);
     }
     haveFile_ = true;
     if (S_ISLNK(disk_.st_mode)) {
         diskIsLink_ = true;  // compared by its target at ENDF
-        return answer(verdict::kSame);
+        return answer(protocol::verdict::kSame);
     }
     difference_ = compareAttributes(kOpenPrefix, path_.c_str(), true);
     if (S_ISREG(disk_.st_mode)) {
@@ -274,7 +274,7 @@ int CompareSession::openFile() {
             ulog(MSG_SIZE_CHANGED, kOpenPrefix, path_.c_str(), static_cast<int>(tape_.size),
                  static_cast<int>(diskSize));
             difference_ = kSizeDiffers;
-            content_ = verdict::kSize;
+            content_ = protocol::verdict::kSize;
         }
         // Not following links, a link swapped in since the lstat is not
         // opened; a FIFO swapped in does not block the job.
@@ -285,8 +285,8 @@ int CompareSession::openFile() {
         timesKept_ = opened.accessTimeKept;
         if (!fd_) {
             ulog(MSG_FAILED_OPEN_REGULAR, kOpenPrefix, path_.c_str(), errText());
-            content_ = verdict::kCannotOpen;
-            return answer(verdict::kCannotOpen);
+            content_ = protocol::verdict::kCannotOpen;
+            return answer(protocol::verdict::kCannotOpen);
         }
         int onNfs = backup::skip_nfs(path_.c_str(), disk_.st_dev);
         bool mandatory = (disk_.st_mode & S_ISGID) != 0 && (disk_.st_mode & S_IXGRP) == 0;
@@ -296,15 +296,15 @@ int CompareSession::openFile() {
             if (lr == -2) {
                 fd_.reset();
                 ulog(MSG_LOCKED_ANOTHER_PROCESS, kOpenPrefix, path_.c_str());
-                content_ = verdict::kLocked;
-                return answer(verdict::kLocked);
+                content_ = protocol::verdict::kLocked;
+                return answer(protocol::verdict::kLocked);
             }
             if (lr == -1) {
                 fd_.reset();
                 errno = lockErrno;
                 ulog(MSG_FAILED_LOCK, kOpenPrefix, path_.c_str(), errText());
-                content_ = verdict::kLockTestFailed;
-                return answer(verdict::kLockTestFailed);
+                content_ = protocol::verdict::kLockTestFailed;
+                return answer(protocol::verdict::kLockTestFailed);
             }
             // The lock was only a test: it is given up at once.
             struct flock unlock {};
@@ -314,12 +314,12 @@ int CompareSession::openFile() {
                 ulog("%sFailed to unlock file %s (%s)", kOpenPrefix, path_.c_str(), errText());
             }
         }
-    } else if (tape_.type() == restore::kTypeCharDevice && tape_.size != 0) {
-        content_ = verdict::kCannotOpen;  // a raw device's contents are not compared
+    } else if (tape_.type() == protocol::kTypeCharDevice && tape_.size != 0) {
+        content_ = protocol::verdict::kCannotOpen;  // a raw device's contents are not compared
     }
-    if (difference_ == 0) return answer(verdict::kSame);
-    if (difference_ == kSizeDiffers) return answer(verdict::kSize);
-    return answer(detailed_ ? difference_ : verdict::kFileDiffers);
+    if (difference_ == 0) return answer(protocol::verdict::kSame);
+    if (difference_ == kSizeDiffers) return answer(protocol::verdict::kSize);
+    return answer(detailed_ ? difference_ : protocol::verdict::kFileDiffers);
 }
 
 // Reads as many bytes as are held from the file and compares them; a short
@@ -334,12 +334,12 @@ void CompareSession::compareHeld(const char* prefix) {
     }
     if (n != static_cast<ssize_t>(count_)) {
         ulog(MSG_FAILED_READING, prefix, path_.c_str(), errText());
-        content_ = verdict::kReadFailed;
+        content_ = protocol::verdict::kReadFailed;
         return;
     }
     if (std::memcmp(local_.data(), data_.data(), count_) != 0) {
         ulog(MSG_CONTENT_CHANGED, prefix, path_.c_str());
-        content_ = verdict::kContent;
+        content_ = protocol::verdict::kContent;
     }
 }
 
@@ -360,12 +360,12 @@ void CompareSession::compareLinkTarget() {
     ssize_t n = ::readlink(path_.c_str(), reinterpret_cast<char*>(local_.data()), local_.size());
     if (n < 0) {
         ulog(MSG_FAILED_READ_CONTENTS_SYMBOLIC_LINK, kEndfPrefix, path_.c_str(), errText());
-        content_ = verdict::kLinkUnreadable;
+        content_ = protocol::verdict::kLinkUnreadable;
         return;
     }
     if (static_cast<size_t>(n) != count_ || std::memcmp(local_.data(), data_.data(), count_) != 0) {
         ulog(MSG_CONTENT_CHANGED, kEndfPrefix, path_.c_str());
-        content_ = verdict::kContent;
+        content_ = protocol::verdict::kContent;
     }
 }
 
@@ -386,13 +386,13 @@ void CompareSession::resetTimes() {
 int CompareSession::endf() {
     bool fileInHand = haveFile_;
     haveFile_ = false;
-    if (content_ == verdict::kReadFailed || content_ == verdict::kContent) {
+    if (content_ == protocol::verdict::kReadFailed || content_ == protocol::verdict::kContent) {
         count_ = 0;
         return answer(content_);
     }
     if (content_ != 0 || !fileInHand) {
         count_ = 0;
-        return answer(verdict::kSame);
+        return answer(protocol::verdict::kSame);
     }
     if (diskIsLink_) {
         compareLinkTarget();
@@ -422,10 +422,10 @@ int CompareSession::end() {
         int groomed = groom::GroomedCount();
         std::string workFile = groom::GroomingWorkFile();
         if (groomed > 0) {
-            if (answer(verdict::kGroomCount) != 0) {
+            if (answer(protocol::verdict::kGroomCount) != 0) {
                 failed = true;
             } else {
-                std::array<uint8_t, kGroomCountSize> countText{};
+                std::array<uint8_t, protocol::kGroomCountSize> countText{};
                 std::snprintf(reinterpret_cast<char*>(countText.data()), countText.size(), "%d", groomed);
                 if (transport::sendRoutine(socket_, countText.data(), countText.size()) == 0 &&
                     sync_send_file(socket_, workFile.c_str()) == transport::kFailed) {
@@ -451,7 +451,7 @@ int CompareSession::end() {
         if (failed) return transport::kFailed;
     }
     ulog(MSG_WORKSTATION_COMPARE_ENDED, "");
-    return answer(verdict::kEnd) == 0 ? 0 : transport::kFailed;
+    return answer(protocol::verdict::kEnd) == 0 ? 0 : transport::kFailed;
 }
 
 }  // namespace
@@ -493,7 +493,7 @@ int sync_send_file(int socket, const char* name) {
     if (readFailed) {
         errno = readErrno;
         ulog(MSG_FAILED_READING, kSendFilePrefix, name, errText());
-        return transport::syncSendCode(socket, static_cast<int8_t>(verdict::kReadErr)) == 0 ? 0
+        return transport::syncSendCode(socket, static_cast<int8_t>(protocol::verdict::kReadErr)) == 0 ? 0
                                                                                               : transport::kFailed;
     }
     return 0;

@@ -25,46 +25,18 @@
 #include <string>
 
 #include "request/job_context.h"
-#include "restore/restore_record.h"
+#include "protocol/restore_record.h"
 
 namespace tavik::compare {
 
 // Contents are compared once this many bytes have gathered; one more data
 // payload must always fit.
 inline constexpr size_t kCompareBatch = 4296;
-inline constexpr size_t kDataAreaSize = kCompareBatch + restore::kMaxDataPayload;
+inline constexpr size_t kDataAreaSize = kCompareBatch + protocol::kMaxDataPayload;
 static_assert(kDataAreaSize == 6344);
 
-// The grooming count follows code 14 as decimal text in 16 bytes.
-inline constexpr size_t kGroomCountSize = 16;
 // sync_send_file's packet payload.
 inline constexpr size_t kFilePacketSize = 2048;
-
-// Verdict codes (one byte, header only).
-namespace verdict {
-inline constexpr uint8_t kSame = 0;
-inline constexpr uint8_t kEnd = 3;
-inline constexpr uint8_t kGroomCount = 14;
-inline constexpr uint8_t kStop = 100;
-inline constexpr uint8_t kReadErr = 103;
-inline constexpr uint8_t kNoFile = 0xD2;
-inline constexpr uint8_t kNoDirectory = 0xD3;
-inline constexpr uint8_t kCannotOpen = 0xD4;
-inline constexpr uint8_t kSize = 0xD5;
-inline constexpr uint8_t kFileDiffers = 0xD6;
-inline constexpr uint8_t kDirectoryDiffers = 0xD7;
-inline constexpr uint8_t kReadFailed = 0xD8;
-inline constexpr uint8_t kLinkUnreadable = 0xD9;
-inline constexpr uint8_t kContent = 0xDA;
-inline constexpr uint8_t kLockTestFailed = 0xDB;
-inline constexpr uint8_t kLocked = 0xDC;
-inline constexpr uint8_t kMode = 0xDD;
-inline constexpr uint8_t kLinks = 0xDE;
-inline constexpr uint8_t kOwner = 0xDF;
-inline constexpr uint8_t kGroup = 0xE0;
-inline constexpr uint8_t kMtime = 0xE2;
-inline constexpr uint8_t kRdev = 0xE3;
-}  // namespace verdict
 
 int ws_compare(int socket, const std::string& root, const JobContext& ctx);
 

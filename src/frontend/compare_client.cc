@@ -13,7 +13,6 @@
 namespace tavik::frontend {
 namespace {
 
-constexpr size_t kGroomCountSize = 16;
 constexpr int8_t kGroomCountCode = 14;
 constexpr int8_t kEndCode = 3;
 
@@ -162,7 +161,7 @@ private:
     bool finish(std::string& error) {
         int code = client_.readAnswer();
         if (code == kGroomCountCode) {
-            std::array<uint8_t, kGroomCountSize> count{};
+            std::array<uint8_t, protocol::kGroomCountSize> count{};
             if (!client_.recvRaw(count)) return fail(error, client_.lastError());
             result_.groomed = true;
             result_.groomCount.assign(reinterpret_cast<const char*>(count.data()), strnlen(reinterpret_cast<const char*>(count.data()), count.size()));
@@ -200,25 +199,26 @@ private:
 }  // namespace
 
 const char* verdictWords(uint8_t code) {
+    namespace v = protocol::verdict;
     switch (code) {
-        case 0x00: return "identical";
-        case 0xD2: return "missing or cannot be examined";
-        case 0xD3: return "directory missing or cannot be examined";
-        case 0xD4: return "cannot be opened";
-        case 0xD5: return "size differs";
-        case 0xD6: return "attributes differ";
-        case 0xD7: return "directory attributes differ";
-        case 0xD8: return "cannot be read";
-        case 0xD9: return "link cannot be read";
-        case 0xDA: return "contents differ";
-        case 0xDB: return "lock test failed";
-        case 0xDC: return "locked by another process";
-        case 0xDD: return "mode differs";
-        case 0xDE: return "link count differs";
-        case 0xDF: return "owner differs";
-        case 0xE0: return "group differs";
-        case 0xE2: return "modification time differs";
-        case 0xE3: return "device number differs";
+        case v::kSame: return "identical";
+        case v::kNoFile: return "missing or cannot be examined";
+        case v::kNoDirectory: return "directory missing or cannot be examined";
+        case v::kCannotOpen: return "cannot be opened";
+        case v::kSize: return "size differs";
+        case v::kFileDiffers: return "attributes differ";
+        case v::kDirectoryDiffers: return "directory attributes differ";
+        case v::kReadFailed: return "cannot be read";
+        case v::kLinkUnreadable: return "link cannot be read";
+        case v::kContent: return "contents differ";
+        case v::kLockTestFailed: return "lock test failed";
+        case v::kLocked: return "locked by another process";
+        case v::kMode: return "mode differs";
+        case v::kLinks: return "link count differs";
+        case v::kOwner: return "owner differs";
+        case v::kGroup: return "group differs";
+        case v::kMtime: return "modification time differs";
+        case v::kRdev: return "device number differs";
         default: return "unknown verdict";
     }
 }

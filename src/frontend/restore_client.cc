@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "protocol/request.h"
-#include "restore/restore_record.h"
+#include "protocol/restore_record.h"
 #include "transport/packet.h"
 #include "wire/bytes.h"
 
@@ -41,16 +41,16 @@ bool below(const std::string& path, const std::string& top) {
 }  // namespace
 
 bool parseConflictPolicy(const std::string& word, uint8_t& out) {
-    if (word == "skip") out = conflict_policy::kSkip;
-    else if (word == "rename") out = conflict_policy::kRename;
-    else if (word == "overwrite") out = conflict_policy::kOverwrite;
-    else if (word == "newer") out = conflict_policy::kNewer;
+    if (word == "skip") out = protocol::conflict_policy::kSkip;
+    else if (word == "rename") out = protocol::conflict_policy::kRename;
+    else if (word == "overwrite") out = protocol::conflict_policy::kOverwrite;
+    else if (word == "newer") out = protocol::conflict_policy::kNewer;
     else return false;
     return true;
 }
 
 std::string restoreStatusWords(uint8_t status) {
-    namespace s = restore::status;
+    namespace s = protocol::status;
     switch (status) {
     case s::kRestored: return "restored";
     case s::kNoSpace: return "no space left on the agent's file system (the job ended)";
@@ -170,7 +170,7 @@ RestoreSender::RestoreSender(platform::UniqueFd connection, std::string destinat
       encoder_([this](std::span<const uint8_t> packet) { return append(packet); }) {
     int flags = ::fcntl(fd_.get(), F_GETFL);
     if (flags >= 0) ::fcntl(fd_.get(), F_SETFL, flags | O_NONBLOCK);
-    out_.reserve(kWriteSize + kAnswerSize + restore::kMaxRecordSize + restore::kMaxDataPayload);
+    out_.reserve(kWriteSize + kAnswerSize + protocol::kMaxRecordSize + protocol::kMaxDataPayload);
     startMs_ = nowMs();
 }
 
@@ -215,11 +215,11 @@ void RestoreSender::answer(uint8_t code) {
     Pending done = std::move(pending_.front());
     pending_.pop_front();
     const std::string& path = done.path;
-    if (code == restore::status::kSkipped) {
+    if (code == protocol::status::kSkipped) {
         ++stats_.skipped;
     } else if (!done.dropWords.empty()) {
         fail(path, code, done.dropWords);
-    } else if (code == restore::status::kRestored) {
+    } else if (code == protocol::status::kRestored) {
         ++stats_.restored;
     } else {
         fail(path, code, restoreStatusWords(code));
@@ -279,7 +279,7 @@ bool RestoreSender::flush() {
 
 bool RestoreSender::directory(const std::string& path, const protocol::BackupAttributes& attributes) {
     std::string full = restorePathFor(destination_, path);
-    if (full.size() > restore::kMaxNameLength) {
+    if (full.size() > protocol::kMaxNameLength) {
         notSent(path, "the name is longer than the agent takes (1023 bytes)");
         return !closed_;
     }
@@ -290,7 +290,7 @@ bool RestoreSender::directory(const std::string& path, const protocol::BackupAtt
 
 bool RestoreSender::beginFile(const std::string& path, const protocol::BackupAttributes& attributes) {
     std::string full = restorePathFor(destination_, path);
-    if (full.size() > restore::kMaxNameLength) {
+    if (full.size() > protocol::kMaxNameLength) {
         notSent(path, "the name is longer than the agent takes (1023 bytes)");
         return !closed_;
     }
@@ -353,7 +353,7 @@ bool RestoreSender::finish() {
     stats_.seconds = double(nowMs() - startMs_) / 1000.0;
     bool stoppedForSpace = false;
     for (const RestoreFailure& f : stats_.failures)
-        if (f.status == restore::status::kNoSpace) stoppedForSpace = true;
+        if (f.status == protocol::status::kNoSpace) stoppedForSpace = true;
     while (!pending_.empty()) {
         std::string path = std::move(pending_.front().path);
         pending_.pop_front();

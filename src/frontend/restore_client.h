@@ -32,13 +32,6 @@
 
 namespace tavik::frontend {
 
-// Conflict policies of the request's conflict byte.
-namespace conflict_policy {
-inline constexpr uint8_t kSkip = 1;
-inline constexpr uint8_t kRename = 2;
-inline constexpr uint8_t kOverwrite = 3;
-inline constexpr uint8_t kNewer = 4;
-}  // namespace conflict_policy
 
 // "skip", "rename", "overwrite", "newer"; false for any other word.
 bool parseConflictPolicy(const std::string& word, uint8_t& out);
@@ -57,7 +50,7 @@ struct RestoreJobSpec {
     uint16_t port = 6050;
     std::string destination;
     LoginOptions login;
-    uint8_t conflict = conflict_policy::kOverwrite;
+    uint8_t conflict = protocol::conflict_policy::kOverwrite;
     int timeoutMs = 3600 * 1000;  // longest wait for the agent
 };
 

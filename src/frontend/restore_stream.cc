@@ -6,8 +6,8 @@
 
 namespace tavik::frontend {
 
-restore::RestoreAttributes restoreAttributesFor(const protocol::BackupAttributes& e, const std::string& fullName) {
-    restore::RestoreAttributes r;
+protocol::RestoreAttributes restoreAttributesFor(const protocol::BackupAttributes& e, const std::string& fullName) {
+    protocol::RestoreAttributes r;
     r.dev = e.dev;
     r.ino = e.ino;
     r.mode = e.mode;
@@ -33,7 +33,7 @@ std::string restorePathFor(const std::string& root, const std::string& name) {
 }
 
 bool RestoreStreamEncoder::isDirectory(const protocol::BackupAttributes& entry) {
-    return entry.kind == protocol::kKindDirectory || (entry.mode & restore::kTypeMask) == restore::kTypeDirectory;
+    return entry.kind == protocol::kKindDirectory || (entry.mode & protocol::kTypeMask) == protocol::kTypeDirectory;
 }
 
 bool RestoreStreamEncoder::emit(int8_t code, std::span<const uint8_t> payload) {
@@ -50,13 +50,13 @@ bool RestoreStreamEncoder::emit(int8_t code, std::span<const uint8_t> payload) {
 
 bool RestoreStreamEncoder::directory(const protocol::BackupAttributes& entry, const std::string& fullName) {
     if (inFile_) return false;
-    std::vector<uint8_t> record = restore::encodeRestoreAttributes(restoreAttributesFor(entry, fullName));
+    std::vector<uint8_t> record = protocol::encodeRestoreAttributes(restoreAttributesFor(entry, fullName));
     return !record.empty() && emit(protocol::code::kMkdir, record);
 }
 
 bool RestoreStreamEncoder::beginFile(const protocol::BackupAttributes& entry, const std::string& fullName) {
     if (inFile_) return false;
-    std::vector<uint8_t> record = restore::encodeRestoreAttributes(restoreAttributesFor(entry, fullName));
+    std::vector<uint8_t> record = protocol::encodeRestoreAttributes(restoreAttributesFor(entry, fullName));
     if (record.empty() || !emit(protocol::code::kOpenFile, record)) return false;
     inFile_ = true;
     held_.clear();
@@ -68,11 +68,11 @@ bool RestoreStreamEncoder::data(std::span<const uint8_t> bytes) {
     while (!bytes.empty()) {
         // A full payload goes out only once more data follows it: the last
         // piece of a file always travels in its ENDF.
-        if (held_.size() == restore::kMaxDataPayload) {
+        if (held_.size() == protocol::kMaxDataPayload) {
             if (!emit(protocol::code::kMof, held_)) return false;
             held_.clear();
         }
-        size_t take = restore::kMaxDataPayload - held_.size();
+        size_t take = protocol::kMaxDataPayload - held_.size();
         if (take > bytes.size()) take = bytes.size();
         held_.insert(held_.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(take));
         bytes = bytes.subspan(take);

@@ -20,13 +20,13 @@
 #include <vector>
 
 #include "backup/attribute_record.h"
-#include "restore/restore_record.h"
+#include "protocol/restore_record.h"
 
 namespace tavik::frontend {
 
 // The restore record for a backup entry restored as `fullName`. The words
 // that the restore does not read (offsets 36 and 44) are sent as 0.
-restore::RestoreAttributes restoreAttributesFor(const protocol::BackupAttributes& entry, const std::string& fullName);
+protocol::RestoreAttributes restoreAttributesFor(const protocol::BackupAttributes& entry, const std::string& fullName);
 
 // `root` and a name below it joined with exactly one "/".
 std::string restorePathFor(const std::string& root, const std::string& name);

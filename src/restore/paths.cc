@@ -47,7 +47,7 @@ std::string incremented(std::string_view digits) {
 }  // namespace
 
 bool PathBuffer::assign(std::string_view name) {
-    if (name.size() > kMaxNameLength || name.find('\0') != std::string_view::npos) {
+    if (name.size() > protocol::kMaxNameLength || name.find('\0') != std::string_view::npos) {
         clear();
         return false;
     }
@@ -236,7 +236,7 @@ bool renameRule(PathBuffer& path) {
     } else {
         next = name + kSuffix + "1";
     }
-    if (next.size() > kMaxNameLength) return false;
+    if (next.size() > protocol::kMaxNameLength) return false;
     return path.assign(next);
 }
 
@@ -247,7 +247,7 @@ void HardLinkTable::reset() {
     reportOnce_ = true;
 }
 
-int HardLinkTable::postml(PathBuffer& path, const RestoreAttributes& a, const Owner& owner, Locator& locator,
+int HardLinkTable::postml(PathBuffer& path, const protocol::RestoreAttributes& a, const Owner& owner, Locator& locator,
                           bool verbose) {
     constexpr const char* kPrefix = "(postml) ";
     if (count_ > 0 && count_ != kCapacity) {

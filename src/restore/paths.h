@@ -30,11 +30,11 @@
 #include <vector>
 
 #include "platform/fd.h"
-#include "restore/restore_record.h"
+#include "protocol/restore_record.h"
 
 namespace tavik::restore {
 
-// A NUL-terminated name of at most kMaxNameLength bytes, edited in place.
+// A NUL-terminated name of at most protocol::kMaxNameLength bytes, edited in place.
 class PathBuffer {
 public:
     // False (and the buffer emptied) when `name` is too long or holds a NUL.
@@ -46,7 +46,7 @@ public:
     bool empty() const { return text_[0] == '\0'; }
 
 private:
-    std::array<char, kPathBufferSize> text_{};
+    std::array<char, protocol::kPathBufferSize> text_{};
 };
 
 // Whom new directories belong to.
@@ -126,7 +126,7 @@ public:
     // 1: `path` was made a hard link to the name restored earlier for the
     // record's (dev, ino); 0: `path` is the first name and was entered;
     // -1: the link could not be made, or the table is full or out of memory.
-    int postml(PathBuffer& path, const RestoreAttributes& attributes, const Owner& owner, Locator& locator,
+    int postml(PathBuffer& path, const protocol::RestoreAttributes& attributes, const Owner& owner, Locator& locator,
                bool verbose);
 
 private:

@@ -37,7 +37,7 @@ constexpr const char* kEndfPrefix = "(ws_restore[ENDF]) ";
 // A record whose name the system could still hold is read whole (and a name
 // of 1024 bytes or more refused with its status); a larger one breaks the
 // stream.
-constexpr size_t kRecordAreaSize = kRecName + 4096;
+constexpr size_t kRecordAreaSize = protocol::kRecName + 4096;
 
 constexpr mode_t kPermissionBits = 07777;
 constexpr mode_t kSetIdBits = S_ISUID | S_ISGID;
@@ -82,7 +82,7 @@ private:
     void finishSymlink();
     void finishFile();
     void writeHeld(const char* prefix);
-    void setModeAndOwner(const char* prefix, const char* path, int fd, const RestoreAttributes& a, bool& modeFailed,
+    void setModeAndOwner(const char* prefix, const char* path, int fd, const protocol::RestoreAttributes& a, bool& modeFailed,
                          bool& ownerFailed);
     [[nodiscard]] int answer(uint8_t status) { return transport::syncSendCode(socket_, static_cast<int8_t>(status)); }
     void logRefusedName(const char* prefix, const char* format);
@@ -112,7 +112,7 @@ private:
     unsigned temporaryCount_ = 0;
     uint8_t status_ = 0;
     bool haveFile_ = false;  // an OPENFILE is waiting for its ENDF
-    RestoreAttributes attr_;
+    protocol::RestoreAttributes attr_;
     int32_t fileSize_ = 0;
     int onNfs_ = 0;
     PathBuffer path_;        // the file being restored
@@ -126,7 +126,7 @@ int RestoreSession::run() {
         // One payload at most: the area always has room for it, as
         // count_ < kWriteBatch here.
         // The last byte stays free for the NUL of a symbolic link's target.
-        size_t room = count_ + kMaxDataPayload < data_.size() ? count_ + kMaxDataPayload : data_.size() - 1;
+        size_t room = count_ + protocol::kMaxDataPayload < data_.size() ? count_ + protocol::kMaxDataPayload : data_.size() - 1;
         transport::FileDataBuffer incoming{std::span<uint8_t>(data_.data(), room), count_};
         if (transport::GetReply(socket_, code, record_, &incoming, ahead_) != 0) return transport::kFailed;
         count_ = incoming.fill;
@@ -169,13 +169,13 @@ int RestoreSession::run() {
 void RestoreSession::logRefusedName(const char* prefix, const char* format) {
     errno = ENAMETOOLONG;
     char shown[kShownNameBytes + 4];
-    std::snprintf(shown, sizeof shown, "%.*s...", kShownNameBytes, reinterpret_cast<const char*>(&record_[kRecName]));
+    std::snprintf(shown, sizeof shown, "%.*s...", kShownNameBytes, reinterpret_cast<const char*>(&record_[protocol::kRecName]));
     ulog(format, prefix, shown, errText());
 }
 
 void RestoreSession::mkdirCommand() {
-    RestoreAttributes a;
-    if (decodeRestoreAttributes(record_, a) != RecordError::None) {
+    protocol::RestoreAttributes a;
+    if (protocol::decodeRestoreAttributes(record_, a) != protocol::RecordError::None) {
         logRefusedName(kMkdirPrefix, MSG_FAILED_MAKE_DIRECTORY);
         unlinkPath_.clear();
         return;
@@ -232,7 +232,7 @@ void RestoreSession::unlinkCommand() {
 // chmod, then chown. Linux clears set-user-id and set-group-id when an
 // owner changes (even for root), so the mode is put back after the chown
 // when it has either bit.
-void RestoreSession::setModeAndOwner(const char* prefix, const char* path, int fd, const RestoreAttributes& a,
+void RestoreSession::setModeAndOwner(const char* prefix, const char* path, int fd, const protocol::RestoreAttributes& a,
                                      bool& modeFailed, bool& ownerFailed) {
     mode_t mode = a.mode & kPermissionBits;
     if (platform::changeMode(fd, mode) != 0) {
@@ -249,7 +249,7 @@ void RestoreSession::setModeAndOwner(const char* prefix, const char* path, int f
 }
 
 void RestoreSession::openFile() {
-    RecordError e = decodeRestoreAttributes(record_, attr_);
+    protocol::RecordError e = protocol::decodeRestoreAttributes(record_, attr_);
     fileSize_ = static_cast<int32_t>(attr_.size);
     // An earlier file that never got its ENDF is closed as it is: it gets no
     // attributes.
@@ -259,15 +259,15 @@ void RestoreSession::openFile() {
     unlinkPath_.clear();
     if (attr_.isSpecial() && ::geteuid() != 0) {
         ulog(MSG_ONLY_SYSTEM_ADMINISTRATOR_CAN_RESTORE, kOpenPrefix);
-        status_ = status::kSpecialRefused;
+        status_ = protocol::status::kSpecialRefused;
         path_.clear();
         return;
     }
     status_ = 0;
     onNfs_ = 0;
-    if (e != RecordError::None || !path_.assign(attr_.name)) {
+    if (e != protocol::RecordError::None || !path_.assign(attr_.name)) {
         logRefusedName(kOpenPrefix, MSG_FAILED_CREATE);
-        status_ = status::kCannotCreate;
+        status_ = protocol::status::kCannotCreate;
         path_.clear();
         return;
     }
@@ -276,17 +276,17 @@ void RestoreSession::openFile() {
     if (attr_.nlink > 1) {
         int r = links_.postml(path_, attr_, owner_, locator_, verbose_);
         if (r == 1) {
-            status_ = status::kHardLinked;
+            status_ = protocol::status::kHardLinked;
             return;
         }
         if (r != 0) {
-            status_ = status::kLinkFailed;
+            status_ = protocol::status::kLinkFailed;
             return;
         }
     }
     if (attr_.isSpecial()) {
         createSpecial();
-    } else if (attr_.type() == kTypeSymlink) {
+    } else if (attr_.type() == protocol::kTypeSymlink) {
         return;  // made at ENDF from the data
     } else {
         createRegular();
@@ -304,26 +304,26 @@ bool RestoreSession::resolveConflict() {
         if (!locate() || ::fstatat(here_.dir(), here_.base(), &st, AT_SYMLINK_NOFOLLOW) != 0) return true;
         if (S_ISDIR(st.st_mode)) {
             ulog(MSG_CANNOT_CREATE_SAME_NAME_DIRECTORY, kOpenPrefix, path_.c_str());
-            status_ = status::kCannotCreate;
+            status_ = protocol::status::kCannotCreate;
             return false;
         }
         switch (ctx_.conflictPolicy) {
-            case kPolicySkip:
+            case protocol::conflict_policy::kSkip:
                 traceStdout(verbose_, "Skip (unconditionally)!\n");
-                status_ = status::kSkipped;
+                status_ = protocol::status::kSkipped;
                 return false;
-            case kPolicyNewer:
+            case protocol::conflict_policy::kNewer:
                 if (static_cast<int64_t>(st.st_mtime) < static_cast<int64_t>(attr_.mtime)) return replaceExisting(st);
                 traceStdout(verbose_, "Skip (disk file is newer)!\n");
-                status_ = status::kSkipped;
+                status_ = protocol::status::kSkipped;
                 return false;
-            case kPolicyRename: {
+            case protocol::conflict_policy::kRename: {
                 traceStdout(verbose_, "Rename %s ", path_.c_str());
                 std::string before = path_.c_str();
                 if (!renameRule(path_)) {
                     errno = ENAMETOOLONG;
                     ulog(MSG_FAILED_CREATE, kOpenPrefix, before.c_str(), errText());
-                    status_ = status::kCannotCreate;
+                    status_ = protocol::status::kCannotCreate;
                     return false;
                 }
                 traceStdout(verbose_, "to %s!\n", path_.c_str());
@@ -343,7 +343,7 @@ bool RestoreSession::replaceExisting(const struct stat& st) {
             platform::UniqueFd f(::openat(here_.dir(), here_.base(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
             if (!f) {
                 ulog(MSG_FAILED_OPEN_REGULAR, kOpenPrefix, path_.c_str(), errText());
-                status_ = status::kCannotOpen;
+                status_ = protocol::status::kCannotOpen;
                 return false;
             }
             int r = backup::lockFile(f.get(), backup::kWriteLock, ctx_.retryCount(), ctx_.retryInterval());
@@ -351,13 +351,13 @@ bool RestoreSession::replaceExisting(const struct stat& st) {
             f.close();  // also gives up the lock this test may have taken
             if (r == -2) {
                 ulog(MSG_LOCKED_ANOTHER_PROCESS, kOpenPrefix, path_.c_str());
-                status_ = status::kLocked;
+                status_ = protocol::status::kLocked;
                 return false;
             }
             if (r == -1) {
                 errno = lockErrno;
                 ulog(MSG_FAILED_LOCK, kOpenPrefix, path_.c_str(), errText());
-                status_ = status::kLockTestFailed;
+                status_ = protocol::status::kLockTestFailed;
                 return false;
             }
         }
@@ -391,19 +391,19 @@ bool RestoreSession::makeUnderTemporaryName(const std::function<bool(const char*
 }
 
 void RestoreSession::createSpecial() {
-    mode_t mode = static_cast<mode_t>(attr_.mode & (kTypeMask | kPermissionBits));
-    dev_t device = attr_.type() == kTypeFifo ? 0 : platform::decodeDev32(attr_.rdev);
+    mode_t mode = static_cast<mode_t>(attr_.mode & (protocol::kTypeMask | kPermissionBits));
+    dev_t device = attr_.type() == protocol::kTypeFifo ? 0 : platform::decodeDev32(attr_.rdev);
     auto made = [&] {
         return locate() && makeUnderTemporaryName([&](const char* name) {
                    return ::mknodat(here_.dir(), name, mode, device) == 0;
                });
     };
     if (!made()) {
-        if (!makeParents(kOpenPrefix, status::kSpecialRefused)) return;
+        if (!makeParents(kOpenPrefix, protocol::status::kSpecialRefused)) return;
         if (!made()) {
             int e = errno;
             ulog(MSG_FAILED_CREATE_SPECIAL, kOpenPrefix, path_.c_str(), errText());
-            status_ = e == ENOSPC ? status::kNoSpace : status::kSpecialRefused;
+            status_ = e == ENOSPC ? protocol::status::kNoSpace : protocol::status::kSpecialRefused;
             return;
         }
     }
@@ -411,10 +411,10 @@ void RestoreSession::createSpecial() {
     node_.reset(::openat(here_.dir(), madeName(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     if (!node_ || !isOwnMaking(node_.get(), mode & S_IFMT)) {
         ulog(MSG_FAILED_CREATE_SPECIAL, kOpenPrefix, path_.c_str(), errText());
-        status_ = status::kSpecialRefused;
+        status_ = protocol::status::kSpecialRefused;
         return;
     }
-    if (attr_.type() == kTypeCharDevice && fileSize_ != 0) {
+    if (attr_.type() == protocol::kTypeCharDevice && fileSize_ != 0) {
         traceStdout(verbose_, "%sRaw device file %s, fileSize=%d\n", kOpenPrefix, path_.c_str(), fileSize_);
         out_.reset(::openat(here_.dir(), madeName(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
         struct stat opened {}, node {};
@@ -425,7 +425,7 @@ void RestoreSession::createSpecial() {
         }
         if (!out_) {
             ulog(MSG_FAIED_OPEN, kOpenPrefix, path_.c_str(), errText());
-            status_ = status::kCannotOpen;
+            status_ = protocol::status::kCannotOpen;
         }
     }
 }
@@ -448,12 +448,12 @@ void RestoreSession::createRegular() {
     };
     int fd = create();
     if (fd < 0) {
-        if (!makeParents(kOpenPrefix, status::kCannotCreate)) return;
+        if (!makeParents(kOpenPrefix, protocol::status::kCannotCreate)) return;
         fd = create();
         if (fd < 0) {
             int e = errno;
             ulog(MSG_FAILED_CREATE, kOpenPrefix, path_.c_str(), errText());
-            status_ = (e == ENOSPC || e == ENFILE) ? status::kNoSpace : status::kCannotCreate;
+            status_ = (e == ENOSPC || e == ENFILE) ? protocol::status::kNoSpace : protocol::status::kCannotCreate;
             return;
         }
     }
@@ -491,7 +491,7 @@ bool RestoreSession::publish(const char* prefix) {
     }
     int e = errno;
     ulog(MSG_FAILED_CREATE, prefix, path_.c_str(), errText());
-    status_ = e == ENOSPC ? status::kNoSpace : status::kCannotCreate;
+    status_ = e == ENOSPC ? protocol::status::kNoSpace : protocol::status::kCannotCreate;
     return false;
 }
 
@@ -520,7 +520,7 @@ void RestoreSession::writeHeld(const char* prefix) {
             if (n == 0) errno = EIO;
             int e = errno;
             ulog(MSG_FAILED_WRITING, prefix, path_.c_str(), errText());
-            status_ = e == ENOSPC ? status::kNoSpace : status::kWriteFailed;
+            status_ = e == ENOSPC ? protocol::status::kNoSpace : protocol::status::kWriteFailed;
             break;  // the rest is dropped
         }
         done += static_cast<size_t>(n);
@@ -535,11 +535,11 @@ int RestoreSession::mof() {
         return 0;
     }
     if (count_ < kWriteBatch) return 0;
-    if (attr_.type() == kTypeSymlink) {
+    if (attr_.type() == protocol::kTypeSymlink) {
         // A link target this long cannot be made; it is not written anywhere.
         errno = ENAMETOOLONG;
         ulog(MSG_FAILED_CREATE_SYMBOLIC_LINK_SYMLINK, kMofPrefix, "...", path_.c_str(), errText());
-        status_ = status::kCannotCreate;
+        status_ = protocol::status::kCannotCreate;
         count_ = 0;
         return 0;
     }
@@ -556,10 +556,10 @@ void RestoreSession::finishSymlink() {
                });
     };
     if (!made()) {
-        if (!makeParents(kEndfPrefix, status::kCannotCreate)) return;
+        if (!makeParents(kEndfPrefix, protocol::status::kCannotCreate)) return;
         if (!made()) {
             ulog(MSG_FAILED_CREATE_SYMBOLIC_LINK_SYMLINK, kEndfPrefix, target, path_.c_str(), errText());
-            status_ = status::kCannotCreate;
+            status_ = protocol::status::kCannotCreate;
             return;
         }
     }
@@ -569,7 +569,7 @@ void RestoreSession::finishSymlink() {
     if (!link || !isOwnMaking(link.get(), S_IFLNK) ||
         platform::changeOwner(link.get(), static_cast<uid_t>(attr_.uid), static_cast<gid_t>(attr_.gid)) != 0) {
         ulog(MSG_FAILED_CHANGE_OWNER, kEndfPrefix, path_.c_str(), errText());
-        status_ = status::kOwnerOrMode;
+        status_ = protocol::status::kOwnerOrMode;
     }
     if (!publish(kEndfPrefix)) discardMade();
 }
@@ -588,10 +588,10 @@ void RestoreSession::finishFile() {
     int fd = out_ ? out_.get() : node_.get();
     bool modeFailed = false, ownerFailed = false;
     setModeAndOwner(kEndfPrefix, path_.c_str(), fd, attr_, modeFailed, ownerFailed);
-    if (modeFailed || ownerFailed) status_ = status::kOwnerOrMode;
+    if (modeFailed || ownerFailed) status_ = protocol::status::kOwnerOrMode;
     if (setFileTimes(fd, attr_.atime, attr_.mtime) != 0) {
         ulog(MSG_FAILED_SET_TIME, kEndfPrefix, path_.c_str(), errText());
-        status_ = status::kTimes;
+        status_ = protocol::status::kTimes;
     }
     // A named file is closed before it takes its name: a network file system
     // reports refused data only there. An unnamed one needs its descriptor
@@ -599,7 +599,7 @@ void RestoreSession::finishFile() {
     if (!unnamed_ && out_ && out_.close() != 0) {
         int e = errno;
         ulog(MSG_FAILED_WRITING, kEndfPrefix, path_.c_str(), errText());
-        status_ = e == ENOSPC ? status::kNoSpace : status::kWriteFailed;
+        status_ = e == ENOSPC ? protocol::status::kNoSpace : protocol::status::kWriteFailed;
         discardMade();
         return;
     }
@@ -612,24 +612,24 @@ int RestoreSession::endf(bool& over) {
     bool fileInHand = haveFile_;
     haveFile_ = false;
     status_ = 0;
-    if (s == status::kHardLinked) {
+    if (s == protocol::status::kHardLinked) {
         count_ = 0;
-        return answer(status::kRestored);
+        return answer(protocol::status::kRestored);
     }
-    if (s != 0 && s != status::kWriteFailed) {
+    if (s != 0 && s != protocol::status::kWriteFailed) {
         // What was made of a file that went wrong never takes its name.
         discardMade();
         count_ = 0;
-        over = s == status::kNoSpace;
+        over = s == protocol::status::kNoSpace;
         return answer(s);
     }
     if (!fileInHand) {
         count_ = 0;
         ulog("%sNo file to end", kEndfPrefix);
-        return answer(status::kCannotCreate);
+        return answer(protocol::status::kCannotCreate);
     }
     status_ = s;
-    if (s == 0 && attr_.type() == kTypeSymlink) {
+    if (s == 0 && attr_.type() == protocol::kTypeSymlink) {
         finishSymlink();
     } else {
         finishFile();
@@ -638,9 +638,9 @@ int RestoreSession::endf(bool& over) {
     s = status_;
     status_ = 0;
     discardMade();
-    if (s == status::kNoSpace) {
+    if (s == protocol::status::kNoSpace) {
         over = true;
-        return answer(status::kNoSpace);
+        return answer(protocol::status::kNoSpace);
     }
     return answer(s);
 }

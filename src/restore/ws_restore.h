@@ -30,14 +30,8 @@ namespace tavik::restore {
 // The data area: data is written once 4296 bytes have gathered, and one more
 // payload must always fit.
 inline constexpr size_t kWriteBatch = 4296;
-inline constexpr size_t kDataAreaSize = kWriteBatch + kMaxDataPayload;
+inline constexpr size_t kDataAreaSize = kWriteBatch + protocol::kMaxDataPayload;
 static_assert(kDataAreaSize == 6344);
-
-// Conflict policies of the request.
-inline constexpr uint8_t kPolicySkip = 1;
-inline constexpr uint8_t kPolicyRename = 2;
-inline constexpr uint8_t kPolicyOverwrite = 3;
-inline constexpr uint8_t kPolicyNewer = 4;
 
 int ws_restore(int socket, const std::string& root, const JobContext& ctx, HardLinkTable& links, const Owner& owner);
 

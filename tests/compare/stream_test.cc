@@ -17,7 +17,7 @@
 #include "compare/ws_compare.h"
 #include "platform/wire_stat.h"
 #include "restore/agent_run.h"
-#include "restore/restore_record.h"
+#include "protocol/restore_record.h"
 #include "wire/bytes.h"
 
 namespace tavik::compare {
@@ -28,8 +28,8 @@ using testing::Packet;
 
 // A record whose name field is `nameBytes` bytes of 'n' and then a NUL.
 Bytes longNameRecord(size_t nameBytes) {
-    Bytes r(restore::kRecName + nameBytes + 1, 0);
-    std::fill(r.begin() + restore::kRecName, r.end() - 1, 'n');
+    Bytes r(protocol::kRecName + nameBytes + 1, 0);
+    std::fill(r.begin() + protocol::kRecName, r.end() - 1, 'n');
     return r;
 }
 
@@ -47,7 +47,7 @@ protected:
     Bytes record(const std::string& name) const {
         struct stat st {};
         ::lstat((tree_ + "/" + name).c_str(), &st);
-        return restore::encodeRestoreAttributes({.mode = st.st_mode, .nlink = static_cast<uint32_t>(st.st_nlink),
+        return protocol::encodeRestoreAttributes({.mode = st.st_mode, .nlink = static_cast<uint32_t>(st.st_nlink),
                                                  .uid = st.st_uid, .gid = st.st_gid,
                                                  .mtime = platform::wireTime(st.st_mtime),
                                                  .size = platform::wireSize(st.st_size), .name = name});
@@ -127,9 +127,9 @@ TEST_F(CompareStream, LargeFilesCompareByTheLow32BitsOfTheirSize) {
     }
     ::close(fd);
     Bytes same = record("big");
-    EXPECT_EQ(wire::loadLe32(&same[restore::kRecSize]), 10u);
+    EXPECT_EQ(wire::loadLe32(&same[protocol::kRecSize]), 10u);
     Bytes other = same;
-    wire::storeLe32(&other[restore::kRecSize], 11);
+    wire::storeLe32(&other[protocol::kRecSize], 11);
     testing::Run r = compare({{protocol::code::kOpenFile, same}, {protocol::code::kOpenFile, other}, {protocol::code::kAbort}});
     EXPECT_EQ(r.result, 0);
     EXPECT_EQ(r.codes(), (std::vector<int>{0, 0xD5}));

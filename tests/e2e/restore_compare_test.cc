@@ -20,15 +20,14 @@
 #include "e2e/restore_driver.h"
 #include "log/ulog.h"
 #include "platform/wire_stat.h"
-#include "restore/restore_record.h"
+#include "protocol/restore_record.h"
 
 namespace {
 
 using namespace tavik::test;
 using tavik::frontend::kNoAnswer;
-using tavik::restore::RestoreAttributes;
+using tavik::protocol::RestoreAttributes;
 namespace fs = std::filesystem;
-namespace restore = tavik::restore;
 namespace protocol = tavik::protocol;
 namespace frontend = tavik::frontend;
 

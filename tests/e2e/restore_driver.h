@@ -8,12 +8,12 @@
 #include <vector>
 
 #include "e2e/test_user.h"
-#include "restore/restore_record.h"
+#include "protocol/restore_record.h"
 
 namespace tavik::test {
 
-inline std::vector<uint8_t> encode(const restore::RestoreAttributes& a) {
-    return restore::encodeRestoreAttributes(a);
+inline std::vector<uint8_t> encode(const protocol::RestoreAttributes& a) {
+    return protocol::encodeRestoreAttributes(a);
 }
 inline std::span<const uint8_t> bytes(const std::string& s) {
     return {reinterpret_cast<const uint8_t*>(s.data()), s.size()};
@@ -21,7 +21,7 @@ inline std::span<const uint8_t> bytes(const std::string& s) {
 
 
 // A record for `name`: one link, accessed an hour after `mtime`.
-inline restore::RestoreAttributes restoreAttrs(const std::string& name, uint32_t mode, uint32_t uid = 0,
+inline protocol::RestoreAttributes restoreAttrs(const std::string& name, uint32_t mode, uint32_t uid = 0,
                                                uint32_t gid = 0, uint32_t mtime = 1000000000) {
     return {.mode = mode, .nlink = 1, .uid = uid, .gid = gid, .atime = mtime + 3600, .mtime = mtime, .name = name};
 }
@@ -37,8 +37,8 @@ public:
     bool send(int8_t code, std::span<const uint8_t> payload = {}) {
         return client_.sendRaw(frontend::buildCommand(code, 0, payload));
     }
-    bool mkdir(const restore::RestoreAttributes& a) { return send(protocol::code::kMkdir, encode(a)); }
-    bool openFile(const restore::RestoreAttributes& a) { return send(protocol::code::kOpenFile, encode(a)); }
+    bool mkdir(const protocol::RestoreAttributes& a) { return send(protocol::code::kMkdir, encode(a)); }
+    bool openFile(const protocol::RestoreAttributes& a) { return send(protocol::code::kOpenFile, encode(a)); }
     // One MOF packet; false also when a due acknowledgement did not come.
     bool mof(std::span<const uint8_t> data) {
         if (!send(protocol::code::kMof, data)) return false;
@@ -51,12 +51,12 @@ public:
     // The data in MOF payloads of at most 2048 bytes, the rest with ENDF.
     int data(const std::string& text) {
         std::span<const uint8_t> rest = bytes(text);
-        for (; rest.size() > restore::kMaxDataPayload; rest = rest.subspan(restore::kMaxDataPayload))
-            if (!mof(rest.first(restore::kMaxDataPayload))) return frontend::kNoAnswer;
+        for (; rest.size() > protocol::kMaxDataPayload; rest = rest.subspan(protocol::kMaxDataPayload))
+            if (!mof(rest.first(protocol::kMaxDataPayload))) return frontend::kNoAnswer;
         return endf(rest);
     }
     // OPENFILE and the data.
-    int file(const restore::RestoreAttributes& a, const std::string& text = "") {
+    int file(const protocol::RestoreAttributes& a, const std::string& text = "") {
         return openFile(a) ? data(text) : frontend::kNoAnswer;
     }
     int end() { return send(protocol::code::kEnd) ? status() : frontend::kNoAnswer; }

@@ -23,7 +23,7 @@ namespace {
 using namespace tavik::test;
 using tavik::frontend::JobClient;
 using tavik::frontend::RequestFields;
-using tavik::restore::RestoreAttributes;
+using tavik::protocol::RestoreAttributes;
 namespace protocol = tavik::protocol;
 namespace fs = std::filesystem;
 
@@ -78,12 +78,12 @@ protected:
     std::pair<int, int> compareFile(const std::string& rel) {
         using namespace tavik::platform;
         struct stat st = statOf(at(rel));
-        tavik::restore::RestoreAttributes a{
+        protocol::RestoreAttributes a{
             .dev = encodeDev32(st.st_dev), .ino = uint32_t(st.st_ino), .mode = st.st_mode,
             .nlink = uint32_t(st.st_nlink), .uid = st.st_uid, .gid = st.st_gid, .atime = wireTime(st.st_atime),
             .mtime = wireTime(st.st_mtime), .size = wireSize(st.st_size), .name = rel};
         std::string data = readFile(at(rel));
-        int open = send(protocol::code::kOpenFile, tavik::restore::encodeRestoreAttributes(a));
+        int open = send(protocol::code::kOpenFile, protocol::encodeRestoreAttributes(a));
         return {open, send(protocol::code::kEndf, {reinterpret_cast<const uint8_t*>(data.data()), data.size()})};
     }
     // END: with files groomed, code 14, the 16-byte count and the work file

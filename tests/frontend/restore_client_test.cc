@@ -14,7 +14,7 @@
 #include "daemon/scratch_home.h"
 #include "frontend/restore_client.h"
 #include "frontend/stream_builder.h"
-#include "restore/restore_record.h"
+#include "protocol/restore_record.h"
 #include "wire/bytes.h"
 
 namespace {
@@ -79,7 +79,7 @@ TEST(RestoreAnswers, SplitIntoWholeAnswersAndLeaveTheRest) {
     }
     uint8_t policy = 0;
     EXPECT_TRUE(parseConflictPolicy("newer", policy));
-    EXPECT_EQ(policy, conflict_policy::kNewer);
+    EXPECT_EQ(policy, protocol::conflict_policy::kNewer);
     EXPECT_FALSE(parseConflictPolicy("Newer", policy));
     EXPECT_EQ(restoreStatusWords('z'), "locked by another process");
     EXPECT_EQ(restoreStatusWords(0x42), "unknown status 66");
@@ -131,8 +131,8 @@ private:
             if (!readAll(payload.data(), length)) return;
             Seen s{static_cast<int8_t>(h[2]), {}, length};
             if (s.code == cmd::kMkdir || s.code == cmd::kOpenFile) {
-                tavik::restore::RestoreAttributes a;
-                EXPECT_EQ(tavik::restore::decodeRestoreAttributes(payload, a), tavik::restore::RecordError::None);
+                protocol::RestoreAttributes a;
+                EXPECT_EQ(protocol::decodeRestoreAttributes(payload, a), protocol::RecordError::None);
                 s.name = a.name;
             }
             seen_.push_back(s);

@@ -80,7 +80,7 @@ TEST_F(PathsTest, TheTableTakes5000NamesThenRefusesWithOneMessage) {
     HardLinkTable table;
     Locator locator;
     table.reset();
-    RestoreAttributes a;
+    protocol::RestoreAttributes a;
     a.nlink = 2;
     PathBuffer p;
     ASSERT_TRUE(p.assign(at("n")));

@@ -9,7 +9,7 @@
 
 #include "frontend/restore_stream.h"
 #include "restore/agent_run.h"
-#include "restore/restore_record.h"
+#include "protocol/restore_record.h"
 
 namespace tavik::frontend {
 namespace {
@@ -67,8 +67,8 @@ TEST(RestoreStreamEncoder, TheRecordIsTranslatedWithTheFullName) {
     EXPECT_EQ(packets[0].code, protocol::code::kMkdir);
     EXPECT_EQ(packets[3].code, protocol::code::kEnd);
     EXPECT_TRUE(packets[3].data.empty());
-    restore::RestoreAttributes r;
-    ASSERT_EQ(restore::decodeRestoreAttributes(packets[0].data, r), restore::RecordError::None);
+    protocol::RestoreAttributes r;
+    ASSERT_EQ(protocol::decodeRestoreAttributes(packets[0].data, r), protocol::RecordError::None);
     EXPECT_EQ(r.name, "/restore/home/u");
     EXPECT_EQ(r.mode, 040755u);
     std::vector<uint8_t> expected = {7, 0, 0, 0, 99, 0, 0, 0, 0xA0, 0x81, 0, 0, 1, 0, 0, 0,  // dev ino mode nlink

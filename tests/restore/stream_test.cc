@@ -27,7 +27,7 @@ using Bytes = std::vector<uint8_t>;
 // Drops root for `uid` (its group the same number), the group list first.
 bool become(uid_t uid) { return ::setgroups(0, nullptr) == 0 && ::setgid(uid) == 0 && ::setuid(uid) == 0; }
 
-RestoreAttributes attrs(const std::string& name, uint32_t mode, uint32_t uid = 0) {
+protocol::RestoreAttributes attrs(const std::string& name, uint32_t mode, uint32_t uid = 0) {
     return {.mode = mode, .nlink = 1, .uid = uid, .gid = uid, .atime = 500000, .mtime = 600000, .name = name};
 }
 
@@ -36,12 +36,12 @@ protected:
     void SetUp() override {
         ::chmod(home_.dir().c_str(), 0777);  // for a restore run as another user
         ::chmod(paths().logDir.c_str(), 0777);
-        ctx_.conflictPolicy = kPolicyOverwrite;
+        ctx_.conflictPolicy = protocol::conflict_policy::kOverwrite;
         ctx_.serverVersion = 52;
     }
     std::string at(const std::string& name) const { return home_.dir() + "/" + name; }
     Bytes record(const std::string& name, uint32_t mode, uint32_t uid = 0) const {
-        return encodeRestoreAttributes(attrs(at(name), mode, uid));
+        return protocol::encodeRestoreAttributes(attrs(at(name), mode, uid));
     }
     // ws_restore's result and answers, run as `asUser` (root when 0).
     testing::Run restore(const std::vector<testing::Packet>& stream, uid_t asUser = 0) {
@@ -84,19 +84,19 @@ TEST_F(StreamTest, ALoginsRestoreRefusesSpecialFilesAndReportsOwnersItCannotSet)
 TEST_F(StreamTest, AcknowledgesEveryMofAndAnswersLinksAndDevicesItCannotMake) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to make device nodes";
     ctx_.ackInterval = 1;
-    RestoreAttributes first = attrs(at("first"), 0100600, 0);
+    protocol::RestoreAttributes first = attrs(at("first"), 0100600, 0);
     first.nlink = 2;
     first.ino = 5;
-    RestoreAttributes second = first;
+    protocol::RestoreAttributes second = first;
     second.name = at("second");
     // A character device of no driver cannot be opened for its raw data.
-    RestoreAttributes dev = attrs(at("nodriver"), 020600, 0);
+    protocol::RestoreAttributes dev = attrs(at("nodriver"), 020600, 0);
     dev.rdev = 240u << 18;  // major 240: reserved for local use, no driver here
     dev.size = 10;
-    testing::Run r = restore({{protocol::code::kOpenFile, encodeRestoreAttributes(first)}, {protocol::code::kEndf, {'1'}},
+    testing::Run r = restore({{protocol::code::kOpenFile, protocol::encodeRestoreAttributes(first)}, {protocol::code::kEndf, {'1'}},
                               {protocol::code::kUnlink},  // the first name goes again
-                              {protocol::code::kOpenFile, encodeRestoreAttributes(second)}, {protocol::code::kEndf, {'2'}},
-                              {protocol::code::kOpenFile, encodeRestoreAttributes(dev)}, {protocol::code::kEndf, Bytes(10, 'r')},
+                              {protocol::code::kOpenFile, protocol::encodeRestoreAttributes(second)}, {protocol::code::kEndf, {'2'}},
+                              {protocol::code::kOpenFile, protocol::encodeRestoreAttributes(dev)}, {protocol::code::kEndf, Bytes(10, 'r')},
                               {protocol::code::kOpenFile, record("f", 0100600)}, {protocol::code::kMof, Bytes(2048, 'a')},
                               {protocol::code::kMof, Bytes(2048, 'b')}, {protocol::code::kEndf, Bytes(5, 'e')},
                               {protocol::code::kEnd}});

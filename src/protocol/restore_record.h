@@ -1,5 +1,6 @@
-// The restore attribute record and the restore command stream's codes and
-// status bytes: what the front-end sends in MKDIR and OPENFILE packets and
+// The restore and compare streams: the restore attribute record, the
+// status bytes the agent answers after each file of a restore, the verdicts
+// of a compare, and the conflict policies a restore request names: what the front-end sends in MKDIR and OPENFILE packets and
 // the one-byte answers the agent gives after each file's ENDF. The agent
 // decodes the record; the front-end encodes it.
 //
@@ -23,7 +24,7 @@
 
 #include "protocol/packet.h"
 
-namespace tavik::restore {
+namespace tavik::protocol {
 
 inline constexpr size_t kRecDev = 0;
 inline constexpr size_t kRecIno = 4;
@@ -100,4 +101,44 @@ enum class RecordError { None, Short, NameTooLong };
 // words that were present and its name is left empty.
 [[nodiscard]] RecordError decodeRestoreAttributes(std::span<const uint8_t> record, RestoreAttributes& out);
 
-}  // namespace tavik::restore
+// Conflict policies of the request's conflict byte (any other value
+// overwrites; 5 is taken as 3).
+namespace conflict_policy {
+inline constexpr uint8_t kSkip = 1;
+inline constexpr uint8_t kRename = 2;
+inline constexpr uint8_t kOverwrite = 3;
+inline constexpr uint8_t kNewer = 4;
+}  // namespace conflict_policy
+
+// The compare's verdict codes (one byte, header only), answered for each
+// object of a compare stream.
+namespace verdict {
+inline constexpr uint8_t kSame = 0;
+inline constexpr uint8_t kEnd = 3;
+inline constexpr uint8_t kGroomCount = 14;
+inline constexpr uint8_t kStop = 100;
+inline constexpr uint8_t kReadErr = 103;
+inline constexpr uint8_t kNoFile = 0xD2;
+inline constexpr uint8_t kNoDirectory = 0xD3;
+inline constexpr uint8_t kCannotOpen = 0xD4;
+inline constexpr uint8_t kSize = 0xD5;
+inline constexpr uint8_t kFileDiffers = 0xD6;
+inline constexpr uint8_t kDirectoryDiffers = 0xD7;
+inline constexpr uint8_t kReadFailed = 0xD8;
+inline constexpr uint8_t kLinkUnreadable = 0xD9;
+inline constexpr uint8_t kContent = 0xDA;
+inline constexpr uint8_t kLockTestFailed = 0xDB;
+inline constexpr uint8_t kLocked = 0xDC;
+inline constexpr uint8_t kMode = 0xDD;
+inline constexpr uint8_t kLinks = 0xDE;
+inline constexpr uint8_t kOwner = 0xDF;
+inline constexpr uint8_t kGroup = 0xE0;
+inline constexpr uint8_t kMtime = 0xE2;
+inline constexpr uint8_t kRdev = 0xE3;
+}  // namespace verdict
+
+// After code 14 (the grooming count) the count follows as decimal text in
+// 16 bytes, in the backup stream and the compare stream alike.
+inline constexpr size_t kGroomCountSize = 16;
+
+}  // namespace tavik::protocol

@@ -1,10 +1,10 @@
-#include "restore/restore_record.h"
+#include "protocol/restore_record.h"
 
 #include <cstring>
 
 #include "wire/bytes.h"
 
-namespace tavik::restore {
+namespace tavik::protocol {
 
 std::vector<uint8_t> encodeRestoreAttributes(const RestoreAttributes& a) {
     if (a.name.size() > kMaxNameLength || a.name.find('\0') != std::string::npos) return {};
@@ -36,4 +36,4 @@ RecordError decodeRestoreAttributes(std::span<const uint8_t> record, RestoreAttr
     return RecordError::None;
 }
 
-}  // namespace tavik::restore
+}  // namespace tavik::protocol
