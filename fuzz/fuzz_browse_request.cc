@@ -23,9 +23,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         size_t requests = 0;
         BrowseRequest request;
         while (receiveRequest(fds[0], request) == ReceiveStatus::kOk) {
-            if (request.text.size() > browse::kMaxRequest || request.text.size() > request.header.length) abort();
+            if (request.text.size() > protocol::browse::kMaxRequest || request.text.size() > request.header.length) abort();
             if (request.text.find('\0') != std::string::npos) abort();
-            if (++requests > size / browse::kHeaderSize) abort();  // every request takes a header
+            if (++requests > size / protocol::browse::kHeaderSize) abort();  // every request takes a header
         }
         ::close(fds[0]);
         ::close(fds[1]);
@@ -35,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         auto entry = decodeBrowseEntry({data, size}, version);
         if (!entry) continue;
         std::vector<uint8_t> again = encodeBrowseEntry(*entry, version);
-        if (entry->name.size() > browse::kMaxName) {
+        if (entry->name.size() > protocol::browse::kMaxName) {
             if (!again.empty()) abort();
             continue;
         }

@@ -95,9 +95,9 @@ Bytes commands() {
 
 Bytes browse(uint8_t code, const std::string& path, int8_t version = 22, uint16_t select = 3) {
     Bytes payload = text(path);
-    transport::BrowseHeader h{.select = select, .code = code, .version = version, .level = 0,
+    protocol::BrowseHeader h{.select = select, .code = code, .version = version, .level = 0,
                               .length = uint16_t(payload.size())};
-    auto header = transport::encodeBrowseHeader(h);
+    auto header = protocol::encodeBrowseHeader(h);
     Bytes b(header.begin(), header.end());
     append(b, payload);
     return b;

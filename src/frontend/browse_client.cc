@@ -13,7 +13,7 @@
 
 namespace tavik::frontend {
 
-namespace browse = transport::browse;
+namespace browse = protocol::browse;
 
 std::vector<uint8_t> pathPayload(const std::string& path) {
     std::vector<uint8_t> payload(path.begin(), path.end());
@@ -29,9 +29,9 @@ int BrowseClient::login(const std::string& host, uint16_t port, const RequestFie
     return client_.request(f);
 }
 
-bool BrowseClient::send(const transport::BrowseHeader& header, const std::vector<uint8_t>& payload) {
+bool BrowseClient::send(const protocol::BrowseHeader& header, const std::vector<uint8_t>& payload) {
     error_.clear();
-    transport::BrowseHeaderBytes h = transport::encodeBrowseHeader(header);
+    protocol::BrowseHeaderBytes h = protocol::encodeBrowseHeader(header);
     std::vector<uint8_t> packet(h.begin(), h.end());
     packet.insert(packet.end(), payload.begin(), payload.end());
     return client_.sendRaw(packet);
@@ -39,9 +39,9 @@ bool BrowseClient::send(const transport::BrowseHeader& header, const std::vector
 
 bool BrowseClient::receive(BrowsePacket& packet) {
     error_.clear();
-    transport::BrowseHeaderBytes h{};
+    protocol::BrowseHeaderBytes h{};
     if (!client_.recvRaw(h)) return false;
-    packet.header = transport::decodeBrowseHeader(h);
+    packet.header = protocol::decodeBrowseHeader(h);
     packet.payload.assign(packet.header.length, 0);
     return client_.recvRaw(packet.payload);
 }
@@ -52,7 +52,7 @@ std::optional<Listing> BrowseClient::readDir(const std::string& path, uint16_t s
         error_ = "path too long";
         return std::nullopt;
     }
-    transport::BrowseHeader h{select, browse::kReadDir, version, 0, static_cast<uint16_t>(payload.size())};
+    protocol::BrowseHeader h{select, browse::kReadDir, version, 0, static_cast<uint16_t>(payload.size())};
     if (!send(h, payload)) return std::nullopt;
     Listing listing;
     for (;;) {
@@ -67,7 +67,7 @@ std::optional<Listing> BrowseClient::readDir(const std::string& path, uint16_t s
             error_ = "unexpected browse code " + std::to_string(code);
             return std::nullopt;
         }
-        std::optional<transport::BrowseEntry> e = transport::decodeBrowseEntry(p.payload, version);
+        std::optional<protocol::BrowseEntry> e = protocol::decodeBrowseEntry(p.payload, version);
         if (!e) {
             error_ = "malformed entry";
             return std::nullopt;
@@ -83,13 +83,13 @@ std::optional<Listing> BrowseClient::readDir(const std::string& path, uint16_t s
     }
 }
 
-std::optional<transport::BrowseEntry> BrowseClient::readLink(const std::string& path, int8_t version) {
+std::optional<protocol::BrowseEntry> BrowseClient::readLink(const std::string& path, int8_t version) {
     std::vector<uint8_t> payload = pathPayload(path);
     if (payload.size() > browse::kMaxRequest) {
         error_ = "path too long";
         return std::nullopt;
     }
-    transport::BrowseHeader h{0, browse::kReadLink, version, 0, static_cast<uint16_t>(payload.size())};
+    protocol::BrowseHeader h{0, browse::kReadLink, version, 0, static_cast<uint16_t>(payload.size())};
     if (!send(h, payload)) return std::nullopt;
     BrowsePacket p;
     if (!receive(p)) return std::nullopt;
@@ -97,12 +97,12 @@ std::optional<transport::BrowseEntry> BrowseClient::readLink(const std::string& 
         error_ = "unexpected browse code " + std::to_string(p.header.code);
         return std::nullopt;
     }
-    std::optional<transport::BrowseEntry> e = transport::decodeBrowseEntry(p.payload, version);
+    std::optional<protocol::BrowseEntry> e = protocol::decodeBrowseEntry(p.payload, version);
     if (!e) error_ = "malformed entry";
     return e;
 }
 
-bool BrowseClient::logout() { return send(transport::BrowseHeader{0, browse::kLogout, browse::kAgentVersion, 0, 0}, {}); }
+bool BrowseClient::logout() { return send(protocol::BrowseHeader{0, browse::kLogout, browse::kAgentVersion, 0, 0}, {}); }
 
 bool BrowseClient::agentCloses() {
     std::array<uint8_t, 1> byte{};
@@ -196,7 +196,7 @@ std::string targetType(uint32_t mode) {
 }
 
 std::string longListingLine(const ListedEntry& listed) {
-    const transport::BrowseEntry& e = listed.entry;
+    const protocol::BrowseEntry& e = listed.entry;
     char size[32];
     if (S_ISCHR(e.mode) || S_ISBLK(e.mode)) {
         dev_t dev = platform::decodeDev32(e.rdev);

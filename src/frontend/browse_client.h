@@ -17,19 +17,19 @@
 #include <vector>
 
 #include "frontend/job_client.h"
-#include "transport/browser.h"
+#include "protocol/browse.h"
 
 namespace tavik::frontend {
 
 struct BrowsePacket {
-    transport::BrowseHeader header;
+    protocol::BrowseHeader header;
     std::vector<uint8_t> payload;
 };
 
 // One listed entry and, for a link from version 21 on, its target.
 struct ListedEntry {
-    transport::BrowseEntry entry;
-    std::optional<transport::BrowseEntry> target;
+    protocol::BrowseEntry entry;
+    std::optional<protocol::BrowseEntry> target;
 };
 
 struct Listing {
@@ -44,7 +44,7 @@ public:
     int login(const std::string& host, uint16_t port, const RequestFields& fields);
 
     // Packets of the browse protocol, raw.
-    bool send(const transport::BrowseHeader& header, const std::vector<uint8_t>& payload);
+    bool send(const protocol::BrowseHeader& header, const std::vector<uint8_t>& payload);
     bool sendBytes(const std::vector<uint8_t>& bytes) { return client_.sendRaw(bytes); }
     bool receive(BrowsePacket& packet);
 
@@ -53,7 +53,7 @@ public:
     std::optional<Listing> readDir(const std::string& path, uint16_t select, int8_t version);
     // A READ_LINK and its answer; none when the agent could not read the
     // link (it then ends the job).
-    std::optional<transport::BrowseEntry> readLink(const std::string& path, int8_t version);
+    std::optional<protocol::BrowseEntry> readLink(const std::string& path, int8_t version);
     bool logout();
 
     // True when the agent ended the connection (closed or reset it) instead

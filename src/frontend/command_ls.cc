@@ -24,15 +24,15 @@ int commandLs(int argc, char* argv[]) {
         std::fprintf(stderr, "tavikctl: %s\n%s", error.c_str(), kUsage);
         return 2;
     }
-    uint16_t select = transport::browse::kSelectAll;
-    int version = transport::browse::kAgentVersion;
+    uint16_t select = protocol::browse::kSelectAll;
+    int version = protocol::browse::kAgentVersion;
     std::string target;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         if (a == "-d") {
-            select = transport::browse::kSelectDirectories;
+            select = protocol::browse::kSelectDirectories;
         } else if (a == "-f") {
-            select = transport::browse::kSelectFiles;
+            select = protocol::browse::kSelectFiles;
         } else if (takeBrowseVersion(args, i, version)) {
         } else if (target.empty() && !a.empty() && a[0] != '-') {
             target = a;
@@ -53,7 +53,7 @@ int commandLs(int argc, char* argv[]) {
         // The listing is complete; the agent ends the job when it finds the
         // connection closed.
     }
-    if (listing->end != transport::browse::kEndOfList) {
+    if (listing->end != protocol::browse::kEndOfList) {
         std::fprintf(stderr, "tavikctl: %s: %s\n", target.c_str(), describeAnswer(listing->end).c_str());
         return 1;
     }

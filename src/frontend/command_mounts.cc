@@ -35,7 +35,7 @@ int commandMounts(int argc, char* argv[]) {
         std::fprintf(stderr, "tavikctl: %s: %s\n", host.c_str(), error.c_str());
         return 1;
     }
-    std::optional<Listing> listing = client.readDir("", transport::browse::kSelectAll, transport::browse::kAgentVersion);
+    std::optional<Listing> listing = client.readDir("", protocol::browse::kSelectAll, protocol::browse::kAgentVersion);
     if (!listing) {
         std::fprintf(stderr, "tavikctl: %s: %s\n", host.c_str(), client.lastError().c_str());
         return 1;
@@ -43,7 +43,7 @@ int commandMounts(int argc, char* argv[]) {
     if (!client.logout()) {
         // As for ls: the listing is complete.
     }
-    if (listing->end != transport::browse::kEndOfList) {
+    if (listing->end != protocol::browse::kEndOfList) {
         std::fprintf(stderr, "tavikctl: %s: the agent cannot open its mount table (answer %d)\n", host.c_str(),
                      listing->end);
         return 1;

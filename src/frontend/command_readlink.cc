@@ -21,7 +21,7 @@ int commandReadlink(int argc, char* argv[]) {
         std::fprintf(stderr, "tavikctl: %s\n%s", error.c_str(), kUsage);
         return 2;
     }
-    int version = transport::browse::kAgentVersion;
+    int version = protocol::browse::kAgentVersion;
     std::string target;
     for (size_t i = 0; i < args.size(); ++i) {
         if (takeBrowseVersion(args, i, version)) {
@@ -35,7 +35,7 @@ int commandReadlink(int argc, char* argv[]) {
     std::string path;
     BrowseClient client;
     if (int status = openBrowseTarget(target, options, kUsage, client, path)) return status;
-    std::optional<transport::BrowseEntry> link = client.readLink(path, static_cast<int8_t>(version));
+    std::optional<protocol::BrowseEntry> link = client.readLink(path, static_cast<int8_t>(version));
     if (!link) {
         std::fprintf(stderr, "tavikctl: %s: the agent could not read the link\n", target.c_str());
         return 1;

@@ -16,47 +16,45 @@
 namespace tavik::transport {
 namespace {
 
-using browse::kAgentVersion;
-using browse::kCannotOpen;
-using browse::kDeviceVersion;
-using browse::kEndOfList;
-using browse::kEntry;
-using browse::kLinkBuffer;
-using browse::kLinkTarget;
-using browse::kLinkTargetVersion;
-using browse::kLogin;
-using browse::kLoginLevel;
-using browse::kLogout;
-using browse::kMaxEntrySize;
-using browse::kMaxName;
-using browse::kMaxRequest;
-using browse::kNameAt;
-using browse::kOldNameAt;
-using browse::kReadDir;
-using browse::kReadLink;
-using browse::kSelectDirectories;
-using browse::kSelectFiles;
-using browse::kSelectNone;
-using browse::kUnknownRequest;
-constexpr size_t kBrowseHeaderSize = browse::kHeaderSize;
+using protocol::browse::kAgentVersion;
+using protocol::browse::kCannotOpen;
+using protocol::browse::kDeviceVersion;
+using protocol::browse::kEndOfList;
+using protocol::browse::kEntry;
+using protocol::browse::kLinkBuffer;
+using protocol::browse::kLinkTarget;
+using protocol::browse::kLinkTargetVersion;
+using protocol::browse::kLogin;
+using protocol::browse::kLoginLevel;
+using protocol::browse::kLogout;
+using protocol::browse::kMaxEntrySize;
+using protocol::browse::kMaxName;
+using protocol::browse::kMaxRequest;
+using protocol::browse::kNameAt;
+using protocol::browse::kOldNameAt;
+using protocol::browse::kReadDir;
+using protocol::browse::kReadLink;
+using protocol::browse::kSelectDirectories;
+using protocol::browse::kSelectFiles;
+using protocol::browse::kSelectNone;
+using protocol::browse::kUnknownRequest;
+constexpr size_t kBrowseHeaderSize = protocol::browse::kHeaderSize;
 
-bool hasDeviceField(int version) { return version >= kDeviceVersion; }
-size_t nameOffset(int version) { return hasDeviceField(version) ? kNameAt : kOldNameAt; }
 
 // A header-only packet from the agent. LOGIN and the answer to an unknown
 // request carry level 50.
 int sendHeaderOnly(int socket, uint8_t code, uint16_t level = 0) {
-    BrowseHeaderBytes bytes = encodeBrowseHeader(BrowseHeader{0, code, kAgentVersion, level, 0});
+    protocol::BrowseHeaderBytes bytes = protocol::encodeBrowseHeader(protocol::BrowseHeader{0, code, kAgentVersion, level, 0});
     return usbSend(socket, bytes.data(), bytes.size());
 }
 
 // One entry packet: header and entry in one buffer, one send.
-int sendEntry(int socket, uint8_t code, const BrowseEntry& entry, int version) {
-    std::vector<uint8_t> payload = encodeBrowseEntry(entry, version);
+int sendEntry(int socket, uint8_t code, const protocol::BrowseEntry& entry, int version) {
+    std::vector<uint8_t> payload = protocol::encodeBrowseEntry(entry, version);
     if (payload.empty()) return -1;  // names are bounded before they get here
     std::array<uint8_t, kBrowseHeaderSize + kMaxEntrySize> packet{};
-    BrowseHeaderBytes header =
-        encodeBrowseHeader(BrowseHeader{0, code, kAgentVersion, 0, static_cast<uint16_t>(payload.size())});
+    protocol::BrowseHeaderBytes header =
+        protocol::encodeBrowseHeader(protocol::BrowseHeader{0, code, kAgentVersion, 0, static_cast<uint16_t>(payload.size())});
     std::memcpy(packet.data(), header.data(), header.size());
     std::memcpy(packet.data() + kBrowseHeaderSize, payload.data(), payload.size());
     return usbSend(socket, packet.data(), kBrowseHeaderSize + payload.size());
@@ -78,12 +76,12 @@ bool readLinkText(const char* path, std::string& text) {
 
 // The status of a link's target, all zero when it cannot be examined; a
 // failure other than a missing target is logged.
-BrowseEntry linkTarget(const char* prefix, const std::string& text, bool& found, mode_t& type) {
+protocol::BrowseEntry linkTarget(const char* prefix, const std::string& text, bool& found, mode_t& type) {
     struct stat st {};
     found = ::stat(text.c_str(), &st) == 0;
     if (!found) {
         if (errno != ENOENT) ulog(MSG_FAILED_GET_ATTRIBUTES_STAT, prefix, text.c_str(), errText());
-        BrowseEntry zero;
+        protocol::BrowseEntry zero;
         zero.name = text;
         return zero;
     }
@@ -107,7 +105,7 @@ int listEntry(int socket, const char* prefix, const char* name, uint16_t select,
     }
     mode_t type = st.st_mode & S_IFMT;
     bool withTarget = S_ISLNK(st.st_mode) && version >= kLinkTargetVersion;
-    BrowseEntry target;
+    protocol::BrowseEntry target;
     if (withTarget) {
         std::string text;
         if (!readLinkText(path.c_str(), text)) {
@@ -135,28 +133,8 @@ int sendEnd(int socket, const char* prefix) {
 
 }  // namespace
 
-BrowseHeaderBytes encodeBrowseHeader(const BrowseHeader& header) {
-    BrowseHeaderBytes bytes{};
-    wire::storeBe16(&bytes[browse::kSelectAt], header.select);
-    bytes[browse::kCodeAt] = header.code;
-    bytes[browse::kVersionAt] = static_cast<uint8_t>(header.version);
-    wire::storeBe16(&bytes[browse::kLevelAt], header.level);
-    wire::storeBe16(&bytes[browse::kLengthAt], header.length);
-    return bytes;
-}
-
-BrowseHeader decodeBrowseHeader(std::span<const uint8_t, browse::kHeaderSize> bytes) {
-    BrowseHeader h;
-    h.select = wire::loadBe16(&bytes[browse::kSelectAt]);
-    h.code = bytes[browse::kCodeAt];
-    h.version = static_cast<int8_t>(bytes[browse::kVersionAt]);
-    h.level = wire::loadBe16(&bytes[browse::kLevelAt]);
-    h.length = wire::loadBe16(&bytes[browse::kLengthAt]);
-    return h;
-}
-
-BrowseEntry entryFromStat(const struct stat& st, std::string name) {
-    BrowseEntry e;
+protocol::BrowseEntry entryFromStat(const struct stat& st, std::string name) {
+    protocol::BrowseEntry e;
     e.mode = st.st_mode;
     e.links = st.st_nlink > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(st.st_nlink);
     e.uid = st.st_uid;
@@ -171,39 +149,10 @@ BrowseEntry entryFromStat(const struct stat& st, std::string name) {
     return e;
 }
 
-std::vector<uint8_t> encodeBrowseEntry(const BrowseEntry& e, int version) {
-    if (e.name.size() > kMaxName || e.name.find('\0') != std::string::npos) return {};
-    std::vector<uint8_t> bytes(nameOffset(version) + e.name.size() + 1, 0);
-    wire::ByteWriter w(bytes);
-    bool ok = w.putBe32(e.mode) && w.putBe32(e.links) && w.putBe32(e.uid) && w.putBe32(e.gid) &&
-              w.putBe32(e.rdev) && w.putBe32(e.atime) && w.putBe32(e.mtime) && w.putBe32(e.ctime) &&
-              w.putBe32(e.size) && w.putZeros(4) && w.putU8(e.mounted) && w.putZeros(3);
-    if (ok && hasDeviceField(version)) ok = w.putBe32(e.fsDev);
-    ok = ok && w.position() == nameOffset(version) &&
-         w.putBytes(std::span(reinterpret_cast<const uint8_t*>(e.name.data()), e.name.size())) && w.putU8(0);
-    if (!ok) return {};
-    return bytes;
-}
-
-std::optional<BrowseEntry> decodeBrowseEntry(std::span<const uint8_t> payload, int version) {
-    wire::ByteReader r(payload);
-    BrowseEntry e;
-    bool ok = r.getBe32(e.mode) && r.getBe32(e.links) && r.getBe32(e.uid) && r.getBe32(e.gid) &&
-              r.getBe32(e.rdev) && r.getBe32(e.atime) && r.getBe32(e.mtime) && r.getBe32(e.ctime) &&
-              r.getBe32(e.size) && r.skip(4) && r.getU8(e.mounted) && r.skip(3);
-    if (ok && hasDeviceField(version)) ok = r.getBe32(e.fsDev);
-    if (!ok) return std::nullopt;
-    std::span<const uint8_t> rest = payload.subspan(r.position());
-    const void* nul = std::memchr(rest.data(), 0, rest.size());
-    if (!nul) return std::nullopt;
-    e.name.assign(reinterpret_cast<const char*>(rest.data()), static_cast<const uint8_t*>(nul) - rest.data());
-    return e;
-}
-
 ReceiveStatus receiveRequest(int socket, BrowseRequest& out) {
-    BrowseHeaderBytes header{};
+    protocol::BrowseHeaderBytes header{};
     if (usbReceive(socket, header.data(), header.size()) != 0) return ReceiveStatus::kHeaderFailed;
-    out.header = decodeBrowseHeader(header);
+    out.header = protocol::decodeBrowseHeader(header);
     out.text.clear();
     if (out.header.code == kLogout) return ReceiveStatus::kOk;  // its payload is never read
     size_t length = out.header.length;
@@ -228,7 +177,7 @@ int Browser(int socket, MountList& mounts) {
             ulog(MSG_FAILED_RECEIVE, kPrefix);
             return 0;
         }
-        const BrowseHeader& h = request.header;
+        const protocol::BrowseHeader& h = request.header;
         int result = 0;
         switch (h.code) {
             case kReadDir:
@@ -302,7 +251,7 @@ int SendFSData(int socket, MountList& mounts) {
             ulog(MSG_FAILED_GET_ATTRIBUTES_STAT, kPrefix, mountPoint.c_str(), errText());
             continue;
         }
-        BrowseEntry entry = entryFromStat(st, mountPoint);
+        protocol::BrowseEntry entry = entryFromStat(st, mountPoint);
         entry.mounted = 1;
         if (sendEntry(socket, kEntry, entry, kDeviceVersion) != 0) {
             ulog(MSG_FAILED_USBSEND, kPrefix);
@@ -323,7 +272,7 @@ int SendLinkData(int socket, const std::string& path, int version) {
     }
     bool found = false;
     mode_t type = 0;
-    BrowseEntry target = linkTarget(kPrefix, text, found, type);
+    protocol::BrowseEntry target = linkTarget(kPrefix, text, found, type);
     if (sendEntry(socket, kReadLink, target, version) != 0) {
         ulog(MSG_FAILED_USBSEND, kPrefix);
         return -1;

@@ -21,7 +21,7 @@ namespace {
 using namespace tavik::test;
 using tavik::frontend::BrowseClient;
 using tavik::frontend::BrowsePacket;
-using tavik::transport::BrowseHeader;
+using tavik::protocol::BrowseHeader;
 using tavik::wire::loadBe32;
 
 uint32_t dev32(dev_t dev) { return (major(dev) << 18) | minor(dev); }

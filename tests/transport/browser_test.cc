@@ -35,7 +35,7 @@ using tavik::testing::closedWithin;
 using tavik::testing::recvWithin;
 
 struct Packet {
-    BrowseHeader header;
+    protocol::BrowseHeader header;
     std::vector<uint8_t> payload;
     std::array<uint8_t, 8> raw{};
 };
@@ -43,7 +43,7 @@ struct Packet {
 std::optional<Packet> readPacket(int fd) {
     Packet p;
     if (!recvWithin(fd, p.raw.data(), 8)) return std::nullopt;
-    p.header = decodeBrowseHeader(p.raw);
+    p.header = protocol::decodeBrowseHeader(p.raw);
     p.payload.resize(p.header.length);
     if (!recvWithin(fd, p.payload.data(), p.payload.size())) return std::nullopt;
     return p;
@@ -80,7 +80,7 @@ std::vector<uint8_t> request(uint8_t code, uint16_t select, int8_t version, cons
                              bool withNul = true) {
     std::vector<uint8_t> payload(text.begin(), text.end());
     if (withNul) payload.push_back(0);
-    BrowseHeaderBytes h = encodeBrowseHeader(BrowseHeader{select, code, version, 0, uint16_t(payload.size())});
+    protocol::BrowseHeaderBytes h = protocol::encodeBrowseHeader(protocol::BrowseHeader{select, code, version, 0, uint16_t(payload.size())});
     std::vector<uint8_t> bytes(h.size() + payload.size());
     std::copy(h.begin(), h.end(), bytes.begin());
     std::copy(payload.begin(), payload.end(), bytes.begin() + h.size());
@@ -130,46 +130,46 @@ protected:
 };
 
 TEST(BrowseCodec, HeaderAndEntryGoldenBytes) {
-    EXPECT_EQ(encodeBrowseHeader(BrowseHeader{0x0102, 15, -3, 0x0304, 0x0506}),
-              (BrowseHeaderBytes{1, 2, 15, 0xFD, 3, 4, 5, 6}));
-    BrowseHeader h = decodeBrowseHeader(BrowseHeaderBytes{0xFF, 0xFE, 101, 0x80, 0, 50, 0x04, 0x01});
+    EXPECT_EQ(protocol::encodeBrowseHeader(protocol::BrowseHeader{0x0102, 15, -3, 0x0304, 0x0506}),
+              (protocol::BrowseHeaderBytes{1, 2, 15, 0xFD, 3, 4, 5, 6}));
+    protocol::BrowseHeader h = protocol::decodeBrowseHeader(protocol::BrowseHeaderBytes{0xFF, 0xFE, 101, 0x80, 0, 50, 0x04, 0x01});
     EXPECT_EQ((std::vector<int>{h.select, h.code, h.version, h.level, h.length}),
               (std::vector<int>{0xFFFE, 101, -128, 50, 0x0401}));
 
-    BrowseEntry e{.mode = 0x000041ED, .links = 2, .uid = 0x01020304, .gid = 5, .rdev = 0x00040003,
+    protocol::BrowseEntry e{.mode = 0x000041ED, .links = 2, .uid = 0x01020304, .gid = 5, .rdev = 0x00040003,
                   .atime = 0x11223344, .mtime = 0x55667788, .ctime = 0x99AABBCC, .size = 0xDDEEFF00,
                   .mounted = 1, .fsDev = 0x03F80001, .name = "/ab"};
-    std::vector<uint8_t> v22 = encodeBrowseEntry(e, 22);
+    std::vector<uint8_t> v22 = protocol::encodeBrowseEntry(e, 22);
     std::vector<uint8_t> expected{0, 0, 0x41, 0xED, 0, 0, 0, 2, 1, 2, 3, 4, 0, 0, 0, 5,
                                   0, 4, 0, 3, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88,
                                   0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF, 0, 0, 0, 0, 0,
                                   1, 0, 0, 0, 0x03, 0xF8, 0, 1, '/', 'a', 'b', 0};
     EXPECT_EQ(v22, expected);
     // Below version 22 the device field is gone and the name moves to 44.
-    std::vector<uint8_t> v21 = encodeBrowseEntry(e, 21);
+    std::vector<uint8_t> v21 = protocol::encodeBrowseEntry(e, 21);
     std::vector<uint8_t> old(expected.begin(), expected.begin() + 44);
     old.insert(old.end(), {'/', 'a', 'b', 0});
     EXPECT_EQ(v21, old);
-    EXPECT_EQ(encodeBrowseEntry(e, -5), old);
+    EXPECT_EQ(protocol::encodeBrowseEntry(e, -5), old);
 
     for (int version : {20, 22}) {
-        std::vector<uint8_t> bytes = encodeBrowseEntry(e, version);
-        auto back = decodeBrowseEntry(bytes, version);
+        std::vector<uint8_t> bytes = protocol::encodeBrowseEntry(e, version);
+        auto back = protocol::decodeBrowseEntry(bytes, version);
         ASSERT_TRUE(back);
         EXPECT_EQ(back->name, "/ab");
         EXPECT_EQ(back->size, e.size);
         EXPECT_EQ(back->fsDev, version == 22 ? e.fsDev : 0u);
         // Every truncation fails: no NUL, or no fixed part.
         for (size_t n = 0; n < bytes.size(); ++n)
-            EXPECT_FALSE(decodeBrowseEntry(std::span(bytes.data(), n), version)) << n;
+            EXPECT_FALSE(protocol::decodeBrowseEntry(std::span(bytes.data(), n), version)) << n;
     }
 
     e.name = "/" + std::string(255, 'n');
-    EXPECT_EQ(encodeBrowseEntry(e, 22).size(), browse::kMaxEntrySize);
+    EXPECT_EQ(protocol::encodeBrowseEntry(e, 22).size(), protocol::browse::kMaxEntrySize);
     e.name += "n";
-    EXPECT_TRUE(encodeBrowseEntry(e, 22).empty());
+    EXPECT_TRUE(protocol::encodeBrowseEntry(e, 22).empty());
     e.name = std::string("a\0b", 3);
-    EXPECT_TRUE(encodeBrowseEntry(e, 22).empty());
+    EXPECT_TRUE(protocol::encodeBrowseEntry(e, 22).empty());
 }
 
 TEST(BrowseCodec, StatFieldsInThirtyTwoBits) {
@@ -182,7 +182,7 @@ TEST(BrowseCodec, StatFieldsInThirtyTwoBits) {
     st.st_mtime = int64_t(1) << 33;
     st.st_ctime = 1700000000;
     st.st_size = (int64_t(1) << 32) + 7;
-    BrowseEntry e = entryFromStat(st, "x");
+    protocol::BrowseEntry e = entryFromStat(st, "x");
     EXPECT_EQ(e.links, UINT32_MAX);
     EXPECT_EQ(e.rdev, (136u << 18) | 5u);
     EXPECT_EQ(e.fsDev, (254u << 18) | 1u);
@@ -265,12 +265,12 @@ TEST_F(BrowserTest, LinkTextsAtTheBufferLimit) {
     auto entry = readPacket(sp_.server);
     ASSERT_TRUE(entry);
     EXPECT_EQ(entry->header.code, 15);
-    EXPECT_EQ(decodeBrowseEntry(entry->payload, 22)->name, "/fits");
+    EXPECT_EQ(protocol::decodeBrowseEntry(entry->payload, 22)->name, "/fits");
     auto target = readPacket(sp_.server);
     ASSERT_TRUE(target);
     EXPECT_EQ(target->header.code, 20);
     EXPECT_EQ(target->header.length, 48 + 255 + 1);
-    EXPECT_EQ(decodeBrowseEntry(target->payload, 22)->name, text255);
+    EXPECT_EQ(protocol::decodeBrowseEntry(target->payload, 22)->name, text255);
     EXPECT_EQ(nextCode(sp_.server), 16);
     EXPECT_TRUE(home_.logHas("(SendDirData) Failed to read the contents of the symbolic link file ./full (File name too long)"));
 
@@ -281,7 +281,7 @@ TEST_F(BrowserTest, LinkTextsAtTheBufferLimit) {
     std::set<std::string> names;
     for (const Packet& p : *listing) {
         EXPECT_EQ(p.header.code, 15);
-        names.insert(decodeBrowseEntry(p.payload, 20)->name);
+        names.insert(protocol::decodeBrowseEntry(p.payload, 20)->name);
     }
     EXPECT_EQ(names, (std::set<std::string>{"/fits", "/full"}));
 
@@ -345,7 +345,7 @@ TEST_F(BrowserTest, MountListFromTheTable) {
         EXPECT_EQ(p.header.code, 15);
         ASSERT_GE(p.payload.size(), 49u);
         EXPECT_EQ(p.payload[40], 1);
-        names.push_back(decodeBrowseEntry(p.payload, 22)->name);
+        names.push_back(protocol::decodeBrowseEntry(p.payload, 22)->name);
     }
     EXPECT_EQ(names, (std::vector<std::string>{"/", dir_ + "/with space"}));
     EXPECT_TRUE(home_.logHas(
