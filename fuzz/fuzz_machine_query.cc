@@ -9,11 +9,11 @@
 #include "transport/machine_query.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    tavik::transport::MachineQuery q{};
+    protocol::MachineQuery q{};
     std::memcpy(q.data(), data, size < q.size() ? size : q.size());
-    auto reply = tavik::transport::buildMachineReply(q, nullptr);
+    auto reply = protocol::buildMachineReply(q, nullptr);
     if (reply[3] != q[3] && int8_t(q[3]) <= 22) abort();
-    auto info = tavik::frontend::decodeMachineReply(data, size);
+    auto info = protocol::decodeMachineReply(data, size);
     if (info && (info->sysname.size() > 256 || size != 1036)) abort();
     return 0;
 }

@@ -14,27 +14,7 @@
 #include "wire/bytes.h"
 
 namespace tavik::frontend {
-namespace {
-
-constexpr size_t kReplySize = 1036;
-constexpr size_t kFieldSize = 257;
-
-}  // namespace
-
-std::optional<MachineInfo> decodeMachineReply(const uint8_t* data, size_t size) {
-    if (size != kReplySize) return std::nullopt;
-    wire::ByteReader r(data, size);
-    MachineInfo info;
-    uint8_t skip;
-    if (!r.getU8(skip) || !r.getU8(skip) || !r.getU8(info.command) || !r.getS8(info.version) ||
-        !r.getBe16(info.type) || !r.getBe16(info.length) || !r.getFixedText(kFieldSize, info.sysname) ||
-        !r.getFixedText(kFieldSize, info.release) || !r.getFixedText(kFieldSize, info.version_text) ||
-        !r.getFixedText(kFieldSize, info.machine))
-        return std::nullopt;
-    return info;
-}
-
-std::optional<MachineInfo> queryMachine(const std::string& host, uint16_t port, int timeoutMs, int8_t version,
+std::optional<protocol::MachineInfo> queryMachine(const std::string& host, uint16_t port, int timeoutMs, int8_t version,
                                         std::string& error) {
     auto addr = resolveIpv4(host, port, error);
     if (!addr) return std::nullopt;
@@ -47,15 +27,15 @@ std::optional<MachineInfo> queryMachine(const std::string& host, uint16_t port, 
         error = std::string("connect: ") + strerror(errno);
         return std::nullopt;
     }
-    std::array<uint8_t, 8> query{};
-    query[2] = 13;
+    std::array<uint8_t, protocol::kQuerySize> query{};
+    query[2] = protocol::kMachineQuery;
     query[3] = uint8_t(version);
     if (send(sock.get(), query.data(), query.size(), 0) != ssize_t(query.size())) {
         error = std::string("send: ") + strerror(errno);
         return std::nullopt;
     }
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    std::array<uint8_t, kReplySize + 1> reply;
+    std::array<uint8_t, protocol::kReplySize + 1> reply;
     for (;;) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) break;
@@ -69,7 +49,7 @@ std::optional<MachineInfo> queryMachine(const std::string& host, uint16_t port, 
             error = std::string("no answer from ") + host + ": " + strerror(errno);
             return std::nullopt;
         }
-        auto info = decodeMachineReply(reply.data(), size_t(got));
+        auto info = protocol::decodeMachineReply(reply.data(), size_t(got));
         if (info) return info;
         error = "malformed reply of " + std::to_string(got) + " bytes";
         return std::nullopt;

@@ -19,34 +19,7 @@ namespace {
 
 constexpr const char* kPrefix = "(AskMachine) ";
 
-void putField(MachineReply& reply, size_t at, const char* text) {
-    size_t len = strnlen(text, platform::kUnameFieldSize - 1);
-    std::memcpy(reply.data() + at, text, len);
-}
-
 }  // namespace
-
-MachineReply buildMachineReply(const MachineQuery& query, const platform::MachineName* name) {
-    MachineReply reply{};
-    reply[0] = query[0];
-    reply[1] = query[1];
-    reply[2] = query[2];
-    int8_t version = static_cast<int8_t>(query[3]);
-    reply[3] = static_cast<uint8_t>(version > kMaxQueryVersion ? kMaxQueryVersion : version);
-    wire::storeBe16(&reply[4], kReplyType);
-    if (name) {
-        wire::storeBe16(&reply[6], kReplyPayload);
-        putField(reply, kReplySysnameAt, name->sysname);
-        putField(reply, kReplyReleaseAt, name->release);
-        putField(reply, kReplyVersionAt, name->version);
-        putField(reply, kReplyMachineAt, name->machine);
-    } else {
-        reply[2] = kMachineQueryFailed;
-        reply[6] = query[6];
-        reply[7] = query[7];
-    }
-    return reply;
-}
 
 bool QueryRateLimit::allow(uint32_t address, Clock::time_point now) {
     size_t home = (address * 2654435761u) % kTableSize;
@@ -82,7 +55,7 @@ int AskMachine(int udpSocket, QueryRateLimit& limit) {
     // The do-nothing alarm handler only makes a pending recvfrom or sendto
     // return EINTR; it stays installed for the processes forked later.
     platform::installHandler(SIGALRM, platform::interruptOnly);
-    MachineQuery query{};
+    protocol::MachineQuery query{};
     sockaddr_storage from{};
     socklen_t fromLen = sizeof from;
     alarm(1);
@@ -95,11 +68,11 @@ int AskMachine(int udpSocket, QueryRateLimit& limit) {
         ulog(MSG_FAILED_RECVFROM, kPrefix, errText());
         return -1;
     }
-    if (size_t(got) < kQuerySize) {
-        ulog(MSG_SHORT_MACHINE_QUERY, kPrefix, int(kQuerySize), int(got));
+    if (size_t(got) < protocol::kQuerySize) {
+        ulog(MSG_SHORT_MACHINE_QUERY, kPrefix, int(protocol::kQuerySize), int(got));
         return -1;
     }
-    if (query[2] != kMachineQuery) {
+    if (query[2] != protocol::kMachineQuery) {
         ulog(MSG_UNKNOWN_COMMAND, kPrefix, unsigned(query[2]));
         return 0;
     }
@@ -116,7 +89,7 @@ int AskMachine(int udpSocket, QueryRateLimit& limit) {
         ulog(MSG_FAILED_UNAME, kPrefix, errText());
         found = nullptr;
     }
-    MachineReply reply = buildMachineReply(query, found);
+    protocol::MachineReply reply = protocol::buildMachineReply(query, found);
     alarm(1);
     ssize_t sent = sendto(udpSocket, reply.data(), reply.size(), 0, reinterpret_cast<sockaddr*>(&from), fromLen);
     savedErrno = errno;
@@ -126,8 +99,8 @@ int AskMachine(int udpSocket, QueryRateLimit& limit) {
         ulog(MSG_FAILED_SENDTO, kPrefix, errText());
         return -1;
     }
-    if (size_t(sent) < kReplySize) {
-        ulog(MSG_SHORT_MACHINE_INFO, kPrefix, int(kReplySize), int(sent));
+    if (size_t(sent) < protocol::kReplySize) {
+        ulog(MSG_SHORT_MACHINE_INFO, kPrefix, int(protocol::kReplySize), int(sent));
         return -1;
     }
     return 0;

@@ -1,6 +1,5 @@
-// The UDP machine query: the server sends an 8-byte datagram with command 13
-// and gets back a 1036-byte reply with the system's name, release, version
-// and hardware name in four 257-byte fields (16-bit fields big-endian).
+// The UDP machine query served on the agent's port: each datagram answered
+// with the reply of protocol/machine_query.h, at a bounded rate per source.
 #pragma once
 
 #include <array>
@@ -8,31 +7,9 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "platform/uname.h"
+#include "protocol/machine_query.h"
 
 namespace tavik::transport {
-
-inline constexpr size_t kQuerySize = 8;
-inline constexpr size_t kReplySize = 1036;
-inline constexpr uint8_t kMachineQuery = 13;
-inline constexpr uint8_t kMachineQueryFailed = 18;
-inline constexpr int8_t kMaxQueryVersion = 22;
-inline constexpr uint16_t kReplyType = 50;
-inline constexpr uint16_t kReplyPayload = 1028;
-
-// Reply layout.
-inline constexpr size_t kReplySysnameAt = 8;
-inline constexpr size_t kReplyReleaseAt = 265;
-inline constexpr size_t kReplyVersionAt = 522;
-inline constexpr size_t kReplyMachineAt = 779;
-static_assert(kReplyMachineAt + platform::kUnameFieldSize == kReplySize);
-
-using MachineQuery = std::array<uint8_t, kQuerySize>;
-using MachineReply = std::array<uint8_t, kReplySize>;
-
-// Builds the reply to `query`. `name` is the identification, or nullptr when
-// it could not be had (command byte 18, empty fields, bytes 6-7 echoed).
-MachineReply buildMachineReply(const MachineQuery& query, const platform::MachineName* name);
 
 // At most kQueryBurst answers at once to one address, then kQueryRate a
 // second: an 8-byte query draws a 1036-byte answer, and a forged source

@@ -146,7 +146,7 @@ TEST(MachineQuery, AnsweredWithThisMachinesIdentityOnlyForWholeQueriesAndNeverSt
     ASSERT_EQ(reply.size(), 1036u);
     EXPECT_EQ(std::vector<uint8_t>(reply.begin(), reply.begin() + 8),
               (std::vector<uint8_t>{0xA5, 0x5A, 13, 5, 0x00, 0x32, 0x04, 0x04}));
-    auto info = tavik::frontend::decodeMachineReply(reply.data(), reply.size());
+    auto info = tavik::protocol::decodeMachineReply(reply.data(), reply.size());
     ASSERT_TRUE(info);
     EXPECT_EQ(info->sysname, uts("%s"));
     EXPECT_EQ(info->release, uts("%r"));

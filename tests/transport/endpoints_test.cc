@@ -15,6 +15,7 @@ namespace {
 
 using tavik::platform::UniqueFd;
 namespace transport = tavik::transport;
+namespace protocol = tavik::protocol;
 
 TEST(Endpoints, TcpOpenOnPortZeroHandsBackTheChosenPort) {
     uint16_t port = 0;
@@ -64,14 +65,14 @@ TEST(BufferSizing, ProbeStaysBelow64KAndMaxUsesIt) {
 }
 
 TEST(MachineReply, LayoutForAnAnswerAndForAFailure) {
-    transport::MachineQuery q = {1, 2, 13, 30, 9, 9, 0xAB, 0xCD};
+    protocol::MachineQuery q = {1, 2, 13, 30, 9, 9, 0xAB, 0xCD};
     tavik::platform::MachineName name{};
     std::strcpy(name.sysname, "Sys");
     std::strcpy(name.release, "Rel");
     std::strcpy(name.version, "Ver");
     std::strcpy(name.machine, "Mach");
     std::strcpy(name.nodename, "secret-node");
-    auto r = transport::buildMachineReply(q, &name);
+    auto r = protocol::buildMachineReply(q, &name);
     EXPECT_EQ(std::vector<uint8_t>(r.begin(), r.begin() + 8), (std::vector<uint8_t>{1, 2, 13, 22, 0, 50, 4, 4}));
     EXPECT_STREQ(reinterpret_cast<const char*>(&r[8]), "Sys");
     EXPECT_STREQ(reinterpret_cast<const char*>(&r[265]), "Rel");
@@ -80,7 +81,7 @@ TEST(MachineReply, LayoutForAnAnswerAndForAFailure) {
     EXPECT_EQ(std::string(r.begin(), r.end()).find("secret-node"), std::string::npos) << "the node name is not sent";
 
     // A failure: code 18, bytes 6-7 of the query unchanged, nothing after.
-    auto f = transport::buildMachineReply(q, nullptr);
+    auto f = protocol::buildMachineReply(q, nullptr);
     EXPECT_EQ(std::vector<uint8_t>(f.begin() + 2, f.begin() + 8), (std::vector<uint8_t>{18, 22, 0, 50, 0xAB, 0xCD}));
     for (size_t i = 8; i < f.size(); ++i) ASSERT_EQ(f[i], 0) << i;
 }
