@@ -12,7 +12,7 @@
 
 #include "daemon/state.h"
 #include "filter/filter.h"
-#include "filter/items.h"
+#include "protocol/filter_items.h"
 #include "filter/match.h"
 #include "scratch.h"
 #include "wire/bytes.h"

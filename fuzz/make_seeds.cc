@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "filter/items.h"
+#include "protocol/filter_items.h"
 #include "frontend/job_client.h"
 #include "protocol/restore_record.h"
 #include "transport/browser.h"
@@ -143,8 +143,8 @@ int main(int argc, char** argv) {
     Bytes options(512, 0);
     options[4] = 0x04;
     append(backup, options);
-    append(backup, *filter::encodeNamePatternItem(false, true, std::vector<std::string>{"*.o", "core"}));
-    append(backup, *filter::encodeNamePatternItem(true, false, std::vector<std::string>{"src*"}));
+    append(backup, *protocol::encodeNamePatternItem(false, true, std::vector<std::string>{"*.o", "core"}));
+    append(backup, *protocol::encodeNamePatternItem(true, false, std::vector<std::string>{"src*"}));
     append(backup, commands());
     write(dir, "fuzz_request", "backup", backup);
     write(dir, "fuzz_request", "old-server", request(0, 49));
@@ -160,7 +160,7 @@ int main(int argc, char** argv) {
     write(dir, "fuzz_browse_request", "requests", browsing);
     write(dir, "fuzz_machine_query", "query", {0xA5, 0x5A, 13, 22, 0, 0, 0x77, 0x66});
     write(dir, "fuzz_filter_init", "items",
-          *filter::encodeNamePatternItem(false, false, std::vector<std::string>{"*.[ch]", "Makefile"}));
+          *protocol::encodeNamePatternItem(false, false, std::vector<std::string>{"*.[ch]", "Makefile"}));
     write(dir, "fuzz_groom_cntl", "cntl", text("# kept\n/home/keep\n/srv\nnot a path\n", false));
     write(dir, "fuzz_nls_date", "date", text("11/20/04", false));
     return 0;

@@ -69,8 +69,8 @@ void withinRange(uint32_t count, uint16_t unit, time_t now, TimeNode& node) {
     const int remembered = fields.tm_mday;
     const int n = int(count > kMaxWithinCount ? kMaxWithinCount : count);
     switch (unit) {
-    case kUnitDays: fields.tm_mday -= n; break;
-    case kUnitMonths:
+    case protocol::kUnitDays: fields.tm_mday -= n; break;
+    case protocol::kUnitMonths:
         fields.tm_mon -= n;
         fields.tm_isdst = -1;
         makeLocal(fields, 0);  // normalises the fields
@@ -82,7 +82,7 @@ void withinRange(uint32_t count, uint16_t unit, time_t now, TimeNode& node) {
             fields.tm_mday = lastDayOfMonth(fields.tm_mon, fields.tm_year + 1900);
         }
         break;
-    case kUnitYears: fields.tm_year -= n; break;
+    case protocol::kUnitYears: fields.tm_year -= n; break;
     default: break;  // an unknown unit counts nothing: from today on
     }
     fields.tm_isdst = -1;
@@ -115,9 +115,9 @@ std::string formatSentDay(int32_t date) {
 
 const char* whichWord(uint8_t which) {
     switch (which) {
-    case kWhichChanged: return MSG_CREATED;
-    case kWhichModified: return MSG_MODIFIED;
-    case kWhichAccessed: return MSG_LAST_ACCESSED;
+    case protocol::kWhichChanged: return MSG_CREATED;
+    case protocol::kWhichModified: return MSG_MODIFIED;
+    case protocol::kWhichAccessed: return MSG_LAST_ACCESSED;
     default: return "?";
     }
 }
@@ -125,16 +125,16 @@ const char* whichWord(uint8_t which) {
 // The item in words, before it is stored: the days as the front-end sent
 // them, in its order (a "between" item is put in order only when stored);
 // a "within" item as the range it stands for today.
-void logTimeItem(const TimeItem& item, time_t now) {
+void logTimeItem(const protocol::TimeItem& item, time_t now) {
     const char* sense = item.exclude ? MSG_EXCLUDE : MSG_INCLUDE;
     const char* word = whichWord(item.which);
     switch (item.kind) {
-    case kOnOrBefore: ulog(MSG_FILES_OR_BEFORE, sense, word, formatSentDay(item.first).c_str()); break;
-    case kOnOrAfter: ulog(MSG_FILES_OR_AFTER, sense, word, formatSentDay(item.first).c_str()); break;
-    case kBetween:
+    case protocol::kOnOrBefore: ulog(MSG_FILES_OR_BEFORE, sense, word, formatSentDay(item.first).c_str()); break;
+    case protocol::kOnOrAfter: ulog(MSG_FILES_OR_AFTER, sense, word, formatSentDay(item.first).c_str()); break;
+    case protocol::kBetween:
         ulog(MSG_FILES_BETWEEN, sense, word, formatSentDay(item.first).c_str(), formatSentDay(item.second).c_str());
         break;
-    case kWithin: {
+    case protocol::kWithin: {
         TimeNode range;
         withinRange(uint32_t(item.first), item.unit, now, range);
         ulog(MSG_FILES_BETWEEN, sense, word, formatFilterTime(range.from).c_str(), formatFilterTime(range.to).c_str());
@@ -173,9 +173,9 @@ void dumpFilter(const Filter& f) {
 // The patterns of one file or directory item. The data is the item's slice of
 // the pattern text area, clipped to it; a last pattern without its NUL ends
 // at the end of the data.
-int storePatternItem(Filter& filter, const ReceivedFilter& node, const ReceivedItem& received, bool logItems) {
-    const PatternItem item = decodePatternItem(received.record);
-    const bool isDirectory = item.type == kDirPatternItem;
+int storePatternItem(Filter& filter, const protocol::ReceivedFilter& node, const protocol::ReceivedItem& received, bool logItems) {
+    const protocol::PatternItem item = protocol::decodePatternItem(received.record);
+    const bool isDirectory = item.type == protocol::kDirPatternItem;
     const size_t areaSize = node.patternArea.size();
     const size_t start = received.dataOffset < areaSize ? received.dataOffset : areaSize;
     const size_t length = received.dataLength < areaSize - start ? received.dataLength : areaSize - start;
@@ -209,11 +209,11 @@ void ClearFilter(Filter& filter) {
     filter.patternCount = 0;
 }
 
-int InitializeFilter(Filter& filter, const ReceivedFilter& node, std::string_view rootPath, bool logItems) {
+int InitializeFilter(Filter& filter, const protocol::ReceivedFilter& node, std::string_view rootPath, bool logItems) {
     return InitializeFilter(filter, node, rootPath, logItems, time(nullptr));
 }
 
-int InitializeFilter(Filter& filter, const ReceivedFilter& node, std::string_view rootPath, bool logItems,
+int InitializeFilter(Filter& filter, const protocol::ReceivedFilter& node, std::string_view rootPath, bool logItems,
                      time_t now) {
     filter.filterRoot.assign(rootPath);
     if (filter.filterRoot.empty() || filter.filterRoot.back() != '/') filter.filterRoot += '/';
@@ -223,12 +223,12 @@ int InitializeFilter(Filter& filter, const ReceivedFilter& node, std::string_vie
     if (node.items.empty()) return 0;
 
     int sum = 0;
-    for (const ReceivedItem& received : node.items) {
-        const uint16_t type = itemType(received.record);
-        if (type == kFilePatternItem || type == kDirPatternItem) {
+    for (const protocol::ReceivedItem& received : node.items) {
+        const uint16_t type = protocol::itemType(received.record);
+        if (type == protocol::kFilePatternItem || type == protocol::kDirPatternItem) {
             sum += storePatternItem(filter, node, received, logItems);
-        } else if (type == kTimeItem) {
-            const TimeItem item = decodeTimeItem(received.record);
+        } else if (type == protocol::kTimeItem) {
+            const protocol::TimeItem item = protocol::decodeTimeItem(received.record);
             TimeList& list = item.exclude ? filter.TimeExcPattern : filter.TimeIncPattern;
             if (logItems) logTimeItem(item, now);
             sum += StoreTime(item, list, now);
@@ -289,29 +289,29 @@ int StorePath(const Filter& filter, bool isDirectory, std::string_view text, Pat
     return 0;
 }
 
-int StoreTime(const TimeItem& item, TimeList& list, time_t now) {
+int StoreTime(const protocol::TimeItem& item, TimeList& list, time_t now) {
     TimeNode node;
     node.which = item.which;
     node.rangeKind = item.kind;
     switch (item.kind) {
-    case kOnOrBefore:
-    case kOnOrAfter:
+    case protocol::kOnOrBefore:
+    case protocol::kOnOrAfter:
         node.from = localDayOf(item.first);
         break;
-    case kBetween: {
+    case protocol::kBetween: {
         const bool swap = item.first > item.second;
         node.from = localDayOf(swap ? item.second : item.first);
         node.to = localDayOf(swap ? item.first : item.second);
         break;
     }
-    case kWithin: withinRange(uint32_t(item.first), item.unit, now, node); break;
+    case protocol::kWithin: withinRange(uint32_t(item.first), item.unit, now, node); break;
     default:  // kept as received; such a node never matches
         node.from = item.first;
         node.to = item.second;
         break;
     }
-    if (item.kind == kOnOrBefore) node.from = saturate(int64_t(node.from) + kLastSecondOfDay);
-    if (item.kind == kBetween || item.kind == kWithin) node.to = saturate(int64_t(node.to) + kLastSecondOfDay);
+    if (item.kind == protocol::kOnOrBefore) node.from = saturate(int64_t(node.from) + kLastSecondOfDay);
+    if (item.kind == protocol::kBetween || item.kind == protocol::kWithin) node.to = saturate(int64_t(node.to) + kLastSecondOfDay);
     try {
         list.push_back(node);
     } catch (const std::bad_alloc&) {

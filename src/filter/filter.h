@@ -21,8 +21,8 @@
 #include <string_view>
 #include <vector>
 
-#include "filter/items.h"
-#include "filter/received.h"
+#include "protocol/filter_items.h"
+#include "protocol/filter_items.h"
 
 namespace tavik::filter {
 
@@ -36,8 +36,8 @@ struct PatternNode {
 };
 
 struct TimeNode {
-    uint8_t which = 0;      // kWhichChanged, kWhichModified, kWhichAccessed
-    uint8_t rangeKind = 0;  // kOnOrBefore, kOnOrAfter, kBetween, kWithin
+    uint8_t which = 0;      // protocol::kWhichChanged, protocol::kWhichModified, protocol::kWhichAccessed
+    uint8_t rangeKind = 0;  // protocol::kOnOrBefore, protocol::kOnOrAfter, protocol::kBetween, protocol::kWithin
     int32_t from = 0;       // seconds since 1970
     int32_t to = 0;
 };
@@ -61,9 +61,9 @@ struct Filter {
 // Builds the filter; returns 0 when every pattern was stored, otherwise minus
 // the number of patterns left out. With logItems every item is logged in
 // words; in verbose mode the lists are dumped the first time.
-int InitializeFilter(Filter& filter, const ReceivedFilter& node, std::string_view rootPath, bool logItems,
+int InitializeFilter(Filter& filter, const protocol::ReceivedFilter& node, std::string_view rootPath, bool logItems,
                      time_t now);
-int InitializeFilter(Filter& filter, const ReceivedFilter& node, std::string_view rootPath, bool logItems);
+int InitializeFilter(Filter& filter, const protocol::ReceivedFilter& node, std::string_view rootPath, bool logItems);
 
 // Stores one pattern text at the tail of `list` (one of filter's pattern
 // lists). 0, or -1 when the text was rejected or the table is full.
@@ -77,7 +77,7 @@ int StorePath(const Filter& filter, bool isDirectory, std::string_view text, Pat
 // Appends the time range of a time item, as of `now`, to `list`. 0 (the node
 // is always stored, even with an unknown `which` or kind: it then never
 // matches).
-int StoreTime(const TimeItem& item, TimeList& list, time_t now);
+int StoreTime(const protocol::TimeItem& item, TimeList& list, time_t now);
 
 // Empties the six lists and the pattern table.
 void ClearFilter(Filter& filter);

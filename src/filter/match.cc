@@ -163,20 +163,20 @@ bool timeListAccepts(const TimeList& list, const struct stat& status) {
     for (const TimeNode& node : list) {
         int64_t t = 0;
         switch (node.which) {
-        case kWhichChanged: t = status.st_ctime; break;
-        case kWhichModified: t = status.st_mtime; break;
-        case kWhichAccessed: t = status.st_atime; break;
+        case protocol::kWhichChanged: t = status.st_ctime; break;
+        case protocol::kWhichModified: t = status.st_mtime; break;
+        case protocol::kWhichAccessed: t = status.st_atime; break;
         default: continue;  // an unknown time never matches
         }
         switch (node.rangeKind) {
-        case kOnOrBefore:
+        case protocol::kOnOrBefore:
             if (t <= node.from) return true;
             break;
-        case kOnOrAfter:
+        case protocol::kOnOrAfter:
             if (t >= node.from) return true;
             break;
-        case kBetween:
-        case kWithin:
+        case protocol::kBetween:
+        case protocol::kWithin:
             if (node.from <= t && t <= node.to) return true;
             break;
         default: break;  // an unknown kind never matches

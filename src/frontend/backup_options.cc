@@ -3,7 +3,7 @@
 #include <ctime>
 #include <cstdlib>
 
-#include "filter/items.h"
+#include "protocol/filter_items.h"
 
 namespace tavik::frontend {
 namespace {
@@ -76,7 +76,7 @@ bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, Backu
         uint16_t unit;
     };
     std::vector<DateRule> dates;
-    uint8_t which = filter::kWhichModified;
+    uint8_t which = protocol::kWhichModified;
     bool excludeDates = false;
     std::string target;
     for (size_t i = 0; i < args.size(); ++i) {
@@ -97,14 +97,14 @@ bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, Backu
             int slot = (a == "--exclude-file") + 2 * (a == "--include-dir") + 3 * (a == "--exclude-dir");
             patterns[slot].push_back(v);
         } else if (a == "--before" || a == "--after") {
-            DateRule r{a == "--before" ? filter::kOnOrBefore : filter::kOnOrAfter, 0, 0, 0, 0};
+            DateRule r{a == "--before" ? protocol::kOnOrBefore : protocol::kOnOrAfter, 0, 0, 0, 0};
             if (!value(v) || !parseDay(v, r.first)) {
                 if (error.empty()) error = a + " needs a day YYYY-MM-DD";
                 return false;
             }
             dates.push_back(r);
         } else if (a == "--between") {
-            DateRule r{filter::kBetween, 0, 0, 0, 0};
+            DateRule r{protocol::kBetween, 0, 0, 0, 0};
             size_t comma = std::string::npos;
             if (!value(v) || (comma = v.find(',')) == std::string::npos || !parseDay(v.substr(0, comma), r.first) ||
                 !parseDay(v.substr(comma + 1), r.second)) {
@@ -113,20 +113,20 @@ bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, Backu
             }
             dates.push_back(r);
         } else if (a == "--within") {
-            DateRule r{filter::kWithin, 0, 0, 0, 0};
+            DateRule r{protocol::kWithin, 0, 0, 0, 0};
             if (!value(v) || v.size() < 2 || !parseUnsigned(v.substr(0, v.size() - 1), 100000, n) ||
                 std::string("dmy").find(v.back()) == std::string::npos) {
                 if (error.empty()) error = "--within needs N followed by d, m or y";
                 return false;
             }
             r.n = uint32_t(n);
-            r.unit = v.back() == 'd' ? filter::kUnitDays : v.back() == 'm' ? filter::kUnitMonths : filter::kUnitYears;
+            r.unit = v.back() == 'd' ? protocol::kUnitDays : v.back() == 'm' ? protocol::kUnitMonths : protocol::kUnitYears;
             dates.push_back(r);
         } else if (a == "--date-field") {
             if (!value(v)) return false;
-            if (v == "ctime") which = filter::kWhichChanged;
-            else if (v == "mtime") which = filter::kWhichModified;
-            else if (v == "atime") which = filter::kWhichAccessed;
+            if (v == "ctime") which = protocol::kWhichChanged;
+            else if (v == "mtime") which = protocol::kWhichModified;
+            else if (v == "atime") which = protocol::kWhichAccessed;
             else {
                 error = "--date-field is ctime, mtime or atime";
                 return false;
@@ -208,7 +208,7 @@ bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, Backu
     }
     for (int slot = 0; slot < 4; ++slot) {
         if (patterns[slot].empty()) continue;
-        auto item = filter::encodeNamePatternItem(slot >= 2, slot % 2 == 1, patterns[slot]);
+        auto item = protocol::encodeNamePatternItem(slot >= 2, slot % 2 == 1, patterns[slot]);
         if (!item) {
             error = "the name patterns are too long";
             return false;
@@ -216,9 +216,9 @@ bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, Backu
         job.filterItems.push_back(std::move(*item));
     }
     for (const DateRule& r : dates)
-        job.filterItems.push_back(r.kind == filter::kWithin
-                                       ? filter::encodeWithinItem(excludeDates, which, r.n, r.unit)
-                                       : filter::encodeDateItem(excludeDates, which, r.kind, r.first, r.second));
+        job.filterItems.push_back(r.kind == protocol::kWithin
+                                       ? protocol::encodeWithinItem(excludeDates, which, r.n, r.unit)
+                                       : protocol::encodeDateItem(excludeDates, which, r.kind, r.first, r.second));
     return true;
 }
 

@@ -215,7 +215,7 @@ int GetPattern(Channel& channel, JobContext& ctx) {
     }
     if (!(flags & kKeepIoBuffer)) s.ioBufferSize = kDefaultIoBufferSize;
 
-    filter::ReceivedFilter& f = ctx.filterItems;
+    protocol::ReceivedFilter& f = ctx.filterItems;
     f.items.clear();
     f.patternArea.clear();
     uint16_t nItems = ctx.request.tpSize();
@@ -227,13 +227,13 @@ int GetPattern(Channel& channel, JobContext& ctx) {
         return kFailed;
     }
     for (uint16_t i = 0; i < nItems; ++i) {
-        filter::ReceivedItem item;
+        protocol::ReceivedItem item;
         if (channel.recv(item.record.data(), item.record.size()) != 0) return kFailed;
         uint16_t type = wire::loadLe16(item.record.data());
         if (type == 2 || type == 3) {
             uint16_t length = wire::loadLe16(item.record.data() + 12);
             size_t used = f.patternArea.size();
-            if (length > filter::kPatternAreaSize - used) {
+            if (length > protocol::kPatternAreaSize - used) {
                 ulog(MSG_FAILED_RECEIVE_DATA_PACKET, kPatternPrefix);
                 return kFailed;
             }

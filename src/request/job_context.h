@@ -16,7 +16,7 @@
 #include <sys/types.h>
 #include <vector>
 
-#include "filter/received.h"
+#include "protocol/filter_items.h"
 #include "platform/file_identity.h"
 #include "protocol/commands.h"
 #include "protocol/request.h"
@@ -72,7 +72,7 @@ struct JobContext {
     bool keepIdentity = false;
     DirList protectedDirs;
 
-    filter::ReceivedFilter filterItems;
+    protocol::ReceivedFilter filterItems;
     uint16_t maxDirDepth = kOldMaxDirDepth;
     TopList topList;
     std::vector<uint8_t> groomRecord;  // empty: no grooming in this job

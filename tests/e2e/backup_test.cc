@@ -19,7 +19,7 @@
 
 #include "backup/attribute_record.h"
 #include "e2e/test_user.h"
-#include "filter/items.h"
+#include "protocol/filter_items.h"
 
 namespace {
 
@@ -411,7 +411,7 @@ TEST_F(BackupStreamTest, TopListAndFiltersSelect) {
     // Only the listed names at the top; deeper levels are not limited.
     EXPECT_EQ(backup({.commands = [](frontend::JobClient& c) { EXPECT_EQ(c.diskItem({"keep", "dir"}), 4); }})->files(),
               (std::map<std::string, std::string>{{"keep", "k"}, {"dir/keep", "inner"}, {"dir/y.o", "o"}}));
-    auto exclude = tavik::filter::encodeNamePatternItem(false, true, std::vector<std::string>{"*.o"});
+    auto exclude = protocol::encodeNamePatternItem(false, true, std::vector<std::string>{"*.o"});
     EXPECT_EQ(backup({.filterItems = {*exclude}})->files(),
               (std::map<std::string, std::string>{{"keep", "k"}, {"drop", "d"}, {"dir/keep", "inner"}}));
     // A "between" item with its days in reverse order selects the days
@@ -425,7 +425,7 @@ TEST_F(BackupStreamTest, TopListAndFiltersSelect) {
         return timegm(&t);
     };
     tree_.file("drop", "d", 0644, day(15, 12));
-    auto between = tavik::filter::encodeDateItem(false, tavik::filter::kWhichModified, tavik::filter::kBetween,
+    auto between = protocol::encodeDateItem(false, protocol::kWhichModified, protocol::kBetween,
                                                  int32_t(day(20)), int32_t(day(9)));
     EXPECT_EQ(backup({.filterItems = {between}})->files(), (std::map<std::string, std::string>{{"drop", "d"}}));
     EXPECT_TRUE(daemon_.waitForLog("Include files modified 'between' 11/20/04 and 11/09/04"));

@@ -3,12 +3,13 @@
 // mode, the identity the job process runs with, every refusal code the
 // daemon answers, the whole command phase, and callers that break off.
 #include "e2e/test_user.h"
-#include "filter/items.h"
+#include "protocol/filter_items.h"
 
 namespace {
 
 using namespace tavik::test;
 using tavik::frontend::RequestFields;
+namespace protocol = tavik::protocol;
 
 using JobSessionTest = LoginJobTest;
 
@@ -144,7 +145,7 @@ TEST_F(JobSessionTest, BrokenCallersThenEveryCommandOfTheParameterPhase) {
     // Backup: the options record and one filter item, unanswered.
     std::vector<uint8_t> options = optionsRecord(0, 0, 0x69);
     ASSERT_TRUE(client_.sendRaw(options));
-    ASSERT_TRUE(client_.sendRaw(*tavik::filter::encodeNamePatternItem(false, false, std::vector<std::string>{"*.c"})));
+    ASSERT_TRUE(client_.sendRaw(*protocol::encodeNamePatternItem(false, false, std::vector<std::string>{"*.c"})));
 
     EXPECT_EQ(client_.option(options), 4);
     EXPECT_EQ(client_.diskItem({"etc", "home"}), 4);

@@ -16,6 +16,7 @@
 namespace {
 
 using namespace tavik::filter;
+namespace protocol = tavik::protocol;
 using filtertest::statWithTimes;
 using filtertest::utc;
 

@@ -8,29 +8,30 @@
 #include <vector>
 
 #include "daemon/state.h"
-#include "filter/items.h"
+#include "protocol/filter_items.h"
 #include "filter_test_support.h"
 
 namespace {
 
 using namespace tavik::filter;
+namespace protocol = tavik::protocol;
 using filtertest::utc;
 
 class FilterModel : public filtertest::LoggedTest {
 protected:
     // Adds an encoded item (and its data) as the receiving side files it.
     void add(const std::vector<uint8_t>& bytes) {
-        ASSERT_GE(bytes.size(), kFilterItemSize);
-        ItemRecord record(bytes.data(), kFilterItemSize);
-        ASSERT_TRUE(addReceivedItem(received_, record,
-                                    std::span<const uint8_t>(bytes).subspan(kFilterItemSize)));
+        ASSERT_GE(bytes.size(), protocol::kFilterItemSize);
+        protocol::ItemRecord record(bytes.data(), protocol::kFilterItemSize);
+        ASSERT_TRUE(protocol::addReceivedItem(received_, record,
+                                    std::span<const uint8_t>(bytes).subspan(protocol::kFilterItemSize)));
     }
     void addPatterns(bool isDirectory, bool exclude, std::vector<std::string> patterns) {
-        auto bytes = encodeNamePatternItem(isDirectory, exclude, patterns);
+        auto bytes = protocol::encodeNamePatternItem(isDirectory, exclude, patterns);
         ASSERT_TRUE(bytes.has_value());
         add(*bytes);
     }
-    ReceivedFilter received_;
+    protocol::ReceivedFilter received_;
     Filter filter_;
 };
 
@@ -83,13 +84,13 @@ TEST_F(FilterModel, ItemsLoggedInWordsAndStoredInOrder) {
     addPatterns(false, false, {"core", "/home/u1/*.c", "/usr/*.c", "src/*.c"});
     addPatterns(true, true, {"tmp", "/home/src/tmp/"});
     addPatterns(true, false, {"*"});
-    std::vector<uint8_t> unknown(kFilterItemSize, 0);
+    std::vector<uint8_t> unknown(protocol::kFilterItemSize, 0);
     unknown[0] = 0x1a;
     add(unknown);
-    add(encodeDateItem(false, kWhichModified, kOnOrBefore, int32_t(utc(2026, 3, 31))));
-    add(encodeDateItem(true, kWhichChanged, kOnOrAfter, int32_t(utc(2026, 1, 2))));
-    add(encodeDateItem(false, kWhichAccessed, kBetween, int32_t(utc(2026, 2, 1)), int32_t(utc(2026, 1, 5))));
-    add(encodeWithinItem(false, kWhichModified, 1, kUnitMonths));
+    add(protocol::encodeDateItem(false, protocol::kWhichModified, protocol::kOnOrBefore, int32_t(utc(2026, 3, 31))));
+    add(protocol::encodeDateItem(true, protocol::kWhichChanged, protocol::kOnOrAfter, int32_t(utc(2026, 1, 2))));
+    add(protocol::encodeDateItem(false, protocol::kWhichAccessed, protocol::kBetween, int32_t(utc(2026, 2, 1)), int32_t(utc(2026, 1, 5))));
+    add(protocol::encodeWithinItem(false, protocol::kWhichModified, 1, protocol::kUnitMonths));
 
     const time_t now = utc(2026, 5, 31, 15);  // 11:00 local
     EXPECT_EQ(InitializeFilter(filter_, received_, "/home", true, now), -2) << "two patterns rejected";
@@ -139,7 +140,7 @@ TEST_F(FilterModel, SecondBuildStartsAfresh) {
     EXPECT_EQ(filter_.patternCount, 1u);
     EXPECT_EQ(filter_.filterRoot, "/usr/");
     EXPECT_TRUE(logMessages().empty()) << "nothing is logged without item logging";
-    ASSERT_EQ(InitializeFilter(filter_, ReceivedFilter{}, "/", false, 0), 0);
+    ASSERT_EQ(InitializeFilter(filter_, protocol::ReceivedFilter{}, "/", false, 0), 0);
     EXPECT_TRUE(filter_.FileExcPattern.empty());
 }
 
@@ -160,15 +161,15 @@ TEST_F(FilterModel, PatternTableHoldsOneHundred) {
 
 TEST_F(FilterModel, PatternDataIsReadWithinItsItem) {
     // Count says 5 but the data holds two patterns, the last without its NUL.
-    std::vector<uint8_t> bytes(kFilterItemSize, 0);
-    bytes[0] = uint8_t(kFilePatternItem);
+    std::vector<uint8_t> bytes(protocol::kFilterItemSize, 0);
+    bytes[0] = uint8_t(protocol::kFilePatternItem);
     bytes[4] = 5;
     const std::string data("a.c\0b.c", 7);
     bytes[12] = uint8_t(data.size());
     bytes.insert(bytes.end(), data.begin(), data.end());
     add(bytes);
     // A second item whose count stops before its data ends.
-    auto second = encodeNamePatternItem(false, false, std::vector<std::string>{"x", "y"});
+    auto second = protocol::encodeNamePatternItem(false, false, std::vector<std::string>{"x", "y"});
     ASSERT_TRUE(second.has_value());
     (*second)[4] = 1;
     add(*second);
@@ -189,32 +190,32 @@ TEST_F(FilterModel, WithinRangesAtMonthEndsAndAcrossDaylightSaving) {
         time_t from, to;
     } cases[] = {
         // 31 March 2026 (daylight time) back to 28 February (standard time).
-        {utc(2026, 3, 31, 16), 1, kUnitMonths, utc(2026, 2, 28, 5), utc(2026, 4, 1, 3, 59, 59)},
+        {utc(2026, 3, 31, 16), 1, protocol::kUnitMonths, utc(2026, 2, 28, 5), utc(2026, 4, 1, 3, 59, 59)},
         // 2028 is a leap year: 29 February.
-        {utc(2028, 3, 31, 16), 1, kUnitMonths, utc(2028, 2, 29, 5), utc(2028, 4, 1, 3, 59, 59)},
+        {utc(2028, 3, 31, 16), 1, protocol::kUnitMonths, utc(2028, 2, 29, 5), utc(2028, 4, 1, 3, 59, 59)},
         // 31 May back to 30 April.
-        {utc(2026, 5, 31, 16), 1, kUnitMonths, utc(2026, 4, 30, 4), utc(2026, 6, 1, 3, 59, 59)},
+        {utc(2026, 5, 31, 16), 1, protocol::kUnitMonths, utc(2026, 4, 30, 4), utc(2026, 6, 1, 3, 59, 59)},
         // 31 January back across the year to 31 December; 31 March back 13 months.
-        {utc(2026, 1, 31, 17), 1, kUnitMonths, utc(2025, 12, 31, 5), utc(2026, 2, 1, 4, 59, 59)},
-        {utc(2026, 3, 31, 16), 13, kUnitMonths, utc(2025, 2, 28, 5), utc(2026, 4, 1, 3, 59, 59)},
+        {utc(2026, 1, 31, 17), 1, protocol::kUnitMonths, utc(2025, 12, 31, 5), utc(2026, 2, 1, 4, 59, 59)},
+        {utc(2026, 3, 31, 16), 13, protocol::kUnitMonths, utc(2025, 2, 28, 5), utc(2026, 4, 1, 3, 59, 59)},
         // 10 March, after the change to daylight time on 8 March: 7 days back
         // is midnight of 3 March in standard time.
-        {utc(2026, 3, 10, 19), 7, kUnitDays, utc(2026, 3, 3, 5), utc(2026, 3, 11, 3, 59, 59)},
+        {utc(2026, 3, 10, 19), 7, protocol::kUnitDays, utc(2026, 3, 3, 5), utc(2026, 3, 11, 3, 59, 59)},
         // On the change day itself, early in the morning.
-        {utc(2026, 3, 8, 7, 30), 0, kUnitDays, utc(2026, 3, 8, 5), utc(2026, 3, 9, 4, 59, 59)},
+        {utc(2026, 3, 8, 7, 30), 0, protocol::kUnitDays, utc(2026, 3, 8, 5), utc(2026, 3, 9, 4, 59, 59)},
         // 3 November, after the return to standard time.
-        {utc(2026, 11, 3, 17), 3, kUnitDays, utc(2026, 10, 31, 4), utc(2026, 11, 4, 4, 59, 59)},
+        {utc(2026, 11, 3, 17), 3, protocol::kUnitDays, utc(2026, 10, 31, 4), utc(2026, 11, 4, 4, 59, 59)},
         // 29 February 2028 back one year: 1 March 2027 (no month-end rule for years).
-        {utc(2028, 2, 29, 17), 1, kUnitYears, utc(2027, 3, 1, 5), utc(2028, 3, 1, 4, 59, 59)},
+        {utc(2028, 2, 29, 17), 1, protocol::kUnitYears, utc(2027, 3, 1, 5), utc(2028, 3, 1, 4, 59, 59)},
         // A count beyond any 32-bit time pins from to the earliest time.
-        {utc(2026, 3, 10, 19), 0xFFFFFFFFu, kUnitDays, INT32_MIN, utc(2026, 3, 11, 3, 59, 59)},
+        {utc(2026, 3, 10, 19), 0xFFFFFFFFu, protocol::kUnitDays, INT32_MIN, utc(2026, 3, 11, 3, 59, 59)},
         // An unknown unit counts nothing.
         {utc(2026, 3, 10, 19), 5, 9, utc(2026, 3, 10, 4), utc(2026, 3, 11, 3, 59, 59)},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE("now " + std::to_string(c.now) + " n " + std::to_string(c.n));
         TimeList list;
-        ASSERT_EQ(StoreTime({.which = kWhichModified, .kind = kWithin, .first = int32_t(c.n), .unit = c.unit}, list,
+        ASSERT_EQ(StoreTime({.which = protocol::kWhichModified, .kind = protocol::kWithin, .first = int32_t(c.n), .unit = c.unit}, list,
                             c.now),
                   0);
         ASSERT_EQ(list.size(), 1u);
@@ -227,21 +228,21 @@ TEST_F(FilterModel, DatesAreWholeLocalDays) {
     TimeList list;
     // On or before 1 November 2026, the day daylight time ends: the day's
     // start plus 86399 seconds, which on that 25-hour day is 22:59:59.
-    ASSERT_EQ(StoreTime({.kind = kOnOrBefore, .first = int32_t(utc(2026, 11, 1))}, list, 0), 0);
+    ASSERT_EQ(StoreTime({.kind = protocol::kOnOrBefore, .first = int32_t(utc(2026, 11, 1))}, list, 0), 0);
     EXPECT_EQ(list.back().from, utc(2026, 11, 2, 3, 59, 59));
-    ASSERT_EQ(StoreTime({.kind = kOnOrBefore, .first = int32_t(utc(2026, 6, 1))}, list, 0), 0);
+    ASSERT_EQ(StoreTime({.kind = protocol::kOnOrBefore, .first = int32_t(utc(2026, 6, 1))}, list, 0), 0);
     EXPECT_EQ(list.back().from, utc(2026, 6, 2, 3, 59, 59));
-    ASSERT_EQ(StoreTime({.kind = kOnOrAfter, .first = int32_t(utc(2026, 3, 8))}, list, 0), 0);
+    ASSERT_EQ(StoreTime({.kind = protocol::kOnOrAfter, .first = int32_t(utc(2026, 3, 8))}, list, 0), 0);
     EXPECT_EQ(list.back().from, utc(2026, 3, 8, 5));
-    ASSERT_EQ(StoreTime({.kind = kOnOrAfter, .first = int32_t(utc(2026, 3, 9))}, list, 0), 0);
+    ASSERT_EQ(StoreTime({.kind = protocol::kOnOrAfter, .first = int32_t(utc(2026, 3, 9))}, list, 0), 0);
     EXPECT_EQ(list.back().from, utc(2026, 3, 9, 4));
 
     // East of Greenwich the UTC midnight lies in the previous local day; the
     // day meant is still the one the UTC fields name.
     filtertest::setTimeZone("CET-1CEST,M3.5.0,M10.5.0/3");
-    ASSERT_EQ(StoreTime({.kind = kOnOrAfter, .first = int32_t(utc(2026, 3, 29))}, list, 0), 0);
+    ASSERT_EQ(StoreTime({.kind = protocol::kOnOrAfter, .first = int32_t(utc(2026, 3, 29))}, list, 0), 0);
     EXPECT_EQ(list.back().from, utc(2026, 3, 28, 23));
-    ASSERT_EQ(StoreTime({.kind = kBetween, .first = int32_t(utc(2026, 10, 25)), .second = int32_t(utc(2026, 10, 25))},
+    ASSERT_EQ(StoreTime({.kind = protocol::kBetween, .first = int32_t(utc(2026, 10, 25)), .second = int32_t(utc(2026, 10, 25))},
                         list, 0),
               0);
     EXPECT_EQ(list.back().from, utc(2026, 10, 24, 22));
@@ -252,8 +253,8 @@ TEST_F(FilterModel, VerboseDumpOncePerProcess) {
     tavik::settings().verbose = true;
     addPatterns(true, false, {"/home/u*"});
     addPatterns(false, true, {"core"});
-    add(encodeDateItem(false, kWhichModified, kOnOrAfter, int32_t(utc(2026, 1, 2))));
-    add(encodeWithinItem(true, kWhichAccessed, 2, kUnitDays));
+    add(protocol::encodeDateItem(false, protocol::kWhichModified, protocol::kOnOrAfter, int32_t(utc(2026, 1, 2))));
+    add(protocol::encodeWithinItem(true, protocol::kWhichAccessed, 2, protocol::kUnitDays));
     ASSERT_EQ(InitializeFilter(filter_, received_, "/home/", false, utc(2026, 6, 15, 16)), 0);
     const std::vector<std::string> expected = {
         "(InitializeFilter) node->nFilterItems=4",

@@ -5,13 +5,13 @@
 
 #include <cstdlib>
 
-#include "filter/items.h"
+#include "protocol/filter_items.h"
 #include "frontend/backup_options.h"
 
 namespace {
 
 using namespace tavik::frontend;
-namespace filter = tavik::filter;
+namespace protocol = tavik::protocol;
 
 TEST(BackupCommandLine, FlagsFiltersTopItemsAndRestart) {
     BackupCommandLine line;
@@ -39,10 +39,10 @@ TEST(BackupCommandLine, FlagsFiltersTopItemsAndRestart) {
     std::vector<std::string> files = {"*.h", "*.c"}, dirs = {"tmp"};
     int32_t jan = 1767225600, feb = 1769904000;  // 2026-01-01 and 2026-02-01, 00:00 UTC
     std::vector<std::vector<uint8_t>> expected = {
-        *filter::encodeNamePatternItem(false, false, files),
-        *filter::encodeNamePatternItem(true, true, dirs),
-        filter::encodeDateItem(false, filter::kWhichAccessed, filter::kBetween, jan, feb),
-        filter::encodeWithinItem(false, filter::kWhichAccessed, 3, filter::kUnitMonths),
+        *protocol::encodeNamePatternItem(false, false, files),
+        *protocol::encodeNamePatternItem(true, true, dirs),
+        protocol::encodeDateItem(false, protocol::kWhichAccessed, protocol::kBetween, jan, feb),
+        protocol::encodeWithinItem(false, protocol::kWhichAccessed, 3, protocol::kUnitMonths),
     };
     EXPECT_EQ(s.filterItems, expected);
 

@@ -8,18 +8,38 @@
 // Encoding (the front-end's side): encodeNamePatternItem(), encodeDateItem()
 // and encodeWithinItem() give the exact bytes an item and its data travel as.
 // All integers are little-endian; nothing here logs.
+//
+// ReceivedFilter holds the items as the job receives them, before a filter
+// is built from them: each 32-byte item exactly as it came off the wire and,
+// for name pattern items, where its data lies in the shared pattern text
+// area. It owns its bytes; its size is bounded by the request's item count
+// and the 16384-byte pattern text area.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
-#include "filter/received.h"
 #include "wire/bytes.h"
 
-namespace tavik::filter {
+namespace tavik::protocol {
+
+inline constexpr size_t kFilterItemSize = 32;
+inline constexpr size_t kPatternAreaSize = 16384;
+
+struct ReceivedItem {
+    std::array<uint8_t, kFilterItemSize> record{};  // the item as on the wire
+    uint32_t dataOffset = 0;  // name pattern items: start of the data in patternArea
+    uint16_t dataLength = 0;  // name pattern items: bytes of data (0 for others)
+};
+
+struct ReceivedFilter {
+    std::vector<ReceivedItem> items;
+    std::vector<char> patternArea;  // the items' data one after the other; at most kPatternAreaSize bytes
+};
 
 // Item types.
 inline constexpr uint16_t kFilePatternItem = 2;
@@ -100,4 +120,4 @@ std::vector<uint8_t> encodeDateItem(bool exclude, uint8_t which, uint8_t kind, i
 // A "within the last n days/months/years" item.
 std::vector<uint8_t> encodeWithinItem(bool exclude, uint8_t which, uint32_t n, uint16_t unit);
 
-}  // namespace tavik::filter
+}  // namespace tavik::protocol

@@ -1,8 +1,8 @@
-#include "filter/items.h"
+#include "protocol/filter_items.h"
 
 #include <array>
 
-namespace tavik::filter {
+namespace tavik::protocol {
 
 uint16_t itemType(ItemRecord record) { return wire::loadLe16(&record[kItemTypeOffset]); }
 
@@ -108,4 +108,4 @@ std::vector<uint8_t> encodeWithinItem(bool exclude, uint8_t which, uint32_t n, u
     return {record.begin(), record.end()};
 }
 
-}  // namespace tavik::filter
+}  // namespace tavik::protocol
