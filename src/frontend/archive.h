@@ -31,8 +31,8 @@
 #include <string>
 #include <vector>
 
-#include "backup/attribute_record.h"
-#include "transport/packet.h"
+#include "protocol/backup_record.h"
+#include "protocol/packet.h"
 
 namespace tavik::frontend {
 

@@ -6,8 +6,8 @@
 #include "frontend/archive.h"
 #include "frontend/job_client.h"
 #include "frontend/restore_stream.h"
-#include "request/job_context.h"
-#include "transport/packet.h"
+#include "protocol/packet.h"
+#include "protocol/request.h"
 #include "wire/bytes.h"
 
 namespace tavik::frontend {

@@ -4,7 +4,7 @@
 #include <cstdlib>
 
 #include "protocol/commands.h"
-#include "transport/packet.h"
+#include "protocol/packet.h"
 #include "wire/bytes.h"
 
 namespace tavik::frontend {

@@ -10,9 +10,8 @@
 #include <cstring>
 
 #include "frontend/net.h"
-#include "request/job_context.h"
-#include "protocol/request.h"
 #include "platform/secret.h"
+#include "protocol/request.h"
 #include "wire/bytes.h"
 
 namespace tavik::frontend {

@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "protocol/request.h"
 #include "platform/secret.h"
+#include "protocol/request.h"
 
 namespace tavik::frontend {
 namespace {

@@ -8,9 +8,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "protocol/packet.h"
 #include "protocol/request.h"
 #include "protocol/restore_record.h"
-#include "transport/packet.h"
 #include "wire/bytes.h"
 
 namespace tavik::frontend {

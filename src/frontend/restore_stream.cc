@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "transport/packet.h"
+#include "protocol/packet.h"
 
 namespace tavik::frontend {
 

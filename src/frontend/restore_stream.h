@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "backup/attribute_record.h"
+#include "protocol/backup_record.h"
 #include "protocol/restore_record.h"
 
 namespace tavik::frontend {

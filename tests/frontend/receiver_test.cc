@@ -19,7 +19,6 @@
 #include "frontend/stream_builder.h"
 #include "platform/fd.h"
 #include "platform/tempfile.h"
-#include "transport/endpoints.h"
 
 namespace {
 
@@ -29,9 +28,18 @@ using tavik::test::archiveVerifies;
 using tavik::test::StreamBuilder;
 namespace code = tavik::protocol::code;
 
+// A listening socket on a port the system picks, on the loopback address.
 UniqueFd listenLoopback(uint16_t& port) {
-    port = 0;
-    return UniqueFd(tavik::transport::tcpOpen(port));
+    UniqueFd fd(::socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof addr;
+    if (!fd || ::bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd.get(), 4) != 0 ||
+        ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&addr), &length) != 0)
+        return UniqueFd();
+    port = ntohs(addr.sin_port);
+    return fd;
 }
 
 UniqueFd acceptWithin(int listener, int ms) {

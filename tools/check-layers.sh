@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# The folders' layering, as the README's Development section draws it: a
+# folder includes only the folders below it. Checked by CI; prints every
+# include that breaks a rule and fails when there is one.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+status=0
+# folder: the folders (besides itself) whose headers it may include
+rules=(
+  "wire:"
+  "platform:"
+  "protocol:wire platform"
+  "frontend:protocol wire platform"
+)
+for rule in "${rules[@]}"; do
+  folder=${rule%%:*}
+  allowed=" $folder ${rule#*:} "
+  while IFS= read -r line; do
+    file=${line%%:*}
+    target=$(sed -E 's/.*#include "([a-z_]+)\/.*/\1/' <<<"$line")
+    if [[ "$allowed" != *" $target "* ]]; then
+      echo "layering: $file includes $target/ (src/$folder/ may use:${rule#*:})"
+      status=1
+    fi
+  done < <(grep -rHE '^#include "[a-z_]+/' "src/$folder" || true)
+done
+[ $status -eq 0 ] && echo "check-layers: every folder includes only what lies below it"
+exit $status
