@@ -5,16 +5,16 @@
 #include <cstring>
 
 #include "frontend/archive.h"
-#include "transport/packet.h"
+#include "protocol/packet.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     tavik::frontend::TreeWalker tree;
     tavik::frontend::TreeEvent event;
     size_t at = 0;
-    while (size - at >= protocol::kHeaderSize) {
-        protocol::HeaderBytes hb{};
+    while (size - at >= tavik::protocol::kHeaderSize) {
+        tavik::protocol::HeaderBytes hb{};
         std::memcpy(hb.data(), data + at, hb.size());
-        protocol::PacketHeader h = protocol::decodeHeader(hb);
+        tavik::protocol::PacketHeader h = tavik::protocol::decodeHeader(hb);
         if (size - at - hb.size() < h.length) break;
         auto r = tree.push(h, {data + at + hb.size(), h.length}, event);
         if (r == tavik::frontend::TreeWalker::Result::kError) break;

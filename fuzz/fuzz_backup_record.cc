@@ -9,15 +9,15 @@
 #include "backup/attribute_record.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    auto record = protocol::decodeBackupAttributes({data, size});
+    auto record = tavik::protocol::decodeBackupAttributes({data, size});
     if (!record) return 0;
-    std::vector<uint8_t> out(protocol::kMaxAttrRecord);
-    size_t length = protocol::encodeBackupAttributes(*record, out);
-    if (record->name.size() > protocol::kMaxRecordName) {
+    std::vector<uint8_t> out(tavik::protocol::kMaxAttrRecord);
+    size_t length = tavik::protocol::encodeBackupAttributes(*record, out);
+    if (record->name.size() > tavik::protocol::kMaxRecordName) {
         if (length != 0) abort();
         return 0;
     }
-    if (length != protocol::kAttrFixedSize + record->name.size()) abort();
-    if (std::memcmp(out.data(), data, protocol::kAttrName + record->name.size() + 1) != 0) abort();
+    if (length != tavik::protocol::kAttrFixedSize + record->name.size()) abort();
+    if (std::memcmp(out.data(), data, tavik::protocol::kAttrName + record->name.size() + 1) != 0) abort();
     return 0;
 }

@@ -19,6 +19,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace tavik::filter;
+    using namespace tavik::protocol;
     static bool once = [] {
         tavik::fuzz::scratchHome("filter");
         setenv("TZ", "EST5EDT,M3.2.0,M11.1.0", 1);

@@ -13,6 +13,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace tavik::groom;
+    using namespace tavik::protocol;
+    namespace protocol = tavik::protocol;
     static const std::string file = tavik::fuzz::scratchDir("groom-cntl") + "/groom.cntl";
     FILE* out = fopen(file.c_str(), "w");
     if (!out) return 0;

@@ -9,11 +9,11 @@
 #include "transport/machine_query.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    protocol::MachineQuery q{};
+    tavik::protocol::MachineQuery q{};
     std::memcpy(q.data(), data, size < q.size() ? size : q.size());
-    auto reply = protocol::buildMachineReply(q, nullptr);
+    auto reply = tavik::protocol::buildMachineReply(q, nullptr);
     if (reply[3] != q[3] && int8_t(q[3]) <= 22) abort();
-    auto info = protocol::decodeMachineReply(data, size);
+    auto info = tavik::protocol::decodeMachineReply(data, size);
     if (info && (info->sysname.size() > 256 || size != 1036)) abort();
     return 0;
 }

@@ -8,7 +8,7 @@
 #include "protocol/restore_record.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    using namespace tavik::restore;
+    using namespace tavik::protocol;
     RestoreAttributes a;
     RecordError e = decodeRestoreAttributes(std::span<const uint8_t>(data, size), a);
     if (e != RecordError::None) return 0;
