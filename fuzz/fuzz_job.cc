@@ -34,12 +34,7 @@ namespace {
 
 using namespace tavik;
 
-// On a memory file system where there is one: every restore ends with a
-// syncfs of what it wrote.
-const std::string& scratch() {
-    static const std::string& dir = fuzz::scratchDir("job", ::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp");
-    return dir;
-}
+const std::string& scratch() { return fuzz::scratchDir("job"); }
 
 const std::string& root() {
     static const std::string dir = scratch() + "/job";

@@ -3,7 +3,9 @@
 // with everything in it when the fuzzer exits.
 #pragma once
 
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -20,13 +22,20 @@ inline void discardLog() {
     paths().oldLogPath = "/dev/null";
 }
 
+// A memory file system when the machine has one, else /tmp: restores end
+// with a syncfs, which on a disk waits for everything else written there.
+inline const char* scratchBase() {
+    struct statfs fs {};
+    return ::statfs("/dev/shm", &fs) == 0 && fs.f_type == TMPFS_MAGIC && ::access("/dev/shm", W_OK) == 0 ? "/dev/shm"
+                                                                                                         : "/tmp";
+}
+
 // <base>/tavik-fuzz-<name>-XXXXXX, made by the first call (a target uses one
-// name); the base is /tmp unless a target that writes much asks for a
-// memory file system. Never destroyed: the exit handler that removes it
-// runs after static destructors would have.
-inline const std::string& scratchDir(const char* name, const char* base = "/tmp") {
-    static const std::string* dir = [name, base] {
-        std::string tmpl = std::string(base) + "/tavik-fuzz-" + name + "-XXXXXX";
+// name). Never destroyed: the exit handler that removes it runs after
+// static destructors would have.
+inline const std::string& scratchDir(const char* name) {
+    static const std::string* dir = [name] {
+        std::string tmpl = std::string(scratchBase()) + "/tavik-fuzz-" + name + "-XXXXXX";
         if (!::mkdtemp(tmpl.data())) std::abort();
         std::atexit([] {
             std::error_code ec;

@@ -14,7 +14,10 @@ for target in build-fuzz/fuzz/fuzz_*; do
   mkdir -p "$corpus"
   # The kept seeds: inputs that reach past the first length checks.
   if [ -d "fuzz/corpus/$name" ]; then cp -n fuzz/corpus/"$name"/* "$corpus"/; fi
-  if "$target" -max_total_time="$seconds" -max_len=8192 -print_final_stats=0 -artifact_prefix="build-fuzz/$name-" "$corpus" >"build-fuzz/$name.log" 2>&1; then
+  # libFuzzer checks its total time between inputs only: an input that
+  # hangs ends at -timeout (a failure), and the whole target at the outer
+  # bound, never later.
+  if timeout -k 5 $((seconds * 2 + 60)) "$target" -max_total_time="$seconds" -timeout=30 -max_len=8192 -print_final_stats=0 -artifact_prefix="build-fuzz/$name-" "$corpus" >"build-fuzz/$name.log" 2>&1; then
     echo "fuzz: $name ok (${seconds}s)"
   else
     echo "fuzz: $name FAILED"; tail -40 "build-fuzz/$name.log"; status=1

@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "daemon/state.h"
+#include "scratch_base.h"
 
 namespace tavik::testing {
 
@@ -31,8 +32,8 @@ inline std::string readFile(const std::string& path) {
 class ScratchHome {
 public:
     ScratchHome() {
-        char tmpl[] = "/tmp/tavik-job-XXXXXX";
-        if (::mkdtemp(tmpl)) dir_ = tmpl;
+        std::string tmpl = std::string(scratchBase()) + "/tavik-job-XXXXXX";
+        if (::mkdtemp(tmpl.data())) dir_ = tmpl;
         ::chmod(dir_.c_str(), 0755);
         paths().deriveFrom(dir_ + "/");
         ::mkdir(paths().logDir.c_str(), 0777);

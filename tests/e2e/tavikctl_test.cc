@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <set>
 
+#include "scratch_base.h"
 #include "e2e/tavikctl_run.h"
 #include "frontend/json_output.h"
 
@@ -186,10 +187,17 @@ TEST_F(TavikctlTest, UsrIncludeRoundTripsIdentically) {
 // and at its end): its record carries the size's low 32 bits, its data
 // goes whole, and it backs up, restores and compares identical.
 TEST_F(TavikctlTest, AFileAbove4GiBRoundTripsIdentically) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "4 GiB through the sanitizers reaches no code the other round trips do not";
+#endif
     constexpr off_t kSize = (off_t(4) << 30) + 5000;
+    // The archive and the restored copy in memory where there is room.
+    Tree place(std::string(tavik::testing::scratchBase()) + "/tavik-e2e-4g-XXXXXX");
     struct statvfs fs {};
-    if (statvfs(scratch_.dir().c_str(), &fs) != 0 || fs.f_bavail * fs.f_frsize < (uint64_t(12) << 30))
+    if (statvfs(place.dir().c_str(), &fs) != 0 || fs.f_bavail * fs.f_frsize < (uint64_t(12) << 30))
         GTEST_SKIP() << "needs 12 GiB free for the archive and the restored copy";
+    archive_ = place.path("big.tvk");
+    dest_ = place.path("dest");
     std::string big = at("big");
     int fd = open(big.c_str(), O_WRONLY | O_CREAT, 0644);
     ASSERT_GE(fd, 0);
