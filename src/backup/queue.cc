@@ -164,7 +164,8 @@ FILE* openRegistry(const char* prefix, char type, int id, bool create, int& fail
         return nullptr;
     }
     failure = 0;
-    int r = retries < 0 ? lockFile(fd.get(), kWriteLock) : lockFile(fd.get(), kWriteLock, uint16_t(retries), 1);
+    int r = retries < 0 ? lockFile(fd.get(), platform::kWriteLock)
+                          : platform::lockFile(fd.get(), platform::kWriteLock, uint16_t(retries), 1, divisor());
     if (r == -2) {
         ulog(MSG_GAVE_UP_LOCK_IPC, prefix, type, id);
         return nullptr;
@@ -197,31 +198,11 @@ std::string registryLine(char first, char second, int id) {
     return buf;
 }
 
-// Sleeps the whole (divided) interval: a signal that interrupts the sleep
-// is dispatched and the rest is slept.
-void sleepFully(unsigned seconds) {
-    long long micros = (long long)seconds * 1000000 / divisor();
-    timespec left{time_t(micros / 1000000), long(micros % 1000000) * 1000};
-    while (::nanosleep(&left, &left) != 0 && errno == EINTR) platform::dispatchPendingSignals();
-}
-
 }  // namespace
 
-int lockFile(int fd, int lockType, uint16_t retryCount, uint16_t retryInterval) {
-    struct flock lock {};
-    lock.l_type = short(lockType == kReadLock ? F_RDLCK : F_WRLCK);
-    lock.l_whence = SEEK_SET;
-    lock.l_start = 0;
-    lock.l_len = 0;
-    for (unsigned attempt = 0; attempt < retryCount; ++attempt) {
-        if (::fcntl(fd, F_SETLK, &lock) == 0) return 0;
-        if (errno != EACCES && errno != EAGAIN) return -1;
-        sleepFully(retryInterval);
-    }
-    return -2;
+int lockFile(int fd, int lockType) {
+    return platform::lockFile(fd, lockType, job().retryCount(), job().retryInterval(), divisor());
 }
-
-int lockFile(int fd, int lockType) { return lockFile(fd, lockType, job().retryCount(), job().retryInterval()); }
 
 int RegisterIPC(char type, int id) {
     constexpr const char* kPrefix = "(RegisterIPC) ";

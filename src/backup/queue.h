@@ -28,6 +28,8 @@
 #include <cstdint>
 #include <csignal>
 
+#include "platform/file_lock.h"
+
 namespace tavik::backup {
 
 // Ring header offsets.
@@ -39,15 +41,7 @@ inline constexpr size_t kRingSlotsAt = 8;
 // The declared record: the ring header and one slot of 2048 payload bytes.
 inline constexpr int kDeclaredShmBuffSize = 2064;
 
-// Lock types of lockFile.
-inline constexpr int kReadLock = 1;
-inline constexpr int kWriteLock = 2;
-
-// Whole-file lock with retries: 0 locked, -1 error (errno set), -2 still
-// locked by another process after `retryCount` attempts `retryInterval`
-// seconds apart (no attempt at all when retryCount is 0).
-int lockFile(int fd, int lockType, uint16_t retryCount, uint16_t retryInterval);
-// The same with the job's retry count and interval.
+// platform::lockFile with the job's retry count and interval.
 int lockFile(int fd, int lockType);
 
 int RegisterIPC(char type, int id);

@@ -311,7 +311,7 @@ int backup_file(int dirFd, const std::string& path, std::string_view name, struc
         } else {
             bool mandatory = spare == 0 && (st.st_mode & S_ISGID) && !(st.st_mode & S_IXGRP);
             if (s.checkLocks || mandatory) {
-                int l = lockFile(fd, kReadLock);
+                int l = lockFile(fd, platform::kReadLock);
                 if (l < 0) {
                     int saved = errno;
                     ::close(fd);

@@ -86,16 +86,6 @@ int skipCode(int8_t newCode) {
 
 }  // namespace
 
-int skip_nfs(const std::string& path, dev_t dev) {
-    // The device last found local, in this job's process.
-    static std::optional<dev_t> localDev;
-    if (localDev == dev) return 0;
-    int r = platform::isNfsPath(path.c_str());
-    if (r < 0) ulog(MSG_FAILED_STATVFS, "(skip_nfs) ", path.c_str(), errText());
-    if (r == 0) localDev = dev;
-    return r;
-}
-
 void checkRestartPoint(const std::string& path) {
     JobContext& ctx = job();
     BackupState& b = backupState();
@@ -126,7 +116,7 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, 
         ulog("Skip file system %s", dirPath.c_str());
         return leave(queueStatus(skipCode(code::kFsSkip)));
     }
-    if (s.skipNfs && skip_nfs(dirPath, dirStat.st_dev) != 0) {
+    if (s.skipNfs && skip_nfs(ctx, dirPath.c_str(), dirStat.st_dev) != 0) {
         ulog(MSG_NFS_MOUNTED_DIRECTORY_SKIPPED, kPrefix, dirPath.c_str());
         return leave(queueStatus(skipCode(code::kNfsSkip)));
     }

@@ -20,9 +20,5 @@ namespace tavik::backup {
 // touching its access time (so that the caller need not reset it).
 int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, bool* accessTimeKept = nullptr);
 void checkRestartPoint(const std::string& path);
-// 1 NFS, 0 another type, -1 (logged) when the file system cannot be examined.
-// `dev` is the device that holds `path`: the type belongs to the file
-// system, so a path on the device last found local is not examined again.
-int skip_nfs(const std::string& path, dev_t dev);
 
 }  // namespace tavik::backup

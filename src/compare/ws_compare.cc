@@ -16,11 +16,10 @@
 #include "log/ulog.h"
 #include "platform/fd.h"
 #include "platform/fd_attributes.h"
+#include "platform/file_lock.h"
 #include "platform/read_open.h"
 #include "platform/signals.h"
 #include "platform/wire_stat.h"
-#include "backup/queue.h"
-#include "backup/traverse.h"
 #include "restore/file_ops.h"
 #include "restore/paths.h"
 #include "transport/packet.h"
@@ -288,10 +287,11 @@ int CompareSession::openFile() {
             content_ = protocol::verdict::kCannotOpen;
             return answer(protocol::verdict::kCannotOpen);
         }
-        int onNfs = backup::skip_nfs(path_.c_str(), disk_.st_dev);
+        int onNfs = skip_nfs(ctx_, path_.c_str(), disk_.st_dev);
         bool mandatory = (disk_.st_mode & S_ISGID) != 0 && (disk_.st_mode & S_IXGRP) == 0;
         if (checkLocks_ || (onNfs == 0 && mandatory)) {
-            int lr = backup::lockFile(fd_.get(), backup::kReadLock, ctx_.retryCount(), ctx_.retryInterval());
+            int lr = platform::lockFile(fd_.get(), platform::kReadLock, ctx_.retryCount(), ctx_.retryInterval(),
+                                         settings().timeDivisor);
             int lockErrno = errno;
             if (lr == -2) {
                 fd_.reset();

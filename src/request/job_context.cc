@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "daemon/state.h"
+#include "log/ulog.h"
 #include "wire/bytes.h"
 
 namespace tavik {
@@ -26,6 +27,12 @@ void prepareForConnection(JobContext& ctx) {
     ctx.conflictPolicy = 3;
     ctx.serverVersion = 0;
     ctx.ackInterval = settings().ackInterval;
+}
+
+int skip_nfs(const JobContext& ctx, const char* path, dev_t dev) {
+    int r = ctx.nfsProbe.isNfs(path, dev);
+    if (r < 0) ulog(MSG_FAILED_STATVFS, "(skip_nfs) ", path, errText());
+    return r;
 }
 
 }  // namespace tavik

@@ -18,6 +18,7 @@
 
 #include "protocol/filter_items.h"
 #include "platform/file_identity.h"
+#include "platform/fs_type.h"
 #include "protocol/commands.h"
 #include "protocol/request.h"
 
@@ -81,6 +82,7 @@ struct JobContext {
     std::vector<uint8_t> dbFileList;
     std::string restartPath;
     int32_t restartOffset = 0;
+    mutable platform::NfsProbe nfsProbe;  // a cache: the device last found local
 
     uint16_t retryCount() const;
     uint16_t retryInterval() const;
@@ -88,6 +90,10 @@ struct JobContext {
 };
 
 JobContext& job();
+
+// Whether the directory `path` (on device `dev`) is on NFS: 1 yes, 0 no, -1
+// when statfs failed (logged).
+int skip_nfs(const JobContext& ctx, const char* path, dev_t dev);
 
 // Resets the job state for a new connection: request, root and options
 // cleared, retry count and interval 5, conflict policy 3, server version 0,

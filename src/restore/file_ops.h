@@ -1,7 +1,7 @@
 // Setting a file's access and modification times from the 32-bit times of
 // the restore record, on a descriptor of the file or on a name in a
 // directory (a symbolic link itself is never followed): 0, or -1 with
-// errno. The lock test and the NFS test are the backup's lockFile and
+// errno. The lock test and the NFS test are platform::lockFile and
 // skip_nfs.
 #pragma once
 

@@ -17,10 +17,9 @@
 #include "log/ulog.h"
 #include "platform/fd.h"
 #include "platform/fd_attributes.h"
+#include "platform/file_lock.h"
 #include "platform/signals.h"
 #include "platform/wire_stat.h"
-#include "backup/queue.h"
-#include "backup/traverse.h"
 #include "restore/file_ops.h"
 #include "transport/packet.h"
 
@@ -337,7 +336,7 @@ bool RestoreSession::resolveConflict() {
 
 bool RestoreSession::replaceExisting(const struct stat& st) {
     if (S_ISREG(st.st_mode)) {
-        if (ctx_.serverVersion >= protocol::kNewServerVersion) onNfs_ = backup::skip_nfs(path_.c_str(), st.st_dev);
+        if (ctx_.serverVersion >= protocol::kNewServerVersion) onNfs_ = skip_nfs(ctx_, path_.c_str(), st.st_dev);
         bool mandatory = (st.st_mode & S_ISGID) != 0 && (st.st_mode & S_IXGRP) == 0;
         if (settings().checkLocks || (onNfs_ == 0 && mandatory)) {
             platform::UniqueFd f(::openat(here_.dir(), here_.base(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -346,7 +345,8 @@ bool RestoreSession::replaceExisting(const struct stat& st) {
                 status_ = protocol::status::kCannotOpen;
                 return false;
             }
-            int r = backup::lockFile(f.get(), backup::kWriteLock, ctx_.retryCount(), ctx_.retryInterval());
+            int r = platform::lockFile(f.get(), platform::kWriteLock, ctx_.retryCount(), ctx_.retryInterval(),
+                                        settings().timeDivisor);
             int lockErrno = errno;
             f.close();  // also gives up the lock this test may have taken
             if (r == -2) {

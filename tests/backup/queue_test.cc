@@ -72,8 +72,8 @@ TEST_F(QueueTest, LockFileRetriesThenGivesUp) {
     std::string path = home_.dir() + "/lockme";
     std::ofstream(path) << "x";
     int fd = open(path.c_str(), O_RDWR);
-    EXPECT_EQ(lockFile(fd, kWriteLock, 0, 0), -2);  // no attempt at all
-    EXPECT_EQ(lockFile(fd, kWriteLock, 1, 0), 0);
+    EXPECT_EQ(platform::lockFile(fd, platform::kWriteLock, 0, 0, 1), -2);  // no attempt at all
+    EXPECT_EQ(platform::lockFile(fd, platform::kWriteLock, 1, 0, 1), 0);
     close(fd);  // releases this process's lock
 
     int ready[2];
@@ -91,11 +91,11 @@ TEST_F(QueueTest, LockFileRetriesThenGivesUp) {
     char c;
     ASSERT_EQ(read(ready[0], &c, 1), 1);
     int other = open(path.c_str(), O_RDWR);
-    EXPECT_EQ(lockFile(other, kReadLock, 3, 0), -2);
+    EXPECT_EQ(platform::lockFile(other, platform::kReadLock, 3, 0, 1), -2);
     kill(holder, SIGKILL);
     waitpid(holder, nullptr, 0);
-    EXPECT_EQ(lockFile(other, kReadLock, 3, 0), 0);
-    EXPECT_EQ(lockFile(-1, kReadLock, 3, 0), -1);
+    EXPECT_EQ(platform::lockFile(other, platform::kReadLock, 3, 0, 1), 0);
+    EXPECT_EQ(platform::lockFile(-1, platform::kReadLock, 3, 0, 1), -1);
     close(other);
 }
 
