@@ -182,7 +182,7 @@ int startbackup(int jobSocket, const std::string& sourcePath) {
     int mode = newServer ? int(filter::DirVerdictOf(b.filter, sourcePath)) : 2;
     bool timesKept = false;
     int result = ws_backup(sourcePath, mode, sourceStat, &timesKept);
-    if (settings().resetAccessTime && !timesKept && setFileTimes(sourcePath, sourceStat) != 0)
+    if (job().jobSettings.resetAccessTime && !timesKept && setFileTimes(sourcePath, sourceStat) != 0)
         ulog(MSG_FAILED_SET_TIME, kPrefix, sourcePath.c_str(), errText());
     b.ancestors.pop();
     if (!b.grooming) return result;

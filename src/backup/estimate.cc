@@ -34,7 +34,7 @@ struct Walk {
 // The entry by its name in the open directory.
 bool statEntry(int dirFd, const char* name, const std::string& path, struct stat& st) {
     if (path.size() >= kPathBuffer) return false;
-    return ::fstatat(dirFd, name, &st, settings().followLinks ? 0 : AT_SYMLINK_NOFOLLOW) == 0;
+    return ::fstatat(dirFd, name, &st, job().jobSettings.followLinks ? 0 : AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 bool outsideTopList(const Walk& w, const char* name) {
@@ -51,11 +51,11 @@ bool dot(const char* name) { return name[0] == '.' && (name[1] == 0 || (name[1] 
 // access time (nothing to reset then).
 bool countDir(Walk& w, const std::string& dirPath, int mode) {
     BackupState& b = backupState();
-    const Settings& s = settings();
+    const JobSettings& js = job().jobSettings;
     w.depth++;
     platform::DirStream dir;
-    bool opened = !(s.skipNfs && platform::isNfsPath(dirPath.c_str()) != 0) &&
-                  dir.open(dirPath.c_str(), s.resetAccessTime);
+    bool opened = !(js.skipNfs && platform::isNfsPath(dirPath.c_str()) != 0) &&
+                  dir.open(dirPath.c_str(), js.resetAccessTime);
     if (opened) {
         if (mode == 2) {
             while (const platform::DirStream::Entry* e = dir.next()) {
@@ -76,11 +76,11 @@ bool countDir(Walk& w, const std::string& dirPath, int mode) {
         }
         if (w.depth < job().maxDirDepth && !w.inProtected) {
             while (const platform::DirStream::Entry* e = dir.next()) {
-                if (dot(e->name) || outsideTopList(w, e->name) || !e->mayBeDirectory(s.followLinks)) continue;
+                if (dot(e->name) || outsideTopList(w, e->name) || !e->mayBeDirectory(js.followLinks)) continue;
                 std::string path = dirPath + e->name;
                 struct stat st;
                 if (!statEntry(dir.fd(), e->name, path, st) || !S_ISDIR(st.st_mode)) continue;
-                if (s.noCrossFs && st.st_dev != b.rootDev) continue;
+                if (js.noCrossFs && st.st_dev != b.rootDev) continue;
                 if (b.hooks.isProtectedDir && b.hooks.isProtectedDir(platform::identityOf(st))) continue;
                 path += "/";
                 int submode = int(filter::DirVerdictOf(b.filter, path));
@@ -88,7 +88,7 @@ bool countDir(Walk& w, const std::string& dirPath, int mode) {
                 if (b.ancestors.push(st.st_dev, st.st_ino) == -2) continue;
                 bool kept = countDir(w, path, submode);
                 b.ancestors.pop();
-                if (s.resetAccessTime && !kept) setFileTimesAt(dir.fd(), e->name, st);
+                if (js.resetAccessTime && !kept) setFileTimesAt(dir.fd(), e->name, st);
             }
         }
     }
@@ -118,7 +118,7 @@ int estimate(const std::string& sourcePath, uint32_t& filesOut, uint32_t& kiloby
     kilobytesOut = 0;
     BackupState& b = backupState();
     struct stat st;
-    if ((settings().followLinks ? ::stat(sourcePath.c_str(), &st) : ::lstat(sourcePath.c_str(), &st)) != 0)
+    if ((job().jobSettings.followLinks ? ::stat(sourcePath.c_str(), &st) : ::lstat(sourcePath.c_str(), &st)) != 0)
         return -1;
     b.ancestors.clear();
     b.rootDev = st.st_dev;
@@ -133,7 +133,7 @@ int estimate(const std::string& sourcePath, uint32_t& filesOut, uint32_t& kiloby
         b.ancestors.push(st.st_dev, st.st_ino);
         bool kept = countDir(w, base, mode);
         b.ancestors.pop();
-        if (settings().resetAccessTime && !kept) setFileTimes(base, st);
+        if (job().jobSettings.resetAccessTime && !kept) setFileTimes(base, st);
     }
     filesOut = w.count.files;
     kilobytesOut = w.count.kilobytes();

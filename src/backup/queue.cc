@@ -263,12 +263,13 @@ int GetIPC() {
     constexpr const char* kPrefix = "(GetIPC) ";
     Ipc& q = ipc();
     const Settings& s = settings();
+    const JobSettings& js = job().jobSettings;
     q.owner = true;
-    q.slotSize = slotSize(s.ioBufferSize);
+    q.slotSize = slotSize(js.ioBufferSize);
     q.capacity = s.ioBufferCount;
     q.sleepMs = s.waitSleepMs ? s.waitSleepMs : 1;
     q.held = 0;
-    size_t size = segmentSize(s.ioBufferSize, s.ioBufferCount);
+    size_t size = segmentSize(js.ioBufferSize, s.ioBufferCount);
     if (s.verbose)
         ulog("%ssizeof(SHM_BUFF)=%d,shm_size=%d, shmbuff->pkque=%d", kPrefix, kDeclaredShmBuffSize, int(size),
              int(kRingSlotsAt));

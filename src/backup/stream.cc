@@ -71,7 +71,7 @@ int publish(int8_t packetCode, uint8_t version, size_t length, bool hold = false
 uint8_t* payload() { return inSlot() + protocol::kHeaderSize; }
 
 size_t ioSize() {
-    size_t io = size_t(settings().ioBufferSize);
+    size_t io = size_t(job().jobSettings.ioBufferSize);
     size_t cap = slotPayloadCapacity();
     return io < cap ? io : cap;
 }
@@ -278,6 +278,7 @@ int backup_file(int dirFd, const std::string& path, std::string_view name, struc
     constexpr const char* kPrefix = "(backup_file) ";
     if (!job().restartPath.empty()) return 0;
     const Settings& s = settings();
+    const JobSettings& js = job().jobSettings;
     bool special = S_ISBLK(st.st_mode) || S_ISCHR(st.st_mode) || S_ISFIFO(st.st_mode);
     if (!S_ISREG(st.st_mode) && !S_ISLNK(st.st_mode) && !special) {
         if (s.verbose) {
@@ -301,7 +302,7 @@ int backup_file(int dirFd, const std::string& path, std::string_view name, struc
         r = queueStatus(code::kNoFile, nameText.c_str());
         send = false;
     } else if (S_ISREG(st.st_mode)) {
-        platform::ReadOpen opened = platform::openToRead(dirFd, nameText.c_str(), s.resetAccessTime);
+        platform::ReadOpen opened = platform::openToRead(dirFd, nameText.c_str(), js.resetAccessTime);
         fd = opened.fd;
         timesKept = opened.accessTimeKept;
         if (fd < 0) {
@@ -355,7 +356,7 @@ int backup_file(int dirFd, const std::string& path, std::string_view name, struc
         }
         r = send_file(S_ISLNK(st.st_mode) ? int(targetLength) : fd, st, target, path);
     }
-    if (s.resetAccessTime && !S_ISLNK(st.st_mode) && !timesKept &&
+    if (js.resetAccessTime && !S_ISLNK(st.st_mode) && !timesKept &&
         setFileTimesAt(dirFd, nameText.c_str(), before) != 0)
         ulog(MSG_FAILED_SET_TIME, kPrefix, path.c_str(), errText());
     return r;

@@ -45,7 +45,7 @@ bool outsideTopList(const char* name) {
 // The entry is examined by its name in the open directory, which spares the
 // kernel a walk of the whole path per entry.
 bool entryStat(int dirFd, const char* name, const std::string& path, struct stat& st) {
-    bool follow = settings().followLinks;
+    bool follow = job().jobSettings.followLinks;
     int r = -1;
     if (path.size() < kPathBuffer) {
         r = ::fstatat(dirFd, name, &st, follow ? 0 : AT_SYMLINK_NOFOLLOW);
@@ -62,7 +62,7 @@ bool entryStat(int dirFd, const char* name, const std::string& path, struct stat
 
 bool isDirectory(const std::string& path) {
     struct stat st;
-    int r = settings().followLinks ? ::stat(path.c_str(), &st) : ::lstat(path.c_str(), &st);
+    int r = job().jobSettings.followLinks ? ::stat(path.c_str(), &st) : ::lstat(path.c_str(), &st);
     return r == 0 && S_ISDIR(st.st_mode);
 }
 
@@ -70,7 +70,7 @@ bool isDirectory(const std::string& path) {
 // and reported to the front-end as an entry that cannot be opened.
 int reportTooLong(const std::string& path, const char* name) {
     errno = ENAMETOOLONG;
-    ulog(settings().followLinks ? MSG_FAILED_GET_ATTRIBUTES_STAT : MSG_FAILED_GET_ATTRIBUTES_LSTAT, kPrefix,
+    ulog(job().jobSettings.followLinks ? MSG_FAILED_GET_ATTRIBUTES_STAT : MSG_FAILED_GET_ATTRIBUTES_LSTAT, kPrefix,
          path.c_str(), errText());
     return queueStatus(code::kNoFile, name);
 }
@@ -106,17 +106,18 @@ void checkRestartPoint(const std::string& path) {
 int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, bool* accessTimeKept) {
     BackupState& b = backupState();
     const Settings& s = settings();
+    const JobSettings& js = job().jobSettings;
     JobContext& ctx = job();
     b.dirDepth++;
     if (s.verbose) {
         std::printf("start traverse dir %s (%d)\n", dirPath.c_str(), int(b.dirDepth));
         std::fflush(stdout);
     }
-    if (s.noCrossFs && dirStat.st_dev != b.rootDev) {
+    if (js.noCrossFs && dirStat.st_dev != b.rootDev) {
         ulog("Skip file system %s", dirPath.c_str());
         return leave(queueStatus(skipCode(code::kFsSkip)));
     }
-    if (s.skipNfs && skip_nfs(ctx, dirPath.c_str(), dirStat.st_dev) != 0) {
+    if (js.skipNfs && skip_nfs(ctx, dirPath.c_str(), dirStat.st_dev) != 0) {
         ulog(MSG_NFS_MOUNTED_DIRECTORY_SKIPPED, kPrefix, dirPath.c_str());
         return leave(queueStatus(skipCode(code::kNfsSkip)));
     }
@@ -125,7 +126,7 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, 
         return leave(queueStatus(code::kNoDir));
     }
     platform::DirStream dir;
-    if (!dir.open(dirPath.c_str(), s.resetAccessTime)) {
+    if (!dir.open(dirPath.c_str(), js.resetAccessTime)) {
         ulog(MSG_FAILED_OPEN_SOURCE_DIR, kPrefix, dirPath.c_str(), errText());
         return leave(queueStatus(code::kNoDir));
     }
@@ -182,7 +183,7 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, 
                 break;
             }
             if (dot(e->name) || outsideTopList(e->name)) continue;
-            if (mode == 2 && !e->mayBeDirectory(s.followLinks) &&
+            if (mode == 2 && !e->mayBeDirectory(js.followLinks) &&
                 std::find(unexamined.begin(), unexamined.end(), e->name) == unexamined.end())
                 continue;
             if (atPacketBoundary() != 0) return leave(-1);
@@ -239,7 +240,7 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, 
                 b.ancestors.pop();
                 if (r != 0) return leave(r);
             }
-            if (s.resetAccessTime && !timesKept && setFileTimesAt(dirFd, e->name, st) != 0)
+            if (js.resetAccessTime && !timesKept && setFileTimesAt(dirFd, e->name, st) != 0)
                 ulog(MSG_FAILED_SET_TIME, kPrefix, path.c_str(), errText());
         }
     }

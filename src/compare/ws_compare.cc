@@ -55,10 +55,10 @@ public:
         : socket_(socket),
           ctx_(ctx),
           verbose_(settings().verbose),
-          followLinks_(settings().followLinks),
+          followLinks_(ctx.jobSettings.followLinks),
           checkLocks_(settings().checkLocks),
           detailed_((ctx.optionFlags() & protocol::options_layout::kDetailedVerdicts) != 0),
-          resetAccessTime_(settings().resetAccessTime &&
+          resetAccessTime_(ctx.jobSettings.resetAccessTime &&
                            (ctx.optionFlags() & protocol::options_layout::kNoAccessReset) == 0) {
         rootFits_ = root_.assign(root);
     }

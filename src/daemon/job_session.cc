@@ -109,8 +109,8 @@ int prepare(Channel& channel, JobContext& ctx) {
                 answer(channel, ctx, protocol::code::kIdentityFailed);
                 return -1;
             }
-            settings().followLinks = ctx.request.follow() != 0;
-            if (settings().followLinks) ulogText(MSG_SYMBOLIC_LINKS_FOLLOWED);
+            ctx.jobSettings.followLinks = ctx.request.follow() != 0;
+            if (ctx.jobSettings.followLinks) ulogText(MSG_SYMBOLIC_LINKS_FOLLOWED);
             return changeToRoot(channel, ctx);
         default:
             // A job of its command exchange alone (an estimate, say) keeps

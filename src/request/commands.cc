@@ -173,16 +173,17 @@ void buildTopList(TopList& list, uint32_t nFiles, std::vector<char> text) {
 }
 
 int GetPattern(Channel& channel, JobContext& ctx) {
-    Settings& s = settings();
+    const Settings& s = settings();
+    JobSettings& js = ctx.jobSettings;
     if (ctx.serverVersion < protocol::kNewServerVersion) {
-        s.followLinks = ::access(paths().followMarkerPath.c_str(), F_OK) == 0;
-        if (s.followLinks) ulogText(MSG_SYMBOLIC_LINKS_FOLLOWED);
+        js.followLinks = ::access(paths().followMarkerPath.c_str(), F_OK) == 0;
+        if (js.followLinks) ulogText(MSG_SYMBOLIC_LINKS_FOLLOWED);
         ctx.maxDirDepth = kOldMaxDirDepth;
         return 0;
     }
     ctx.maxDirDepth = kNewMaxDirDepth;
-    s.followLinks = ctx.request.follow() != 0;
-    if (s.followLinks) ulogText(MSG_SYMBOLIC_LINKS_FOLLOWED);
+    js.followLinks = ctx.request.follow() != 0;
+    if (js.followLinks) ulogText(MSG_SYMBOLIC_LINKS_FOLLOWED);
 
     ctx.jobOptions.fill(0);
     if (channel.recv(ctx.jobOptions.data(), ctx.jobOptions.size()) != 0) return kFailed;
@@ -190,15 +191,15 @@ int GetPattern(Channel& channel, JobContext& ctx) {
     using namespace protocol::options_layout;
     if (flags & kTraverseNfs) {
         ulogText(MSG_NFS_DIRECTORIES_TRAVERSED);
-        s.skipNfs = false;
+        js.skipNfs = false;
     } else {
-        s.skipNfs = true;
+        js.skipNfs = true;
     }
     if (flags & kNoAccessReset) {
         ulogText(MSG_ACCESS_TIME_NOT_RESET);
-        s.resetAccessTime = false;
+        js.resetAccessTime = false;
     } else {
-        s.resetAccessTime = true;
+        js.resetAccessTime = true;
     }
     if (s.verbose) {
         if (flags & kReconnect) {
@@ -209,11 +210,11 @@ int GetPattern(Channel& channel, JobContext& ctx) {
     }
     if (flags & kNoCrossFs) {
         ulogText(MSG_NOT_TRAVERSE_ACROSS_SYSTEM);
-        s.noCrossFs = true;
+        js.noCrossFs = true;
     } else {
-        s.noCrossFs = false;
+        js.noCrossFs = false;
     }
-    if (!(flags & kKeepIoBuffer)) s.ioBufferSize = kDefaultIoBufferSize;
+    if (!(flags & kKeepIoBuffer)) js.ioBufferSize = kDefaultIoBufferSize;
 
     protocol::ReceivedFilter& f = ctx.filterItems;
     f.items.clear();

@@ -26,7 +26,13 @@ void prepareForConnection(JobContext& ctx) {
     wire::storeLe16(ctx.jobOptions.data() + protocol::options_layout::kRetryIntervalAt, 5);
     ctx.conflictPolicy = 3;
     ctx.serverVersion = 0;
-    ctx.ackInterval = settings().ackInterval;
+    const Settings& s = settings();
+    ctx.ackInterval = s.ackInterval;
+    ctx.jobSettings = {.followLinks = s.followLinks,
+                       .skipNfs = s.skipNfs,
+                       .resetAccessTime = s.resetAccessTime,
+                       .noCrossFs = s.noCrossFs,
+                       .ioBufferSize = s.ioBufferSize};
 }
 
 int skip_nfs(const JobContext& ctx, const char* path, dev_t dev) {

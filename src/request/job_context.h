@@ -58,6 +58,16 @@ struct TopList {
 inline constexpr uint16_t kOldMaxDirDepth = 19;
 inline constexpr uint16_t kNewMaxDirDepth = 51;
 
+// What a job may change of the agent's settings: the command line's values
+// at each connection, then the job's request and options record.
+struct JobSettings {
+    bool followLinks = false;
+    bool skipNfs = true;
+    bool resetAccessTime = true;
+    bool noCrossFs = false;
+    int ioBufferSize = 0;
+};
+
 struct JobContext {
     protocol::JobRequest request;
     std::string jobRoot;  // at most protocol::kJobRootSize - 1 characters
@@ -72,6 +82,7 @@ struct JobContext {
     bool trusted = false;
     bool keepIdentity = false;
     DirList protectedDirs;
+    JobSettings jobSettings;
 
     protocol::ReceivedFilter filterItems;
     uint16_t maxDirDepth = kOldMaxDirDepth;

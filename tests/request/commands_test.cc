@@ -204,32 +204,32 @@ TEST_F(CommandsTest, OldServerPatternPhaseReadsNothing) {
     ctx_.request.raw[protocol::request_layout::kFollowAt] = 1;
     EXPECT_EQ(pattern({}), 0);
     EXPECT_EQ(ctx_.maxDirDepth, 19);
-    EXPECT_FALSE(settings().followLinks);  // no marker file, whatever follow says
+    EXPECT_FALSE(ctx_.jobSettings.followLinks);  // no marker file, whatever follow says
     int fd = ::creat(paths().followMarkerPath.c_str(), 0700);
     ::close(fd);
     EXPECT_EQ(pattern({}), 0);
-    EXPECT_TRUE(settings().followLinks);
+    EXPECT_TRUE(ctx_.jobSettings.followLinks);
     EXPECT_TRUE(home_.logHas("* Symbolic links will be followed"));
 }
 
 TEST_F(CommandsTest, OptionFlagsSetTheJobSettings) {
     ctx_.serverVersion = '4';
-    settings().ioBufferSize = 4096;
+    ctx_.jobSettings.ioBufferSize = 4096;
     Bytes options(512, 0);
     EXPECT_EQ(pattern(options), 0);
     EXPECT_EQ(ctx_.maxDirDepth, 51);
-    EXPECT_TRUE(settings().skipNfs);
-    EXPECT_TRUE(settings().resetAccessTime);
-    EXPECT_FALSE(settings().noCrossFs);
-    EXPECT_EQ(settings().ioBufferSize, 2048);
+    EXPECT_TRUE(ctx_.jobSettings.skipNfs);
+    EXPECT_TRUE(ctx_.jobSettings.resetAccessTime);
+    EXPECT_FALSE(ctx_.jobSettings.noCrossFs);
+    EXPECT_EQ(ctx_.jobSettings.ioBufferSize, 2048);
 
-    settings().ioBufferSize = 4096;
+    ctx_.jobSettings.ioBufferSize = 4096;
     options[4] = 0x69;
     EXPECT_EQ(pattern(options), 0);
-    EXPECT_FALSE(settings().skipNfs);
-    EXPECT_FALSE(settings().resetAccessTime);
-    EXPECT_TRUE(settings().noCrossFs);
-    EXPECT_EQ(settings().ioBufferSize, 4096);
+    EXPECT_FALSE(ctx_.jobSettings.skipNfs);
+    EXPECT_FALSE(ctx_.jobSettings.resetAccessTime);
+    EXPECT_TRUE(ctx_.jobSettings.noCrossFs);
+    EXPECT_EQ(ctx_.jobSettings.ioBufferSize, 4096);
     EXPECT_TRUE(home_.logHas("* NFS directories will be traversed"));
     EXPECT_TRUE(home_.logHas("* File access time will not be reset"));
     EXPECT_TRUE(home_.logHas("* Will not traverse across file system"));
