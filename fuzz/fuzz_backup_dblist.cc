@@ -12,7 +12,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static bool quiet = [] {
         std::freopen("/dev/null", "w", stdout);
-        tavik::settings().verbose = true;
+        tavik::startupSettings().verbose = true;
         return true;
     }();
     (void)quiet;

@@ -59,7 +59,7 @@ void confine(protocol::RestoreAttributes& a) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static bool once = [] {
         fuzz::discardLog();
-        settings().timeDivisor = 1000000;  // lock-test retries do not sleep
+        startupSettings().timeDivisor = 1000000;  // lock-test retries do not sleep
         (void)tree();
         return true;
     }();
@@ -67,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 2) return 0;
     JobContext ctx = fuzz::streamJob(data[1]);
     ctx.jobOptions[protocol::options_layout::kFlagsAt] = data[0];
-    settings().checkLocks = (data[1] & 0x10) != 0;
+    startupSettings().checkLocks = (data[1] & 0x10) != 0;
     fuzz::serveStream(fuzz::reframe({data + 2, size - 2}, confine), [&ctx](int socket) {
         // The job works in its root; the fuzzer's own directory is put back after.
         int here = ::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);

@@ -54,8 +54,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         paths().deriveFrom(scratch() + "/");
         ::mkdir(paths().logDir.c_str(), 0700);
         fuzz::discardLog();
-        settings().singleUser = true;
-        settings().timeDivisor = 1000000;  // lock-test retries do not sleep
+        startupSettings().singleUser = true;
+        startupSettings().timeDivisor = 1000000;  // lock-test retries do not sleep
         return true;
     }();
     (void)once;

@@ -14,7 +14,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     tavik::fuzz::discardLog();
-    tavik::settings().verbose = true;
+    tavik::startupSettings().verbose = true;
     tavik::JobContext ctx;
     tavik::prepareForConnection(ctx);
     tavik::Channel channel{std::span<const uint8_t>(data, size)};

@@ -30,7 +30,7 @@ int grantedSlotCount(int ioBufferSize, unsigned wanted, const SegmentProbe& prob
 }
 
 int DecideShmBuf() {
-    Settings& s = settings();
+    Settings& s = startupSettings();
     bool removeFailed = false;
     auto probe = [&removeFailed](size_t bytes) {
         int id = shmget(IPC_PRIVATE, bytes, 0600);

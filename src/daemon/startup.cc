@@ -112,7 +112,7 @@ int daemonize() {
 }
 
 void startDaemon(int argc, char* argv[]) {
-    Settings& s = settings();
+    Settings& s = startupSettings();
     Paths& p = paths();
     Listener& l = listener();
 

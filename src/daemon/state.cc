@@ -22,7 +22,8 @@ void Paths::deriveFrom(const std::string& home) {
     pidPath = logDir + "/tavikd.pid";
 }
 
-Settings& settings() { return gSettings; }
+const Settings& settings() { return gSettings; }
+Settings& startupSettings() { return gSettings; }
 Paths& paths() { return gPaths; }
 Listener& listener() { return gListener; }
 

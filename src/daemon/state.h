@@ -93,7 +93,11 @@ struct Listener {
     const char* caller() const { return peerKnown ? peerName.c_str() : peerAddress; }
 };
 
-Settings& settings();
+// Read-only once the agent has started.
+const Settings& settings();
+// The one way to change them: the start-up (the options, the queue's
+// sizing) and tests.
+Settings& startupSettings();
 Paths& paths();
 Listener& listener();
 

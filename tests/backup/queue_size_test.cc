@@ -32,7 +32,7 @@ TEST(QueueSize, StepsDownByTenUntilTheSystemGrantsOrFails) {
 }
 
 TEST(QueueSize, ProbeOnTheRealSystemKeepsTheDefaultAndSetsSleepScale) {
-    tavik::settings() = tavik::Settings{};
+    tavik::startupSettings() = tavik::Settings{};
     ASSERT_EQ(tavik::backup::DecideShmBuf(), 0);
     EXPECT_EQ(tavik::settings().ioBufferCount, 100);
     EXPECT_EQ(tavik::settings().sleepScale, 90);

@@ -33,9 +33,9 @@ std::string registry() {
 class QueueTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        settings() = Settings{};
-        settings().ioBufferCount = 10;
-        settings().sleepScale = 9;
+        startupSettings() = Settings{};
+        startupSettings().ioBufferCount = 10;
+        startupSettings().sleepScale = 9;
         prepareForConnection(job());
     }
     tavik::testing::ScratchHome home_;
@@ -100,7 +100,7 @@ TEST_F(QueueTest, LockFileRetriesThenGivesUp) {
 }
 
 TEST_F(QueueTest, GetIpcMakesTheObjectsAndReleaseRemovesThem) {
-    settings().verbose = true;
+    startupSettings().verbose = true;
     ASSERT_EQ(GetIPC(), 0);
     EXPECT_TRUE(home_.logHas("(GetIPC) sizeof(SHM_BUFF)=2064,shm_size=20568, shmbuff->pkque=8"));
     std::string lines = registry();

@@ -40,8 +40,8 @@ struct Packet {
 class StreamTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        settings() = Settings{};
-        settings().resetAccessTime = false;
+        startupSettings() = Settings{};
+        startupSettings().resetAccessTime = false;
         prepareForConnection(job());
         ASSERT_EQ(GetIPC(), 0);
     }

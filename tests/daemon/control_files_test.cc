@@ -20,7 +20,7 @@ using namespace tavik;
 
 class ControlFilesTest : public ::testing::Test {
 protected:
-    void SetUp() override { settings() = Settings{}; }
+    void SetUp() override { startupSettings() = Settings{}; }
     void write(const std::string& text, time_t mtime) {
         std::ofstream(paths().cntlPath, std::ios::binary) << text;
         utimbuf t{mtime, mtime};
@@ -31,7 +31,7 @@ protected:
 };
 
 TEST_F(ControlFilesTest, ListedDirectoriesAreProtectedHoweverTheyAreNamed) {
-    settings().verbose = true;
+    startupSettings().verbose = true;
     const std::string s = home_.dir() + "/t";
     const std::string deep = s + "/" + std::string(200, 'd') + "/" + std::string(200, 'e') + "/" +
                              std::string(200, 'f');

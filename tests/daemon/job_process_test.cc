@@ -35,7 +35,7 @@ constexpr uid_t kNobody = 65534;
 class JobProcessTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        settings() = Settings{};
+        startupSettings() = Settings{};
         ::chmod(paths().logDir.c_str(), 0777);
         // The job processes below write the log as an unprivileged user.
         int fd = ::open(paths().logPath.c_str(), O_WRONLY | O_CREAT, 0666);
@@ -97,7 +97,7 @@ TEST_F(JobProcessTest, FailedSwitchIsLoggedAndAnswered119) {
 }
 
 TEST_F(JobProcessTest, SingleUserModeAndPreparationRefusals) {
-    settings().singleUser = true;
+    startupSettings().singleUser = true;
     if (geteuid() == 0) {
         // No switch is needed: the job reaches READY.
         ctx_.jobUser = JobUser{};
@@ -172,7 +172,7 @@ TEST_F(JobProcessTest, OnlyTrustedLoginsKeepTheAgentsIdentity) {
         }
     }
     ::unlink(file.c_str());
-    settings().singleUser = true;
+    startupSettings().singleUser = true;
     JobContext ctx;
     prepareForConnection(ctx);
     decideTrust(ctx);

@@ -50,10 +50,10 @@ inline struct stat statWithTimes(time_t mtime, time_t atime = 0, time_t ctime = 
 class LoggedTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        tavik::settings().verbose = false;
+        tavik::startupSettings().verbose = false;
         setTimeZone(kNewYorkTz);
     }
-    void TearDown() override { tavik::settings().verbose = false; }
+    void TearDown() override { tavik::startupSettings().verbose = false; }
     // The messages logged so far, without their date and process id.
     std::vector<std::string> logMessages() const {
         std::ifstream in(tavik::paths().logPath);

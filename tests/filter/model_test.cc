@@ -250,7 +250,7 @@ TEST_F(FilterModel, DatesAreWholeLocalDays) {
 }
 
 TEST_F(FilterModel, VerboseDumpOncePerProcess) {
-    tavik::settings().verbose = true;
+    tavik::startupSettings().verbose = true;
     addPatterns(true, false, {"/home/u*"});
     addPatterns(false, true, {"core"});
     add(protocol::encodeDateItem(false, protocol::kWhichModified, protocol::kOnOrAfter, int32_t(utc(2026, 1, 2))));

@@ -47,7 +47,7 @@ std::vector<int> answers(const Bytes& sent) {
 class CommandsTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        settings() = Settings{};
+        startupSettings() = Settings{};
         prepareForConnection(ctx_);
     }
     int run(const Bytes& stream) {
@@ -73,7 +73,7 @@ TEST_F(CommandsTest, StartCommandSetsTheAckInterval) {
 }
 
 TEST_F(CommandsTest, DiskItemBuildsTheTopListWithinItsStatedSize) {
-    settings().verbose = true;
+    startupSettings().verbose = true;
     Bytes s = cmd(11, le32({3, 11}));
     append(s, Bytes{'a', 0, 'b', 'c', 0, 'd', 'e', 'f', 0, 'x', 0});  // four names, three counted
     append(s, cmd(0));
@@ -108,7 +108,7 @@ TEST_F(CommandsTest, ShortFixedPayloadsReadAsZeroPadded) {
 }
 
 TEST_F(CommandsTest, GroomingKeepsRecordTapeAndSetNameOrIsDropped) {
-    settings().verbose = true;
+    startupSettings().verbose = true;
     Bytes record(40, 0);
     wire::storeLe16(&record[0], 6);
     wire::storeLe16(&record[2], 2);

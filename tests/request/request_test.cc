@@ -25,7 +25,7 @@ using tavik::testing::ScratchHome;
 class RequestTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        settings() = Settings{};
+        startupSettings() = Settings{};
         prepareForConnection(ctx_);
         ctx_.jobRoot.clear();
     }
@@ -101,7 +101,7 @@ TEST_F(RequestTest, ConflictFiveMeansOverwrite) {
 }
 
 TEST_F(RequestTest, VerboseDumpNeverShowsThePassword) {
-    settings().verbose = true;
+    startupSettings().verbose = true;
     RequestFields s = fields("/data", 49);
     std::vector<uint8_t> packet = buildRequestPacket(s);
     packet[8 + 256] = 2;  // two file patterns, include

@@ -136,7 +136,7 @@ TEST_F(StreamTest, BrokenStreamsEndTheJobWith100) {
 // (A root the login can make is checked end to end.)
 TEST_F(StreamTest, AJobsPathChildThatCannotSwitchGets119FromNewServersAnd105FromOld) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root: switches to another user id";
-    settings() = Settings{};
+    startupSettings() = Settings{};
     JobContext job;
     prepareForConnection(job);
     job.request.raw[protocol::request_layout::kOpModeAt] = protocol::kOpRestore;

@@ -90,8 +90,8 @@ std::vector<uint8_t> request(uint8_t code, uint16_t select, int8_t version, cons
 class BrowserTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        settings() = Settings{};
-        settings().verbose = true;
+        startupSettings() = Settings{};
+        startupSettings().verbose = true;
         char tmpl[] = "/tmp/tavik-browse-XXXXXX";
         ASSERT_NE(mkdtemp(tmpl), nullptr);
         dir_ = tmpl;

@@ -26,10 +26,10 @@ using tavik::testing::SocketPair;
 class PacketTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        settings() = Settings{};
+        startupSettings() = Settings{};
         tavik::transport::transport() = TransportState{blockSend, blockRecv};
     }
-    void TearDown() override { settings().timeDivisor = 1; }
+    void TearDown() override { startupSettings().timeDivisor = 1; }
     ScratchHome home_;
 };
 
@@ -99,7 +99,7 @@ TEST_F(PacketTest, EndOfFileClearsBufferAndIsLoggedByBothReceivers) {
 }
 
 TEST_F(PacketTest, TheReceiveDeadlineHoldsHoweverTheBytesTrickleIn) {
-    settings().timeDivisor = 1000;  // 120 s becomes 120 ms
+    startupSettings().timeDivisor = 1000;  // 120 s becomes 120 ms
     for (IoRoutine routine : {blockRecv, nonblockRecv}) {
         setReceiveDeadline(120);
         SocketPair sp;
@@ -128,14 +128,14 @@ TEST_F(PacketTest, TheReceiveDeadlineHoldsHoweverTheBytesTrickleIn) {
     // The non-blocking receiver also gives up at its own limit.
     SocketPair sp;
     std::array<uint8_t, 8> b{};
-    settings().timeDivisor = 100000;
+    startupSettings().timeDivisor = 100000;
     EXPECT_EQ(nonblockRecv(sp.agent, b.data(), 4), kFailed);
     EXPECT_TRUE(home_.logHas("(nonblockRecv) Timed out in Receive, expected = 4 rcved = 0"));
 }
 
 TEST_F(PacketTest, TimeOutCountsAndStopsAtItsLimit) {
-    settings().timeDivisor = 1000;
-    settings().verbose = true;
+    startupSettings().timeDivisor = 1000;
+    startupSettings().verbose = true;
     EXPECT_EQ(timeOut(0, 1300), 1);
     EXPECT_EQ(timeOut(1000, 2200), 1001);
     EXPECT_EQ(timeOut(2200, 2200), -1);
@@ -211,7 +211,7 @@ TEST_F(PacketTest, AcknowledgesEveryNthPacket) {
 }
 
 TEST_F(PacketTest, UsbPairReportsShortTransfersAndTimesOut) {
-    settings().timeDivisor = 100000;  // 1801 s becomes 18 ms
+    startupSettings().timeDivisor = 100000;  // 1801 s becomes 18 ms
     SocketPair quiet;
     std::array<uint8_t, 4> four{};
     EXPECT_EQ(usbReceive(quiet.agent, four.data(), four.size()), -1);
@@ -237,7 +237,7 @@ void fillSocket(int fd) {
 }
 
 TEST_F(PacketTest, StalledSendOutsideTheSenderFailsAfterTheSpanTapeAlarm) {
-    settings().timeDivisor = 1000000;  // 180 s -> 0.18 ms, 72 h -> 0.26 s
+    startupSettings().timeDivisor = 1000000;  // 180 s -> 0.18 ms, 72 h -> 0.26 s
     SocketPair sp;
     fillSocket(sp.agent);
     std::vector<uint8_t> more(4096, 'q');

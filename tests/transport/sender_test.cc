@@ -51,7 +51,7 @@ std::vector<uint8_t> packet(int8_t packetCode, size_t length, size_t seed) {
 
 TEST(SenderTest, PartialVectoredSendsKeepTheStreamAndStopBeforeEachAcknowledgement) {
     ScratchHome home;
-    settings() = Settings{};
+    startupSettings() = Settings{};
     tavik::transport::transport() = TransportState{blockSend, blockRecv};
     gSlots.clear();
     gReleased = 0;
