@@ -183,6 +183,5 @@ int estimateCommand(Channel& channel, JobContext& ctx, std::span<const uint8_t> 
     return 0;
 }
 
-void installEstimate() { setEstimateHandler(estimateCommand); }
 
 }  // namespace tavik::backup

@@ -37,7 +37,5 @@ int estimate(const std::string& sourcePath, uint32_t& filesOut, uint32_t& kiloby
 
 // The ESTIMATE command, after code 4 was sent.
 int estimateCommand(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload);
-// Installs estimateCommand in the command phase.
-void installEstimate();
 
 }  // namespace tavik::backup

@@ -35,8 +35,6 @@ void installBackupHooks() {
     hooks.controlFile = paths().cntlPath;
     hooks.onChildSignal = cleanupOnChildSignal;
     hooks.setChild = setCleanupChild;
-    backup::installEstimate();
-    setDbFileHook(backup::dumpRawList);
 }
 
 int backupPhase(Channel& channel, JobContext& ctx) {

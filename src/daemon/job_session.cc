@@ -4,6 +4,8 @@
 
 #include <cstdio>
 
+#include "backup/estimate.h"
+#include "backup/stream.h"
 #include "daemon/control_files.h"
 #include "daemon/job_phases.h"
 #include "daemon/login.h"
@@ -167,7 +169,7 @@ int serveJob(JobContext& ctx) {
         ulog(MSG_FAILED_RECEIVE_PATTERNS_FILTER, "");
         return kJobOver;
     }
-    int r = GetCommands(channel, ctx);
+    int r = GetCommands(channel, ctx, {.estimate = backup::estimateCommand, .dbFileReceived = backup::dumpRawList});
     if (r == transport::kFailed) {
         ulog(MSG_FAILED_RECEIVE_STARTING_SIGNAL, "", "");
         return kJobOver;

@@ -19,8 +19,6 @@ constexpr const char* kPatternPrefix = "(GetPattern) ";
 constexpr const char* kPrefix = "(GetCommands) ";
 constexpr int kFailed = transport::kFailed;
 
-EstimateHandler gEstimate = nullptr;
-void (*gDbFileHook)() = nullptr;
 
 // A fixed-size payload, zero-padded when it arrived short.
 template <size_t N>
@@ -103,7 +101,7 @@ int grooming(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload
     return 0;
 }
 
-int dbFile(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) {
+int dbFile(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload, const CommandHandlers& handlers) {
     if (channel.sendCode(protocol::code::kReady, ctx) != 0) return kFailed;
     auto p = padded<4>(payload);
     uint32_t length = wire::loadLe32(p.data());
@@ -124,7 +122,7 @@ int dbFile(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) 
         ctx.dbFileList.clear();
         return kFailed;
     }
-    if (gDbFileHook) gDbFileHook();
+    if (handlers.dbFileReceived) handlers.dbFileReceived();
     return 0;
 }
 
@@ -155,8 +153,6 @@ int unsupported(Channel& channel, JobContext& ctx, int8_t code) {
 
 }  // namespace
 
-void setEstimateHandler(EstimateHandler handler) { gEstimate = handler; }
-void setDbFileHook(void (*hook)()) { gDbFileHook = hook; }
 
 void buildTopList(TopList& list, uint32_t nFiles, std::vector<char> text) {
     list.clear();
@@ -250,7 +246,7 @@ int GetPattern(Channel& channel, JobContext& ctx) {
     return 0;
 }
 
-int GetCommands(Channel& channel, JobContext& ctx) {
+int GetCommands(Channel& channel, JobContext& ctx, const CommandHandlers& handlers) {
     protocol::HeaderBytes hb{};
     if (channel.recv(hb.data(), hb.size()) != 0) {
         ulog(MSG_FAILED_RECEIVE_HEADER_PACKET, kPrefix);
@@ -282,14 +278,14 @@ int GetCommands(Channel& channel, JobContext& ctx) {
             case protocol::command::kOption: r = option(channel, ctx, payload); break;
             case protocol::command::kGrooming: r = grooming(channel, ctx, payload); break;
             case protocol::command::kEstimate:
-                if (gEstimate) {
+                if (handlers.estimate) {
                     if (channel.sendCode(protocol::code::kReady, ctx) != 0) return kFailed;
-                    r = gEstimate(channel, ctx, payload);
+                    r = handlers.estimate(channel, ctx, payload);
                 } else {
                     r = unsupported(channel, ctx, h.code);
                 }
                 break;
-            case protocol::command::kDbFile: r = dbFile(channel, ctx, payload); break;
+            case protocol::command::kDbFile: r = dbFile(channel, ctx, payload, handlers); break;
             case protocol::command::kContinue: r = continueCommand(channel, ctx, payload); break;
             default: r = unsupported(channel, ctx, h.code); break;
         }

@@ -20,18 +20,20 @@
 namespace tavik {
 
 [[nodiscard]] int GetPattern(Channel& channel, JobContext& ctx);
-[[nodiscard]] int GetCommands(Channel& channel, JobContext& ctx);
 
-// The estimate, served inside the command loop once the estimator exists:
-// called after code 4 was sent, with the command's payload; returns 0, 100 or
-// -1 like GetCommands. Until one is installed ESTIMATE is rejected as an
-// unsupported command.
-using EstimateHandler = int (*)(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload);
-void setEstimateHandler(EstimateHandler handler);
+// What the jobs above the command phase serve inside it, passed down by the
+// job process.
+struct CommandHandlers {
+    // ESTIMATE, called after code 4 was sent, with the command's payload;
+    // returns 0, 100 or -1 like GetCommands. Without one, ESTIMATE is
+    // rejected as an unsupported command.
+    int (*estimate)(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) = nullptr;
+    // Called after a database file list was received (the backup's verbose
+    // listing of it).
+    void (*dbFileReceived)() = nullptr;
+};
 
-// Called after a database file list was received (the backup's verbose
-// listing of it).
-void setDbFileHook(void (*hook)());
+[[nodiscard]] int GetCommands(Channel& channel, JobContext& ctx, const CommandHandlers& handlers = {});
 
 // Splits `text` at its NULs into at most nFiles names (a last name without a
 // NUL counts up to the end of the text).

@@ -40,6 +40,10 @@ struct TransportState {
     bool backupAsleep = false;
     bool senderProcess = false;  // only the backup's sender signals its parent
     int lastReportedSleep = 0;
+    // The sender's renewal counters: MOF/ENDF payload bytes and ENDF
+    // packets since the last renewal.
+    uint32_t accSZ = 0;
+    uint32_t accNF = 0;
 };
 TransportState& transport();
 

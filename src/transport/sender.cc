@@ -24,9 +24,6 @@ namespace {
 
 constexpr const char* kPrefix = "(SendDaemon) ";
 
-uint32_t gAccSZ = 0;  // MOF/ENDF payload bytes since the last renewal
-uint32_t gAccNF = 0;  // ENDF packets since the last renewal
-
 protocol::PacketHeader headerOf(const uint8_t* slot) {
     protocol::HeaderBytes bytes;
     for (size_t i = 0; i < protocol::kHeaderSize; ++i) bytes[i] = slot[i];
@@ -180,8 +177,8 @@ void connrelease(int sig) {
     const Settings& s = settings();
     if (sig == SIGPIPE) {
         if (s.verbose) {
-            if (s.reconnectKB != 0) ulog("%saccSZ=%d", kReleasePrefix, int(gAccSZ));
-            if (s.reconnectFiles != 0) ulog("%saccNF=%d", kReleasePrefix, int(gAccNF));
+            if (s.reconnectKB != 0) ulog("%saccSZ=%d", kReleasePrefix, int(transport().accSZ));
+            if (s.reconnectFiles != 0) ulog("%saccNF=%d", kReleasePrefix, int(transport().accNF));
         }
         ulog(MSG_JOB_ABORTED_FRONT_END, kReleasePrefix);
         std::_Exit(1);
@@ -198,6 +195,7 @@ int SendDaemon(int connection, const PacketSource& source, const SenderOptions& 
     uint16_t ackCounter = 0;
     bool sendDone = false;
     iovec iov[kMaxBatch];
+    TransportState& t = transport();
     for (;;) {
         while (source.count() == 0) {
             wait = source.waitForPacket(wait, kZeroSendRetryLimit);
@@ -212,7 +210,9 @@ int SendDaemon(int connection, const PacketSource& source, const SenderOptions& 
         while (n < kMaxBatch && n < ready && !sendDone && !ackDue) {
             const uint8_t* slot = source.slotAhead(uint16_t(n));
             protocol::PacketHeader h = headerOf(slot);
-            uint32_t sz = gAccSZ, nf = gAccNF;
+            // Counted on copies: a packet that must wait for the next batch
+            // (it renews, and packets precede it) is counted then.
+            uint32_t sz = t.accSZ, nf = t.accNF;
             if (int renewals = renewalsBefore(h, options.renewalPermitted, sz, nf); renewals > 0) {
                 if (n > 0) break;  // the packets before it leave on the old connection
                 // A failed renewal leaves -1, on which the send below fails.
@@ -221,8 +221,8 @@ int SendDaemon(int connection, const PacketSource& source, const SenderOptions& 
                     if (options.ackInterval != 0) sendAtOnce(connection);
                 }
             }
-            gAccSZ = sz;
-            gAccNF = nf;
+            t.accSZ = sz;
+            t.accNF = nf;
             if (h.code == protocol::code::kEnd) sendDone = true;
             if (h.code == protocol::code::kWatchDog && settings().verbose) ulog("%sWATCH_DOG sent", kPrefix);
             if (options.ackInterval != 0 &&
