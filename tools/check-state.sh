@@ -1,0 +1,65 @@
+#!/usr/bin/env bash
+# Mutable state at namespace scope or in function statics, read off the
+# built libraries (.bss and .data, not the read-only .data.rel.ro): every
+# such object must be one of the places named below, each with the reason
+# it exists. A new one fails the check; a named one that is gone is
+# reported so that the list shrinks with the code.
+#   tools/check-state.sh [BUILD-DIR]      (default build/, made by tools/test.sh)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build}
+
+# demangled name: why it may exist
+named=(
+  # Flags and actions that signal handlers set: the handlers only record.
+  "tavik::platform::(anonymous namespace)::gActions: deferred signal actions (platform/signals)"
+  "tavik::platform::(anonymous namespace)::gPending: signals recorded by the handler (platform/signals)"
+  "tavik::transport::(anonymous namespace)::gSendStalled: SIGALRM flag of a stalled send"
+  "tavik::transport::(anonymous namespace)::gSpanTapeFailed: SIGALRM flag of the tape-change wait"
+  "tavik::backup::(anonymous namespace)::gSpanTapeSignals: signals of the tape-change sleep"
+  "tavik::backup::(anonymous namespace)::gSpanTapeReported: the tape-change sleep's wake-up was logged"
+  "tavik::backup::(anonymous namespace)::gWatchdogPending: SIGALRM came while a packet was being built"
+  "tavik::backup::(anonymous namespace)::gBuilding: a packet is being built (read by the SIGALRM action)"
+  "tavik::backup::gBackupAsleep: the backup process sleeps for a tape change (read by its handler)"
+  "tavik::(anonymous namespace)::gChildPid: the child that SIGCHLD's action waits for"
+  "tavik::groom::(anonymous namespace)::sortPid: the sort child that the grooming's cleanup ends"
+  # The daemon's state: settings (read-only after start-up), paths and the listener.
+  "tavik::(anonymous namespace)::gSettings: the agent's settings"
+  "tavik::(anonymous namespace)::gPaths: the home directory's files"
+  "tavik::(anonymous namespace)::gListener: the listening sockets and the caller"
+  # One job per process: each job's state object, made per connection.
+  "tavik::job()::context: the job's context"
+  "tavik::transport::transport()::state: the job's I/O routines, deadline and counters"
+  "tavik::backup::backupState()::state: the backup job's state"
+  "tavik::backup::(anonymous namespace)::ipc()::state: the backup job's ring and IPC objects"
+  "tavik::groom::detail::state()::s: the grooming job's state"
+  "tavik::groom::groomingEnvironment()::e: the grooming job's files"
+  "tavik::transport::(anonymous namespace)::gQueueNotFull: the sender's look at the backup's ring"
+  # The text's interfaces that return static buffers, and the catalogue.
+  "tavik::formatLogDate(long)::buffer: the log line's date text"
+  "tavik::nls::(anonymous namespace)::dateBuffer: DateText's result"
+  "tavik::nls::(anonymous namespace)::timeBuffer: TimeText's result"
+  "tavik::nls::(anonymous namespace)::catalogue()::c: the open message catalogue"
+  "tavik::nls::(anonymous namespace)::tokenizer()::t: the multibyte tokenizer's position"
+)
+
+libs=("$build"/src/*/libtavik_*.a)
+[ -e "${libs[0]}" ] || { echo "check-state: no libraries in $build: build first (tools/test.sh)" >&2; exit 1; }
+found=$(nm -C --format=sysv --defined-only "${libs[@]}" 2>/dev/null |
+  awk -F'|' '{ name = $1; sub(/ +$/, "", name); section = $7; gsub(/ /, "", section)
+               if (section ~ /^\.(bss|data|tbss|tdata)/ && section !~ /rel\.ro/ && section !~ /DW\.ref/ &&
+                   name !~ /^guard variable/) print name }' | sort -u)
+status=0
+declare -A known=()
+for entry in "${named[@]}"; do known["${entry%%: *}"]=1; done
+while IFS= read -r name; do
+  [ -n "$name" ] || continue
+  if [ -z "${known[$name]:-}" ]; then
+    echo "check-state: mutable state outside the named places: $name"
+    status=1
+  fi
+  unset "known[$name]"
+done <<<"$found"
+for gone in "${!known[@]}"; do echo "check-state: named but gone (take it off the list): $gone"; done
+[ $status -eq 0 ] && echo "check-state: every mutable static is one of the ${#named[@]} named places"
+exit $status
