@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "backup/queue.h"
+#include "backup/ipc_registry.h"
 #include "request/job_context.h"
 #include "scratch.h"
 

@@ -10,6 +10,7 @@
 
 #include "backup/backup_state.h"
 #include "backup/queue.h"
+#include "backup/span_tape.h"
 #include "backup/stream.h"
 #include "backup/traverse.h"
 #include "daemon/state.h"

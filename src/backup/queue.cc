@@ -13,7 +13,9 @@
 #include <cstring>
 #include <ctime>
 
+#include "backup/ipc_registry.h"
 #include "backup/queue_size.h"
+#include "backup/span_tape.h"
 #include "daemon/state.h"
 #include "log/ulog.h"
 #include "platform/fd.h"
@@ -25,33 +27,11 @@
 
 namespace tavik::backup {
 
-volatile sig_atomic_t gBackupAsleep = 0;
-namespace {
-volatile sig_atomic_t gSpanTapeSignals = 0;  // SIGUSR1 received
-sig_atomic_t gSpanTapeReported = 0;           // of which logged
-}  // namespace
-
-void spanTapeSignal(int) {
-    gBackupAsleep = !gBackupAsleep;
-    gSpanTapeSignals = gSpanTapeSignals + 1;
-}
-
-void reportSpanTape() {
-    while (gSpanTapeReported < gSpanTapeSignals) {
-        ++gSpanTapeReported;
-        if (!settings().verbose) continue;
-        // Odd signals put the process to sleep, even ones wake it.
-        ulogText(gSpanTapeReported % 2 ? "(span_tape_sleep) Received SIGUSR1 from child process"
-                                       : "(span_tape_wake) Received SIGUSR1 from child process");
-    }
-}
-
 namespace {
 
 // Bits of the waiters word.
 constexpr uint16_t kConsumerWaits = 1;
 constexpr uint16_t kProducerWaits = 2;
-constexpr size_t kRegistryLine = 256;
 // The tape-change wait has no time-out; it re-checks once an hour.
 constexpr long long kAsleepWaitMicros = 3600LL * 1000000;
 
@@ -104,11 +84,6 @@ void waitUntil(uint16_t bit, Ready ready, long long micros) {
     field(kRingWaitersAt).fetch_and(uint16_t(~bit));
 }
 
-int divisor() {
-    int d = settings().timeDivisor;
-    return d > 0 ? d : 1;
-}
-
 // One step of the escalating retry wait (10 ms for the first 1000 steps,
 // then whole seconds growing every 100 steps), logged like timeOut's, but
 // ended early by the other side's progress.
@@ -126,7 +101,7 @@ int retryStep(int count, int limit, uint16_t bit, Ready ready) {
         }
         micros = wait * 1000000LL;
     }
-    waitUntil(bit, ready, micros / divisor());
+    waitUntil(bit, ready, micros / settings().divisor());
     platform::dispatchPendingSignals();
     return n;
 }
@@ -150,113 +125,10 @@ int changeCount(int delta, const char*) {
     return 0;
 }
 
-// Opens the registry and takes its write lock; a null stream after logging
-// means the caller returns `failure`.
-// The lock is waited for as the job's options say, unless `retries` names
-// the attempts (one second apart) for a caller outside a job.
-FILE* openRegistry(const char* prefix, char type, int id, bool create, int& failure, int retries = -1) {
-    const std::string& path = paths().ipcPath;
-    // LOG/ is open to every login: the registry is never opened through a link.
-    platform::UniqueFd fd = platform::openPlainFile(path.c_str(), O_RDWR | (create ? O_CREAT : 0), 0600);
-    if (!fd) {
-        failure = (!create && errno == ENOENT) ? 0 : -1;
-        if (failure) ulog(MSG_FAIED_OPEN, prefix, path.c_str(), errText());
-        return nullptr;
-    }
-    failure = 0;
-    int r = retries < 0 ? lockFile(fd.get(), platform::kWriteLock)
-                          : platform::lockFile(fd.get(), platform::kWriteLock, uint16_t(retries), 1, divisor());
-    if (r == -2) {
-        ulog(MSG_GAVE_UP_LOCK_IPC, prefix, type, id);
-        return nullptr;
-    }
-    if (r == -1) {
-        ulog(MSG_FAILED_LOCK, prefix, path.c_str(), errText());
-        return nullptr;
-    }
-    FILE* f = ::fdopen(fd.get(), "r+");
-    if (!f) {
-        ulog(MSG_FAIED_FDOPEN, prefix, path.c_str(), errText());
-        return nullptr;
-    }
-    fd.release();  // the stream owns it now
-    return f;
-}
-
-// Writes `line` at `offset` in place of a line of `oldLength` characters: a
-// shorter line is padded with blanks before its newline so that it never
-// runs into the next line.
-void overwriteLine(FILE* f, long offset, std::string line, size_t oldLength) {
-    if (line.size() < oldLength) line.insert(line.size() - 1, oldLength - line.size(), ' ');
-    std::fseek(f, offset, SEEK_SET);
-    std::fputs(line.c_str(), f);
-}
-
-std::string registryLine(char first, char second, int id) {
-    char buf[64];
-    std::snprintf(buf, sizeof buf, "%c%c %8d    \n", first, second, id);
-    return buf;
-}
-
 }  // namespace
 
 int lockFile(int fd, int lockType) {
-    return platform::lockFile(fd, lockType, job().retryCount(), job().retryInterval(), divisor());
-}
-
-int RegisterIPC(char type, int id) {
-    constexpr const char* kPrefix = "(RegisterIPC) ";
-    int failure = 0;
-    FILE* f = openRegistry(kPrefix, type, id, true, failure);
-    if (!f) return failure;
-    std::string line = registryLine(type, ' ', id);
-    char buf[kRegistryLine];
-    bool placed = false;
-    for (;;) {
-        long offset = std::ftell(f);
-        if (!std::fgets(buf, sizeof buf, f)) break;
-        // The line's length as read (a NUL inside it does not shorten it).
-        size_t oldLength = size_t(std::ftell(f) - offset);
-        if (buf[0] == 'm' || buf[0] == 's' || buf[0] == 'q') continue;
-        bool whole = oldLength > 0 && oldLength < sizeof buf && buf[oldLength - 1] == '\n';
-        if (whole && line.size() <= oldLength) {
-            overwriteLine(f, offset, line, oldLength);
-            placed = true;
-            break;
-        }
-    }
-    if (!placed) {
-        std::fseek(f, 0, SEEK_END);
-        std::fputs(line.c_str(), f);
-    }
-    std::fclose(f);
-    return 0;
-}
-
-int ClearIPC(char type, int id) {
-    constexpr const char* kPrefix = "(ClearIPC) ";
-    int failure = 0;
-    FILE* f = openRegistry(kPrefix, type, id, false, failure);
-    if (!f) return failure;
-    char buf[kRegistryLine];
-    bool found = false;
-    for (;;) {
-        long offset = std::ftell(f);
-        if (!std::fgets(buf, sizeof buf, f)) break;
-        size_t oldLength = size_t(std::ftell(f) - offset);
-        if (buf[0] != type) continue;
-        if (std::strtol(buf + 1, nullptr, 10) != id) continue;
-        std::string cleared = registryLine('#', type, id);
-        // A line of another shape that is shorter than its cleared form is
-        // left alone rather than run into the next one.
-        if (cleared.size() > oldLength) continue;
-        overwriteLine(f, offset, cleared, oldLength);
-        found = true;
-        break;
-    }
-    if (!found) ulog(MSG_SPECIFIED_IPC_NOT_REGISTERED, kPrefix);
-    std::fclose(f);
-    return 0;
+    return platform::lockFile(fd, lockType, job().retryCount(), job().retryInterval(), settings().divisor());
 }
 
 int GetIPC() {
@@ -346,47 +218,6 @@ void markSegmentForRemoval() {
         return;
     }
     ClearIPC('m', id);
-}
-
-void ReclaimIPC() {
-    constexpr const char* kPrefix = "(ReclaimIPC) ";
-    constexpr int kLockAttempts = 5;
-    int failure = 0;
-    FILE* f = openRegistry(kPrefix, 'm', -1, false, failure, kLockAttempts);
-    if (!f) return;
-    char buf[kRegistryLine];
-    for (;;) {
-        long offset = std::ftell(f);
-        if (!std::fgets(buf, sizeof buf, f)) break;
-        size_t oldLength = size_t(std::ftell(f) - offset);
-        char type = buf[0];
-        if (type != 'm' && type != 's') continue;
-        char* end = nullptr;
-        long id = std::strtol(buf + 1, &end, 10);
-        if (end == buf + 1 || id < 0 || id > INT_MAX) continue;
-        errno = 0;
-        bool unused = false;
-        if (type == 'm') {
-            unused = platform::segmentAttachments(int(id)) == 0;
-        } else {
-            pid_t pid = platform::semaphoreLastProcess(int(id));
-            unused = pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH;
-        }
-        // An object that no longer exists only has its line cleared.
-        bool vanished = errno == EINVAL || errno == EIDRM;
-        if (!unused && !vanished) continue;
-        if (unused) {
-            int err = type == 'm' ? platform::removeSegmentById(int(id)) : platform::removeSemaphoreById(int(id));
-            if (err == 0)
-                ulog("%sRemoved the %s %d of a job that is gone", kPrefix,
-                     type == 'm' ? "shared memory" : "semaphore", int(id));
-        }
-        std::string cleared = registryLine('#', type, int(id));
-        if (cleared.size() > oldLength) continue;
-        overwriteLine(f, offset, cleared, oldLength);
-        std::fseek(f, offset + long(oldLength), SEEK_SET);
-    }
-    std::fclose(f);
 }
 
 void disownIPC() {

@@ -3,8 +3,8 @@
 // sender (the only consumer), the ring's one-member semaphore (made,
 // registered and removed with the segment; the fill count itself changes by
 // atomic read-modify-writes in the segment, so publishing and releasing need
-// no system call), and the registry file tvk.ipc that lists the IPC objects
-// the agent has made.
+// no system call). Each object is listed in the registry file tvk.ipc
+// (backup/ipc_registry.h) while it exists.
 //
 // Ring layout (native byte order): count (16 bits) at 0, outIndex at 2,
 // inIndex at 4, a word at 6 in which a side that is about to wait marks
@@ -26,7 +26,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <csignal>
 
 #include "platform/file_lock.h"
 
@@ -44,9 +43,6 @@ inline constexpr int kDeclaredShmBuffSize = 2064;
 // platform::lockFile with the job's retry count and interval.
 int lockFile(int fd, int lockType);
 
-int RegisterIPC(char type, int id);
-int ClearIPC(char type, int id);
-
 int GetIPC();
 // Terminates the sender (when there is one), removes the semaphore and the
 // segment that this process made and clears their registry lines. 0, or -1
@@ -58,25 +54,11 @@ void disownIPC();
 // for removal (and its registry line cleared), so that the kernel frees it
 // with the last detach, however the two processes end.
 void markSegmentForRemoval();
-// Removes every object that tvk.ipc lists as live and that no job uses any
-// more: a segment nobody is attached to, a semaphore whose job process (the
-// last to set or operate it) is gone. Each is logged and its line cleared.
-// Called by the daemon at start-up and when a job process was killed.
-void ReclaimIPC();
 bool haveIPC();
 
 // The sender's pid, terminated by ReleaseIPC; -1 when there is none.
 void setSenderPid(pid_t pid);
 pid_t senderPid();
-
-// Set by the backup process's SIGUSR1 handlers while the server changes tapes.
-extern volatile sig_atomic_t gBackupAsleep;
-// The backup process's SIGUSR1 handler: each signal flips between running
-// and asleep (the alternating span_tape_sleep / span_tape_wake).
-void spanTapeSignal(int sig);
-// Writes the verbose lines of the SIGUSR1 transitions seen since the last
-// call (handlers only count them).
-void reportSpanTape();
 
 // Producer.
 int waitFreeSlot();

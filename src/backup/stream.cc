@@ -13,6 +13,7 @@
 #include "backup/attribute_record.h"
 #include "backup/backup_state.h"
 #include "backup/queue.h"
+#include "backup/span_tape.h"
 #include "daemon/state.h"
 #include "groom/groom.h"
 #include "log/ulog.h"

@@ -291,7 +291,7 @@ int CompareSession::openFile() {
         bool mandatory = (disk_.st_mode & S_ISGID) != 0 && (disk_.st_mode & S_IXGRP) == 0;
         if (checkLocks_ || (onNfs == 0 && mandatory)) {
             int lr = platform::lockFile(fd_.get(), platform::kReadLock, ctx_.retryCount(), ctx_.retryInterval(),
-                                         settings().timeDivisor);
+                                         settings().divisor());
             int lockErrno = errno;
             if (lr == -2) {
                 fd_.reset();

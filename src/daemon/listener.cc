@@ -16,7 +16,7 @@
 #include <cstring>
 #include <unordered_map>
 
-#include "backup/queue.h"
+#include "backup/ipc_registry.h"
 #include "daemon/cleanup.h"
 #include "daemon/job_entry.h"
 #include "daemon/state.h"

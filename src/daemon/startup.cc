@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "backup/queue.h"
+#include "backup/ipc_registry.h"
 #include "backup/queue_size.h"
 #include "daemon/backup_hooks.h"
 #include "daemon/cleanup.h"

@@ -63,6 +63,8 @@ struct Settings {
     // divided by this. Set from the environment variable TAVIK_TIME_DIVISOR
     // at start-up; 1 in production.
     int timeDivisor = 1;
+    // The divisor to divide by: at least 1.
+    int divisor() const { return timeDivisor > 0 ? timeDivisor : 1; }
 };
 
 struct Paths {

@@ -346,7 +346,7 @@ bool RestoreSession::replaceExisting(const struct stat& st) {
                 return false;
             }
             int r = platform::lockFile(f.get(), platform::kWriteLock, ctx_.retryCount(), ctx_.retryInterval(),
-                                        settings().timeDivisor);
+                                        settings().divisor());
             int lockErrno = errno;
             f.close();  // also gives up the lock this test may have taken
             if (r == -2) {

@@ -117,7 +117,7 @@ int getBufSize(int sock, int kind) {
 }
 
 int setReceiveTimeout(int sock, unsigned seconds) {
-    int d = settings().timeDivisor > 0 ? settings().timeDivisor : 1;
+    int d = settings().divisor();
     long long micros = static_cast<long long>(seconds) * 1000000 / d;
     if (seconds != 0 && micros < 1000) micros = 1000;
     timeval tv{};

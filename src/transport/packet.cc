@@ -29,11 +29,6 @@ void spanTapeExpired(int) { gSpanTapeFailed = 1; }
 
 QueueNotFullTest gQueueNotFull = nullptr;
 
-int divisor() {
-    int d = settings().timeDivisor;
-    return d > 0 ? d : 1;
-}
-
 void sleepMicros(long long micros) {
     if (micros < 0) micros = 0;
     timeval tv{};
@@ -69,7 +64,7 @@ void setReceiveDeadline(unsigned seconds) {
     TransportState& t = transport();
     t.deadlineSet = seconds != 0;
     t.recvDeadline = std::chrono::steady_clock::now() +
-                     std::chrono::microseconds(static_cast<long long>(seconds) * 1000000 / divisor());
+                     std::chrono::microseconds(static_cast<long long>(seconds) * 1000000 / settings().divisor());
 }
 
 int sendRoutine(int fd, const uint8_t* buffer, size_t length) {
@@ -83,7 +78,7 @@ int recvRoutine(int fd, uint8_t* buffer, size_t length) {
 void armAlarm(unsigned seconds) {
     itimerval it{};
     if (seconds != 0) {
-        long long micros = static_cast<long long>(seconds) * 1000000 / divisor();
+        long long micros = static_cast<long long>(seconds) * 1000000 / settings().divisor();
         if (micros < 1000) micros = 1000;
         it.it_value.tv_sec = static_cast<time_t>(micros / 1000000);
         it.it_value.tv_usec = static_cast<suseconds_t>(micros % 1000000);
@@ -92,7 +87,7 @@ void armAlarm(unsigned seconds) {
 }
 
 void scaledSleep(unsigned seconds) {
-    sleepMicros(static_cast<long long>(seconds) * 1000000 / divisor());
+    sleepMicros(static_cast<long long>(seconds) * 1000000 / settings().divisor());
 }
 
 int nmseleep(int milliseconds) {
@@ -114,7 +109,7 @@ int timeOut(int count, int limit) {
         scaledSleep(static_cast<unsigned>(wait));
     } else {
         // nmseleep(10), shortened by the time divisor.
-        sleepMicros(10000 / divisor());
+        sleepMicros(10000 / settings().divisor());
     }
     return n;
 }

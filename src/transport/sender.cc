@@ -108,7 +108,7 @@ uint32_t peerAddressOf(int sock) {
 int acceptFrontEnd(int listening, int connection, uint16_t port) {
     constexpr const char* kRenewPrefix = "(reestablishTCP) ";
     const uint32_t frontEnd = peerAddressOf(connection);
-    const int divisor = settings().timeDivisor > 0 ? settings().timeDivisor : 1;
+    const int divisor = settings().divisor();
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::microseconds(kRenewalWait * 1000000LL / divisor);
     for (;;) {

@@ -2,6 +2,7 @@
 // whole-file lock with retries, the IPC objects GetIPC makes and ReleaseIPC
 // removes, the ring's indexes and the producer's adaptive sleep, and a
 // producer and consumer in two processes.
+#include "backup/ipc_registry.h"
 #include "backup/queue.h"
 
 #include <fcntl.h>
