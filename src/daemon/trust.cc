@@ -10,6 +10,7 @@
 #include "daemon/state.h"
 #include "log/ulog.h"
 #include "platform/fd.h"
+#include "platform/whole_io.h"
 
 namespace tavik {
 namespace {
@@ -41,18 +42,12 @@ bool listedAsTrusted(const std::string& path, const std::string& login) {
         return false;
     }
     std::string text(kMaxTrustFile, '\0');
-    size_t filled = 0;
-    while (filled < text.size()) {
-        ssize_t n = ::read(fd.get(), text.data() + filled, text.size() - filled);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-            ulog(MSG_FAILED_READING, kPrefix, path.c_str(), errText());
-            return false;
-        }
-        if (n == 0) break;
-        filled += static_cast<size_t>(n);
+    ssize_t filled = platform::readAll(fd.get(), text.data(), text.size());
+    if (filled < 0) {
+        ulog(MSG_FAILED_READING, kPrefix, path.c_str(), errText());
+        return false;
     }
-    std::string_view rest(text.data(), filled);
+    std::string_view rest(text.data(), size_t(filled));
     while (!rest.empty()) {
         size_t end = rest.find('\n');
         std::string_view line = trimmed(rest.substr(0, end));

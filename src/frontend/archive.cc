@@ -10,6 +10,7 @@
 
 #include <isa-l/crc.h>
 
+#include "platform/whole_io.h"
 #include "wire/bytes.h"
 
 namespace tavik::frontend {
@@ -27,17 +28,9 @@ constexpr size_t kMaxDepth = 256;
 std::string errnoText(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
 
 bool writeAll(int fd, const uint8_t* data, size_t size, std::string& error) {
-    while (size > 0) {
-        ssize_t n = ::write(fd, data, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            error = errnoText("cannot write the archive");
-            return false;
-        }
-        data += n;
-        size -= size_t(n);
-    }
-    return true;
+    if (platform::writeAll(fd, data, size)) return true;
+    error = errnoText("cannot write the archive");
+    return false;
 }
 
 // A text payload: its bytes up to the NUL, which must lie inside it.
@@ -258,17 +251,10 @@ bool ArchiveReader::readAt(uint64_t offset, std::span<uint8_t> out) {
         if (!out.empty()) std::memcpy(out.data(), source_->memory.data() + offset, out.size());
         return true;
     }
-    size_t got = 0;
-    while (got < out.size()) {
-        ssize_t n = ::pread(source_->fd, out.data() + got, out.size() - got, off_t(offset + got));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            error_ = n == 0 ? "archive truncated" : errnoText("cannot read the archive");
-            return false;
-        }
-        got += size_t(n);
-    }
-    return true;
+    ssize_t got = platform::preadAll(source_->fd, out.data(), out.size(), off_t(offset));
+    if (got == ssize_t(out.size())) return true;
+    error_ = got >= 0 ? "archive truncated" : errnoText("cannot read the archive");
+    return false;
 }
 
 bool ArchiveReader::start() {

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/whole_io.h"
 #include "protocol/commands.h"
 #include "protocol/request.h"
 #include "wire/bytes.h"
@@ -25,16 +26,6 @@ int64_t nowMs() {
     return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
-bool sendAll(int fd, const uint8_t* data, size_t size) {
-    while (size > 0) {
-        ssize_t n = ::send(fd, data, size, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        data += n;
-        size -= size_t(n);
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -145,7 +136,7 @@ bool estimateJob(JobClient& client, const BackupJobSpec& job, uint32_t& files, u
 bool StreamReceiver::acknowledge() {
     protocol::PacketHeader ack;  // code 0, header only
     protocol::HeaderBytes bytes = protocol::encodeHeader(ack);
-    if (!sendAll(fd_.get(), bytes.data(), bytes.size())) {
+    if (!platform::sendAll(fd_.get(), bytes.data(), bytes.size())) {
         error_ = std::string("cannot send an acknowledgement: ") + std::strerror(errno);
         return false;
     }
@@ -244,25 +235,20 @@ bool StreamReceiver::run(platform::UniqueFd connection) {
         }
     } clock{stats_, started};
     while (!stats_.complete) {
-        pollfd p{fd_.get(), POLLIN, 0};
-        int ready = ::poll(&p, 1, timeoutMs_);
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready == 0) {
-            error_ = "the agent sent nothing for " + std::to_string(timeoutMs_ / 1000) + " s";
-            return false;
+        size_t n = 0;
+        switch (platform::recvSome(fd_.get(), buffer.data() + fill, buffer.size() - fill, timeoutMs_, n)) {
+            case platform::Received::Data: break;
+            case platform::Received::TimedOut:
+                error_ = "the agent sent nothing for " + std::to_string(timeoutMs_ / 1000) + " s";
+                return false;
+            case platform::Received::Closed:
+                error_ = "the agent closed the connection before the end of the backup";
+                return false;
+            case platform::Received::Failed:
+                error_ = std::string("receive failed: ") + std::strerror(errno);
+                return false;
         }
-        if (ready < 0) {
-            error_ = std::string("poll failed: ") + std::strerror(errno);
-            return false;
-        }
-        ssize_t n = ::recv(fd_.get(), buffer.data() + fill, buffer.size() - fill, 0);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            error_ = n == 0 ? "the agent closed the connection before the end of the backup"
-                            : std::string("receive failed: ") + std::strerror(errno);
-            return false;
-        }
-        fill += size_t(n);
+        fill += n;
         stats_.bytes += uint64_t(n);
 
         size_t parsed = 0;

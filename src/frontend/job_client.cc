@@ -11,6 +11,7 @@
 
 #include "frontend/net.h"
 #include "platform/secret.h"
+#include "platform/whole_io.h"
 #include "protocol/request.h"
 #include "wire/bytes.h"
 
@@ -100,38 +101,19 @@ bool JobClient::connect(const std::string& host, uint16_t port) {
 }
 
 bool JobClient::sendRaw(std::span<const uint8_t> bytes) {
-    size_t sent = 0;
-    while (sent < bytes.size()) {
-        ssize_t n = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            error_ = std::string("send failed: ") + std::strerror(errno);
-            return false;
-        }
-        sent += static_cast<size_t>(n);
-    }
-    return true;
+    if (platform::sendAll(fd_, bytes.data(), bytes.size())) return true;
+    error_ = std::string("send failed: ") + std::strerror(errno);
+    return false;
 }
 
 bool JobClient::recvRaw(std::span<uint8_t> bytes) {
-    size_t got = 0;
-    while (got < bytes.size()) {
-        pollfd p{fd_, POLLIN, 0};
-        int ready = ::poll(&p, 1, timeoutMs_);
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready <= 0) {
-            error_ = "no answer from the agent";
-            return false;
-        }
-        ssize_t n = ::recv(fd_, bytes.data() + got, bytes.size() - got, 0);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            error_ = n == 0 ? "the agent closed the connection" : std::string("receive failed: ") + std::strerror(errno);
-            return false;
-        }
-        got += static_cast<size_t>(n);
+    switch (platform::recvAll(fd_, bytes.data(), bytes.size(), timeoutMs_)) {
+        case platform::Received::Data: return true;
+        case platform::Received::Closed: error_ = "the agent closed the connection"; return false;
+        case platform::Received::TimedOut: error_ = "no answer from the agent"; return false;
+        case platform::Received::Failed: error_ = std::string("receive failed: ") + std::strerror(errno); return false;
     }
-    return true;
+    return false;
 }
 
 int JobClient::readAnswer() {

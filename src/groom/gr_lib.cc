@@ -24,6 +24,7 @@
 #include "platform/fd.h"
 #include "platform/safe_path.h"
 #include "platform/signals.h"
+#include "platform/whole_io.h"
 #include "wire/bytes.h"
 
 namespace tavik::groom {
@@ -106,21 +107,8 @@ void closeWorkFile(GroomState& s) {
     s.workFd = -1;
 }
 
-bool writeAll(int fd, const char* data, size_t len) {
-    while (len > 0) {
-        ssize_t n = write(fd, data, len);
-        if (n < 0) {
-            if (errno == EINTR) {
-                platform::dispatchPendingSignals();
-                continue;
-            }
-            return false;
-        }
-        data += n;
-        len -= size_t(n);
-    }
-    return true;
-}
+// A job's write: signals recorded meanwhile are acted on.
+bool writeAll(int fd, const char* data, size_t len) { return platform::writeAll(fd, data, len, true); }
 
 // The pid of the running "sort", for RemoveGroomingTempFiles.
 pid_t sortPid = -1;

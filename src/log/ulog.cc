@@ -10,25 +10,13 @@
 #include "daemon/state.h"
 #include "platform/fd.h"
 #include "platform/plain_file.h"
+#include "platform/whole_io.h"
 
 namespace tavik {
 namespace {
 
 constexpr const char* kPrefix = "(ulog) ";
 
-// Writes all of `len` bytes, retrying after interruptions.
-bool writeAll(int fd, const char* data, size_t len) {
-    while (len > 0) {
-        ssize_t n = ::write(fd, data, len);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        data += n;
-        len -= size_t(n);
-    }
-    return true;
-}
 
 int rotate() {
     const Paths& p = paths();
@@ -92,7 +80,7 @@ int writeLine(const char* message) {
         fflush(stdout);
         return 0;
     }
-    if (!writeAll(fd.get(), line, size_t(len))) {
+    if (!platform::writeAll(fd.get(), line, size_t(len))) {
         printf(MSG_FAILED_WRITING, kPrefix, p.logPath.c_str(), errText());
         printf("\n%s", line);
         fflush(stdout);
@@ -161,7 +149,7 @@ int copyFile(const char* source, const char* destination, int openFlags, mode_t 
             if (errno == EINTR) continue;
             return -3;
         }
-        if (!writeAll(out.get(), buffer, size_t(n))) return -4;
+        if (!platform::writeAll(out.get(), buffer, size_t(n))) return -4;
         if (size_t(n) < sizeof buffer) break;
     }
     return 0;
