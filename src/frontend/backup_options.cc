@@ -14,6 +14,49 @@ bool parseUnsigned(const std::string& text, unsigned long high, unsigned long& o
     return out <= high;
 }
 
+// Options that set a bit of the options record.
+struct FlagOption {
+    const char* name;
+    bool backupOnly;
+    uint8_t flag;
+};
+constexpr FlagOption kFlagOptions[] = {
+    {"--no-atime-reset", false, option_flag::kNoAtimeReset},
+    {"--one-file-system", false, option_flag::kOneFileSystem},
+    {"--nfs", false, option_flag::kTraverseNfs},
+    {"--watchdog", true, option_flag::kWatchDog},
+    {"--renew", true, option_flag::kRenew},
+    {"--buffer-from-agent", true, option_flag::kBufferFromAgent},
+};
+
+// Options that take a number in [low, high].
+struct NumberOption {
+    const char* name;
+    bool backupOnly;
+    unsigned long low, high;
+    const char* needs;  // the error's text after the option's name
+    void (*set)(BackupJobSpec& job, unsigned long n);
+};
+constexpr NumberOption kNumberOptions[] = {
+    {"--timeout", false, 1, 86400, "needs seconds (1..86400)",
+     [](BackupJobSpec& j, unsigned long n) { j.timeoutMs = int(n) * 1000; }},
+    {"--lock-retries", false, 0, 65535, "needs a number (0..65535)",
+     [](BackupJobSpec& j, unsigned long n) { j.retryCount = uint16_t(n); }},
+    {"--lock-interval", false, 0, 65535, "needs a number (0..65535)",
+     [](BackupJobSpec& j, unsigned long n) { j.retryInterval = uint16_t(n); }},
+    {"--ack", true, 0, 65535, "needs a number (0..65535)",
+     [](BackupJobSpec& j, unsigned long n) { j.ackInterval = uint16_t(n); }},
+    {"--hold-after-end", true, 0, 60000, "needs milliseconds (0..60000)",
+     [](BackupJobSpec& j, unsigned long n) { j.holdAfterEndMs = int(n); }},
+};
+
+template <typename Option, size_t N>
+const Option* findOption(const Option (&table)[N], const std::string& name, bool forBackup) {
+    for (const Option& o : table)
+        if (name == o.name && (forBackup || !o.backupOnly)) return &o;
+    return nullptr;
+}
+
 }  // namespace
 
 const char kBackupUsage[] =
@@ -91,8 +134,15 @@ bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, Backu
         };
         std::string v;
         unsigned long n = 0;
-        auto flag = [&](uint8_t f) { job.optionFlags |= f; };
-        if (a == "--include-file" || a == "--exclude-file" || a == "--include-dir" || a == "--exclude-dir") {
+        if (const FlagOption* f = findOption(kFlagOptions, a, forBackup)) {
+            job.optionFlags |= f->flag;
+        } else if (const NumberOption* o = findOption(kNumberOptions, a, forBackup)) {
+            if (!value(v) || !parseUnsigned(v, o->high, n) || n < o->low) {
+                if (error.empty()) error = a + " " + o->needs;
+                return false;
+            }
+            o->set(job, n);
+        } else if (a == "--include-file" || a == "--exclude-file" || a == "--include-dir" || a == "--exclude-dir") {
             if (!value(v)) return false;
             int slot = (a == "--exclude-file") + 2 * (a == "--include-dir") + 3 * (a == "--exclude-dir");
             patterns[slot].push_back(v);
@@ -140,48 +190,12 @@ bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, Backu
                 return false;
             }
             job.topNames.push_back(v);
-        } else if (a == "--no-atime-reset") {
-            flag(option_flag::kNoAtimeReset);
-        } else if (a == "--one-file-system") {
-            flag(option_flag::kOneFileSystem);
-        } else if (a == "--nfs") {
-            flag(option_flag::kTraverseNfs);
         } else if (a == "--follow-links") {
             job.follow = 1;
-        } else if (a == "--timeout") {
-            if (!value(v) || !parseUnsigned(v, 86400, n) || n == 0) {
-                if (error.empty()) error = "--timeout needs seconds (1..86400)";
-                return false;
-            }
-            job.timeoutMs = int(n) * 1000;
-        } else if (a == "--lock-retries" || a == "--lock-interval") {
-            if (!value(v) || !parseUnsigned(v, 65535, n)) {
-                if (error.empty()) error = a + " needs a number (0..65535)";
-                return false;
-            }
-            (a == "--lock-retries" ? job.retryCount : job.retryInterval) = uint16_t(n);
         } else if (forBackup && (a == "-o" || a == "--output")) {
             if (!value(out.output)) return false;
-        } else if (forBackup && a == "--ack") {
-            if (!value(v) || !parseUnsigned(v, 65535, n)) {
-                if (error.empty()) error = "--ack needs a number (0..65535)";
-                return false;
-            }
-            job.ackInterval = uint16_t(n);
-        } else if (forBackup && a == "--hold-after-end") {
-            if (!value(v) || !parseUnsigned(v, 60000, n)) {
-                if (error.empty()) error = "--hold-after-end needs milliseconds (0..60000)";
-                return false;
-            }
-            job.holdAfterEndMs = int(n);
         } else if (forBackup && takeGroomOption(args, i, job.groom, error)) {
             if (!error.empty()) return false;
-        } else if (forBackup && a == "--watchdog") {
-            flag(option_flag::kWatchDog);
-        } else if (forBackup && a == "--renew") {
-            flag(option_flag::kRenew);
-        } else if (forBackup && a == "--buffer-from-agent") {
-            flag(option_flag::kBufferFromAgent);
         } else if (forBackup && a == "--restart") {
             uint32_t offset = 0;
             std::string path;
