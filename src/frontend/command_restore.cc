@@ -45,18 +45,14 @@ bool verifyArchive(const std::string& path, std::string& error) {
     return true;
 }
 
-}  // namespace
-
-int commandRestore(int argc, char* argv[]) {
-    bool json = takeJsonFlag(argc, argv);
-    std::vector<std::string> args(argv, argv + argc);
-    RestoreJobSpec job;
+// The command line: the job, the archive and the paths to restore; 0, or
+// the exit status of a usage error (written).
+int parseRestoreArguments(std::vector<std::string> args, RestoreJobSpec& job, std::vector<std::string>& positional) {
     std::string error;
     if (!parseLoginOptions(args, job.login, error)) {
         fprintf(stderr, "tavikctl restore: %s\n%s", error.c_str(), kUsage);
         return 2;
     }
-    std::vector<std::string> positional;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         if (a == "--conflict" || a == "--timeout") {
@@ -90,8 +86,63 @@ int commandRestore(int argc, char* argv[]) {
         return 2;
     }
     job.port = job.login.port;
+    return 0;
+}
+
+// What came back and what did not, as one JSON object or as lines on the
+// standard error; `errors` are why the job broke off.
+void reportRestore(bool json, const std::string& archive, const std::string& source, const RestoreJobSpec& job,
+                   const RestoreStats& s, const std::vector<std::string>& unmet,
+                   const std::vector<std::string>& errors, int status) {
+    if (json) {
+        Json failures = Json::array(), missing = Json::array();
+        for (const RestoreFailure& f : s.failures)
+            failures.push_back(Json{{"path", joinSourcePath(job.destination, f.path)}, {"reason", f.words}});
+        for (const std::string& p : unmet) missing.push_back(joinSourcePath(source, p));
+        Json summary{{"archive", archive},
+                     {"host", job.host},
+                     {"destination", job.destination},
+                     {"ok", status == 0},
+                     {"files", s.files},
+                     {"restored", s.restored},
+                     {"skipped", s.skipped},
+                     {"failed", s.failureCount},
+                     {"directories", s.directories},
+                     {"data_bytes", s.dataBytes},
+                     {"seconds", s.seconds},
+                     {"failures", std::move(failures)},
+                     {"not_in_archive", std::move(missing)}};
+        if (!errors.empty()) summary["error"] = errors.front();
+        printJson(stdout, summary);
+        return;
+    }
+    for (const RestoreFailure& f : s.failures)
+        fprintf(stderr, "not restored: %s: %s\n", joinSourcePath(job.destination, f.path).c_str(), f.words.c_str());
+    if (s.failureCount > s.failures.size())
+        fprintf(stderr, "... and %llu more files not restored\n",
+                static_cast<unsigned long long>(s.failureCount - s.failures.size()));
+    for (const std::string& p : unmet) fprintf(stderr, "not in the archive: %s\n", joinSourcePath(source, p).c_str());
+
+    fprintf(stderr,
+            "tavikctl restore: %llu files (%llu restored, %llu skipped, %llu failed), %llu directories, "
+            "%llu bytes of data in %.2f s (%.1f MB/s)\n",
+            static_cast<unsigned long long>(s.files), static_cast<unsigned long long>(s.restored),
+            static_cast<unsigned long long>(s.skipped), static_cast<unsigned long long>(s.failureCount),
+            static_cast<unsigned long long>(s.directories), static_cast<unsigned long long>(s.dataBytes), s.seconds,
+            s.seconds > 0 ? double(s.dataBytes) / 1e6 / s.seconds : 0.0);
+    for (const std::string& e : errors) fprintf(stderr, "tavikctl restore: %s\n", e.c_str());
+}
+
+}  // namespace
+
+int commandRestore(int argc, char* argv[]) {
+    bool json = takeJsonFlag(argc, argv);
+    RestoreJobSpec job;
+    std::vector<std::string> positional;
+    if (int usage = parseRestoreArguments(std::vector<std::string>(argv, argv + argc), job, positional)) return usage;
     const std::string& archive = positional[0];
 
+    std::string error;
     if (!verifyArchive(archive, error)) {
         fprintf(stderr, "tavikctl restore: %s is damaged, nothing was restored: %s\n", archive.c_str(), error.c_str());
         return 1;
@@ -152,44 +203,7 @@ int commandRestore(int argc, char* argv[]) {
     if (!replayed) errors.push_back("restore broke off: " + replayError);
     if (!ended && replayed) errors.push_back("restore failed: " + sender.error());
     int status = replayed && ended && s.failureCount == 0 && unmet.empty() ? 0 : 1;
-    if (json) {
-        Json failures = Json::array(), missing = Json::array();
-        for (const RestoreFailure& f : s.failures)
-            failures.push_back(Json{{"path", joinSourcePath(job.destination, f.path)}, {"reason", f.words}});
-        for (const std::string& p : unmet) missing.push_back(joinSourcePath(reader.header().source, p));
-        Json summary{{"archive", archive},
-                     {"host", job.host},
-                     {"destination", job.destination},
-                     {"ok", status == 0},
-                     {"files", s.files},
-                     {"restored", s.restored},
-                     {"skipped", s.skipped},
-                     {"failed", s.failureCount},
-                     {"directories", s.directories},
-                     {"data_bytes", s.dataBytes},
-                     {"seconds", s.seconds},
-                     {"failures", std::move(failures)},
-                     {"not_in_archive", std::move(missing)}};
-        if (!errors.empty()) summary["error"] = errors.front();
-        printJson(stdout, summary);
-        return status;
-    }
-    for (const RestoreFailure& f : s.failures)
-        fprintf(stderr, "not restored: %s: %s\n", joinSourcePath(job.destination, f.path).c_str(), f.words.c_str());
-    if (s.failureCount > s.failures.size())
-        fprintf(stderr, "... and %llu more files not restored\n",
-                static_cast<unsigned long long>(s.failureCount - s.failures.size()));
-    for (const std::string& p : unmet)
-        fprintf(stderr, "not in the archive: %s\n", joinSourcePath(reader.header().source, p).c_str());
-
-    fprintf(stderr,
-            "tavikctl restore: %llu files (%llu restored, %llu skipped, %llu failed), %llu directories, "
-            "%llu bytes of data in %.2f s (%.1f MB/s)\n",
-            static_cast<unsigned long long>(s.files), static_cast<unsigned long long>(s.restored),
-            static_cast<unsigned long long>(s.skipped), static_cast<unsigned long long>(s.failureCount),
-            static_cast<unsigned long long>(s.directories), static_cast<unsigned long long>(s.dataBytes), s.seconds,
-            s.seconds > 0 ? double(s.dataBytes) / 1e6 / s.seconds : 0.0);
-    for (const std::string& e : errors) fprintf(stderr, "tavikctl restore: %s\n", e.c_str());
+    reportRestore(json, archive, reader.header().source, job, s, unmet, errors, status);
     return status;
 }
 
