@@ -30,6 +30,65 @@ std::string joinSourcePath(const std::string& source, const std::string& relativ
     return relative.empty() ? base : base + relative;
 }
 
+namespace {
+
+// The run's summary as one JSON object, completing `summary` (host,
+// source, archive).
+Json jsonSummary(Json summary, const BackupJobSpec& job, const ReceiveStats& s, const std::vector<std::string>& errors) {
+    Json problems = Json::array();
+    for (const EntryProblem& p : s.problems)
+        problems.push_back(Json{{"status", statusName(p.code)},
+                                {"path", joinSourcePath(job.source, p.path)},
+                                {"reason", statusWords(p.code)}});
+    summary["ok"] = errors.empty();
+    summary["complete"] = s.complete;
+    summary["entries"] = s.entries;
+    summary["data_bytes"] = s.dataBytes;
+    summary["bytes"] = s.bytes;
+    summary["packets"] = s.packets;
+    summary["seconds"] = s.seconds;
+    summary["renewals"] = s.renewals;
+    summary["acknowledgements"] = s.acks;
+    summary["problem_count"] = s.problemCount;
+    summary["problems"] = std::move(problems);
+    if (s.groomed) {
+        summary["groomed_files"] = s.groomCount;
+        summary["groom_report"] = s.groomReport;
+    }
+    if (!errors.empty()) {
+        std::string all = errors.front();
+        for (size_t i = 1; i < errors.size(); ++i) all += "; " + errors[i];
+        summary["error"] = all;
+    }
+    return summary;
+}
+
+// The run's summary as lines on the standard error (the archive may be the
+// standard output).
+void reportBackup(const BackupJobSpec& job, const ReceiveStats& s, const std::vector<std::string>& errors) {
+    double t = s.seconds;
+    for (const EntryProblem& p : s.problems)
+        fprintf(stderr, "%-8s %s: %s\n", statusName(p.code), joinSourcePath(job.source, p.path).c_str(),
+                statusWords(p.code));
+    if (s.problemCount > s.problems.size())
+        fprintf(stderr, "... and %llu more problems\n",
+                static_cast<unsigned long long>(s.problemCount - s.problems.size()));
+    fprintf(stderr, "tavikctl backup: %llu entries, %llu bytes of data, %llu bytes in %.2f s (%.1f MB/s)",
+            static_cast<unsigned long long>(s.entries), static_cast<unsigned long long>(s.dataBytes),
+            static_cast<unsigned long long>(s.bytes), t, t > 0 ? double(s.bytes) / 1e6 / t : 0.0);
+    if (s.renewals) fprintf(stderr, ", %u connection renewals", s.renewals);
+    if (s.acks) fprintf(stderr, ", %u acknowledgements", s.acks);
+    fprintf(stderr, "\n");
+    if (s.groomed) {
+        fprintf(stderr, "grooming: %s files\n", s.groomCount.c_str());
+        fputs(s.groomReport.c_str(), stderr);
+        if (!s.groomReport.empty() && s.groomReport.back() != '\n') fputc('\n', stderr);
+    }
+    for (const std::string& e : errors) fprintf(stderr, "tavikctl backup: %s\n", e.c_str());
+}
+
+}  // namespace
+
 int commandBackup(int argc, char* argv[]) {
     bool json = takeJsonFlag(argc, argv);
     BackupCommandLine line;
@@ -88,7 +147,6 @@ int commandBackup(int argc, char* argv[]) {
     bool received = connection && receiver.run(std::move(connection));
     const ReceiveStats& s = receiver.stats();
     bool written = writer.finish(s.packets, s.complete);
-    double t = s.seconds;
     if (tty) fprintf(stderr, "\r%60s\r", "");
 
     std::vector<std::string> errors;
@@ -96,53 +154,10 @@ int commandBackup(int argc, char* argv[]) {
     if (!s.structureError.empty()) errors.push_back("the stream is malformed: " + s.structureError);
     if (!written) errors.push_back(writer.error());
     if (json) {
-        Json problems = Json::array();
-        for (const EntryProblem& p : s.problems)
-            problems.push_back(Json{{"status", statusName(p.code)},
-                                    {"path", joinSourcePath(job.source, p.path)},
-                                    {"reason", statusWords(p.code)}});
-        summary["ok"] = errors.empty();
-        summary["complete"] = s.complete;
-        summary["entries"] = s.entries;
-        summary["data_bytes"] = s.dataBytes;
-        summary["bytes"] = s.bytes;
-        summary["packets"] = s.packets;
-        summary["seconds"] = t;
-        summary["renewals"] = s.renewals;
-        summary["acknowledgements"] = s.acks;
-        summary["problem_count"] = s.problemCount;
-        summary["problems"] = std::move(problems);
-        if (s.groomed) {
-            summary["groomed_files"] = s.groomCount;
-            summary["groom_report"] = s.groomReport;
-        }
-        if (!errors.empty()) {
-            std::string all = errors.front();
-            for (size_t i = 1; i < errors.size(); ++i) all += "; " + errors[i];
-            summary["error"] = all;
-        }
-        printJson(jsonOut, summary);
-        return errors.empty() ? 0 : 1;
+        printJson(jsonOut, jsonSummary(std::move(summary), job, s, errors));
+    } else {
+        reportBackup(job, s, errors);
     }
-    for (const EntryProblem& p : s.problems)
-        fprintf(stderr, "%-8s %s: %s\n", statusName(p.code), joinSourcePath(job.source, p.path).c_str(),
-                statusWords(p.code));
-    if (s.problemCount > s.problems.size())
-        fprintf(stderr, "... and %llu more problems\n",
-                static_cast<unsigned long long>(s.problemCount - s.problems.size()));
-    fprintf(stderr, "tavikctl backup: %llu entries, %llu bytes of data, %llu bytes in %.2f s (%.1f MB/s)",
-            static_cast<unsigned long long>(s.entries), static_cast<unsigned long long>(s.dataBytes),
-            static_cast<unsigned long long>(s.bytes), t, t > 0 ? double(s.bytes) / 1e6 / t : 0.0);
-    if (s.renewals) fprintf(stderr, ", %u connection renewals", s.renewals);
-    if (s.acks) fprintf(stderr, ", %u acknowledgements", s.acks);
-    fprintf(stderr, "\n");
-    if (s.groomed) {
-        // Standard error, like every report of backup: the archive may be standard output.
-        fprintf(stderr, "grooming: %s files\n", s.groomCount.c_str());
-        fputs(s.groomReport.c_str(), stderr);
-        if (!s.groomReport.empty() && s.groomReport.back() != '\n') fputc('\n', stderr);
-    }
-    for (const std::string& e : errors) fprintf(stderr, "tavikctl backup: %s\n", e.c_str());
     return errors.empty() ? 0 : 1;
 }
 
