@@ -75,19 +75,16 @@ std::vector<uint8_t> buildRequestPacket(const RequestFields& fields) {
     return packet;
 }
 
-JobClient::~JobClient() { close(); }
-
 void JobClient::close() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
+    fd_.reset();
 }
 
 bool JobClient::connect(const std::string& host, uint16_t port) {
     close();
     auto addr = resolveIpv4(host, port, error_);
     if (!addr) return false;
-    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (fd_ < 0 || ::connect(fd_, reinterpret_cast<const sockaddr*>(&*addr), sizeof *addr) != 0) {
+    fd_.reset(::socket(AF_INET, SOCK_STREAM, 0));
+    if (!fd_ || ::connect(fd_.get(), reinterpret_cast<const sockaddr*>(&*addr), sizeof *addr) != 0) {
         error_ = std::string("cannot connect: ") + std::strerror(errno);
         close();
         return false;
@@ -96,18 +93,18 @@ bool JobClient::connect(const std::string& host, uint16_t port) {
     // the last: without this the last write waits for the agent's delayed
     // acknowledgement of the one before (about 40 ms per exchange).
     int one = 1;
-    ::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    ::setsockopt(fd_.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     return true;
 }
 
 bool JobClient::sendRaw(std::span<const uint8_t> bytes) {
-    if (platform::sendAll(fd_, bytes.data(), bytes.size())) return true;
+    if (platform::sendAll(fd_.get(), bytes.data(), bytes.size())) return true;
     error_ = std::string("send failed: ") + std::strerror(errno);
     return false;
 }
 
 bool JobClient::recvRaw(std::span<uint8_t> bytes) {
-    switch (platform::recvAll(fd_, bytes.data(), bytes.size(), timeoutMs_)) {
+    switch (platform::recvAll(fd_.get(), bytes.data(), bytes.size(), timeoutMs_)) {
         case platform::Received::Data: return true;
         case platform::Received::Closed: error_ = "the agent closed the connection"; return false;
         case platform::Received::TimedOut: error_ = "no answer from the agent"; return false;

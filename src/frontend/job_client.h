@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/fd.h"
+
 namespace tavik::frontend {
 
 inline constexpr int kNoAnswer = -1000;
@@ -51,13 +53,12 @@ class JobClient {
 public:
     JobClient() = default;
     explicit JobClient(int fd) : fd_(fd) {}
-    ~JobClient();
     JobClient(const JobClient&) = delete;
     JobClient& operator=(const JobClient&) = delete;
 
     // Connects over TCP; false with lastError() set on failure.
     bool connect(const std::string& host, uint16_t port);
-    int fd() const { return fd_; }
+    int fd() const { return fd_.get(); }
     void setTimeoutMs(int ms) { timeoutMs_ = ms; }
     const std::string& lastError() const { return error_; }
     void close();
@@ -84,7 +85,7 @@ public:
     bool start(uint16_t ackInterval);
 
 private:
-    int fd_ = -1;
+    platform::UniqueFd fd_;
     int timeoutMs_ = 10000;
     std::string error_;
     uint16_t lastValue_ = 0;
