@@ -34,7 +34,6 @@ named=(
   "tavik::backup::(anonymous namespace)::ipc()::state: the backup job's ring and IPC objects"
   "tavik::groom::detail::state()::s: the grooming job's state"
   "tavik::groom::groomingEnvironment()::e: the grooming job's files"
-  "tavik::transport::(anonymous namespace)::gQueueNotFull: the sender's look at the backup's ring"
   # The text's interfaces that return static buffers, and the catalogue.
   "tavik::formatLogDate(long)::buffer: the log line's date text"
   "tavik::nls::(anonymous namespace)::dateBuffer: DateText's result"

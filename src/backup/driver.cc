@@ -44,7 +44,7 @@ bool queueNotFull() { return queuedCount() < queueCapacity(); }
     platform::ignoreSignal(SIGPIPE);
     transport::transport().senderProcess = true;
     transport::transport().backupAsleep = false;
-    transport::setQueueNotFullTest(queueNotFull);
+    transport::transport().queueNotFull = queueNotFull;
     disownIPC();
     transport::PacketSource source;
     source.waitForPacket = waitForPacket;

@@ -27,7 +27,6 @@ volatile sig_atomic_t gSpanTapeFailed = 0;  // the 72-hour alarm fired
 void spanTapeAlarm(int) { gSendStalled = 1; }
 void spanTapeExpired(int) { gSpanTapeFailed = 1; }
 
-QueueNotFullTest gQueueNotFull = nullptr;
 
 void sleepMicros(long long micros) {
     if (micros < 0) micros = 0;
@@ -130,7 +129,6 @@ int signalBackupProcess(bool wake) {
     return 0;
 }
 
-void setQueueNotFullTest(QueueNotFullTest test) { gQueueNotFull = test; }
 
 int blockSend(int fd, const uint8_t* buffer, size_t length) {
     constexpr const char* kPrefix = "(blockSend) ";
@@ -211,8 +209,9 @@ int nonblockSend(int fd, const uint8_t* buffer, size_t length) {
                 ulog(MSG_SPAN_TAPE_FAILED, kPrefix);
                 return kFailed;
             }
-            if (busyCount == 1001 && transport().senderProcess) {
-                if (gQueueNotFull && gQueueNotFull()) scaledSleep(2);
+            const TransportState& t = transport();
+            if (busyCount == 1001 && t.senderProcess) {
+                if (t.queueNotFull && t.queueNotFull()) scaledSleep(2);
                 if (signalBackupProcess(false) != 0) return kFailed;
             }
             continue;

@@ -44,6 +44,10 @@ struct TransportState {
     // packets since the last renewal.
     uint32_t accSZ = 0;
     uint32_t accNF = 0;
+    // The sender's look at the backup's packet queue, for the fill test of
+    // nonblockSend: true when the queue holds fewer packets than its
+    // capacity. Unset outside a backup's sender.
+    bool (*queueNotFull)() = nullptr;
 };
 TransportState& transport();
 
@@ -115,10 +119,6 @@ int ackIfDue(int fd, uint16_t ackInterval);
 
 int signalBackupProcess(bool wake);
 
-// The sender's hook for the queue fill test of nonblockSend: true when the
-// packet queue holds fewer packets than its capacity. Unset outside a backup.
-using QueueNotFullTest = bool (*)();
-void setQueueNotFullTest(QueueNotFullTest test);
 
 inline constexpr unsigned kUsbSendAlarm = 601;
 inline constexpr unsigned kUsbRecvAlarm = 1801;
