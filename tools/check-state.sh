@@ -22,7 +22,6 @@ named=(
   "tavik::backup::(anonymous namespace)::gBuilding: a packet is being built (read by the SIGALRM action)"
   "tavik::backup::gBackupAsleep: the backup process sleeps for a tape change (read by its handler)"
   "tavik::(anonymous namespace)::gChildPid: the child that SIGCHLD's action waits for"
-  "tavik::groom::(anonymous namespace)::sortPid: the sort child that the grooming's cleanup ends"
   # The daemon's state: settings (read-only after start-up), paths and the listener.
   "tavik::(anonymous namespace)::gSettings: the agent's settings"
   "tavik::(anonymous namespace)::gPaths: the home directory's files"

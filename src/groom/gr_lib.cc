@@ -110,9 +110,6 @@ void closeWorkFile(GroomState& s) {
 // A job's write: signals recorded meanwhile are acted on.
 bool writeAll(int fd, const char* data, size_t len) { return platform::writeAll(fd, data, len, true); }
 
-// The pid of the running "sort", for RemoveGroomingTempFiles.
-pid_t sortPid = -1;
-
 // Runs "sort -n -r -o <sorted> <candidates>": the candidates by descending
 // sequence number. The command's result is not looked at; a missing sorted
 // list shows when it is read. The child is started without a shell (the
@@ -128,13 +125,13 @@ void runSort(const std::string& sorted, const std::string& candidates) {
         execlp("sort", "sort", "-n", "-r", "-o", sorted.c_str(), candidates.c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
-    sortPid = pid;
+    state().sortPid = pid;
     int status;
     while (waitpid(pid, &status, 0) < 0) {
         if (errno != EINTR) break;
         platform::dispatchPendingSignals();
     }
-    sortPid = -1;
+    state().sortPid = -1;
     sigset_t only;
     sigemptyset(&only);
     sigaddset(&only, SIGCHLD);
@@ -574,11 +571,11 @@ void RemoveGroomingTempFiles() {
         s.startTime = 0;
         return;
     }
-    if (sortPid > 0) {
-        kill(sortPid, SIGTERM);
-        while (waitpid(sortPid, nullptr, 0) < 0 && errno == EINTR) {
+    if (s.sortPid > 0) {
+        kill(s.sortPid, SIGTERM);
+        while (waitpid(s.sortPid, nullptr, 0) < 0 && errno == EINTR) {
         }
-        sortPid = -1;
+        s.sortPid = -1;
     }
     closeCandidates(s);
     closeIdentities(s);

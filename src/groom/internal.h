@@ -45,6 +45,7 @@ struct GroomState {
     bool lastDirectoryKnown = false;
     platform::FileIdentity lastDirectoryId;
     std::string sortedFile;         // set only while EndGrooming runs
+    pid_t sortPid = -1;             // the running "sort", for RemoveGroomingTempFiles
     int sequence = 1;
     time_t startTime = 0;
     time_t ageLimit = 0;
