@@ -21,11 +21,10 @@ named=(
   "tavik::backup::(anonymous namespace)::gWatchdogPending: SIGALRM came while a packet was being built"
   "tavik::backup::(anonymous namespace)::gBuilding: a packet is being built (read by the SIGALRM action)"
   "tavik::backup::gBackupAsleep: the backup process sleeps for a tape change (read by its handler)"
-  "tavik::(anonymous namespace)::gChildPid: the child that SIGCHLD's action waits for"
   # The daemon's state: settings (read-only after start-up), paths and the listener.
   "tavik::(anonymous namespace)::gSettings: the agent's settings"
   "tavik::(anonymous namespace)::gPaths: the home directory's files"
-  "tavik::(anonymous namespace)::gListener: the listening sockets and the caller"
+  "tavik::(anonymous namespace)::gListener: the listening sockets, the caller and the job's child"
   # One job per process: each job's state object, made per connection.
   "tavik::job()::context: the job's context"
   "tavik::transport::transport()::state: the job's I/O routines, deadline and counters"

@@ -16,7 +16,6 @@ namespace tavik {
 namespace {
 
 constexpr const char* kPrefix = "(cleanup) ";
-int gChildPid = -1;
 
 void closeIfOpen(int& fd) {
     if (fd >= 0) ::close(fd);
@@ -44,16 +43,17 @@ void closeIfOpen(int& fd) {
 
 }  // namespace
 
-void setCleanupChild(int pid) { gChildPid = pid; }
+void setCleanupChild(int pid) { listener().jobChild = pid; }
 
 void cleanupOnChildSignal(int) {
     int status;
-    pid_t pid = waitpid(gChildPid, &status, WNOHANG);
-    if (pid >= 0 && pid != gChildPid) return;  // not our child, or not yet: go on
-    if (pid == gChildPid)
-        ulog(MSG_CHILD_PROCESS_DIED, kPrefix, gChildPid);
+    const int child = listener().jobChild;
+    pid_t pid = waitpid(child, &status, WNOHANG);
+    if (pid >= 0 && pid != child) return;  // not our child, or not yet: go on
+    if (pid == child)
+        ulog(MSG_CHILD_PROCESS_DIED, kPrefix, child);
     else
-        ulog(MSG_FAILED_WAIT_PID, kPrefix, gChildPid, errText());
+        ulog(MSG_FAILED_WAIT_PID, kPrefix, child, errText());
     finish();
 }
 

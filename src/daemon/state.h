@@ -87,6 +87,7 @@ struct Listener {
     int udpSocket = -1;
     int listenSocket = -1;  // -1 in a job process: how cleanup tells them apart
     int jobSocket = -1;
+    int jobChild = -1;  // in a job process: the child its SIGCHLD action waits for
     char peerAddress[16] = {};
     bool peerKnown = false;
     std::string peerName;
