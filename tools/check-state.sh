@@ -18,8 +18,6 @@ named=(
   "tavik::transport::(anonymous namespace)::gSpanTapeFailed: SIGALRM flag of the tape-change wait"
   "tavik::backup::(anonymous namespace)::gSpanTapeSignals: signals of the tape-change sleep"
   "tavik::backup::(anonymous namespace)::gSpanTapeReported: the tape-change sleep's wake-up was logged"
-  "tavik::backup::(anonymous namespace)::gWatchdogPending: SIGALRM came while a packet was being built"
-  "tavik::backup::(anonymous namespace)::gBuilding: a packet is being built (read by the SIGALRM action)"
   "tavik::backup::gBackupAsleep: the backup process sleeps for a tape change (read by its handler)"
   # The daemon's state: settings (read-only after start-up), paths and the listener.
   "tavik::(anonymous namespace)::gSettings: the agent's settings"

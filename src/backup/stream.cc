@@ -32,19 +32,17 @@ namespace {
 namespace code = protocol::code;
 constexpr uint8_t kStatusVersion = 5;
 
-bool gBuilding = false;        // a packet is being built in the queue
-bool gWatchdogPending = false;  // the watchdog fired meanwhile
-
 // Marks a packet under construction; a WATCH_DOG that fell due meanwhile is
 // queued when it is done.
 struct Building {
-    bool outer;
-    Building() : outer(!gBuilding) { gBuilding = true; }
+    BackupState& b = backupState();
+    bool outer = !b.building;
+    Building() { b.building = true; }
     ~Building() {
         if (!outer) return;
-        gBuilding = false;
-        if (gWatchdogPending) {
-            gWatchdogPending = false;
+        b.building = false;
+        if (b.watchdogPending) {
+            b.watchdogPending = false;
             watchdogAction(SIGALRM);
         }
     }
@@ -196,9 +194,10 @@ int atPacketBoundary() {
 // The deferred SIGALRM action: queue the keep-alive now, or right after the
 // packet being built.
 void watchdogAction(int) {
-    if (!backupState().watchdog) return;
-    if (gBuilding) {
-        gWatchdogPending = true;
+    BackupState& b = backupState();
+    if (!b.watchdog) return;
+    if (b.building) {
+        b.watchdogPending = true;
         return;
     }
     queuePacket(code::kWatchDog, nullptr, 0, 0);
