@@ -22,6 +22,21 @@ namespace {
 
 constexpr size_t kRegistryLine = 256;
 
+// Where the line just read starts, and its length as read (a NUL inside it
+// does not shorten it).
+struct LineAt {
+    long offset = 0;
+    size_t length = 0;
+};
+
+// Reads the next line into `buf`: false at the end of the file.
+bool nextLine(FILE* f, char (&buf)[kRegistryLine], LineAt& at) {
+    at.offset = std::ftell(f);
+    if (!std::fgets(buf, sizeof buf, f)) return false;
+    at.length = size_t(std::ftell(f) - at.offset);
+    return true;
+}
+
 // Opens the registry and takes its write lock; a null stream after logging
 // means the caller returns `failure`.
 // The lock is waited for as the job's options say, unless `retries` names
@@ -80,15 +95,11 @@ int RegisterIPC(char type, int id) {
     std::string line = registryLine(type, ' ', id);
     char buf[kRegistryLine];
     bool placed = false;
-    for (;;) {
-        long offset = std::ftell(f);
-        if (!std::fgets(buf, sizeof buf, f)) break;
-        // The line's length as read (a NUL inside it does not shorten it).
-        size_t oldLength = size_t(std::ftell(f) - offset);
+    for (LineAt at; nextLine(f, buf, at);) {
         if (buf[0] == 'm' || buf[0] == 's' || buf[0] == 'q') continue;
-        bool whole = oldLength > 0 && oldLength < sizeof buf && buf[oldLength - 1] == '\n';
-        if (whole && line.size() <= oldLength) {
-            overwriteLine(f, offset, line, oldLength);
+        bool whole = at.length > 0 && at.length < sizeof buf && buf[at.length - 1] == '\n';
+        if (whole && line.size() <= at.length) {
+            overwriteLine(f, at.offset, line, at.length);
             placed = true;
             break;
         }
@@ -108,17 +119,14 @@ int ClearIPC(char type, int id) {
     if (!f) return failure;
     char buf[kRegistryLine];
     bool found = false;
-    for (;;) {
-        long offset = std::ftell(f);
-        if (!std::fgets(buf, sizeof buf, f)) break;
-        size_t oldLength = size_t(std::ftell(f) - offset);
+    for (LineAt at; nextLine(f, buf, at);) {
         if (buf[0] != type) continue;
         if (std::strtol(buf + 1, nullptr, 10) != id) continue;
         std::string cleared = registryLine('#', type, id);
         // A line of another shape that is shorter than its cleared form is
         // left alone rather than run into the next one.
-        if (cleared.size() > oldLength) continue;
-        overwriteLine(f, offset, cleared, oldLength);
+        if (cleared.size() > at.length) continue;
+        overwriteLine(f, at.offset, cleared, at.length);
         found = true;
         break;
     }
@@ -134,10 +142,7 @@ void ReclaimIPC() {
     FILE* f = openRegistry(kPrefix, 'm', -1, false, failure, kLockAttempts);
     if (!f) return;
     char buf[kRegistryLine];
-    for (;;) {
-        long offset = std::ftell(f);
-        if (!std::fgets(buf, sizeof buf, f)) break;
-        size_t oldLength = size_t(std::ftell(f) - offset);
+    for (LineAt at; nextLine(f, buf, at);) {
         char type = buf[0];
         if (type != 'm' && type != 's') continue;
         char* end = nullptr;
@@ -161,9 +166,9 @@ void ReclaimIPC() {
                      type == 'm' ? "shared memory" : "semaphore", int(id));
         }
         std::string cleared = registryLine('#', type, int(id));
-        if (cleared.size() > oldLength) continue;
-        overwriteLine(f, offset, cleared, oldLength);
-        std::fseek(f, offset + long(oldLength), SEEK_SET);
+        if (cleared.size() > at.length) continue;
+        overwriteLine(f, at.offset, cleared, at.length);
+        std::fseek(f, at.offset + long(at.length), SEEK_SET);
     }
     std::fclose(f);
 }
