@@ -14,11 +14,7 @@ named=(
   # Flags and actions that signal handlers set: the handlers only record.
   "tavik::platform::(anonymous namespace)::gActions: deferred signal actions (platform/signals)"
   "tavik::platform::(anonymous namespace)::gPending: signals recorded by the handler (platform/signals)"
-  "tavik::transport::(anonymous namespace)::gSendStalled: SIGALRM flag of a stalled send"
-  "tavik::transport::(anonymous namespace)::gSpanTapeFailed: SIGALRM flag of the tape-change wait"
-  "tavik::backup::(anonymous namespace)::gSpanTapeSignals: signals of the tape-change sleep"
-  "tavik::backup::(anonymous namespace)::gSpanTapeReported: the tape-change sleep's wake-up was logged"
-  "tavik::backup::gBackupAsleep: the backup process sleeps for a tape change (read by its handler)"
+  "tavik::platform::(anonymous namespace)::gCounts: signals counted by the handler (platform/signals)"
   # The daemon's state: settings (read-only after start-up), paths and the listener.
   "tavik::(anonymous namespace)::gSettings: the agent's settings"
   "tavik::(anonymous namespace)::gPaths: the home directory's files"

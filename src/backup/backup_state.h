@@ -87,6 +87,8 @@ struct BackupState {
     // meanwhile: its WATCH_DOG is queued when the packet is done.
     bool building = false;
     bool watchdogPending = false;
+    // Tape-change signals from the sender already written to the log.
+    long spanTapeReported = 0;
     BackupHooks hooks;
 };
 

@@ -133,8 +133,8 @@ int startbackup(int jobSocket, const std::string& sourcePath) {
     b.oldSelection = decodeOldSelection(ctx.request);
 
     // In place before the fork: the sender may signal at once.
-    gBackupAsleep = 0;
-    platform::installHandler(SIGUSR1, spanTapeSignal);
+    b.spanTapeReported = 0;
+    listenForSpanTape();
     if (b.hooks.onChildSignal) platform::deferSignal(SIGCHLD, b.hooks.onChildSignal);
 
     pid_t self = ::getpid();

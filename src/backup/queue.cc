@@ -13,6 +13,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "backup/backup_state.h"
 #include "backup/ipc_registry.h"
 #include "backup/queue_size.h"
 #include "backup/span_tape.h"
@@ -245,7 +246,7 @@ int waitFreeSlot() {
     // sender to free one.
     if (q.held != 0 && field(kRingCountAt).load() + q.held >= q.capacity && countup(0) != 0) return -1;
     while (!notFull()) {
-        if (gBackupAsleep) {
+        if (spanTapeAsleep()) {
             // The server is changing tapes: no time-out. The sender's wake-up
             // signal interrupts the wait, and so does its release of a slot:
             // a wake-up that arrives just before the wait begins (or that
@@ -264,7 +265,7 @@ int waitFreeSlot() {
             }
         }
         platform::dispatchPendingSignals();
-        reportSpanTape();
+        reportSpanTape(backupState().spanTapeReported);
     }
     if (waited != 0) {
         unsigned scale = unsigned(s.sleepScale > 0 ? s.sleepScale : q.capacity * 9 / 10);

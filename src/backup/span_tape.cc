@@ -1,28 +1,28 @@
 #include "backup/span_tape.h"
 
+#include <csignal>
+
 #include "daemon/state.h"
 #include "log/ulog.h"
+#include "platform/signals.h"
 
 namespace tavik::backup {
 
-volatile sig_atomic_t gBackupAsleep = 0;
-namespace {
-volatile sig_atomic_t gSpanTapeSignals = 0;  // SIGUSR1 received
-sig_atomic_t gSpanTapeReported = 0;           // of which logged
-}  // namespace
-
-void spanTapeSignal(int) {
-    gBackupAsleep = !gBackupAsleep;
-    gSpanTapeSignals = gSpanTapeSignals + 1;
+void listenForSpanTape() {
+    platform::resetSignalCount(SIGUSR1);
+    platform::countSignal(SIGUSR1);
 }
 
-void reportSpanTape() {
-    while (gSpanTapeReported < gSpanTapeSignals) {
-        ++gSpanTapeReported;
+bool spanTapeAsleep() { return platform::signalCount(SIGUSR1) % 2 != 0; }
+
+void reportSpanTape(long& reported) {
+    const long received = platform::signalCount(SIGUSR1);
+    while (reported < received) {
+        ++reported;
         if (!settings().verbose) continue;
         // Odd signals put the process to sleep, even ones wake it.
-        ulogText(gSpanTapeReported % 2 ? "(span_tape_sleep) Received SIGUSR1 from child process"
-                                       : "(span_tape_wake) Received SIGUSR1 from child process");
+        ulogText(reported % 2 ? "(span_tape_sleep) Received SIGUSR1 from child process"
+                              : "(span_tape_wake) Received SIGUSR1 from child process");
     }
 }
 

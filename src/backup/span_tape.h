@@ -1,19 +1,18 @@
 // The backup process's side of a tape change: the sender (its child) sends
 // SIGUSR1 when the server stops reading and again when it reads again; the
-// backup process sleeps in between.
+// backup process sleeps in between. The handler only counts the signals
+// (platform/signals): odd counts mean asleep.
 #pragma once
-
-#include <csignal>
 
 namespace tavik::backup {
 
-// Set by the backup process's SIGUSR1 handlers while the server changes tapes.
-extern volatile sig_atomic_t gBackupAsleep;
-// The backup process's SIGUSR1 handler: each signal flips between running
-// and asleep (the alternating span_tape_sleep / span_tape_wake).
-void spanTapeSignal(int sig);
+// Starts counting SIGUSR1 from zero: awake. In place before the sender is
+// forked, since it may signal at once.
+void listenForSpanTape();
+// Whether the server is changing tapes: an odd number of SIGUSR1 so far.
+bool spanTapeAsleep();
 // Writes the verbose lines of the SIGUSR1 transitions seen since the last
-// call (handlers only count them).
-void reportSpanTape();
+// call (`reported` counts those already written).
+void reportSpanTape(long& reported);
 
 }  // namespace tavik::backup

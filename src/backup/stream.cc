@@ -187,7 +187,7 @@ int atPacketBoundary() {
     // Runs deferred signals: a WATCH_DOG that is due, the sender's death, a
     // SIGTERM.
     platform::dispatchPendingSignals();
-    reportSpanTape();
+    reportSpanTape(backupState().spanTapeReported);
     return 0;
 }
 

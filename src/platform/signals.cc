@@ -7,9 +7,14 @@ namespace {
 
 volatile sig_atomic_t gPending[NSIG];
 SignalHandler gActions[NSIG];
+volatile sig_atomic_t gCounts[NSIG];
 
 void recordSignal(int sig) {
     if (sig > 0 && sig < NSIG) gPending[sig] = 1;
+}
+
+void countDelivery(int sig) {
+    if (sig > 0 && sig < NSIG) gCounts[sig] = gCounts[sig] + 1;
 }
 
 bool install(int sig, void (*handler)(int), int flags) {
@@ -30,6 +35,17 @@ bool ignoreSignal(int sig) { return install(sig, SIG_IGN, 0); }
 bool defaultSignal(int sig) { return install(sig, SIG_DFL, 0); }
 
 void interruptOnly(int) {}
+
+bool countSignal(int sig, HandlerMode mode) {
+    if (sig <= 0 || sig >= NSIG) return false;
+    return installHandler(sig, countDelivery, mode);
+}
+
+long signalCount(int sig) { return sig > 0 && sig < NSIG ? long(gCounts[sig]) : 0; }
+
+void resetSignalCount(int sig) {
+    if (sig > 0 && sig < NSIG) gCounts[sig] = 0;
+}
 
 bool deferSignal(int sig, SignalHandler action) {
     if (sig <= 0 || sig >= NSIG) return false;

@@ -30,6 +30,14 @@ bool defaultSignal(int sig);
 // A handler that does nothing but interrupt the call in progress (alarms).
 void interruptOnly(int sig);
 
+// Counted signals: the handler only adds one to the signal's count, and the
+// code that waits compares counts in normal context (a stalled send's alarm,
+// the tape-change signals between the sender and the backup process).
+bool countSignal(int sig, HandlerMode mode = HandlerMode::Persistent);
+// Deliveries of `sig` since its count was last reset.
+long signalCount(int sig);
+void resetSignalCount(int sig);
+
 // Records `sig` when it arrives; `action` runs from dispatchPendingSignals().
 bool deferSignal(int sig, SignalHandler action);
 bool signalPending(int sig);

@@ -19,14 +19,6 @@
 namespace tavik::transport {
 namespace {
 
-// Flags set by the SIGALRM handlers of this module; the routines act on them
-// in normal context.
-volatile sig_atomic_t gSendStalled = 0;    // 180 s without progress
-volatile sig_atomic_t gSpanTapeFailed = 0;  // the 72-hour alarm fired
-
-void spanTapeAlarm(int) { gSendStalled = 1; }
-void spanTapeExpired(int) { gSpanTapeFailed = 1; }
-
 
 void sleepMicros(long long micros) {
     if (micros < 0) micros = 0;
@@ -151,31 +143,33 @@ int blockSend(int fd, const uint8_t* buffer, size_t length) {
     buffer += taken;
     length -= taken;
     platform::SavedDisposition saved(SIGALRM);
-    gSendStalled = 0;
-    gSpanTapeFailed = 0;
-    platform::installHandler(SIGALRM, spanTapeAlarm);
+    // SIGALRM is counted: the first alarm after progress means 180 s without
+    // any (the server stopped reading for a tape change), the next one that
+    // the 72 hours allowed for the change ran out.
+    platform::resetSignalCount(SIGALRM);
+    platform::countSignal(SIGALRM);
     armAlarm(kSendStallSeconds);
+    long alarms = 0;
+    bool changingTapes = false;
     int result = 0;
     size_t sent = 0;
     while (sent < length) {
         ssize_t n = ::send(fd, buffer + sent, length - sent, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) {
             platform::dispatchPendingSignals();
-            if (gSpanTapeFailed) {
+            if (platform::signalCount(SIGALRM) == alarms) continue;
+            alarms = platform::signalCount(SIGALRM);
+            if (changingTapes) {
                 ulog(MSG_SPAN_TAPE_FAILED, kPrefix);
                 result = kFailed;
                 break;
             }
-            if (gSendStalled) {
-                // The server stopped reading (a tape change): put the backup
-                // process to sleep, then allow 72 hours for progress. Only the
-                // backup's sender has a backup process as its parent.
-                gSendStalled = 0;
-                platform::ignoreSignal(SIGALRM);
-                if (transport().senderProcess && !transport().backupAsleep) signalBackupProcess(false);
-                platform::installHandler(SIGALRM, spanTapeExpired, platform::HandlerMode::OneShot);
-                armAlarm(kSpanTapeSeconds);
-            }
+            // The server stopped reading (a tape change): put the backup
+            // process to sleep, then allow 72 hours for progress. Only the
+            // backup's sender has a backup process as its parent.
+            changingTapes = true;
+            if (transport().senderProcess && !transport().backupAsleep) signalBackupProcess(false);
+            armAlarm(kSpanTapeSeconds);
             continue;
         }
         if (n < 0) {
@@ -187,8 +181,9 @@ int blockSend(int fd, const uint8_t* buffer, size_t length) {
             result = kFailed;
             break;
         }
-        platform::installHandler(SIGALRM, spanTapeAlarm);
+        changingTapes = false;
         armAlarm(kSendStallSeconds);
+        alarms = platform::signalCount(SIGALRM);  // an alarm of the old period is spent
         sent += static_cast<size_t>(n);
     }
     armAlarm(0);
