@@ -15,10 +15,8 @@ named=(
   "tavik::platform::(anonymous namespace)::gActions: deferred signal actions (platform/signals)"
   "tavik::platform::(anonymous namespace)::gPending: signals recorded by the handler (platform/signals)"
   "tavik::platform::(anonymous namespace)::gCounts: signals counted by the handler (platform/signals)"
-  # The daemon's state: settings (read-only after start-up), paths and the listener.
-  "tavik::(anonymous namespace)::gSettings: the agent's settings"
-  "tavik::(anonymous namespace)::gPaths: the home directory's files"
-  "tavik::(anonymous namespace)::gListener: the listening sockets, the caller and the job's child"
+  # The daemon's one state object: settings (read-only after start-up), paths, listener.
+  "tavik::(anonymous namespace)::gDaemon: the daemon's state: settings, home files, listener"
   # One job per process: each job's state object, made per connection.
   "tavik::job()::context: the job's context"
   "tavik::transport::transport()::state: the job's I/O routines, deadline and counters"
@@ -27,7 +25,6 @@ named=(
   "tavik::groom::detail::state()::s: the grooming job's state"
   "tavik::groom::groomingEnvironment()::e: the grooming job's files"
   # The text's interfaces that return static buffers, and the catalogue.
-  "tavik::formatLogDate(long)::buffer: the log line's date text"
   "tavik::nls::(anonymous namespace)::dateBuffer: DateText's result"
   "tavik::nls::(anonymous namespace)::timeBuffer: TimeText's result"
   "tavik::nls::(anonymous namespace)::catalogue()::c: the open message catalogue"

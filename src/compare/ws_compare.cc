@@ -215,9 +215,8 @@ uint8_t CompareSession::compareAttributes(const char* prefix, const char* shown,
     }
     uint32_t diskMtime = platform::wireTime(static_cast<int64_t>(st.st_mtime));
     if (tape_.mtime != diskMtime) {
-        char was[32];
-        std::snprintf(was, sizeof was, "%s", formatLogDate(static_cast<time_t>(tape_.mtime)));
-        ulog(MSG_MODIFY_TIME_CHANGED, prefix, shown, was, formatLogDate(static_cast<time_t>(diskMtime)));
+        ulog(MSG_MODIFY_TIME_CHANGED, prefix, shown, formatLogDate(static_cast<time_t>(tape_.mtime)).c_str(),
+             formatLogDate(static_cast<time_t>(diskMtime)).c_str());
         return protocol::verdict::kMtime;
     }
     return 0;
@@ -374,10 +373,25 @@ void CompareSession::compareLinkTarget() {
 // record; here the exact values stat gave are at hand).
 void CompareSession::resetTimes() {
     const struct timespec times[2] = {disk_.st_atim, disk_.st_mtim};
-    // Through the descriptor that read the file where there is one: no name
-    // swapped meanwhile gets the times.
-    int r = fd_ ? platform::changeTimes(fd_.get(), times)
-                : ::utimensat(AT_FDCWD, path_.c_str(), times, followLinks_ ? 0 : AT_SYMLINK_NOFOLLOW);
+    // Through the descriptor that read the file where there is one; else
+    // through a handle on the name that must still lead to the object seen at
+    // OPENFILE: a name swapped meanwhile (a directory above it turned into a
+    // link) gets no times.
+    int r = 0;
+    if (fd_) {
+        r = platform::changeTimes(fd_.get(), times);
+    } else {
+        platform::UniqueFd handle(::open(path_.c_str(), O_PATH | O_CLOEXEC | (followLinks_ ? 0 : O_NOFOLLOW)));
+        struct stat now {};
+        if (!handle || ::fstat(handle.get(), &now) != 0) {
+            r = -1;
+        } else if (now.st_dev != disk_.st_dev || now.st_ino != disk_.st_ino) {
+            errno = ESTALE;
+            r = -1;
+        } else {
+            r = platform::changeTimes(handle.get(), times);
+        }
+    }
     if (r != 0) {
         ulog(MSG_FAILED_SET_TIME, kEndfPrefix, path_.c_str(), errText());
     }

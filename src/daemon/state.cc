@@ -3,9 +3,14 @@
 namespace tavik {
 namespace {
 
-Settings gSettings;
-Paths gPaths;
-Listener gListener;
+// The daemon's one state object. The listener fills it at start-up; a job
+// process inherits it at fork and from then on owns its private copy.
+struct DaemonState {
+    Settings settings;
+    Paths paths;
+    Listener listener;
+};
+DaemonState gDaemon;
 
 }  // namespace
 
@@ -22,9 +27,9 @@ void Paths::deriveFrom(const std::string& home) {
     pidPath = logDir + "/tavikd.pid";
 }
 
-const Settings& settings() { return gSettings; }
-Settings& startupSettings() { return gSettings; }
-Paths& paths() { return gPaths; }
-Listener& listener() { return gListener; }
+const Settings& settings() { return gDaemon.settings; }
+Settings& startupSettings() { return gDaemon.settings; }
+Paths& paths() { return gDaemon.paths; }
+Listener& listener() { return gDaemon.listener; }
 
 }  // namespace tavik

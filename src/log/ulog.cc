@@ -66,7 +66,7 @@ void escapeControls(const char* message, bool keepFinalNewline, char (&out)[kLog
 
 int writeLine(const char* message) {
     char line[kLogBufferSize];
-    int len = snprintf(line, sizeof line, "%s(%d) - %s\n", formatLogDate(time(nullptr)), int(getpid()), message);
+    int len = snprintf(line, sizeof line, "%s(%d) - %s\n", formatLogDate(time(nullptr)).c_str(), int(getpid()), message);
     if (len < 0) return -1;
     if (size_t(len) >= sizeof line) {
         len = int(sizeof line) - 1;
@@ -128,13 +128,13 @@ void traceStdout(bool verbose, const char* format, ...) {
     fflush(stdout);
 }
 
-const char* formatLogDate(time_t when) {
-    static char buffer[48];
+LogDate formatLogDate(time_t when) {
+    LogDate date{};
     struct tm tm {};
     localtime_r(&when, &tm);
-    snprintf(buffer, sizeof buffer, "%02d/%02d/%02d %02d:%02d:%02d", tm.tm_mon + 1, tm.tm_mday, tm.tm_year,
-             tm.tm_hour, tm.tm_min, tm.tm_sec);
-    return buffer;
+    snprintf(date.text, sizeof date.text, "%02d/%02d/%02d %02d:%02d:%02d", tm.tm_mon + 1, tm.tm_mday,
+             tm.tm_year, tm.tm_hour, tm.tm_min, tm.tm_sec);
+    return date;
 }
 
 int copyFile(const char* source, const char* destination, int openFlags, mode_t mode) {

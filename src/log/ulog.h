@@ -42,8 +42,12 @@ int ulogText(const char* text);
 void traceStdout(bool verbose, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // "MM/DD/YY hh:mm:ss" of local time, the year counted from 1900 (three
-// digits from 2000 on). Returns a static buffer that the next call reuses.
-const char* formatLogDate(time_t when);
+// digits from 2000 on), by value: two of them can stand in one call.
+struct LogDate {
+    char text[48];
+    const char* c_str() const { return text; }
+};
+LogDate formatLogDate(time_t when);
 
 // Copies source to destination in 2048-byte reads. Returns 0, or -1 (source
 // cannot be opened), -2 (destination cannot be opened), -3 (read failed),

@@ -561,7 +561,7 @@ TEST_F(CompareTest, AttributeDifferencesGiveSummaryOrDetailedCodes) {
         EXPECT_TRUE(agentCloses());
     }
 
-    std::string was = tavik::formatLogDate(kBackupTime - 86400), now = tavik::formatLogDate(kBackupTime);
+    std::string was = tavik::formatLogDate(kBackupTime - 86400).c_str(), now = tavik::formatLogDate(kBackupTime).c_str();
     std::string mtimes = "modify time is changed (" + was + " -> " + now + ")";
     std::string o = "(ws_compare[OPENFILE]) File [f] ";
     std::string m = "(ws_compare[MKDIR]) File [" + work_ + "/d] ";

@@ -186,8 +186,8 @@ TEST(LogDate, ThreeDigitYearFrom2000) {
     setenv("TZ", "UTC", 1);
     tzset();
     // 7 June 2026 14:05:09 UTC and 7 June 1996 14:05:09 UTC.
-    EXPECT_STREQ(tavik::formatLogDate(1780841109), "06/07/126 14:05:09");
-    EXPECT_STREQ(tavik::formatLogDate(834156309), "06/07/96 14:05:09");
+    EXPECT_STREQ(tavik::formatLogDate(1780841109).c_str(), "06/07/126 14:05:09");
+    EXPECT_STREQ(tavik::formatLogDate(834156309).c_str(), "06/07/96 14:05:09");
 }
 
 TEST_F(UlogTest, CopyFileReportsWhichSideFailed) {
