@@ -388,122 +388,46 @@ TreeWalker::Result TreeWalker::push(const protocol::PacketHeader& header, std::s
     if (!error_.empty()) return Result::kError;
     const int8_t c = header.code;
     if (ended_) return fail("packet after END");
-    bool first = !sawPacket_;
+    const bool first = !sawPacket_;
     if (c != code::kWatchDog && c != code::kNewPort) sawPacket_ = true;
     event = TreeEvent{};
     event.code = c;
-    auto needEmpty = [&]() { return payload.empty(); };
 
     switch (c) {
     case code::kWatchDog:
     case code::kNewPort:
-        if (!needEmpty()) return fail(std::string("keep-alive or new-port packet with a payload"));
+        if (!payload.empty()) return fail(std::string("keep-alive or new-port packet with a payload"));
         return Result::kSkip;
-
     case code::kEnd:
-        if (!needEmpty()) return fail("END with a payload");
+        if (!payload.empty()) return fail("END with a payload");
         if (inData_ && !groomData_) return fail("END inside the data of " + currentEntry_);
         if (!dirs_.empty()) return fail("END while directory " + dirs_.back() + " is open");
         ended_ = true;
         event.type = TreeEvent::Type::kEnd;
         return Result::kEvent;
-
-    case code::kFileHeader: {
-        if (inData_) return fail("file header inside the data of " + currentEntry_);
-        if (sourceClosed_) return fail("file header after the source was closed");
-        auto attrs = protocol::decodeBackupAttributes(payload);
-        if (!attrs) return fail("damaged file header");
-        event.type = TreeEvent::Type::kEntry;
-        if (attrs->kind == protocol::kKindSource) {
-            if (!first) return fail("source header not at the start of the stream");
-            if (!attrs->name.empty()) return fail("source header with a name");
-            event.isDirectory = true;
-        } else {
-            if (!goodName(attrs->name)) return fail("bad entry name in a file header");
-            event.path = childPath(attrs->name);
-            if (attrs->kind == protocol::kKindDirectory) {
-                if (dirs_.size() >= kMaxDepth) return fail("directories nested too deep");
-                dirs_.push_back(event.path);
-                event.isDirectory = true;
-            } else {
-                inData_ = true;
-                currentEntry_ = event.path;
-            }
-        }
-        event.attributes = std::move(*attrs);
-        return Result::kEvent;
-    }
-
+    case code::kFileHeader:
+        return fileHeader(payload, first, event);
     case code::kMof:
     case code::kEndf:
-        if (!inData_) {
-            if (!first) return fail("file data without a file header");
-            // A restarted stream begins inside a file whose header came before.
-            restarted_ = true;
-            inData_ = true;
-            currentEntry_.clear();
-        }
-        event.type = TreeEvent::Type::kData;
-        event.path = groomData_ ? std::string() : currentEntry_;
-        event.data = payload;
-        event.last = c == code::kEndf;
-        if (event.last) {
-            inData_ = false;
-            groomData_ = false;
-        }
-        return Result::kEvent;
-
+        return fileData(payload, first, event);
     case code::kReadErr:
-        if (!needEmpty()) return fail("READERR with a payload");
+        if (!payload.empty()) return fail("READERR with a payload");
         if (!inData_ && !first) return fail("READERR without a file");
         event.type = TreeEvent::Type::kProblem;
         event.path = currentEntry_;
         inData_ = false;
         groomData_ = false;
         return Result::kEvent;
-
     case code::kNoFile:
     case code::kLocked:
     case code::kLockErr:
-    case code::kLinkErr: {
-        if (!payloadText(payload, event.text) || !goodName(event.text))
-            return fail(std::string(statusName(c)) + " without a good entry name");
-        if (inData_ && c != code::kNoFile) return fail(std::string(statusName(c)) + " inside the data of " + currentEntry_);
-        if (sourceClosed_) return fail(std::string(statusName(c)) + " after the source was closed");
-        event.type = TreeEvent::Type::kProblem;
-        if (inData_) {
-            // A listed raw device that cannot be opened, after its header.
-            event.path = currentEntry_;
-            inData_ = false;
-        } else {
-            event.path = childPath(event.text);
-        }
-        return Result::kEvent;
-    }
-
+    case code::kLinkErr:
+        return entryProblem(payload, event);
     case code::kNoDir:
     case code::kEndDir:
     case code::kFsSkip:
     case code::kNfsSkip:
-        if (c == code::kNoDir) {
-            if (!payload.empty() && !payloadText(payload, event.text)) return fail("NODIR with an unterminated text");
-        } else if (!needEmpty()) {
-            return fail(std::string(statusName(c)) + " with a payload");
-        }
-        if (inData_) return fail(std::string(statusName(c)) + " inside the data of " + currentEntry_);
-        event.type = c == code::kNoDir ? TreeEvent::Type::kProblem : TreeEvent::Type::kDirClose;
-        if (!dirs_.empty()) {
-            event.path = dirs_.back();
-            dirs_.pop_back();
-        } else if (restarted_) {
-            // A directory whose header went before the restart point.
-        } else if (!sourceClosed_) {
-            sourceClosed_ = true;
-        } else {
-            return fail(std::string(statusName(c)) + " closes no directory");
-        }
-        return Result::kEvent;
-
+        return directoryClose(payload, event);
     case code::kGroomCount:
         if (!payloadText(payload, event.text)) return fail("GROOMCOUNT without a text");
         if (inData_) return fail("GROOMCOUNT inside the data of " + currentEntry_);
@@ -512,10 +436,95 @@ TreeWalker::Result TreeWalker::push(const protocol::PacketHeader& header, std::s
         groomData_ = true;
         currentEntry_.clear();
         return Result::kEvent;
-
     default:
         return fail("unknown packet code " + std::to_string(int(c)));
     }
+}
+
+TreeWalker::Result TreeWalker::fileHeader(std::span<const uint8_t> payload, bool first, TreeEvent& event) {
+    if (inData_) return fail("file header inside the data of " + currentEntry_);
+    if (sourceClosed_) return fail("file header after the source was closed");
+    auto attrs = protocol::decodeBackupAttributes(payload);
+    if (!attrs) return fail("damaged file header");
+    event.type = TreeEvent::Type::kEntry;
+    if (attrs->kind == protocol::kKindSource) {
+        if (!first) return fail("source header not at the start of the stream");
+        if (!attrs->name.empty()) return fail("source header with a name");
+        event.isDirectory = true;
+    } else {
+        if (!goodName(attrs->name)) return fail("bad entry name in a file header");
+        event.path = childPath(attrs->name);
+        if (attrs->kind == protocol::kKindDirectory) {
+            if (dirs_.size() >= kMaxDepth) return fail("directories nested too deep");
+            dirs_.push_back(event.path);
+            event.isDirectory = true;
+        } else {
+            inData_ = true;
+            currentEntry_ = event.path;
+        }
+    }
+    event.attributes = std::move(*attrs);
+    return Result::kEvent;
+}
+
+TreeWalker::Result TreeWalker::fileData(std::span<const uint8_t> payload, bool first, TreeEvent& event) {
+    if (!inData_) {
+        if (!first) return fail("file data without a file header");
+        // A restarted stream begins inside a file whose header came before.
+        restarted_ = true;
+        inData_ = true;
+        currentEntry_.clear();
+    }
+    event.type = TreeEvent::Type::kData;
+    event.path = groomData_ ? std::string() : currentEntry_;
+    event.data = payload;
+    event.last = event.code == code::kEndf;
+    if (event.last) {
+        inData_ = false;
+        groomData_ = false;
+    }
+    return Result::kEvent;
+}
+
+// NOFILE, LOCKED, LOCKERR, LINKERR: an entry the backup could not send.
+TreeWalker::Result TreeWalker::entryProblem(std::span<const uint8_t> payload, TreeEvent& event) {
+    const int8_t c = event.code;
+    if (!payloadText(payload, event.text) || !goodName(event.text))
+        return fail(std::string(statusName(c)) + " without a good entry name");
+    if (inData_ && c != code::kNoFile) return fail(std::string(statusName(c)) + " inside the data of " + currentEntry_);
+    if (sourceClosed_) return fail(std::string(statusName(c)) + " after the source was closed");
+    event.type = TreeEvent::Type::kProblem;
+    if (inData_) {
+        // A listed raw device that cannot be opened, after its header.
+        event.path = currentEntry_;
+        inData_ = false;
+    } else {
+        event.path = childPath(event.text);
+    }
+    return Result::kEvent;
+}
+
+// NODIR, ENDDIR, FSSKIP, NFSSKIP: the directory open last is closed.
+TreeWalker::Result TreeWalker::directoryClose(std::span<const uint8_t> payload, TreeEvent& event) {
+    const int8_t c = event.code;
+    if (c == code::kNoDir) {
+        if (!payload.empty() && !payloadText(payload, event.text)) return fail("NODIR with an unterminated text");
+    } else if (!payload.empty()) {
+        return fail(std::string(statusName(c)) + " with a payload");
+    }
+    if (inData_) return fail(std::string(statusName(c)) + " inside the data of " + currentEntry_);
+    event.type = c == code::kNoDir ? TreeEvent::Type::kProblem : TreeEvent::Type::kDirClose;
+    if (!dirs_.empty()) {
+        event.path = dirs_.back();
+        dirs_.pop_back();
+    } else if (restarted_) {
+        // A directory whose header went before the restart point.
+    } else if (!sourceClosed_) {
+        sourceClosed_ = true;
+    } else {
+        return fail(std::string(statusName(c)) + " closes no directory");
+    }
+    return Result::kEvent;
 }
 
 bool TreeWalker::finish() {

@@ -232,6 +232,11 @@ public:
 private:
     Result fail(std::string text);
     std::string childPath(const std::string& name) const;
+    // The packet kinds with more to check than their payload's size.
+    Result fileHeader(std::span<const uint8_t> payload, bool first, TreeEvent& event);
+    Result fileData(std::span<const uint8_t> payload, bool first, TreeEvent& event);
+    Result entryProblem(std::span<const uint8_t> payload, TreeEvent& event);
+    Result directoryClose(std::span<const uint8_t> payload, TreeEvent& event);
 
     std::vector<std::string> dirs_;  // open directories below the source
     std::string currentEntry_;

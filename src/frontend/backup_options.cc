@@ -106,21 +106,121 @@ bool parseRestart(const std::string& text, uint32_t& offset, std::string& path) 
     return !path.empty();
 }
 
-bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, BackupCommandLine& out,
-                            std::string& error) {
-    BackupJobSpec& job = out.job;
-    if (!parseLoginOptions(args, job.login, error)) return false;
-    job.port = job.login.port;
-    std::vector<std::string> patterns[4];  // include file, exclude file, include dir, exclude dir
+namespace {
+
+// The selection options: name patterns and date rules, collected while the
+// command line is read and turned into filter items at its end.
+class SelectionOptions {
+public:
+    // Takes args[i] (and its value) when it is a selection option: true, with
+    // `error` set when its value is bad.
+    bool take(const std::vector<std::string>& args, size_t& i, std::string& error);
+    // Appends the filter items; false when the patterns are too long.
+    bool encode(std::vector<std::vector<uint8_t>>& items, std::string& error) const;
+
+private:
     struct DateRule {
         uint8_t kind;
         int32_t first, second;
         uint32_t n;
         uint16_t unit;
     };
-    std::vector<DateRule> dates;
-    uint8_t which = protocol::kWhichModified;
-    bool excludeDates = false;
+    bool dateRule(const std::string& a, const std::string& v, std::string& error);
+
+    std::vector<std::string> patterns_[4];  // include file, exclude file, include dir, exclude dir
+    std::vector<DateRule> dates_;
+    uint8_t which_ = protocol::kWhichModified;
+    bool excludeDates_ = false;
+};
+
+bool SelectionOptions::take(const std::vector<std::string>& args, size_t& i, std::string& error) {
+    const std::string& a = args[i];
+    if (a == "--exclude-dates") {
+        excludeDates_ = true;
+        return true;
+    }
+    const bool pattern = a == "--include-file" || a == "--exclude-file" || a == "--include-dir" || a == "--exclude-dir";
+    const bool date = a == "--before" || a == "--after" || a == "--between" || a == "--within";
+    if (!pattern && !date && a != "--date-field") return false;
+    if (i + 1 >= args.size()) {
+        error = a + " needs a value";
+        return true;
+    }
+    const std::string& v = args[++i];
+    if (pattern) {
+        int slot = (a == "--exclude-file") + 2 * (a == "--include-dir") + 3 * (a == "--exclude-dir");
+        patterns_[slot].push_back(v);
+    } else if (date) {
+        dateRule(a, v, error);
+    } else if (v == "ctime") {
+        which_ = protocol::kWhichChanged;
+    } else if (v == "mtime") {
+        which_ = protocol::kWhichModified;
+    } else if (v == "atime") {
+        which_ = protocol::kWhichAccessed;
+    } else {
+        error = "--date-field is ctime, mtime or atime";
+    }
+    return true;
+}
+
+bool SelectionOptions::dateRule(const std::string& a, const std::string& v, std::string& error) {
+    if (a == "--before" || a == "--after") {
+        DateRule r{a == "--before" ? protocol::kOnOrBefore : protocol::kOnOrAfter, 0, 0, 0, 0};
+        if (!parseDay(v, r.first)) {
+            error = a + " needs a day YYYY-MM-DD";
+            return false;
+        }
+        dates_.push_back(r);
+    } else if (a == "--between") {
+        DateRule r{protocol::kBetween, 0, 0, 0, 0};
+        size_t comma = v.find(',');
+        if (comma == std::string::npos || !parseDay(v.substr(0, comma), r.first) ||
+            !parseDay(v.substr(comma + 1), r.second)) {
+            error = "--between needs DAY,DAY";
+            return false;
+        }
+        dates_.push_back(r);
+    } else {
+        DateRule r{protocol::kWithin, 0, 0, 0, 0};
+        unsigned long n = 0;
+        if (v.size() < 2 || !parseUnsigned(v.substr(0, v.size() - 1), 100000, n) ||
+            std::string("dmy").find(v.back()) == std::string::npos) {
+            error = "--within needs N followed by d, m or y";
+            return false;
+        }
+        r.n = uint32_t(n);
+        r.unit = v.back() == 'd' ? protocol::kUnitDays : v.back() == 'm' ? protocol::kUnitMonths : protocol::kUnitYears;
+        dates_.push_back(r);
+    }
+    return true;
+}
+
+bool SelectionOptions::encode(std::vector<std::vector<uint8_t>>& items, std::string& error) const {
+    for (int slot = 0; slot < 4; ++slot) {
+        if (patterns_[slot].empty()) continue;
+        auto item = protocol::encodeNamePatternItem(slot >= 2, slot % 2 == 1, patterns_[slot]);
+        if (!item) {
+            error = "the name patterns are too long";
+            return false;
+        }
+        items.push_back(std::move(*item));
+    }
+    for (const DateRule& r : dates_)
+        items.push_back(r.kind == protocol::kWithin
+                            ? protocol::encodeWithinItem(excludeDates_, which_, r.n, r.unit)
+                            : protocol::encodeDateItem(excludeDates_, which_, r.kind, r.first, r.second));
+    return true;
+}
+
+}  // namespace
+
+bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, BackupCommandLine& out,
+                            std::string& error) {
+    BackupJobSpec& job = out.job;
+    if (!parseLoginOptions(args, job.login, error)) return false;
+    job.port = job.login.port;
+    SelectionOptions selection;
     std::string target;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
@@ -142,47 +242,8 @@ bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, Backu
                 return false;
             }
             o->set(job, n);
-        } else if (a == "--include-file" || a == "--exclude-file" || a == "--include-dir" || a == "--exclude-dir") {
-            if (!value(v)) return false;
-            int slot = (a == "--exclude-file") + 2 * (a == "--include-dir") + 3 * (a == "--exclude-dir");
-            patterns[slot].push_back(v);
-        } else if (a == "--before" || a == "--after") {
-            DateRule r{a == "--before" ? protocol::kOnOrBefore : protocol::kOnOrAfter, 0, 0, 0, 0};
-            if (!value(v) || !parseDay(v, r.first)) {
-                if (error.empty()) error = a + " needs a day YYYY-MM-DD";
-                return false;
-            }
-            dates.push_back(r);
-        } else if (a == "--between") {
-            DateRule r{protocol::kBetween, 0, 0, 0, 0};
-            size_t comma = std::string::npos;
-            if (!value(v) || (comma = v.find(',')) == std::string::npos || !parseDay(v.substr(0, comma), r.first) ||
-                !parseDay(v.substr(comma + 1), r.second)) {
-                if (error.empty()) error = "--between needs DAY,DAY";
-                return false;
-            }
-            dates.push_back(r);
-        } else if (a == "--within") {
-            DateRule r{protocol::kWithin, 0, 0, 0, 0};
-            if (!value(v) || v.size() < 2 || !parseUnsigned(v.substr(0, v.size() - 1), 100000, n) ||
-                std::string("dmy").find(v.back()) == std::string::npos) {
-                if (error.empty()) error = "--within needs N followed by d, m or y";
-                return false;
-            }
-            r.n = uint32_t(n);
-            r.unit = v.back() == 'd' ? protocol::kUnitDays : v.back() == 'm' ? protocol::kUnitMonths : protocol::kUnitYears;
-            dates.push_back(r);
-        } else if (a == "--date-field") {
-            if (!value(v)) return false;
-            if (v == "ctime") which = protocol::kWhichChanged;
-            else if (v == "mtime") which = protocol::kWhichModified;
-            else if (v == "atime") which = protocol::kWhichAccessed;
-            else {
-                error = "--date-field is ctime, mtime or atime";
-                return false;
-            }
-        } else if (a == "--exclude-dates") {
-            excludeDates = true;
+        } else if (selection.take(args, i, error)) {
+            if (!error.empty()) return false;
         } else if (a == "--top") {
             if (!value(v)) return false;
             if (v.empty() || v.find('/') != std::string::npos) {
@@ -220,20 +281,7 @@ bool parseBackupCommandLine(std::vector<std::string> args, bool forBackup, Backu
         error = "give the archive with -o ARCHIVE (-o /dev/null discards it)";
         return false;
     }
-    for (int slot = 0; slot < 4; ++slot) {
-        if (patterns[slot].empty()) continue;
-        auto item = protocol::encodeNamePatternItem(slot >= 2, slot % 2 == 1, patterns[slot]);
-        if (!item) {
-            error = "the name patterns are too long";
-            return false;
-        }
-        job.filterItems.push_back(std::move(*item));
-    }
-    for (const DateRule& r : dates)
-        job.filterItems.push_back(r.kind == protocol::kWithin
-                                       ? protocol::encodeWithinItem(excludeDates, which, r.n, r.unit)
-                                       : protocol::encodeDateItem(excludeDates, which, r.kind, r.first, r.second));
-    return true;
+    return selection.encode(job.filterItems, error);
 }
 
 }  // namespace tavik::frontend
