@@ -128,6 +128,61 @@ private:
     const std::string& source_;
 };
 
+// Prints an archive's events one by one; a symbolic link waits for the data
+// that carry its target.
+class Listing {
+public:
+    explicit Listing(const Printer& print) : print_(print) {}
+    void show(const TreeEvent& e);
+    void flushLink(const std::string* target) {
+        if (pendingLink_) print_.entry(*pendingLink_, target);
+        pendingLink_.reset();
+    }
+    // Entries the backup met: those sent and those it could not send.
+    uint64_t entries() const { return entries_; }
+
+private:
+    const Printer& print_;
+    std::optional<TreeEvent> pendingLink_;
+    uint64_t entries_ = 0;
+};
+
+void Listing::show(const TreeEvent& e) {
+    switch (e.type) {
+    case TreeEvent::Type::kEntry:
+        ++entries_;
+        flushLink(nullptr);
+        if ((e.attributes.mode & 0xF000) == 0xA000 && !e.isDirectory) {
+            pendingLink_ = e;
+            pendingLink_->data = {};
+        } else {
+            print_.entry(e, nullptr);
+        }
+        break;
+    case TreeEvent::Type::kData:
+        if (pendingLink_ && e.last) {
+            std::string target(reinterpret_cast<const char*>(e.data.data()), e.data.size());
+            flushLink(&target);
+        }
+        break;
+    case TreeEvent::Type::kProblem: {
+        flushLink(nullptr);
+        bool unsent = e.code != protocol::code::kReadErr && e.code != protocol::code::kNoDir;
+        if (unsent) ++entries_;
+        print_.problem(e.code, e.path);
+        break;
+    }
+    case TreeEvent::Type::kDirClose:
+        if (e.code != protocol::code::kEndDir) print_.problem(e.code, e.path);
+        break;
+    case TreeEvent::Type::kGroomCount:
+        print_.groomCount(e.text);
+        break;
+    case TreeEvent::Type::kEnd:
+        break;
+    }
+}
+
 }  // namespace
 
 int commandList(int argc, char* argv[]) {
@@ -156,23 +211,13 @@ int commandList(int argc, char* argv[]) {
     }
     const Printer print(json, reader.header().source);
     ArchiveWalker walker(reader);
+    Listing listing(print);
     TreeEvent e;
-    std::optional<TreeEvent> pendingLink;  // a symbolic link waits for its target
-    auto flushLink = [&](const std::string* target) {
-        if (pendingLink) print.entry(*pendingLink, target);
-        pendingLink.reset();
-    };
-    uint64_t entries = 0;
-    auto failed = [&](const std::string& error) {
-        fflush(stdout);
-        fprintf(stderr, "tavikctl list: verify: FAILED: %s\n", error.c_str());
-        print.verdict(false, error, 0, 0);
-        return 1;
-    };
     for (;;) {
         ArchiveWalker::Next n = walker.next(e);
+        if (n == ArchiveWalker::Next::kEnd) break;
         if (n == ArchiveWalker::Next::kError) {
-            flushLink(nullptr);
+            listing.flushLink(nullptr);
             fflush(stdout);
             fprintf(stderr, "tavikctl list: %s\n", walker.error().c_str());
             if (verify) {
@@ -181,41 +226,15 @@ int commandList(int argc, char* argv[]) {
             }
             return 1;
         }
-        if (n == ArchiveWalker::Next::kEnd) break;
-        switch (e.type) {
-        case TreeEvent::Type::kEntry:
-            ++entries;
-            flushLink(nullptr);
-            if ((e.attributes.mode & 0xF000) == 0xA000 && !e.isDirectory) {
-                pendingLink = e;
-                pendingLink->data = {};
-            } else {
-                print.entry(e, nullptr);
-            }
-            break;
-        case TreeEvent::Type::kData:
-            if (pendingLink && e.last) {
-                std::string target(reinterpret_cast<const char*>(e.data.data()), e.data.size());
-                flushLink(&target);
-            }
-            break;
-        case TreeEvent::Type::kProblem: {
-            flushLink(nullptr);
-            bool unsent = e.code != protocol::code::kReadErr && e.code != protocol::code::kNoDir;
-            if (unsent) ++entries;
-            print.problem(e.code, e.path);
-            break;
-        }
-        case TreeEvent::Type::kDirClose:
-            if (e.code != protocol::code::kEndDir) print.problem(e.code, e.path);
-            break;
-        case TreeEvent::Type::kGroomCount:
-            print.groomCount(e.text);
-            break;
-        case TreeEvent::Type::kEnd:
-            break;
-        }
+        listing.show(e);
     }
+    const uint64_t entries = listing.entries();
+    auto failed = [&](const std::string& error) {
+        fflush(stdout);
+        fprintf(stderr, "tavikctl list: verify: FAILED: %s\n", error.c_str());
+        print.verdict(false, error, 0, 0);
+        return 1;
+    };
     fflush(stdout);
     if (!verify) return 0;
     const ArchiveTrailer& t = reader.trailer();
