@@ -90,29 +90,20 @@ TEST_F(JobSessionTest, EveryAdmissionAndRefusalCode) {
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
-        RequestFields f = fields(row.root, row.opMode);
-        f.login = row.login.empty() ? user_.name() : row.login;
-        f.password = row.password;
-        f.serverVersion = row.version;
-        f.acceptEA = row.acceptEA;
-        f.runUnswitched = row.unswitched;
-        EXPECT_EQ(ask(f), row.answer);
-        if (row.answer != 4) {
-            EXPECT_TRUE(agentCloses());  // after a refusal the job process ends
-        }
-        if (!row.line.empty()) {
-            EXPECT_TRUE(daemon_.waitForLog(row.line));
-        }
+        EXPECT_EQ(ask({.root = row.root, .login = row.login.empty() ? user_.name() : row.login,
+                       .password = row.password, .opMode = row.opMode, .serverVersion = row.version,
+                       .acceptEA = row.acceptEA, .runUnswitched = row.unswitched}),
+                  row.answer);
+        // After a refusal the job process ends.
+        EXPECT_TRUE(row.answer == 4 || agentCloses());
+        EXPECT_TRUE(row.line.empty() || daemon_.waitForLog(row.line)) << row.line;
     }
     EXPECT_FALSE(logHas(kPassword));
 
     // Single-user mode admits anyone and runs as the daemon's user.
     daemon_.stop();
     ASSERT_TRUE(startDaemon({"-v", "-S"}));
-    RequestFields f = fields(rootOnly, 2);
-    f.login = nobody;
-    f.password = "anything";
-    EXPECT_EQ(ask(f), 4);
+    EXPECT_EQ(ask({.root = rootOnly, .login = nobody, .password = "anything", .opMode = 2}), 4);
     EXPECT_TRUE(daemon_.waitForLog("Will operate in single user mode"));
 }
 
@@ -120,24 +111,23 @@ TEST_F(JobSessionTest, EveryAdmissionAndRefusalCode) {
 // takes every command of the parameter phase.
 TEST_F(JobSessionTest, BrokenCallersThenEveryCommandOfTheParameterPhase) {
     ASSERT_TRUE(startDaemon());
-    // One byte of a header, then a close.
-    ASSERT_TRUE(client_.connect("127.0.0.1", daemon_.port()));
-    ASSERT_TRUE(client_.sendRaw(std::array<uint8_t, 1>{0}));
-    client_.close();
-    EXPECT_TRUE(daemon_.waitForLog("(GetRequest) Failed to Receive Header Packet"));
-    EXPECT_TRUE(daemon_.waitForLog("Failed to get Request Packet, Job Abort"));
-
-    // A request that stops half way.
+    // One byte of a header or a request cut half way, then a close; or
+    // nothing, until the agent closes at the 120 s receive time-out
+    // (divided).
     std::vector<uint8_t> packet = tavik::frontend::buildRequestPacket(fields(user_.home(), 2));
-    ASSERT_TRUE(client_.connect("127.0.0.1", daemon_.port()));
-    ASSERT_TRUE(client_.sendRaw(std::span<const uint8_t>(packet.data(), 300)));
-    client_.close();
-    EXPECT_TRUE(daemon_.waitForLog("(GetRequest) Failed to Receive Data Packet"));
-
-    // A caller that sends nothing: the 120 s receive time-out (divided).
-    ASSERT_TRUE(client_.connect("127.0.0.1", daemon_.port()));
-    EXPECT_TRUE(agentCloses());
-    EXPECT_TRUE(daemon_.waitForLog("(blockRecv) Timed out in Receive, expected = 8 rcved = 0"));
+    const std::pair<size_t, const char*> cuts[] = {
+        {1, "(GetRequest) Failed to Receive Header Packet"},
+        {300, "(GetRequest) Failed to Receive Data Packet"},
+        {0, "(blockRecv) Timed out in Receive, expected = 8 rcved = 0"},
+    };
+    for (auto [length, line] : cuts) {
+        ASSERT_TRUE(client_.connect("127.0.0.1", daemon_.port()));
+        ASSERT_TRUE(client_.sendRaw(std::span<const uint8_t>(packet.data(), length)));
+        EXPECT_TRUE(length != 0 || agentCloses());
+        client_.close();
+        EXPECT_TRUE(daemon_.waitForLog(line)) << line;
+    }
+    EXPECT_TRUE(daemon_.waitForLog("Failed to get Request Packet, Job Abort"));
 
     RequestFields s = fields(user_.home(), 0);
     s.tpSize = 1;
