@@ -14,7 +14,9 @@ namespace protocol = tavik::protocol;
 using JobSessionTest = LoginJobTest;
 
 // One row per answer to a request: logins, passwords, host equivalence,
-// roots, protection, groups and the newest server's unswitched jobs.
+// roots, protection, groups and the unswitched bit of older servers. (The
+// refusal of a protected root and of an unswitched job of a login that is
+// not trusted are SecurityTest's.)
 TEST_F(JobSessionTest, EveryAdmissionAndRefusalCode) {
     TestUser sha512("SHA512"), hidden, grouped("", true);
     ASSERT_TRUE(sha512.ok() && hidden.ok() && grouped.ok());
@@ -31,6 +33,9 @@ TEST_F(JobSessionTest, EveryAdmissionAndRefusalCode) {
     std::string home = user_.home(), rootOnly = scratch.path("rootonly");
     ASSERT_TRUE(startDaemon({"-v", "-a", "10"}));
     std::ofstream(daemon_.home() + "tvk.cntl") << "# protected\n" << home << "\n";
+    // Trusted, the login could keep root's identity if a server that may
+    // ask for it did.
+    trust(user_.name());
 
     // Admitted: the newest version answers, offering the -a interval; the
     // job then takes the start command and ends.
@@ -72,18 +77,13 @@ TEST_F(JobSessionTest, EveryAdmissionAndRefusalCode) {
          .line = "(ckpasswd) User " + hidden.name() + " is not defined in the shadow file"},
         {.what = "relative root", .root = "usr/lib", .opMode = 0, .answer = 116,
          .line = "Invalid Unix Path, Job Abort"},
-        {.what = "protected backup root", .root = home, .opMode = 0, .answer = 114,
-         .line = "Protected Directory [" + home + "/] in " + daemon_.home() + "tvk.cntl"},
         {.what = "a compare of a protected root", .root = home},
         {.what = "backup of what only root may read", .root = rootOnly, .opMode = 0, .answer = 118,
          .line = "Failed to Access Directory [" + rootOnly + "/] (Permission denied)"},
         {.what = "compare where only root may enter", .root = rootOnly, .answer = 105,
          .line = "Failed to change directory to " + rootOnly + "/ (Permission denied), Job Abort"},
-        {.what = "unswitched job of the newest server: not for a login that is not trusted", .root = rootOnly,
-         .unswitched = true, .answer = 105,
-         .line = "The request to run without switching to login " + user_.name() + " is ignored"},
-        {.what = "unswitched bit ignored from version 51", .root = rootOnly, .version = 51, .unswitched = true,
-         .answer = 105},
+        {.what = "unswitched bit of a trusted login ignored from version 51", .root = rootOnly, .version = 51,
+         .unswitched = true, .answer = 105},
         {.what = "primary group", .root = scratch.path("primary"), .login = grouped.name()},
         {.what = "supplementary group, compare", .root = scratch.path("group"), .login = grouped.name()},
         {.what = "supplementary group, backup", .root = scratch.path("group"), .opMode = 0, .login = grouped.name()},
