@@ -424,12 +424,12 @@ TEST_F(BackupStreamTest, ListedRawDeviceIsSentAsData) {
     EXPECT_EQ(reader->files()["raw"], std::string(4096, '\0'));
 }
 
-// Acknowledgements in blocking and non-blocking socket I/O; an answer other
-// than 0 in place of one ends the sender, and with it the job.
+// An answer other than 0 in place of an acknowledgement ends the sender,
+// and with it the job; acknowledgements in non-blocking socket I/O. (The
+// renewal and concurrency tests acknowledge every packet, every second and
+// none in blocking I/O.)
 TEST_F(BackupFlowTest, AcknowledgementsEveryNthDataPacket) {
     for (int i = 1; i <= 6; ++i) tree_.file("f" + std::to_string(i), pattern(5000, unsigned(i)));
-    EXPECT_EQ(backup({.ackInterval = 3})->files().size(), 6u);
-    EXPECT_TRUE(daemon_.waitForLog("RCV_OK: AckCount=3"));
     auto bad = begin({.ackInterval = 2});
     ASSERT_TRUE(bad);
     bad->acknowledgeWith(5);
