@@ -424,6 +424,25 @@ TEST_F(BackupStreamTest, ListedRawDeviceIsSentAsData) {
     EXPECT_EQ(reader->files()["raw"], std::string(4096, '\0'));
 }
 
+// Deleting grooming after a backup: the count and the work file as data come
+// after the source's ENDDIR; the files go, their directories stay.
+TEST_F(BackupStreamTest, DeletingGroomingReportsAndRemovesTheBackedUpFiles) {
+    tree_.dir("old");
+    tree_.file("old/one", "1");
+    auto reader = backup({.commands = [](frontend::JobClient& c) {
+        EXPECT_EQ(c.grooming(groomingRecord(0x04), std::vector<uint8_t>(63, 0)), 4);
+    }});
+    Summary got = reader->summary();
+    ASSERT_EQ(got.size(), 9u) << ::testing::PrintToString(got);
+    EXPECT_EQ(Summary(got.begin(), got.begin() + 7), (Summary{"6:", "6:old", "6:one", "8:1", "9", "9", "14:1"}));
+    EXPECT_EQ(got[7].rfind("8:", 0), 0u);
+    EXPECT_EQ(got[8], "3");
+    EXPECT_TRUE(has(reader->packets()[7].text(), tree_.path("old/one"))) << reader->packets()[7].text();
+    EXPECT_EQ(statOf(tree_.path("old/one")).st_mode, 0u);
+    EXPECT_TRUE(S_ISDIR(statOf(tree_.path("old")).st_mode));
+    EXPECT_TRUE(daemon_.waitForLog("Total 1 files were deleted"));
+}
+
 // An answer other than 0 in place of an acknowledgement ends the sender,
 // and with it the job; acknowledgements in non-blocking socket I/O. (The
 // renewal and concurrency tests acknowledge every packet, every second and
