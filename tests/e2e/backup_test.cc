@@ -311,7 +311,8 @@ TEST_F(BackupStreamTest, EveryEntryKindInStreamOrder) {
 TEST_F(BackupStreamTest, OldServersGetNoSourceRecordAndTheShallowDepthLimit) {
     std::string rel;
     for (int i = 1; i <= 25; ++i) {
-        tree_.dir(rel += (rel.empty() ? "d" : "/d") + std::to_string(i));
+        rel += (rel.empty() ? "d" : "/d") + std::to_string(i);
+        tree_.dir(rel);
         tree_.file(rel + "/f", "x");
     }
     tree_.file("f", "x");
@@ -763,7 +764,10 @@ TEST_F(BackupFaultTest, DirectoryLoopThroughAFollowedLink) {
 
 TEST_F(BackupFaultTest, PathsLongerThanTheBuffersAreRefusedAndTheWalkGoesOn) {
     std::string rel;
-    for (int level = 0; level < 4; ++level) tree_.dir(rel += (rel.empty() ? "" : "/") + std::string(200, char('a' + level)));
+    for (int level = 0; level < 4; ++level) {
+        rel += (rel.empty() ? "" : "/") + std::string(200, char('a' + level));
+        tree_.dir(rel);
+    }
     std::string longFile(250, 'f'), longDir(250, 'g');
     tree_.file(rel + "/" + longFile, "x");
     tree_.dir(rel + "/" + longDir);
