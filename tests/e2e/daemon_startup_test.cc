@@ -1,5 +1,5 @@
 // The daemon from the outside: start-up, settings lines, endpoints, the
-// machine query, bad datagrams and stopping.
+// machine query, bad datagrams, hostile callers and stopping.
 #include <poll.h>
 #include <sys/utsname.h>
 
@@ -8,7 +8,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <iostream>
 #include <random>
 #include <thread>
 
@@ -19,19 +18,17 @@
 namespace {
 
 using namespace tavik::test;
+using Clock = std::chrono::steady_clock;
 
 // Sends a datagram to the daemon and returns the reply (empty on none).
 std::vector<uint8_t> exchange(uint16_t port, const std::vector<uint8_t>& datagram, int timeoutMs = 1500) {
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in addr = inetAddress(port);
     sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    std::vector<uint8_t> reply;
+    std::vector<uint8_t> reply(4096);
     pollfd pfd{fd, POLLIN, 0};
-    if (poll(&pfd, 1, timeoutMs) == 1) {
-        reply.resize(4096);
-        ssize_t n = recv(fd, reply.data(), reply.size(), 0);
-        reply.resize(n > 0 ? size_t(n) : 0);
-    }
+    ssize_t n = poll(&pfd, 1, timeoutMs) == 1 ? recv(fd, reply.data(), reply.size(), 0) : 0;
+    reply.resize(n > 0 ? size_t(n) : 0);
     close(fd);
     return reply;
 }
@@ -51,41 +48,38 @@ std::vector<std::string> logMessages(const Daemon& d) {
     return out;
 }
 
-std::string uts(const char* format) {
+// A TCP call to the daemon.
+int call(const Daemon& d) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr = inetAddress(d.port());
+    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    return fd;
+}
+
+// The daemon ends the call within `timeoutMs`.
+bool closedWithin(int fd, int timeoutMs) {
+    pollfd p{fd, POLLIN, 0};
+    uint8_t byte;
+    return poll(&p, 1, timeoutMs) == 1 && recv(fd, &byte, 1, 0) <= 0;
+}
+
+const utsname host = [] {
     utsname u;
     uname(&u);
-    std::string s = format;
-    for (auto [key, value] : {std::pair{"%n", u.nodename}, {"%s", u.sysname}, {"%r", u.release}, {"%v", u.version},
-                              {"%m", u.machine}})
-        for (size_t at = 0; (at = s.find(key, at)) != std::string::npos; at += std::strlen(value))
-            s.replace(at, 2, value);
-    return s;
-}
+    return u;
+}();
 
+// Every option confirmed by its line, in order after the start line; the
+// files of LOG/, the pid file and the marker file; SIGTERM stops the daemon
+// with a line and removes the pid file.
 TEST(DaemonStartup, BannerStartLinePidFileModesAndSigterm) {
-    Daemon d;
-    ASSERT_TRUE(d.start({})) << d.launcher().output;
-    EXPECT_EQ(d.launcher().output, "Korvane Client Agent v3.10 for UnixWare 1.1 (UNIX System V/386 R4.2)\n");
-    auto messages = logMessages(d);
-    ASSERT_GE(messages.size(), 2u);
-    EXPECT_EQ(messages[0], uts("Tavik v3.10 started on %n (%s %r %v %m)"));
-    EXPECT_EQ(messages[1], "* TCP port number:" + std::to_string(d.port()));
-    EXPECT_EQ(statOf(d.home() + "LOG").st_mode, mode_t(041777));
-    for (const char* f : {"LOG/tvk.log", "LOG/tvk.log.old", "LOG/tvk.ipc"})
-        EXPECT_EQ(statOf(d.home() + f).st_mode, mode_t(0100666)) << f;
-    EXPECT_EQ(statOf(d.home() + "follow.symlink").st_mode, 0u);
-    EXPECT_EQ(std::stoi(readFile(d.pidPath())), d.pid());
-    // SIGTERM stops it with a line and removes the pid file.
-    EXPECT_EQ(d.stop(), 1);
-    EXPECT_EQ(logMessages(d).back(), "Tavik stopped");
-    EXPECT_EQ(statOf(d.pidPath()).st_mode, 0u);
-}
-
-TEST(DaemonStartup, ConfirmationLinesInOrderAndMarkerFile) {
     Daemon d;
     ASSERT_TRUE(d.start({"-b", "500", "-m", "9", "-s", "4095", "-s", "nonblocking", "-f", "-n", "-l", "-t", "-a",
                          "257", "-S", "-r", "20", "-R", "1001", "-e", "-c", "5"})) << d.launcher().output;
+    EXPECT_EQ(d.launcher().output, "Korvane Client Agent v3.10 for UnixWare 1.1 (UNIX System V/386 R4.2)\n");
     std::vector<std::string> expected = {
+        std::string("Tavik v3.10 started on ") + host.nodename + " (" + host.sysname + " " + host.release + " " +
+            host.version + " " + host.machine + ")",
         "* I/O buffer size:2048 bytes",
         "* Number of I/O buffer allocated:100",
         "* Socket buffer size:0 bytes",
@@ -101,13 +95,21 @@ TEST(DaemonStartup, ConfirmationLinesInOrderAndMarkerFile) {
         "* Sleep time: 5 milliseconds",
     };
     auto messages = logMessages(d);
-    ASSERT_GE(messages.size(), expected.size() + 1);
-    EXPECT_EQ(std::vector<std::string>(messages.begin() + 1, messages.begin() + 1 + long(expected.size())), expected);
+    ASSERT_GE(messages.size(), expected.size());
+    EXPECT_EQ(std::vector<std::string>(messages.begin(), messages.begin() + long(expected.size())), expected);
+    EXPECT_EQ(statOf(d.home() + "LOG").st_mode, mode_t(041777));
+    for (const char* f : {"LOG/tvk.log", "LOG/tvk.log.old", "LOG/tvk.ipc"})
+        EXPECT_EQ(statOf(d.home() + f).st_mode, mode_t(0100666)) << f;
     EXPECT_TRUE(S_ISREG(statOf(d.home() + "follow.symlink").st_mode));
+    EXPECT_EQ(std::stoi(readFile(d.pidPath())), d.pid());
     EXPECT_EQ(d.stop(), 1);
-    // Started again without -f, the marker goes away.
+    EXPECT_EQ(logMessages(d).back(), "Tavik stopped");
+    EXPECT_EQ(statOf(d.pidPath()).st_mode, 0u);
+    // Started again without -f, the marker goes away; with no options the
+    // port is the only line.
     ASSERT_TRUE(d.start({}));
     EXPECT_EQ(statOf(d.home() + "follow.symlink").st_mode, 0u);
+    EXPECT_EQ(logMessages(d).back(), "* TCP port number:" + std::to_string(d.port()));
 }
 
 TEST(DaemonStartup, BadOptionsPortsAndASecondDaemonOnThePort) {
@@ -148,12 +150,12 @@ TEST(MachineQuery, AnsweredWithThisMachinesIdentityOnlyForWholeQueriesAndNeverSt
               (std::vector<uint8_t>{0xA5, 0x5A, 13, 5, 0x00, 0x32, 0x04, 0x04}));
     auto info = tavik::protocol::decodeMachineReply(reply.data(), reply.size());
     ASSERT_TRUE(info);
-    EXPECT_EQ(info->sysname, uts("%s"));
-    EXPECT_EQ(info->release, uts("%r"));
-    EXPECT_EQ(info->version_text, uts("%v"));
-    EXPECT_EQ(info->machine, uts("%m"));
+    EXPECT_EQ(info->sysname, host.sysname);
+    EXPECT_EQ(info->release, host.release);
+    EXPECT_EQ(info->version_text, host.version);
+    EXPECT_EQ(info->machine, host.machine);
     // Zero padding after each field.
-    EXPECT_EQ(reply[8 + uts("%s").size()], 0);
+    EXPECT_EQ(reply[8 + std::strlen(host.sysname)], 0);
     EXPECT_EQ(reply[1035], 0);
     EXPECT_EQ(exchange(d.port(), query(13, 30))[3], 22) << "version capped at 22";
     EXPECT_EQ(exchange(d.port(), query(13, -3))[3], uint8_t(-3)) << "signed: below 22 kept";
@@ -190,7 +192,8 @@ TEST(MachineQuery, AnsweredWithThisMachinesIdentityOnlyForWholeQueriesAndNeverSt
     // tavikctl query prints four labelled lines, or fails on no answer.
     Output o = tavikctl("query 127.0.0.1:" + std::to_string(d.port()));
     EXPECT_EQ(o.status, 0) << o.err;
-    EXPECT_EQ(o.out, uts("System:  %s\nRelease: %r\nVersion: %v\nMachine: %m\n"));
+    EXPECT_EQ(o.out, std::string("System:  ") + host.sysname + "\nRelease: " + host.release +
+                         "\nVersion: " + host.version + "\nMachine: " + host.machine + "\n");
     EXPECT_NE(tavikctl("query 127.0.0.1:" + std::to_string(freePort()) + " --timeout 300").status, 0);
 }
 
@@ -201,16 +204,11 @@ TEST(MachineQuery, AnsweredWithThisMachinesIdentityOnlyForWholeQueriesAndNeverSt
 TEST(Availability, SilentAndDrippingCallersHoldUpNoOne) {
     Daemon d;
     ASSERT_TRUE(d.start({"-v", "-S"}, {{"TAVIK_TIME_DIVISOR", "10"}}));
-    sockaddr_in addr = inetAddress(d.port());
     std::vector<int> silent, dripping;
-    for (int i = 0; i < 64; ++i) {
-        int fd = socket(AF_INET, SOCK_STREAM, 0);
-        ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-        (i < 32 ? silent : dripping).push_back(fd);
-    }
+    for (int i = 0; i < 64; ++i) (i < 32 ? silent : dripping).push_back(call(d));
     // A whole request, a byte at a time: it would take 34 s.
-    std::vector<uint8_t> request =
-        tavik::frontend::buildRequestPacket({.root = "/tmp", .login = "anyone", .password = "", .opMode = 7});
+    tavik::frontend::RequestFields anyone{.root = "/tmp", .login = "anyone", .password = "", .opMode = 7};
+    std::vector<uint8_t> request = tavik::frontend::buildRequestPacket(anyone);
     std::atomic<bool> stop{false};
     std::thread drip([&] {
         for (size_t at = 0; !stop && at < request.size(); ++at) {
@@ -220,27 +218,16 @@ TEST(Availability, SilentAndDrippingCallersHoldUpNoOne) {
     });
     usleep(200000);  // every call has its process
 
-    auto started = std::chrono::steady_clock::now();
+    auto started = Clock::now();
     EXPECT_EQ(exchange(d.port(), query(13, 22), 6000).size(), 1036u);
-    auto queried = std::chrono::steady_clock::now();
     tavik::frontend::JobClient job;
     ASSERT_TRUE(job.connect("127.0.0.1", d.port()));
-    EXPECT_EQ(job.request({.root = "/tmp", .login = "anyone", .password = "", .opMode = 7}), 4);
-    auto admitted = std::chrono::steady_clock::now();
-    using ms = std::chrono::milliseconds;
-    long queryMs = std::chrono::duration_cast<ms>(queried - started).count();
-    long jobMs = std::chrono::duration_cast<ms>(admitted - queried).count();
-    std::cout << "with 64 hostile calls open: machine query answered in " << queryMs << " ms, job admitted in "
-              << jobMs << " ms\n";
-    EXPECT_LT(queryMs + jobMs, 6000);
+    EXPECT_EQ(job.request(anyone), 4);
+    EXPECT_LT(Clock::now() - started, std::chrono::seconds(6));
 
     // The dripping calls end at the deadline from their acceptance.
-    for (int fd : dripping) {
-        pollfd p{fd, POLLIN, 0};
-        uint8_t byte;
-        EXPECT_TRUE(poll(&p, 1, 20000) == 1 && recv(fd, &byte, 1, 0) <= 0);
-    }
-    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(15));
+    for (int fd : dripping) EXPECT_TRUE(closedWithin(fd, 20000));
+    EXPECT_LT(Clock::now() - started, std::chrono::seconds(15));
     stop = true;
     drip.join();
     EXPECT_TRUE(has(d.log(), "(blockRecv) Timed out in Receive, expected = 680 rcved = "));
@@ -259,32 +246,20 @@ TEST(Availability, CallsBeyondTheBoundsAreClosedAtOnce) {
     ASSERT_TRUE(d.start({"-v", "-S", "-s", "nonblocking"}, {{"TAVIK_TIME_DIVISOR", "10"}}));
     EXPECT_TRUE(d.waitForLog("* At most 2 callers waiting for admission and 1 jobs"));
     EXPECT_TRUE(d.waitForLog("(limits) " + d.home() + "limits.cntl line 4 is ignored: bogus 3"));
-    sockaddr_in addr = inetAddress(d.port());
-    auto call = [&] {
-        int fd = socket(AF_INET, SOCK_STREAM, 0);
-        EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-        return fd;
-    };
-    auto closedAtOnce = [](int fd) {
-        pollfd p{fd, POLLIN, 0};
-        uint8_t byte;
-        return poll(&p, 1, 2000) == 1 && recv(fd, &byte, 1, 0) <= 0;
-    };
-    int waiting[2] = {call(), call()};
+    int waiting[2] = {call(d), call(d)};
     usleep(200000);
-    int third = call();
-    EXPECT_TRUE(closedAtOnce(third));
+    int third = call(d);
+    EXPECT_TRUE(closedWithin(third, 2000));
     EXPECT_TRUE(d.waitForLog("Call from 127.0.0.1 closed: 2 callers are waiting for admission and 0 jobs are running"));
-    for (int fd : waiting) close(fd);
-    close(third);
+    for (int fd : {waiting[0], waiting[1], third}) close(fd);
     // One job runs (its caller sends no parameters): the next call is closed.
     usleep(300000);
     tavik::frontend::JobClient job;
     ASSERT_TRUE(job.connect("127.0.0.1", d.port()));
     EXPECT_EQ(job.request({.root = "/tmp", .login = "anyone", .password = "", .opMode = 7}), 4);
     usleep(200000);
-    int fourth = call();
-    EXPECT_TRUE(closedAtOnce(fourth));
+    int fourth = call(d);
+    EXPECT_TRUE(closedWithin(fourth, 2000));
     EXPECT_TRUE(d.waitForLog("0 callers are waiting for admission and 1 jobs are running"));
     close(fourth);
     EXPECT_TRUE(d.alive());

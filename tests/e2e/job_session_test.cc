@@ -14,7 +14,9 @@ namespace protocol = tavik::protocol;
 using JobSessionTest = LoginJobTest;
 
 // One row per answer to a request: logins, passwords, host equivalence,
-// roots, protection, groups and the newest server's unswitched jobs.
+// roots, protection, groups and the unswitched bit of older servers. (The
+// refusal of a protected root and of an unswitched job of a login that is
+// not trusted are SecurityTest's.)
 TEST_F(JobSessionTest, EveryAdmissionAndRefusalCode) {
     TestUser sha512("SHA512"), hidden, grouped("", true);
     ASSERT_TRUE(sha512.ok() && hidden.ok() && grouped.ok());
@@ -31,6 +33,9 @@ TEST_F(JobSessionTest, EveryAdmissionAndRefusalCode) {
     std::string home = user_.home(), rootOnly = scratch.path("rootonly");
     ASSERT_TRUE(startDaemon({"-v", "-a", "10"}));
     std::ofstream(daemon_.home() + "tvk.cntl") << "# protected\n" << home << "\n";
+    // Trusted, the login could keep root's identity if a server that may
+    // ask for it did.
+    trust(user_.name());
 
     // Admitted: the newest version answers, offering the -a interval; the
     // job then takes the start command and ends.
@@ -72,47 +77,33 @@ TEST_F(JobSessionTest, EveryAdmissionAndRefusalCode) {
          .line = "(ckpasswd) User " + hidden.name() + " is not defined in the shadow file"},
         {.what = "relative root", .root = "usr/lib", .opMode = 0, .answer = 116,
          .line = "Invalid Unix Path, Job Abort"},
-        {.what = "protected backup root", .root = home, .opMode = 0, .answer = 114,
-         .line = "Protected Directory [" + home + "/] in " + daemon_.home() + "tvk.cntl"},
         {.what = "a compare of a protected root", .root = home},
         {.what = "backup of what only root may read", .root = rootOnly, .opMode = 0, .answer = 118,
          .line = "Failed to Access Directory [" + rootOnly + "/] (Permission denied)"},
         {.what = "compare where only root may enter", .root = rootOnly, .answer = 105,
          .line = "Failed to change directory to " + rootOnly + "/ (Permission denied), Job Abort"},
-        {.what = "unswitched job of the newest server: not for a login that is not trusted", .root = rootOnly,
-         .unswitched = true, .answer = 105,
-         .line = "The request to run without switching to login " + user_.name() + " is ignored"},
-        {.what = "unswitched bit ignored from version 51", .root = rootOnly, .version = 51, .unswitched = true,
-         .answer = 105},
+        {.what = "unswitched bit of a trusted login ignored from version 51", .root = rootOnly, .version = 51,
+         .unswitched = true, .answer = 105},
         {.what = "primary group", .root = scratch.path("primary"), .login = grouped.name()},
         {.what = "supplementary group, compare", .root = scratch.path("group"), .login = grouped.name()},
         {.what = "supplementary group, backup", .root = scratch.path("group"), .opMode = 0, .login = grouped.name()},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
-        RequestFields f = fields(row.root, row.opMode);
-        f.login = row.login.empty() ? user_.name() : row.login;
-        f.password = row.password;
-        f.serverVersion = row.version;
-        f.acceptEA = row.acceptEA;
-        f.runUnswitched = row.unswitched;
-        EXPECT_EQ(ask(f), row.answer);
-        if (row.answer != 4) {
-            EXPECT_TRUE(agentCloses());  // after a refusal the job process ends
-        }
-        if (!row.line.empty()) {
-            EXPECT_TRUE(daemon_.waitForLog(row.line));
-        }
+        EXPECT_EQ(ask({.root = row.root, .login = row.login.empty() ? user_.name() : row.login,
+                       .password = row.password, .opMode = row.opMode, .serverVersion = row.version,
+                       .acceptEA = row.acceptEA, .runUnswitched = row.unswitched}),
+                  row.answer);
+        // After a refusal the job process ends.
+        EXPECT_TRUE(row.answer == 4 || agentCloses());
+        EXPECT_TRUE(row.line.empty() || daemon_.waitForLog(row.line)) << row.line;
     }
     EXPECT_FALSE(logHas(kPassword));
 
     // Single-user mode admits anyone and runs as the daemon's user.
     daemon_.stop();
     ASSERT_TRUE(startDaemon({"-v", "-S"}));
-    RequestFields f = fields(rootOnly, 2);
-    f.login = nobody;
-    f.password = "anything";
-    EXPECT_EQ(ask(f), 4);
+    EXPECT_EQ(ask({.root = rootOnly, .login = nobody, .password = "anything", .opMode = 2}), 4);
     EXPECT_TRUE(daemon_.waitForLog("Will operate in single user mode"));
 }
 
@@ -120,24 +111,23 @@ TEST_F(JobSessionTest, EveryAdmissionAndRefusalCode) {
 // takes every command of the parameter phase.
 TEST_F(JobSessionTest, BrokenCallersThenEveryCommandOfTheParameterPhase) {
     ASSERT_TRUE(startDaemon());
-    // One byte of a header, then a close.
-    ASSERT_TRUE(client_.connect("127.0.0.1", daemon_.port()));
-    ASSERT_TRUE(client_.sendRaw(std::array<uint8_t, 1>{0}));
-    client_.close();
-    EXPECT_TRUE(daemon_.waitForLog("(GetRequest) Failed to Receive Header Packet"));
-    EXPECT_TRUE(daemon_.waitForLog("Failed to get Request Packet, Job Abort"));
-
-    // A request that stops half way.
+    // One byte of a header or a request cut half way, then a close; or
+    // nothing, until the agent closes at the 120 s receive time-out
+    // (divided).
     std::vector<uint8_t> packet = tavik::frontend::buildRequestPacket(fields(user_.home(), 2));
-    ASSERT_TRUE(client_.connect("127.0.0.1", daemon_.port()));
-    ASSERT_TRUE(client_.sendRaw(std::span<const uint8_t>(packet.data(), 300)));
-    client_.close();
-    EXPECT_TRUE(daemon_.waitForLog("(GetRequest) Failed to Receive Data Packet"));
-
-    // A caller that sends nothing: the 120 s receive time-out (divided).
-    ASSERT_TRUE(client_.connect("127.0.0.1", daemon_.port()));
-    EXPECT_TRUE(agentCloses());
-    EXPECT_TRUE(daemon_.waitForLog("(blockRecv) Timed out in Receive, expected = 8 rcved = 0"));
+    const std::pair<size_t, const char*> cuts[] = {
+        {1, "(GetRequest) Failed to Receive Header Packet"},
+        {300, "(GetRequest) Failed to Receive Data Packet"},
+        {0, "(blockRecv) Timed out in Receive, expected = 8 rcved = 0"},
+    };
+    for (auto [length, line] : cuts) {
+        ASSERT_TRUE(client_.connect("127.0.0.1", daemon_.port()));
+        ASSERT_TRUE(client_.sendRaw(std::span<const uint8_t>(packet.data(), length)));
+        EXPECT_TRUE(length != 0 || agentCloses());
+        client_.close();
+        EXPECT_TRUE(daemon_.waitForLog(line)) << line;
+    }
+    EXPECT_TRUE(daemon_.waitForLog("Failed to get Request Packet, Job Abort"));
 
     RequestFields s = fields(user_.home(), 0);
     s.tpSize = 1;
