@@ -1,17 +1,15 @@
 // The packet queue on the real kernel: the registry file's lines, the
-// whole-file lock with retries, the IPC objects GetIPC makes and ReleaseIPC
-// removes, the producer's adaptive sleep, held slots, and the ring's size
-// from what the system grants. A producer and a sender in two processes
-// keeping the order over a ring that wraps is checked end to end by
-// BackupFlowTest.ThirtyTwoBackupsAtOnceReassembleExactly.
+// producer's adaptive sleep, held slots, and the ring's size from what the
+// system grants. End to end: a producer and a sender in two processes
+// keeping the order over a ring that wraps
+// (BackupFlowTest.ThirtyTwoBackupsAtOnceReassembleExactly), the IPC objects
+// gone after every backup and after a killed job
+// (BackupFaultTest.KilledJobProcessTakesItsSenderAndItsIpcObjects), and the
+// file lock's retries (BackupFlowTest.WatchdogAndLockTests).
 #include "backup/ipc_registry.h"
 #include "backup/queue.h"
 #include "backup/queue_size.h"
 
-#include <fcntl.h>
-#include <sys/ipc.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,8 +19,8 @@
 
 #include "daemon/scratch_home.h"
 #include "daemon/state.h"
+#include "protocol/packet.h"
 #include "request/job_context.h"
-#include "transport/packet.h"
 
 namespace {
 
@@ -70,55 +68,6 @@ TEST_F(QueueTest, RegistryLinesAreWrittenClearedAndReused) {
     EXPECT_EQ(registry(), "s      4567    \nm         8    \n#m 1234567890    \n");
     RegisterIPC('s', 9);  // a longer free line: padded, never running into the next
     EXPECT_EQ(registry(), "s      4567    \nm         8    \ns         9      \n");
-}
-
-TEST_F(QueueTest, LockFileRetriesThenGivesUp) {
-    std::string path = home_.dir() + "/lockme";
-    std::ofstream(path) << "x";
-    int fd = open(path.c_str(), O_RDWR);
-    EXPECT_EQ(platform::lockFile(fd, platform::kWriteLock, 0, 0, 1), -2);  // no attempt at all
-    EXPECT_EQ(platform::lockFile(fd, platform::kWriteLock, 1, 0, 1), 0);
-    close(fd);  // releases this process's lock
-
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    pid_t holder = fork();
-    if (holder == 0) {
-        int own = open(path.c_str(), O_RDWR);
-        struct flock l {};
-        l.l_type = F_WRLCK;
-        fcntl(own, F_SETLK, &l);
-        write(ready[1], "x", 1);
-        pause();
-        _exit(0);
-    }
-    char c;
-    ASSERT_EQ(read(ready[0], &c, 1), 1);
-    int other = open(path.c_str(), O_RDWR);
-    EXPECT_EQ(platform::lockFile(other, platform::kReadLock, 3, 0, 1), -2);
-    kill(holder, SIGKILL);
-    waitpid(holder, nullptr, 0);
-    EXPECT_EQ(platform::lockFile(other, platform::kReadLock, 3, 0, 1), 0);
-    EXPECT_EQ(platform::lockFile(-1, platform::kReadLock, 3, 0, 1), -1);
-    close(other);
-}
-
-TEST_F(QueueTest, GetIpcMakesTheObjectsAndReleaseRemovesThem) {
-    startupSettings().verbose = true;
-    ASSERT_EQ(GetIPC(), 0);
-    EXPECT_TRUE(home_.logHas("(GetIPC) sizeof(SHM_BUFF)=2064,shm_size=20568, shmbuff->pkque=8"));
-    std::string lines = registry();
-    ASSERT_EQ(lines.size(), 32u);
-    int shm = std::atoi(lines.c_str() + 2), sem = std::atoi(lines.c_str() + 18);
-    shmid_ds ds{};
-    ASSERT_EQ(shmctl(shm, IPC_STAT, &ds), 0);
-    EXPECT_EQ(ds.shm_segsz, 20568u);
-    EXPECT_EQ(semctl(sem, 0, GETVAL), 1);
-    EXPECT_EQ(ReleaseIPC(), 0);
-    EXPECT_NE(shmctl(shm, IPC_STAT, &ds), 0);
-    EXPECT_LT(semctl(sem, 0, GETVAL), 0);
-    EXPECT_EQ(registry().substr(0, 1) + registry().substr(16, 1), "##");
-    EXPECT_EQ(ReleaseIPC(), 0);  // twice is harmless
 }
 
 // A full ring: a consumer frees 5 slots; the producer's sleep becomes

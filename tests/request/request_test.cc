@@ -4,12 +4,11 @@
 // anything is read, short fixed-size payloads, and the lines they leave;
 // then the front-end's login options. Every command's ordinary answer and
 // line is driven on the real daemon by
-// JobSessionTest.BrokenCallersThenEveryCommandOfTheParameterPhase.
+// JobSessionTest.BrokenCallersThenEveryCommandOfTheParameterPhase, restart
+// points by BackupFlowTest.RestartPointWithAndWithoutOffset, the option
+// flags and old servers by the BackupStreamTest cases.
 #include "request/commands.h"
 #include "request/request.h"
-
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -144,21 +143,6 @@ TEST_F(RequestTest, EveryTruncationFails) {
     EXPECT_TRUE(logged("(GetRequest) Failed to Receive Data Packet"));
 }
 
-// A character equal to its key character scrambles to NUL: the password is
-// read up to there; a field without a NUL is read as 23 characters.
-TEST(Password, ScrambleRoundTripsAndStopsAtKeyCharacters) {
-    auto s = protocol::scramblePassword("pass");
-    EXPECT_EQ(s[0], 'p' ^ 'K');
-    EXPECT_EQ(s[4], static_cast<uint8_t>('b'));  // the NUL scrambled with key[4]
-    char plain[protocol::kPasswordSize];
-    protocol::descramblePassword(plain, protocol::scramblePassword("abmXY").data());  // key[2] is 'm'
-    EXPECT_STREQ(plain, "ab");
-    std::array<uint8_t, protocol::kPasswordSize> full;
-    full.fill(0x7F);
-    protocol::descramblePassword(plain, full.data());
-    EXPECT_EQ(std::strlen(plain), 23u);
-}
-
 TEST_F(CommandsTest, DiskItemBuildsTheTopListWithinItsStatedSize) {
     startupSettings().verbose = true;
     Bytes s = cmd(11, le32({3, 11}));
@@ -213,36 +197,15 @@ TEST_F(CommandsTest, GroomingKeepsRecordTapeAndSetNameOrIsDropped) {
     EXPECT_TRUE(logged("tapeID=[TAPE-1], sessionNumber=[], tapeName=[], tapeSequence=[-1]"));
 
     // Without a rotation set or deletion the record is dropped.
-    for (uint32_t options : {0u, 4u}) {
-        Bytes plain(24, 0);
-        wire::storeLe32(&plain[12], options);
-        Bytes p = cmd(13, plain);
-        append(p, Bytes(63, 'T'));
-        append(p, cmd(0));
-        ASSERT_EQ(commands(p), 0);
-        EXPECT_EQ(ctx_.groomRecord.empty(), options == 0) << options;
-        EXPECT_EQ(ctx_.groomSet, "");
-    }
+    Bytes plain = cmd(13, Bytes(24, 0));
+    append(plain, Bytes(63, 'T'));
+    append(plain, cmd(0));
+    ASSERT_EQ(commands(plain), 0);
+    EXPECT_TRUE(ctx_.groomRecord.empty());
     // A tape record cut short ends the job.
     Bytes cut = cmd(13, Bytes(24, 0));
     append(cut, Bytes(20, 'T'));
     EXPECT_EQ(commands(cut), transport::kFailed);
-}
-
-TEST_F(CommandsTest, ContinueLogsItsThreeForms) {
-    Bytes s;
-    for (auto [offset, name] : {std::pair{0u, "a/first"}, {0xFFFFFFFFu, "b/second"}, {8192u, "c/third"}}) {
-        Bytes payload = le32({offset});
-        payload.insert(payload.end(), name, name + std::strlen(name) + 1);
-        append(s, cmd(16, payload));
-    }
-    append(s, cmd(0));
-    ASSERT_EQ(commands(s), 0);
-    EXPECT_EQ(ctx_.restartPath, "c/third");
-    EXPECT_EQ(ctx_.restartOffset, 8192);
-    EXPECT_TRUE(logged("(GetCommands) Continue on file next to a/first"));
-    EXPECT_TRUE(logged("(GetCommands) Continue on file b/second at offset 0"));
-    EXPECT_TRUE(logged("(GetCommands) Continue on file c/third at offset 8192"));
 }
 
 TEST_F(CommandsTest, UnsupportedCommandsAreRejectedAndTheJobGoesOn) {
@@ -264,19 +227,6 @@ TEST_F(CommandsTest, BrokenStreamsFailWithTheirLines) {
     s.resize(8 + 100);
     EXPECT_EQ(commands(s), transport::kFailed);
     EXPECT_TRUE(logged("(GetCommands) Failed to Receive Data Packet"));
-}
-
-// An old server sends no options record; it follows links only when the
-// daemon was started with -f (the marker file).
-TEST_F(CommandsTest, OldServerPatternPhaseReadsNothing) {
-    ctx_.serverVersion = '1';
-    ctx_.request.raw[protocol::request_layout::kFollowAt] = 1;
-    EXPECT_EQ(pattern({}), 0);
-    EXPECT_FALSE(ctx_.jobSettings.followLinks);
-    ::close(::creat(paths().followMarkerPath.c_str(), 0700));
-    EXPECT_EQ(pattern({}), 0);
-    EXPECT_TRUE(ctx_.jobSettings.followLinks);
-    EXPECT_TRUE(logged("* Symbolic links will be followed"));
 }
 
 Bytes item(uint16_t type, uint32_t count, const Bytes& data, uint16_t length) {
@@ -327,12 +277,6 @@ TEST(LoginOptions, RefusesBadValuesAndPasswordsOnTheCommandLine) {
         EXPECT_FALSE(frontend::parseLoginOptions(bad, o, error)) << bad[0];
         EXPECT_FALSE(error.empty());
     }
-    std::vector<std::string> none{"host"};
-    frontend::LoginOptions d;
-    std::string error;
-    ASSERT_TRUE(frontend::parseLoginOptions(none, d, error));
-    EXPECT_EQ(d.port, 6050);
-    EXPECT_EQ(d.serverVersion, 52);
 }
 
 }  // namespace
