@@ -114,7 +114,8 @@ TEST_F(CompareStream, OversizedPacketsEndTheJobWithCode100) {
         EXPECT_EQ(r.result, 0);
         EXPECT_EQ(r.codes(), row.codes);
     }
-    EXPECT_TRUE(home_.logHas("(GetReply) Failed to Receive"));
+    EXPECT_TRUE(home_.logHas("(GetReply) Failed to Receive Data Packet"));
+    EXPECT_TRUE(home_.logHas("(GetReply) Failed to Receive Header Packet"));
 }
 
 TEST_F(CompareStream, LargeFilesCompareByTheLow32BitsOfTheirSize) {

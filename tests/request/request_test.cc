@@ -1,9 +1,10 @@
 // The job request and the parameter phase read from replayed server bytes:
-// damaged, truncated and oversized requests, the server version, command
+// damaged, short and oversized requests, the server version, command
 // records and filter items whose sizes from the wire are checked before
 // anything is read, short fixed-size payloads, and the lines they leave;
 // then the front-end's login options. Every command's ordinary answer and
-// line is driven on the real daemon by
+// line, and requests cut in their header or their record, are driven on
+// the real daemon by
 // JobSessionTest.BrokenCallersThenEveryCommandOfTheParameterPhase, restart
 // points by BackupFlowTest.RestartPointWithAndWithoutOffset, the option
 // flags and old servers by the BackupStreamTest cases.
@@ -130,17 +131,6 @@ TEST_F(RequestTest, LengthBeyondTheRootBufferFailsBeforeReading) {
     wire::storeLe16(&packet[6], 680 + 1023);
     EXPECT_EQ(request(packet), 0);
     EXPECT_EQ(ctx_.jobRoot.size(), 1023u);
-}
-
-TEST_F(RequestTest, EveryTruncationFails) {
-    Bytes packet = buildRequestPacket(fields("/" + std::string(400, 'a')));
-    for (size_t cut = 0; cut < packet.size(); ++cut) {
-        EXPECT_EQ(request(Bytes(packet.begin(), packet.begin() + long(cut))), transport::kFailed) << cut;
-        if (cut == 7) {
-            EXPECT_TRUE(logged("(GetRequest) Failed to Receive Header Packet"));
-        }
-    }
-    EXPECT_TRUE(logged("(GetRequest) Failed to Receive Data Packet"));
 }
 
 TEST_F(CommandsTest, DiskItemBuildsTheTopListWithinItsStatedSize) {

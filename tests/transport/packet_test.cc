@@ -1,12 +1,14 @@
 // Packet exchange over real socket pairs: header bytes, receive failures and
 // their log lines, the receive deadline against a dripping peer, the retry
-// waits, status packets, GetReply's bounds, the read-ahead, a stalled send
+// waits, status packets, the read-ahead under a deadline, a stalled send
 // outside the sender, and the sender's partial vectored sends. Header
 // bytes, whole transfers, read-ahead streams and acknowledgements of
 // received packets are what every end-to-end backup, restore and compare
 // reads (BackupStreamTest.EveryEntryKindInStreamOrder parses the headers
 // byte by byte; RestoreTest.FilesDirectoriesModesOwnersAndTimesComeBackExactlyWhereTheLoginMayWrite
-// counts the acknowledgements).
+// counts the acknowledgements). GetReply's refusals of oversized and cut
+// packets are CompareStream.OversizedPacketsEndTheJobWithCode100 and
+// RestoreTest.BrokenStreamsEndTheJobAndAnsweredFilesStayIntact.
 #include "transport/packet.h"
 #include "transport/sender.h"
 
@@ -120,36 +122,6 @@ TEST_F(PacketTest, ReadyCarriesAckIntervalAndVersionByServer) {
     EXPECT_EQ(syncSendCode(sp_.agent, protocol::code::kLoginFailed), kFailed);
     EXPECT_TRUE(home_.logHas("(sync_send_code) Send command [0x71] failed"));
     EXPECT_TRUE(home_.logHas("(blockSend) Failed in send(), "));
-}
-
-TEST_F(PacketTest, GetReplyRoutesPayloadsAndRefusesOversizedLengths) {
-    std::array<uint8_t, 16> record{};
-    std::array<uint8_t, 10> data{};
-    FileDataBuffer fileData{data, 0};
-    int8_t c = -1;
-    writeAll(sp_.server, {0, 0, 3, 0, 0, 0, 0, 0});
-    EXPECT_EQ(GetReply(sp_.agent, c, record, &fileData), 0);
-    EXPECT_EQ(c, 3);
-    writeAll(sp_.server, {0, 0, 7, 0, 0, 0, 4, 0, 'a', 'b', 'c', 'd', 0, 0, 8, 0, 0, 0, 3, 0, 'e', 'f', 'g'});
-    EXPECT_EQ(GetReply(sp_.agent, c, record, &fileData), 0);
-    EXPECT_EQ(GetReply(sp_.agent, c, record, &fileData), 0);
-    EXPECT_EQ(std::string(data.begin(), data.begin() + long(fileData.fill)), "abcdefg");
-    writeAll(sp_.server, {0, 0, 22, 0, 0, 0, 2, 0, 'x', 'y'});
-    EXPECT_EQ(GetReply(sp_.agent, c, record, &fileData), 0);
-    EXPECT_EQ(c, 22);
-    EXPECT_EQ(record[0], 'x');
-
-    // Four more data bytes do not fit the three left: refused before reading.
-    writeAll(sp_.server, {0, 0, 7, 0, 0, 0, 4, 0});
-    EXPECT_EQ(GetReply(sp_.agent, c, record, &fileData), kFailed);
-    EXPECT_EQ(fileData.fill, 7u);
-    writeAll(sp_.server, {0, 0, 22, 0, 0, 0, 0xFF, 0xFF});
-    EXPECT_EQ(GetReply(sp_.agent, c, record, &fileData), kFailed);
-    EXPECT_TRUE(home_.logHas("(GetReply) Failed to Receive Data Packet"));
-    writeAll(sp_.server, {0, 0, 3});
-    sp_.closeServer();
-    EXPECT_EQ(GetReply(sp_.agent, c, record, &fileData), kFailed);
-    EXPECT_TRUE(home_.logHas("(GetReply) Failed to Receive Header Packet"));
 }
 
 // Under a receive deadline (the request phase) a read-ahead takes one
