@@ -1,7 +1,8 @@
-// Packet exchange over real socket pairs: header bytes, receive failures and
-// their log lines, the receive deadline against a dripping peer, the retry
-// waits, status packets, the read-ahead under a deadline, a stalled send
-// outside the sender, and the sender's partial vectored sends. Header
+// Packet exchange over real socket pairs: receive failures and their log
+// lines, the receive deadline against a dripping peer, the retry waits, an
+// old server's READY, the read-ahead under a deadline, the browse pair's
+// short transfers, a stalled send outside the sender, and the sender's
+// partial vectored sends. Header
 // bytes, whole transfers, read-ahead streams and acknowledgements of
 // received packets are what every end-to-end backup, restore and compare
 // reads (BackupStreamTest.EveryEntryKindInStreamOrder parses the headers
@@ -181,7 +182,8 @@ int release(uint16_t n) {
 // in parts: the byte stream stays exactly the packets in order, and the
 // sender stops after each packet that makes an acknowledgement due until
 // the answer arrives.
-TEST_F(PacketTest, PartialVectoredSendsKeepTheStreamAndStopBeforeEachAcknowledgement) {
+using SenderTest = PacketTest;
+TEST_F(SenderTest, PartialVectoredSendsKeepTheStreamAndStopBeforeEachAcknowledgement) {
     gSlots.clear();
     for (size_t f = 0; f < 30; ++f) {
         gSlots.push_back(packetBytes(protocol::code::kFileHeader, Bytes(60, uint8_t(f))));
