@@ -47,9 +47,9 @@ protected:
         dir_.reset(::open(home_.dir().c_str(), O_RDONLY | O_DIRECTORY));
     }
     void TearDown() override { ReleaseIPC(); }
-    // Sends the entry at `name` in the scratch directory, as stat shows it
-    // now; the packets it queued, data packets as 700000 / 800000 plus their
-    // length.
+    // Sends the entry at `name` in the scratch directory as lstat shows it
+    // now (or as `st` showed it before); returns the codes of the packets
+    // queued, MOF and ENDF as 700000 and 800000 plus their length.
     std::vector<int> send(const std::string& name, const std::string& wireName = "") {
         struct stat st {};
         ::lstat(path(name).c_str(), &st);
