@@ -1,14 +1,15 @@
 // The packet queue on the real kernel: the registry file's lines, the
-// whole-file lock with retries, the IPC objects GetIPC makes and ReleaseIPC
-// removes, the ring's indexes and the producer's adaptive sleep, and a
-// producer and consumer in two processes.
+// producer's adaptive sleep, held slots, and the ring's size from what the
+// system grants. End to end: a producer and a sender in two processes
+// keeping the order over a ring that wraps
+// (BackupFlowTest.ThirtyTwoBackupsAtOnceReassembleExactly), the IPC objects
+// gone after every backup and after a killed job
+// (BackupFaultTest.KilledJobProcessTakesItsSenderAndItsIpcObjects), and the
+// file lock's retries (BackupFlowTest.WatchdogAndLockTests).
 #include "backup/ipc_registry.h"
 #include "backup/queue.h"
+#include "backup/queue_size.h"
 
-#include <fcntl.h>
-#include <sys/ipc.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,8 +19,8 @@
 
 #include "daemon/scratch_home.h"
 #include "daemon/state.h"
+#include "protocol/packet.h"
 #include "request/job_context.h"
-#include "transport/packet.h"
 
 namespace {
 
@@ -69,75 +70,14 @@ TEST_F(QueueTest, RegistryLinesAreWrittenClearedAndReused) {
     EXPECT_EQ(registry(), "s      4567    \nm         8    \ns         9      \n");
 }
 
-TEST_F(QueueTest, LockFileRetriesThenGivesUp) {
-    std::string path = home_.dir() + "/lockme";
-    std::ofstream(path) << "x";
-    int fd = open(path.c_str(), O_RDWR);
-    EXPECT_EQ(platform::lockFile(fd, platform::kWriteLock, 0, 0, 1), -2);  // no attempt at all
-    EXPECT_EQ(platform::lockFile(fd, platform::kWriteLock, 1, 0, 1), 0);
-    close(fd);  // releases this process's lock
-
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    pid_t holder = fork();
-    if (holder == 0) {
-        int own = open(path.c_str(), O_RDWR);
-        struct flock l {};
-        l.l_type = F_WRLCK;
-        fcntl(own, F_SETLK, &l);
-        write(ready[1], "x", 1);
-        pause();
-        _exit(0);
-    }
-    char c;
-    ASSERT_EQ(read(ready[0], &c, 1), 1);
-    int other = open(path.c_str(), O_RDWR);
-    EXPECT_EQ(platform::lockFile(other, platform::kReadLock, 3, 0, 1), -2);
-    kill(holder, SIGKILL);
-    waitpid(holder, nullptr, 0);
-    EXPECT_EQ(platform::lockFile(other, platform::kReadLock, 3, 0, 1), 0);
-    EXPECT_EQ(platform::lockFile(-1, platform::kReadLock, 3, 0, 1), -1);
-    close(other);
-}
-
-TEST_F(QueueTest, GetIpcMakesTheObjectsAndReleaseRemovesThem) {
-    startupSettings().verbose = true;
-    ASSERT_EQ(GetIPC(), 0);
-    EXPECT_TRUE(home_.logHas("(GetIPC) sizeof(SHM_BUFF)=2064,shm_size=20568, shmbuff->pkque=8"));
-    std::string lines = registry();
-    ASSERT_EQ(lines.size(), 32u);
-    int shm = std::atoi(lines.c_str() + 2), sem = std::atoi(lines.c_str() + 18);
-    shmid_ds ds{};
-    ASSERT_EQ(shmctl(shm, IPC_STAT, &ds), 0);
-    EXPECT_EQ(ds.shm_segsz, 20568u);
-    EXPECT_EQ(semctl(sem, 0, GETVAL), 1);
-    EXPECT_EQ(queuedCount(), 0);
-
-    EXPECT_EQ(ReleaseIPC(), 0);
-    EXPECT_NE(shmctl(shm, IPC_STAT, &ds), 0);
-    EXPECT_LT(semctl(sem, 0, GETVAL), 0);
-    EXPECT_EQ(registry()[0], '#');
-    EXPECT_EQ(registry()[16], '#');
-    EXPECT_EQ(ReleaseIPC(), 0);  // twice is harmless
-}
-
+// A full ring: a consumer frees 5 slots; the producer's sleep becomes
+// 1 x 9 / 5 = 1, then stays within 1..1000.
 TEST_F(QueueTest, RingWrapsAndTheProducerAdaptsItsSleep) {
     ASSERT_EQ(GetIPC(), 0);
-    // Publish and release past the end of the ring: indexes wrap.
-    for (int i = 0; i < 25; ++i) {
-        ASSERT_EQ(waitFreeSlot(), 0);
-        inSlot()[2] = uint8_t(i);
-        ASSERT_EQ(countup(), 0);
-        EXPECT_EQ(outSlot()[2], uint8_t(i));
-        ASSERT_EQ(countdown(), 0);
-    }
-    // Full ring: a consumer frees 5 slots; the producer's sleep becomes
-    // 1 x 9 / 5 = 1, then stays within 1..1000.
     for (int i = 0; i < 10; ++i) {
         ASSERT_EQ(waitFreeSlot(), 0);
         ASSERT_EQ(countup(), 0);
     }
-    EXPECT_EQ(queuedCount(), 10);
     pid_t consumer = fork();
     if (consumer == 0) {
         disownIPC();
@@ -151,7 +91,7 @@ TEST_F(QueueTest, RingWrapsAndTheProducerAdaptsItsSleep) {
     EXPECT_LE(producerSleepMs(), 9);
     EXPECT_EQ(queuedCount(), 5);
     // The slot's header is cleared for the next packet.
-    for (size_t i = 0; i < protocol::kHeaderSize; ++i) EXPECT_EQ(inSlot()[i], 0);
+    EXPECT_EQ(std::count(inSlot(), inSlot() + protocol::kHeaderSize, 0), long(protocol::kHeaderSize));
     ReleaseIPC();
 }
 
@@ -198,34 +138,26 @@ TEST_F(QueueTest, HeldSlotsLeaveWithTheNextPublicationOrBeforeAWait) {
     ReleaseIPC();
 }
 
-TEST_F(QueueTest, ProducerAndConsumerInTwoProcessesKeepOrder) {
-    ASSERT_EQ(GetIPC(), 0);
-    constexpr int kPackets = 2000;
-    pid_t consumer = fork();
-    if (consumer == 0) {
-        disownIPC();
-        int wait = 0;
-        for (int i = 0; i < kPackets; ++i) {
-            while (queuedCount() == 0) {
-                wait = waitForPacket(wait, transport::kZeroSendRetryLimit);
-                if (wait < 0) _exit(2);
-            }
-            uint16_t v = uint16_t(outSlot()[8] | (outSlot()[9] << 8));
-            if (v != uint16_t(i)) _exit(3);
-            if (countdown() != 0) _exit(4);
-            wait = 0;
-        }
-        _exit(0);
-    }
-    for (int i = 0; i < kPackets; ++i) {
-        ASSERT_EQ(waitFreeSlot(), 0);
-        inSlot()[8] = uint8_t(i);
-        inSlot()[9] = uint8_t(i >> 8);
-        ASSERT_EQ(countup(), 0);
-    }
-    EXPECT_EQ(tavik::testing::exitStatusOf(consumer), 0);
-    EXPECT_EQ(queuedCount(), 0);
-    ReleaseIPC();
+TEST(QueueSize, StepsDownByTenUntilTheSystemGrantsOrFails) {
+    std::vector<size_t> tried;
+    size_t limit = segmentSize(2048, 35);  // a system that grants 35 slots' worth
+    auto probe = [&](size_t bytes) {
+        tried.push_back(bytes);
+        return bytes <= limit ? 0 : EINVAL;
+    };
+    int err = 0;
+    EXPECT_EQ(grantedSlotCount(2048, 100, probe, err), 30);
+    EXPECT_EQ(tried.size(), 8u);  // 100, 90, ..., 40, 30
+    EXPECT_EQ(tried.back(), segmentSize(2048, 30));
+    // Fewer than ten slots, or another error, fail.
+    EXPECT_EQ(grantedSlotCount(2048, 100, [](size_t) { return EINVAL; }, err), -1);
+    EXPECT_EQ(grantedSlotCount(2048, 100, [](size_t) { return ENOSPC; }, err), -2);
+    EXPECT_EQ(err, ENOSPC);
+    // The real system keeps the default and sets the sleep scale.
+    startupSettings() = Settings{};
+    ASSERT_EQ(DecideShmBuf(), 0);
+    EXPECT_EQ(settings().ioBufferCount, 100);
+    EXPECT_EQ(settings().sleepScale, 90);
 }
 
 }  // namespace

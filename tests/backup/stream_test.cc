@@ -1,7 +1,11 @@
 // File transmission in one process against the real packet queue: entries
 // that vanish, shrink or grow between their stat and their reading, names
-// too long for the attribute record, listed raw devices and the database
-// file list's bounds, long link targets; and the estimate's arithmetic.
+// too long for the attribute record, the database file list's bounds, long
+// link targets and a restart from a file's start; then the attribute
+// record's bytes, the 32-bit wire fields and the estimate's overflow units.
+// Chunks across the ring's end and listed raw devices are read back end to
+// end (BackupFlowTest.ThirtyTwoBackupsAtOnceReassembleExactly,
+// BackupStreamTest.ListedRawDeviceIsSentAsData).
 #include "backup/stream.h"
 
 #include <fcntl.h>
@@ -14,16 +18,13 @@
 #include <fstream>
 
 #include "backup/attribute_record.h"
-#include "backup/backup_state.h"
 #include "backup/estimate.h"
 #include "backup/queue.h"
 #include "daemon/scratch_home.h"
-#include "daemon/state.h"
 #include "platform/fd.h"
-#include "platform/fs_type.h"
+#include "platform/wire_stat.h"
+#include "protocol/packet.h"
 #include "request/job_context.h"
-#include "transport/packet.h"
-#include "wire/bytes.h"
 
 namespace {
 
@@ -34,7 +35,6 @@ struct Packet {
     int code;
     uint8_t version;
     std::vector<uint8_t> payload;
-    std::string text() const { return std::string(payload.begin(), payload.end() - (payload.empty() ? 0 : 1)); }
 };
 
 class StreamTest : public ::testing::Test {
@@ -44,173 +44,101 @@ protected:
         startupSettings().resetAccessTime = false;
         prepareForConnection(job());
         ASSERT_EQ(GetIPC(), 0);
+        dir_.reset(::open(home_.dir().c_str(), O_RDONLY | O_DIRECTORY));
     }
     void TearDown() override { ReleaseIPC(); }
-    // The entries' directory, which backup_file opens them in by name.
-    int dir() {
-        if (!dir_) dir_.reset(::open(home_.dir().c_str(), O_RDONLY | O_DIRECTORY));
-        return dir_.get();
+    // Sends the entry at `name` in the scratch directory as lstat shows it
+    // now (or as `st` showed it before); returns the codes of the packets
+    // queued, MOF and ENDF as 700000 and 800000 plus their length.
+    std::vector<int> send(const std::string& name, const std::string& wireName = "") {
+        struct stat st {};
+        ::lstat(path(name).c_str(), &st);
+        return sendAs(name, st, wireName);
     }
-    std::vector<Packet> drain() {
-        std::vector<Packet> out;
-        while (queuedCount() != 0) {
-            const uint8_t* slot = outSlot();
+    std::vector<int> sendAs(const std::string& name, struct stat st, const std::string& wireName = "") {
+        EXPECT_EQ(backup_file(dir_.get(), path(name), wireName.empty() ? name : wireName, st, 0), 0);
+        packets_.clear();
+        std::vector<int> codes;
+        for (; queuedCount() != 0; countdown()) {
             protocol::HeaderBytes h;
-            std::copy(slot, slot + 8, h.begin());
+            std::copy(outSlot(), outSlot() + 8, h.begin());
             protocol::PacketHeader header = protocol::decodeHeader(h);
-            out.push_back({header.code, header.version, std::vector<uint8_t>(slot + 8, slot + 8 + header.length)});
-            countdown();
+            packets_.push_back({header.code, header.version, {outSlot() + 8, outSlot() + 8 + header.length}});
+            bool data = header.code == 7 || header.code == 8;
+            codes.push_back(data ? header.code * 100000 + header.length : header.code);
         }
-        return out;
+        return codes;
     }
+    std::string path(const std::string& name) const { return home_.dir() + "/" + name; }
     std::string file(const std::string& name, size_t size) {
-        std::string path = home_.dir() + "/" + name;
-        std::ofstream(path) << std::string(size, 'x');
-        return path;
+        std::ofstream(path(name)) << std::string(size, 'x');
+        return path(name);
     }
-    std::vector<int> codes(const std::vector<Packet>& ps) {
-        std::vector<int> out;
-        for (const Packet& p : ps) out.push_back(p.code == 7 || p.code == 8 ? p.code * 100000 + int(p.payload.size()) : p.code);
-        return out;
-    }
+    uint32_t sizeInHeader() const { return protocol::decodeBackupAttributes(packets_[0].payload)->size; }
     tavik::testing::ScratchHome home_;
     platform::UniqueFd dir_;
+    std::vector<Packet> packets_;
 };
 
 TEST_F(StreamTest, EntriesThatChangeBetweenStatAndRead) {
-    struct stat st;
-    std::string gone = file("gone", 10);
-    stat(gone.c_str(), &st);
-    unlink(gone.c_str());
-    EXPECT_EQ(backup_file(dir(), gone, "gone", st, 0), 0);
-    auto ps = drain();
-    ASSERT_EQ(ps.size(), 1u);
-    EXPECT_EQ(ps[0].code, 102);
-    EXPECT_EQ(ps[0].version, 5);
-    EXPECT_EQ(ps[0].text(), "gone");
-    EXPECT_TRUE(home_.logHas("(backup_file) Failed to open regular file " + gone + " (No such file or directory)"));
+    struct stat st {};
+    ::stat(file("gone", 10).c_str(), &st);
+    ::unlink(path("gone").c_str());
+    EXPECT_EQ(sendAs("gone", st), (std::vector<int>{102}));
+    EXPECT_EQ(packets_[0].version, 5);
+    EXPECT_EQ(packets_[0].payload, (std::vector<uint8_t>{'g', 'o', 'n', 'e', 0}));
+    EXPECT_TRUE(home_.logHas("(backup_file) Failed to open regular file " + path("gone") + " (No such file or directory)"));
 
     // Shrunk: the header keeps the size seen, the data end where the file ends.
-    std::string shrink = file("shrink", 5000);
-    stat(shrink.c_str(), &st);
-    truncate(shrink.c_str(), 100);
-    EXPECT_EQ(backup_file(dir(), shrink, "shrink", st, 0), 0);
-    ps = drain();
-    EXPECT_EQ(codes(ps), (std::vector<int>{6, 800100}));
-    EXPECT_EQ(protocol::decodeBackupAttributes(ps[0].payload)->size, 5000u);
+    ::stat(file("shrink", 5000).c_str(), &st);
+    ::truncate(path("shrink").c_str(), 100);
+    EXPECT_EQ(sendAs("shrink", st), (std::vector<int>{6, 800100}));
+    EXPECT_EQ(sizeInHeader(), 5000u);
 
     // Grown: everything there is at reading time is sent.
-    std::string grow = file("grow", 100);
-    stat(grow.c_str(), &st);
-    std::ofstream(grow, std::ios::app) << std::string(4900, 'y');
-    EXPECT_EQ(backup_file(dir(), grow, "grow", st, 0), 0);
-    EXPECT_EQ(codes(drain()), (std::vector<int>{6, 702048, 702048, 800904}));
-}
-
-// Data chunks are read several slots at a time: every size around a slot
-// boundary, and a file longer than one read takes, still gives full MOF
-// packets and one ENDF with the rest, in order, also across the ring's end.
-TEST_F(StreamTest, ChunksReadTogetherKeepSlotBoundariesAndOrder) {
-    const size_t sizes[] = {0, 1, 2047, 2048, 2049, 4096, 40 * 2048, 40 * 2048 + 7, 33 * 2048};
-    for (int round = 0; round < 3; ++round) {  // the ring wraps more than once
-        for (size_t size : sizes) {
-            std::string path = home_.dir() + "/data";
-            std::string bytes(size, '\0');
-            for (size_t i = 0; i < size; ++i) bytes[i] = char('a' + (i * 7 + i / 2048) % 26);
-            std::ofstream(path, std::ios::trunc) << bytes;
-            struct stat st;
-            ASSERT_EQ(stat(path.c_str(), &st), 0);
-            ASSERT_EQ(backup_file(dir(), path, "data", st, 0), 0);
-            auto ps = drain();
-            std::vector<int> expected{6};
-            for (size_t i = 0; i < size / 2048; ++i) expected.push_back(702048);
-            expected.push_back(800000 + int(size % 2048));
-            EXPECT_EQ(codes(ps), expected) << "size " << size;
-            std::string got;
-            for (size_t i = 1; i < ps.size(); ++i) got.append(ps[i].payload.begin(), ps[i].payload.end());
-            EXPECT_EQ(got, bytes) << "size " << size;
-        }
-    }
+    ::stat(file("grow", 100).c_str(), &st);
+    std::ofstream(path("grow"), std::ios::app) << std::string(4900, 'y');
+    EXPECT_EQ(sendAs("grow", st), (std::vector<int>{6, 702048, 702048, 800904}));
 }
 
 TEST_F(StreamTest, NameTooLongForTheRecordIsReportedLikeAnUnopenableEntry) {
-    std::string path = file("short", 3);
-    struct stat st;
-    stat(path.c_str(), &st);
+    file("short", 3);
     std::string name(protocol::kMaxRecordName + 1, 'n');
-    EXPECT_EQ(backup_file(dir(), path, name, st, 0), 0);
-    auto ps = drain();
-    ASSERT_EQ(ps.size(), 1u);
-    EXPECT_EQ(ps[0].code, 102);
-    EXPECT_EQ(ps[0].text(), name);
+    EXPECT_EQ(send("short", name), (std::vector<int>{102}));
+    EXPECT_EQ(std::string(packets_[0].payload.begin(), packets_[0].payload.end() - 1), name);
     EXPECT_TRUE(home_.logHas("(File name too long)"));
     // The longest name that fits: a record of 49 + 255 bytes.
-    std::string longest = file(std::string(protocol::kMaxRecordName, 'n'), 3);
-    EXPECT_EQ(backup_file(dir(), longest, std::string(protocol::kMaxRecordName, 'n'), st, 0), 0);
-    ps = drain();
-    ASSERT_EQ(ps.size(), 2u);
-    EXPECT_EQ(ps[0].payload.size(), 49 + protocol::kMaxRecordName);
+    file(name.substr(1), 3);
+    EXPECT_EQ(send(name.substr(1)), (std::vector<int>{6, 800003}));
+    EXPECT_EQ(packets_[0].payload.size(), 49 + protocol::kMaxRecordName);
 }
 
-// A listed raw device is sent as its listed size of data (the end-to-end
-// backup test shows it); an unlisted one as an empty file.
+// A list that does not hold whole entries is not walked past its end.
 TEST_F(StreamTest, RawDevicesAreLookedUpInTheDatabaseList) {
-    std::string dev = home_.dir() + "/rawzero";
-    ASSERT_EQ(mknod(dev.c_str(), S_IFCHR | 0600, makedev(1, 5)), 0);  // the zero device
-    std::string other = home_.dir() + "/rawnull";
-    ASSERT_EQ(mknod(other.c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);
-    // One entry: size, path, NUL, padding to a multiple of 4.
     std::vector<uint8_t>& list = job().dbFileList;
-    list.assign(4, 0);
-    wire::storeLe32(list.data(), 4096);
-    list.insert(list.end(), dev.begin(), dev.end());
-    list.push_back(0);
-    while (list.size() % 4) list.push_back(0);
     uint32_t size = 0;
-    EXPECT_TRUE(lookupRawSize(dev.c_str(), size));
+    list = {0, 0x10, 0, 0, 'a', 0, 0, 0, 2, 0, 0};  // 4096 for "a", then an entry cut short
+    EXPECT_TRUE(lookupRawSize("a", size));
     EXPECT_EQ(size, 4096u);
-    EXPECT_FALSE(lookupRawSize(other.c_str(), size));
-
-    struct stat st;
-    stat(other.c_str(), &st);
-    EXPECT_EQ(backup_file(dir(), other, "rawnull", st, 0), 0);
-    auto ps = drain();
-    EXPECT_EQ(codes(ps), (std::vector<int>{6, 800000}));
-    EXPECT_EQ(protocol::decodeBackupAttributes(ps[0].payload)->size, 0u);
-    EXPECT_EQ(protocol::decodeBackupAttributes(ps[0].payload)->kind, 0);
-
-    // A list that does not hold whole entries is not walked past its end.
+    EXPECT_FALSE(lookupRawSize("b", size));
     list = {1, 0, 0, 0, 'a', 'b'};  // no NUL
     EXPECT_FALSE(lookupRawSize("ab", size));
-    list = {1, 0, 0, 0, 'a', 0, 0, 0, 2, 0, 0};  // a second entry cut short
-    EXPECT_TRUE(lookupRawSize("a", size));
-    EXPECT_FALSE(lookupRawSize("b", size));
     list.clear();
     EXPECT_FALSE(lookupRawSize("a", size));
 }
 
 TEST_F(StreamTest, LinkTargetsAreCutAndARestartResendsTheNamedFile) {
-    std::string link = home_.dir() + "/longlink";
-    ASSERT_EQ(symlink(std::string(3000, 't').c_str(), link.c_str()), 0);
-    struct stat st;
-    lstat(link.c_str(), &st);
-    EXPECT_EQ(backup_file(dir(), link, "longlink", st, 0), 0);
-    EXPECT_EQ(codes(drain()), (std::vector<int>{6, 802048})) << "the target cut at the link buffer";
-
-    std::string path = file("again", 3000);
-    stat(path.c_str(), &st);
+    ASSERT_EQ(::symlink(std::string(3000, 't').c_str(), path("longlink").c_str()), 0);
+    EXPECT_EQ(send("longlink"), (std::vector<int>{6, 802048})) << "the target cut at the link buffer";
+    file("again", 3000);
     job().restartOffset = -1;  // resend the named file from its start, without its header
-    EXPECT_EQ(backup_file(dir(), path, "again", st, 0), 0);
-    EXPECT_EQ(codes(drain()), (std::vector<int>{702048, 800952}));
+    EXPECT_EQ(send("again"), (std::vector<int>{702048, 800952}));
     EXPECT_EQ(job().restartOffset, 0);
 }
 
 TEST(EstimateCount, OverflowUnitsStandFor4194303Kilobytes) {
     EstimateCount c;
-    c.addBytes(1023);
-    EXPECT_EQ(c.kilobytes(), 0u);
-    c = {};
-    for (uint64_t n : {1000u, 2048u, 0u}) c.addBytes(n);
+    for (uint64_t n : {1000u, 2047u}) c.addBytes(n);
     EXPECT_EQ(c.kilobytes(), 2u);
     c = {};
     c.addBytes(2147483647u);
@@ -221,16 +149,77 @@ TEST(EstimateCount, OverflowUnitsStandFor4194303Kilobytes) {
     EXPECT_EQ(c.bytes, 2147483646u);
     EXPECT_EQ(c.overflows, 1u);
     EXPECT_EQ(c.kilobytes(), 6291454u);
-    // A file above 4 GiB counts in full.
     c = {};
-    c.addBytes(5ull << 30);
+    c.addBytes(5ull << 30);  // a file above 4 GiB counts in full
     EXPECT_EQ(c.overflows, 1u);
     EXPECT_EQ(c.bytes, uint32_t((5ull << 30) - 4294967295ull));
 }
 
-TEST(FileSystemType, NfsTestByMagicNumber) {
-    EXPECT_EQ(platform::isNfsPath("/tmp"), 0);
-    EXPECT_EQ(platform::isNfsPath("/no/such/path"), -1);
+TEST(AttributeRecord, GoldenBytesAndLengthFortyNinePlusName) {
+    protocol::BackupAttributes a{.dev = 0x01020304, .ino = 0x0A0B0C0D, .mode = 0100644, .nlink = 1, .uid = -2,
+                                 .gid = 100, .rdev = 0, .atime = 0x11223344, .mtime = 0x55667788,
+                                 .dosTime = 0xBEEF, .dosDate = 0xCAFE, .size = 4097,
+                                 .kind = protocol::kKindEntry, .name = "hello.c12345"};
+    std::array<uint8_t, protocol::kMaxAttrRecord> buf;
+    buf.fill(0xEE);
+    ASSERT_EQ(protocol::encodeBackupAttributes(a, buf), 61u);
+    std::string golden("\x04\x03\x02\x01\x0D\x0C\x0B\x0A\xA4\x81\0\0\1\0\0\0\xFE\xFF\xFF\xFF\x64\0\0\0\0\0\0\0"
+                       "\x44\x33\x22\x11\x88\x77\x66\x55\xEF\xBE\xFE\xCA\x01\x10\0\0\0hello.c12345\0\0\0\0\xEE",
+                       62);
+    EXPECT_EQ(std::string(buf.begin(), buf.begin() + 62), golden) << "NUL, padding, nothing past the record";
+
+    auto back = protocol::decodeBackupAttributes(std::span<const uint8_t>(buf.data(), 61));
+    ASSERT_TRUE(back);
+    EXPECT_EQ(protocol::encodeBackupAttributes(*back, buf), 61u);
+    EXPECT_EQ(std::string(buf.begin(), buf.begin() + 61), golden.substr(0, 61));
+}
+
+TEST(AttributeRecord, RefusesLongNamesAndDecodesOnlyWholeRecords) {
+    protocol::BackupAttributes a{.name = std::string(protocol::kMaxRecordName + 1, 'n')};
+    std::vector<uint8_t> buf(protocol::kMaxAttrRecord + 10);
+    EXPECT_EQ(protocol::encodeBackupAttributes(a, buf), 0u) << "256 bytes: refused";
+    a.name = "x";
+    EXPECT_EQ(protocol::encodeBackupAttributes(a, std::span<uint8_t>(buf.data(), 49)), 0u) << "no room";
+    ASSERT_EQ(protocol::encodeBackupAttributes(a, buf), 50u);
+    for (size_t len = 0; len < 46; ++len)
+        EXPECT_FALSE(protocol::decodeBackupAttributes(std::span<const uint8_t>(buf.data(), len))) << len;
+    std::fill(buf.begin() + 45, buf.begin() + 50, 'x');
+    EXPECT_FALSE(protocol::decodeBackupAttributes(std::span<const uint8_t>(buf.data(), 50))) << "name without a NUL";
+}
+
+TEST(WireStat, DevicesTimesAndSizesInThirtyTwoBits) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    uint16_t t, d;
+    protocol::dosTimeDate(1780841109, t, d);  // 2026-06-07 14:05:09
+    EXPECT_EQ(t, (9 / 2) | (5 << 5) | (14 << 11));
+    EXPECT_EQ(d, 7 | (6 << 5) | ((2026 - 1980) << 9));
+    for (auto [maj, min] : {std::pair{259u, 0x3FFFFu}, {0x3FFFu, 7u}}) {
+        EXPECT_TRUE(platform::dev32Exact(makedev(maj, min)));
+        EXPECT_EQ(platform::decodeDev32(platform::encodeDev32(makedev(maj, min))), makedev(maj, min)) << maj;
+    }
+    EXPECT_EQ(platform::encodeDev32(makedev(8, 1)), (8u << 18) | 1u);
+    EXPECT_FALSE(platform::dev32Exact(makedev(1, 1u << 18)));
+    EXPECT_EQ(platform::wireTime(-5), 0u);
+    EXPECT_EQ(platform::wireTime(int64_t(1) << 33), UINT32_MAX);
+    EXPECT_EQ(platform::wireTime(3000000000LL), 3000000000u) << "unsigned: past 2038 still right";
+    EXPECT_EQ(platform::wireSize((int64_t(5) << 32) + 7), 7u);
+}
+
+// Linked files whose inode numbers agree in their low 32 bits, or whose
+// small number equals one already given out, never share a wire number.
+TEST(WireStat, MultiplyLinkedFilesNeverShareAWirePair) {
+    platform::InodeNumbering n;
+    dev_t dev = makedev(8, 1);
+    ino_t big1 = (ino_t(1) << 40) + 5, big2 = (ino_t(2) << 40) + 5;
+    uint32_t a = n.wireInode(dev, big1, 2), b = n.wireInode(dev, big2, 2);
+    EXPECT_NE(a, b);
+    EXPECT_EQ(n.wireInode(dev, big1, 2), a) << "the same file keeps its number";
+    uint32_t c = n.wireInode(dev, ino_t(a), 3);
+    EXPECT_NE(c, a);
+    EXPECT_NE(c, b);
+    EXPECT_NE(n.wireInode(dev, ino_t(b), 1), b) << "nor may a single-link file reuse it";
+    EXPECT_EQ(n.wireInode(dev, 1234, 2), 1234u);
 }
 
 }  // namespace
