@@ -145,10 +145,8 @@ TEST_F(RestoreTest, EveryConflictPolicy) {
     // Real directories so that an existing name is 1021 bytes long: its
     // ".AS1" would need 1025 bytes with the NUL.
     std::string dir = work_;
-    while (dir.size() + 1 + 200 + 30 < 1021) {
-        dir += "/" + std::string(200, 'q');
-        ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
-    }
+    while (dir.size() + 1 + 200 + 30 < 1021) dir += "/" + std::string(200, 'q');
+    ASSERT_TRUE(fs::create_directories(dir));
     std::string longName = dir + "/" + std::string(1021 - dir.size() - 1, 'f');
     ASSERT_EQ(longName.size(), 1021u);
     writeFile(longName, "keep");

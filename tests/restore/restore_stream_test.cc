@@ -74,9 +74,9 @@ TEST(RestoreStreamEncoder, TheRecordIsTranslatedWithTheFullName) {
     ASSERT_EQ(protocol::decodeRestoreAttributes(packets[0].data, r), protocol::RecordError::None);
     EXPECT_EQ(r.name, "/restore/home/u");
     EXPECT_EQ(r.mode, 040755u);
-    EXPECT_EQ(packets[1].data, protocol::encodeRestoreAttributes({.dev = 7, .ino = 99, .mode = 0100640, .nlink = 1,
-                                                                  .uid = 12, .gid = 34, .rdev = 5, .atime = 111,
-                                                                  .mtime = 222, .size = 3, .name = "/restore/home/u/f"}));
+    protocol::RestoreAttributes file = {.dev = 7, .ino = 99, .mode = 0100640, .nlink = 1, .uid = 12, .gid = 34,
+                                        .rdev = 5, .atime = 111, .mtime = 222, .size = 3, .name = "/restore/home/u/f"};
+    EXPECT_EQ(packets[1].data, protocol::encodeRestoreAttributes(file));
 
     EXPECT_EQ(restorePathFor("/r", "a/b"), "/r/a/b");
     EXPECT_EQ(restorePathFor("/", "a"), "/a");
