@@ -4,7 +4,8 @@
 // answer.
 // RestoreTest: the files the agent makes are checked on disk (content, type,
 // mode, owner, times, inode and device numbers) together with every status
-// byte and the log lines.
+// byte and the log lines. What the front-end's round trips already show of
+// every kind of entry (tavikctl_test) is not repeated here.
 // CompareTest: a backup of a scratch tree is replayed with changes made on
 // disk; every verdict byte, the log lines, the access times and, with
 // grooming, the files left on disk and the grooming report are checked.
@@ -14,29 +15,40 @@
 
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <span>
 #include <tuple>
 
 #include "e2e/restore_driver.h"
 #include "log/ulog.h"
-#include "platform/wire_stat.h"
-#include "protocol/restore_record.h"
 
 namespace {
 
 using namespace tavik::test;
 using tavik::frontend::kNoAnswer;
+using tavik::platform::encodeDev32;
 using tavik::protocol::RestoreAttributes;
 namespace fs = std::filesystem;
 namespace protocol = tavik::protocol;
-namespace frontend = tavik::frontend;
 
 constexpr uint32_t kTime = 1234567890;
 constexpr int kSkipped = 0xCB;
+const std::string kCut = "Cannot Receive disconnect from localhost";
+
+class JobStreamTest : public LoginJobTest {
+protected:
+    mode_t modeOf(const std::string& name) const { return statOf(at(name)).st_mode; }
+    // Closes the connection with a reset rather than an orderly end.
+    void resetConnection() {
+        linger hard{1, 0};
+        setsockopt(client_.fd(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+        client_.close();
+    }
+};
 
 // The login is trusted: its restores run as root and give files their
 // owners, set-id bits and device nodes.
-class RestoreTest : public LoginJobTest {
+class RestoreTest : public JobStreamTest {
 protected:
     void SetUp() override {
         LoginJobTest::SetUp();
@@ -53,9 +65,6 @@ protected:
     RestoreAttributes file(const std::string& name, uint32_t mode = 0100644, uint32_t mtime = kTime) const {
         return restoreAttrs(at(name), mode, user_.uid(), user_.gid(), mtime);
     }
-    mode_t modeOf(const std::string& name) const { return statOf(at(name)).st_mode; }
-    // How many names the work directory holds.
-    long entries() const { return std::distance(fs::directory_iterator(work_), fs::directory_iterator{}); }
     // Mode (with the type), owner and group of `name`.
     std::tuple<mode_t, uid_t, gid_t> owned(const std::string& name) const {
         struct stat st = statOf(at(name));
@@ -77,31 +86,20 @@ TEST_F(RestoreTest, FilesDirectoriesModesOwnersAndTimesComeBackExactlyWhereTheLo
 
     RestoreDriver r(client_, 3);
     ASSERT_TRUE(r.mkdir(restoreAttrs(at("sub"), 040750, 4321, 765, kTime)));
-    ASSERT_TRUE(r.mkdir(restoreAttrs(at("sticky"), 041777, user_.uid(), user_.gid())));
     ASSERT_TRUE(r.mkdir(restoreAttrs(at("sub"), 040700, 0, 0)));  // exists: nothing happens
     std::string big = pattern(20000, 1);
     EXPECT_EQ(r.file(restoreAttrs(at("sub/big"), 0100640, 4321, 765, kTime), big), 0);
-    EXPECT_EQ(r.file(file("empty", 0100600, kTime - 5)), 0);
-    EXPECT_EQ(r.file(file("suid", 0104755), "#!/bin/sh\n"), 0);
-    EXPECT_EQ(r.file(file("sgid", 0102711), "x"), 0);
-    EXPECT_EQ(r.file(file("batch", 0100644), pattern(4296, 2)), 0);
     EXPECT_EQ(r.file(file("deep/er/leaf", 0100444), "leaf"), 0);
-    EXPECT_EQ(r.acks(), 3);  // 9 + 2 MOF packets, every third acknowledged
+    EXPECT_EQ(r.acks(), 3);  // 9 MOF packets, every third acknowledged
     EXPECT_EQ(r.end(), 3);
     EXPECT_TRUE(agentCloses());
 
     EXPECT_EQ(owned("sub"), std::make_tuple(mode_t(040750), 4321u, 765u));
-    EXPECT_EQ(modeOf("sticky"), mode_t(041777));
     struct stat st = statOf(at("sub/big"));  // before reading it changes the access time
     EXPECT_EQ(readFile(at("sub/big")), big);
     EXPECT_EQ(owned("sub/big"), std::make_tuple(mode_t(0100640), 4321u, 765u));
     EXPECT_EQ(st.st_mtime, time_t(kTime));
     EXPECT_EQ(st.st_atime, time_t(kTime + 3600));
-    EXPECT_EQ(statOf(at("empty")).st_size, 0);
-    EXPECT_EQ(statOf(at("empty")).st_mtime, time_t(kTime - 5));
-    EXPECT_EQ(owned("suid"), std::make_tuple(mode_t(0104755), user_.uid(), user_.gid()));
-    EXPECT_EQ(modeOf("sgid"), mode_t(0102711));
-    EXPECT_EQ(readFile(at("batch")), pattern(4296, 2));
     // Missing parents: 0755, owned by the login.
     EXPECT_EQ(owned("deep/er"), std::make_tuple(mode_t(040755), user_.uid(), user_.gid()));
     EXPECT_EQ(readFile(at("deep/er/leaf")), "leaf");
@@ -120,33 +118,44 @@ TEST_F(RestoreTest, FilesDirectoriesModesOwnersAndTimesComeBackExactlyWhereTheLo
     EXPECT_EQ(beginRestore(3, 0, rootOnly.dir()), 105);  // exists, but the login may not write it
     EXPECT_TRUE(
         daemon_.waitForLog("(make_dir) Failed to Access Directory [" + rootOnly.root() + "] (Permission denied)"));
+
+    // A login whose group id no process can take: the child that makes the
+    // destination cannot switch to it. 119 for servers of version 50 or
+    // more, 105 for older ones; nothing is made.
+    TestUser broken;
+    ASSERT_TRUE(broken.ok() && broken.setPasswdGroupId("4294967295"));
+    trust(broken.name());
+    for (int version : {52, 50, 49}) {
+        auto f = fields(work_ + "/new", 1);
+        f.login = broken.name();
+        f.serverVersion = version;
+        EXPECT_EQ(ask(f), version >= 50 ? 119 : 105) << version;
+    }
+    EXPECT_EQ(modeOf("new"), 0u);
 }
 
 TEST_F(RestoreTest, EveryConflictPolicy) {
     ASSERT_TRUE(startDaemon());
-    writeFile(at("a"), "old a");
     writeFile(at("r"), "r0");
     writeFile(at("r.AS1"), "r1");
     writeFile(at("n.AS9"), "n9");
     writeFile(at("same"), "same", kTime);
     writeFile(at("older"), "older", kTime - 1);
-    writeFile(at("newer"), "newer", kTime + 1);
     mkdir(at("d").c_str(), 0700);
     // Real directories so that an existing name is 1021 bytes long: its
     // ".AS1" would need 1025 bytes with the NUL.
     std::string dir = work_;
-    while (dir.size() + 1 + 200 + 30 < 1021) {
-        dir += "/" + std::string(200, 'q');
-        ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
-    }
+    while (dir.size() + 1 + 200 + 30 < 1021) dir += "/" + std::string(200, 'q');
+    ASSERT_TRUE(fs::create_directories(dir));
     std::string longName = dir + "/" + std::string(1021 - dir.size() - 1, 'f');
     ASSERT_EQ(longName.size(), 1021u);
     writeFile(longName, "keep");
-
     std::string longRel = longName.substr(work_.size() + 1);
 
     // Per policy: the files sent (name, data, answer), then what is on disk;
-    // "a" is "old a" (mode 0644) before each job.
+    // "a" is "old a" (mode 0644) before each job. Which files each policy
+    // keeps or replaces by their times, and the first renamed copy, are
+    // tavikctl's conflict cases.
     struct Sent {
         std::string name, data;
         int answer;
@@ -159,12 +168,9 @@ TEST_F(RestoreTest, EveryConflictPolicy) {
     };
     const std::vector<Sent> overwrite = {{"a", "new a", 0}, {"d", "x", 'j'}};
     const Policy policies[] = {
-        {"skip: the data is discarded, 0xCB at ENDF; free names are restored, a directory is in the way", 1,
-         {{"a", pattern(9000, 3), kSkipped}, {"fresh", "fresh", 0}, {"d", "x", 'j'}},
-         {{"a", "old a"}, {"fresh", "fresh"}}},
-        {"newer: only files older on disk are replaced; equal times are kept", 4,
-         {{"same", "new", kSkipped}, {"newer", "new", kSkipped}, {"older", "new", 0}},
-         {{"same", "same"}, {"newer", "newer"}, {"older", "new"}}},
+        {"skip: the data is discarded, 0xCB at ENDF", 1, {{"a", pattern(9000, 3), kSkipped}}, {{"a", "old a"}}},
+        {"newer: equal times are kept", 4, {{"same", "new", kSkipped}, {"older", "new", 0}},
+         {{"same", "same"}, {"older", "new"}}},
         {"rename: the chain climbs to the first free name; a name that would not fit is refused", 2,
          {{"r", "r2", 0}, {"n.AS9", "n10", 0}, {"d", "x", 'j'}, {longRel, "new", 'j'}},
          {{"r", "r0"}, {"r.AS1", "r1"}, {"r.AS2", "r2"}, {"n.AS10", "n10"}, {longRel, "keep"}}},
@@ -222,61 +228,64 @@ TEST_F(RestoreTest, LockedFilesAreAnsweredZAndKept) {
     EXPECT_EQ(readFile(at("plain")), "new plain");
 }
 
+// Hard links, symbolic links, fifos and character devices as such are in
+// tavikctl's round trip; here what it cannot arrange.
 TEST_F(RestoreTest, HardLinksSymbolicLinksFifosAndDevices) {
     ASSERT_TRUE(startDaemon());
     writeFile(at("existing"), "replaced by a link");
     ASSERT_EQ(beginRestore(), 4);
     RestoreDriver r(client_);
-    // The second name of an inode becomes a hard link.
+    // The second name of an inode becomes a hard link, with missing parents;
+    // the same inode number on another device is another file.
     RestoreAttributes first = file("h1", 0100640);
     first.nlink = 3;
     first.dev = 0x00400003;
     first.ino = 77;
     EXPECT_EQ(r.file(first, "first data"), 0);
-    EXPECT_EQ(r.file(as(first, "h2"), "second data is discarded"), 0);
-    EXPECT_EQ(r.file(as(first, "new/dir/h3"), ""), 0);  // parents are made for a link too
+    EXPECT_EQ(r.file(as(first, "new/dir/h3"), "second data is discarded"), 0);
     RestoreAttributes otherDevice = as(first, "h4");
     otherDevice.dev = 9;
     EXPECT_EQ(r.file(otherDevice, "another file"), 0);
-    // Symbolic links are made at ENDF, with missing parents.
+    // A link to a name that UNLINK took away cannot be made.
+    RestoreAttributes gone = as(first, "g1");
+    gone.ino = 78;
+    EXPECT_EQ(r.file(gone, "1"), 0);
+    ASSERT_TRUE(r.send(protocol::code::kUnlink));
+    EXPECT_EQ(r.file(as(gone, "g2"), "2"), 'o');
+    // Symbolic links are made at ENDF, with missing parents, over a file.
     EXPECT_EQ(r.file(restoreAttrs(at("links/sub/ln"), 0120777, 4321, 765), "../../target file"), 0);
-    EXPECT_EQ(r.file(restoreAttrs(at("existing"), 0120777, 4321, 765), "elsewhere"), 0);  // overwritten
-    // Special files, and raw data written into a device.
-    EXPECT_EQ(r.file(file("fifo", 010640)), 0);
-    RestoreAttributes null = file("null", 020666);
-    null.rdev = tavik::platform::encodeDev32(makedev(1, 3));
-    EXPECT_EQ(r.file(null), 0);
+    EXPECT_EQ(r.file(restoreAttrs(at("existing"), 0120777, 4321, 765), "elsewhere"), 0);
+    // A block device, raw data written into a device, and a device of no
+    // driver (major 240 is for local use) that cannot take its raw data.
     RestoreAttributes block = file("sub/loop", 060660);
-    block.rdev = tavik::platform::encodeDev32(makedev(7, 200));
+    block.rdev = encodeDev32(makedev(7, 200));
     EXPECT_EQ(r.file(block), 0);
-    RestoreAttributes raw = as(null, "rawnull");
+    RestoreAttributes raw = file("rawnull", 020666);
+    raw.rdev = encodeDev32(makedev(1, 3));
     raw.size = 5000;
     EXPECT_EQ(r.file(raw, pattern(5000, 4)), 0);
+    RestoreAttributes noDriver = as(raw, "nodriver");
+    noDriver.rdev = encodeDev32(makedev(240, 0));
+    EXPECT_EQ(r.file(noDriver, pattern(5000, 4)), 'x');
     EXPECT_EQ(r.end(), 3);
 
-    struct stat a = statOf(at("h1")), b = statOf(at("h2")), c = statOf(at("new/dir/h3")), d = statOf(at("h4"));
-    EXPECT_EQ(a.st_ino, b.st_ino);
+    struct stat a = statOf(at("h1")), c = statOf(at("new/dir/h3")), d = statOf(at("h4"));
     EXPECT_EQ(a.st_ino, c.st_ino);
     EXPECT_NE(a.st_ino, d.st_ino);
-    EXPECT_EQ(a.st_nlink, 3u);
-    EXPECT_EQ(readFile(at("h2")), "first data");
+    EXPECT_EQ(readFile(at("new/dir/h3")), "first data");
     EXPECT_EQ(readFile(at("h4")), "another file");
-    EXPECT_EQ(b.st_mtime, time_t(kTime));
-
+    EXPECT_EQ(modeOf("g2"), 0u);
+    EXPECT_TRUE(logHas("(postml) Can't create hardlink for <" + at("g1") + "> & <" + at("g2") +
+                       "> (No such file or directory)"));
     EXPECT_EQ(fs::read_symlink(at("links/sub/ln")), "../../target file");
     EXPECT_EQ(owned("links/sub/ln"), std::make_tuple(mode_t(0120777), 4321u, 765u));
     EXPECT_EQ(statOf(at("links/sub")).st_uid, user_.uid());
     EXPECT_TRUE(S_ISLNK(modeOf("existing")));
-
-    EXPECT_EQ(owned("fifo"), std::make_tuple(mode_t(010640), user_.uid(), user_.gid()));
-    struct stat n = statOf(at("null"));
-    EXPECT_TRUE(S_ISCHR(n.st_mode));
-    EXPECT_EQ(n.st_rdev, makedev(1, 3));
-    EXPECT_EQ(n.st_mtime, time_t(kTime));
     struct stat blk = statOf(at("sub/loop"));
     EXPECT_TRUE(S_ISBLK(blk.st_mode));
     EXPECT_EQ(blk.st_rdev, makedev(7, 200));
     EXPECT_TRUE(S_ISCHR(modeOf("rawnull")));
+    EXPECT_TRUE(logHas("(ws_restore[OPENFILE]) Faied to open " + at("nodriver")));
 }
 
 TEST_F(RestoreTest, BadCommandsAreRefusedAndAbortEndsTheJob) {
@@ -318,47 +327,53 @@ TEST_F(RestoreTest, BadCommandsAreRefusedAndAbortEndsTheJob) {
     }
 }
 
-// An oversized payload or a cut connection in the middle of a file ends the
-// job; files answered before stay intact and the partial file never gets the
-// finished file's attributes.
+// A stream that breaks off in the middle of a file that replaces another
+// (an oversized payload or record, a closed or reset connection, ABORT, a
+// full disk) ends the job; files answered before stay intact, the old file
+// keeps its place and attributes, and no temporary file is left behind.
 TEST_F(RestoreTest, BrokenStreamsEndTheJobAndAnsweredFilesStayIntact) {
     ASSERT_TRUE(startDaemon());
-    size_t ended = 0;
-    for (bool oversized : {true, false}) {
-        SCOPED_TRACE(oversized ? "oversized MOF" : "connection cut");
-        std::string done = pattern(7000, oversized ? 5 : 6);
-        std::string name = oversized ? "oversized" : "cut";
+    auto sender = [](int8_t code, size_t size) {
+        return [=](RestoreDriver& r) { r.send(code, std::vector<uint8_t>(size, 'p')); };
+    };
+    const struct {
+        const char* what;
+        std::function<void(RestoreDriver&)> cut;
+        std::string line;  // how the job's end is logged
+    } rows[] = {
+        {"an oversized MOF", sender(protocol::code::kMof, 2049), kCut},
+        {"an oversized ENDF", sender(protocol::code::kEndf, 2049), kCut},
+        {"a record larger than any name could make it", sender(protocol::code::kOpenFile, 48 + 4097), kCut},
+        {"ABORT", sender(protocol::code::kAbort, 0), "(ws_restore[ABORT]) Job aborted by front-end"},
+        {"a closed connection", [this](RestoreDriver&) { client_.close(); }, kCut},
+        {"a reset connection", [this](RestoreDriver&) { resetConnection(); }, kCut},
+    };
+    int row = 0;
+    for (const auto& [what, cut, line] : rows) {
+        SCOPED_TRACE(what);
+        std::string name = std::to_string(++row), done = pattern(7000, row);
         writeFile(at(name + "-old"), "the good old file");
         ASSERT_EQ(beginRestore(), 4);
         RestoreDriver r(client_);
         EXPECT_EQ(r.file(file(name + "-done", 0100755), done), 0);
-        ASSERT_TRUE(r.openFile(file(name + "-partial", 0100755)));
-        for (int i = 0; i < 3; ++i) ASSERT_TRUE(r.mof(std::vector<uint8_t>(2048, 'p')));
-        ASSERT_EQ(r.endf(bytes("p")), 0);
         ASSERT_TRUE(r.openFile(file(name + "-old", 0100755)));  // overwrites
         for (int i = 0; i < 3; ++i) ASSERT_TRUE(r.mof(std::vector<uint8_t>(2048, 'q')));
-        if (oversized) {
-            ASSERT_TRUE(r.send(protocol::code::kMof, std::vector<uint8_t>(2049, 'p')));
+        size_t ended = countOf(daemon_.log(), line);
+        cut(r);
+        if (client_.fd() >= 0) {
             EXPECT_TRUE(agentCloses());
-        } else {
-            client_.close();
         }
-        EXPECT_TRUE(daemon_.waitForLog("Cannot Receive disconnect from localhost", ++ended));
+        EXPECT_TRUE(daemon_.waitForLog(line, ended + 1));
         EXPECT_EQ(readFile(at(name + "-done")), done);
         EXPECT_EQ(modeOf(name + "-done"), mode_t(0100755));
         EXPECT_EQ(statOf(at(name + "-done")).st_mtime, time_t(kTime));
-        // The unfinished file never took its name: the old one is intact,
-        // and nothing else was left.
         EXPECT_EQ(readFile(at(name + "-old")), "the good old file");
         EXPECT_EQ(modeOf(name + "-old"), mode_t(0100644));
-        EXPECT_EQ(statOf(at(name + "-partial")).st_size, 6145);
     }
-    EXPECT_EQ(entries(), 6) << "no temporary file is left";
+    EXPECT_EQ(std::distance(fs::directory_iterator(work_), {}), 2 * row) << "no temporary file is left";
     EXPECT_TRUE(logHas("(GetReply) Failed to Receive Data Packet"));
-}
 
-TEST_F(RestoreTest, AFullFileSystemAnswersDAndEndsTheJob) {
-    ASSERT_TRUE(startDaemon());
+    // A full file system: 'd' for the file that does not fit, and the job ends.
     if (mount("tavik-test", work_.c_str(), "tmpfs", 0, "size=256k,mode=0755") != 0) {
         GTEST_SKIP() << "mounting a tmpfs is not permitted here: " << std::strerror(errno);
     }
@@ -367,24 +382,19 @@ TEST_F(RestoreTest, AFullFileSystemAnswersDAndEndsTheJob) {
         std::string path;
         ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
     } unmount{work_};
-
     ASSERT_EQ(beginRestore(), 4);
     RestoreDriver r(client_);
-    std::string small = pattern(3000, 6), medium = pattern(50000, 7);
-    EXPECT_EQ(r.file(file("small", 0100640), small), 0);
+    std::string medium = pattern(50000, 7);
     EXPECT_EQ(r.file(file("medium", 0100640), medium), 0);
     writeFile(at("huge"), "the good old file");
     EXPECT_EQ(r.file(file("huge", 0100640), pattern(600000, 8)), 'd');
     EXPECT_TRUE(agentCloses());
-    EXPECT_TRUE(daemon_.waitForLog("Received disconnect from localhost"));
+    EXPECT_TRUE(daemon_.waitForLog("Received disconnect from localhost", 2));  // after ABORT's
     EXPECT_TRUE(logHas("(ws_restore[MOF]) Failed in writing file <" + at("huge") + "> (No space left on device)"));
-    EXPECT_EQ(readFile(at("small")), small);
     EXPECT_EQ(readFile(at("medium")), medium);
     EXPECT_EQ(modeOf("medium"), mode_t(0100640));
-    EXPECT_EQ(statOf(at("medium")).st_mtime, time_t(kTime));
-    // The replacement that did not fit never took the old file's place.
     EXPECT_EQ(readFile(at("huge")), "the good old file");
-    EXPECT_EQ(entries(), 3) << "no temporary file is left";
+    EXPECT_EQ(std::distance(fs::directory_iterator(work_), {}), 2) << "no temporary file is left";
 }
 
 constexpr time_t kOld = 631152000;  // 1990-01-01
@@ -392,10 +402,7 @@ constexpr time_t kBackupTime = 1600000000;
 constexpr uint8_t kDetailed = 0x80;
 constexpr uint8_t kNoAccessReset = 0x08;
 
-// The answers of one file: after OPENFILE and after ENDF.
-using Verdicts = std::pair<int, int>;
-
-class CompareTest : public LoginJobTest {
+class CompareTest : public JobStreamTest {
 protected:
     // Request, options (two lock attempts a second apart, divided by the
     // time divisor), grooming, start: the answer to the request.
@@ -417,44 +424,17 @@ protected:
     }
     // What a backup of the object on disk says now, under its relative name
     // (or `as`).
-    RestoreAttributes tapeOf(const std::string& rel, const std::string& as = "") const {
-        using namespace tavik::platform;
-        struct stat st = statOf(rel.empty() ? work_ : at(rel));
-        return {.dev = encodeDev32(st.st_dev), .ino = uint32_t(st.st_ino), .mode = st.st_mode,
-                .nlink = uint32_t(st.st_nlink), .uid = st.st_uid, .gid = st.st_gid, .rdev = encodeDev32(st.st_rdev),
-                .atime = wireTime(st.st_atime), .mtime = wireTime(st.st_mtime), .size = wireSize(st.st_size),
-                .name = as.empty() ? rel : as};
+    RestoreAttributes tape(const std::string& rel, const std::string& as = "") const {
+        return tapeOf(rel.empty() ? work_ : at(rel), as.empty() ? rel : as);
     }
-    // OPENFILE, its answer, the data.
-    Verdicts compareFile(RestoreDriver& r, const RestoreAttributes& a, const std::string& data = "") {
-        if (!r.openFile(a)) return {kNoAnswer, kNoAnswer};
-        int open = r.status();
-        return {open, r.data(data)};
-    }
-    int compareDir(RestoreDriver& r, const RestoreAttributes& a) { return r.mkdir(a) ? r.status() : kNoAnswer; }
-    // END, then the grooming report: code 14, the 16-byte count, the work
-    // file in MOF packets of 2048 bytes and a shorter ENDF; then the end
-    // answer (3) and the close. The work file's text.
+    // END, the grooming report with `count` files (checked), 3 and the close:
+    // the work file's text.
     std::string endWithGrooming(RestoreDriver& r, const std::string& count) {
-        EXPECT_TRUE(r.send(protocol::code::kEnd));
-        EXPECT_EQ(client_.readAnswer(), 14);
-        std::array<uint8_t, 16> text{};
-        EXPECT_TRUE(client_.recvRaw(text));
-        EXPECT_EQ(std::string(text.begin(), text.end()), count + std::string(16 - count.size(), '\0'));
-        std::string work;
-        for (int code = 7, packets = 0; code == 7 && packets < 1000; ++packets) {
-            std::array<uint8_t, 8> h{};
-            if (!client_.recvRaw(h)) break;
-            code = h[2];
-            std::string data(tavik::wire::loadLe16(&h[6]), '\0');
-            if (!data.empty() && !client_.recvRaw({reinterpret_cast<uint8_t*>(data.data()), data.size()})) break;
-            EXPECT_TRUE(code == 7 ? data.size() == 2048 : code == 8 && data.size() < 2048)
-                << code << " " << data.size();
-            work += data;
-        }
-        EXPECT_EQ(r.status(), 3);
+        GroomingReport report = r.endWithReport();
+        EXPECT_EQ(report.count, count + std::string(16 - count.size(), '\0'));
+        EXPECT_EQ(report.answer, 3);
         EXPECT_TRUE(agentCloses());
-        return work;
+        return report.work;
     }
 };
 
@@ -463,10 +443,8 @@ TEST_F(CompareTest, AnUnchangedTreeIsIdenticalEverywhereAndKeepsItsAccessTimes) 
     makeDir("sub");
     std::map<std::string, std::string> files = {
         {"empty", ""},
-        {"small", "small file\n"},
         {"batch", pattern(4296, 1)},     // exactly one comparison block
         {"sub/big", pattern(20000, 2)},  // blocks at MOF and a rest at ENDF
-        {"sub/odd", pattern(6000, 3)},
     };
     for (const auto& [rel, content] : files) makeFile(rel, content);
     makeFile("mandatory", "locks tested, none held", 02644);  // the read lock test passes
@@ -480,13 +458,13 @@ TEST_F(CompareTest, AnUnchangedTreeIsIdenticalEverywhereAndKeepsItsAccessTimes) 
 
     ASSERT_EQ(beginCompare(0, 3), 4) << client_.lastError();
     RestoreDriver r(client_, 3);
-    EXPECT_EQ(compareDir(r, tapeOf("")), 0);  // the root itself
-    EXPECT_EQ(compareDir(r, tapeOf("sub")), 0);
-    for (const auto& [rel, content] : files) EXPECT_EQ(compareFile(r, tapeOf(rel), content), (Verdicts{0, 0})) << rel;
-    EXPECT_EQ(compareFile(r, tapeOf("mandatory"), "locks tested, none held"), (Verdicts{0, 0}));
-    EXPECT_EQ(compareFile(r, tapeOf("link"), "sub/big"), (Verdicts{0, 0}));
-    EXPECT_EQ(compareFile(r, tapeOf("fifo")), (Verdicts{0, 0}));
-    EXPECT_EQ(r.acks(), 4);  // 13 MOF packets, every third acknowledged
+    EXPECT_EQ(r.compareDir(tape("")), 0);  // the root itself
+    EXPECT_EQ(r.compareDir(tape("sub")), 0);
+    for (const auto& [rel, content] : files) EXPECT_EQ(r.compare(tape(rel), content), Verdicts(0, 0)) << rel;
+    EXPECT_EQ(r.compare(tape("mandatory"), "locks tested, none held"), Verdicts(0, 0));
+    EXPECT_EQ(r.compare(tape("link"), "sub/big"), Verdicts(0, 0));
+    EXPECT_EQ(r.compare(tape("fifo")), Verdicts(0, 0));
+    EXPECT_EQ(r.acks(), 3);  // 11 MOF packets, every third acknowledged
     EXPECT_EQ(r.end(), 3);
     EXPECT_TRUE(agentCloses());
     for (const auto& [rel, content] : files) {
@@ -503,13 +481,13 @@ TEST_F(CompareTest, AnUnchangedTreeIsIdenticalEverywhereAndKeepsItsAccessTimes) 
 
     // Without the access time reset a file read by the job shows its new
     // access time (where reads update access times at all).
-    setTimes(at("small"), atime, kBackupTime);
-    readFile(at("small"));
-    if (statOf(at("small")).st_atime == atime) GTEST_SKIP() << "reads do not update access times here";
+    setTimes(at("batch"), atime, kBackupTime);
+    readFile(at("batch"));
+    if (statOf(at("batch")).st_atime == atime) GTEST_SKIP() << "reads do not update access times here";
     setTimes(at("sub/big"), atime, kBackupTime);
     ASSERT_EQ(beginCompare(kNoAccessReset), 4);
     RestoreDriver again(client_);
-    EXPECT_EQ(compareFile(again, tapeOf("sub/big"), files["sub/big"]), (Verdicts{0, 0}));
+    EXPECT_EQ(again.compare(tape("sub/big"), files["sub/big"]), Verdicts(0, 0));
     EXPECT_EQ(again.end(), 3);
     EXPECT_GT(statOf(at("sub/big")).st_atime, kBackupTime);
 }
@@ -540,23 +518,23 @@ TEST_F(CompareTest, AttributeDifferencesGiveSummaryOrDetailedCodes) {
         ASSERT_EQ(beginCompare(detailed ? kDetailed : 0), 4);
         RestoreDriver r(client_);
         for (const Case& c : cases) {
-            RestoreAttributes file = tapeOf("f");
+            RestoreAttributes file = tape("f");
             c.change(file);
             // The contents are still compared when only an attribute differs.
-            EXPECT_EQ(compareFile(r, file, "same contents"), (Verdicts{detailed ? c.code : 0xD6, 0})) << c.what;
-            EXPECT_EQ(compareFile(r, file, "same_contents"), (Verdicts{detailed ? c.code : 0xD6, 0xDA})) << c.what;
-            RestoreAttributes dir = tapeOf("d");
+            EXPECT_EQ(r.compare(file, "same contents"), Verdicts(detailed ? c.code : 0xD6, 0)) << c.what;
+            EXPECT_EQ(r.compare(file, "same_contents"), Verdicts(detailed ? c.code : 0xD6, 0xDA)) << c.what;
+            RestoreAttributes dir = tape("d");
             c.change(dir);
-            EXPECT_EQ(compareDir(r, dir), detailed ? c.code : 0xD7) << c.what;
+            EXPECT_EQ(r.compareDir(dir), detailed ? c.code : 0xD7) << c.what;
         }
-        RestoreAttributes dev = tapeOf("dev");
-        dev.rdev = tavik::platform::encodeDev32(makedev(1, 5));
-        EXPECT_EQ(compareFile(r, dev), (Verdicts{detailed ? 0xE3 : 0xD6, 0}));
+        RestoreAttributes dev = tape("dev");
+        dev.rdev = encodeDev32(makedev(1, 5));
+        EXPECT_EQ(r.compare(dev), Verdicts(detailed ? 0xE3 : 0xD6, 0));
         // Mode and links both differ: only the first is reported.
-        RestoreAttributes two = tapeOf("f");
+        RestoreAttributes two = tape("f");
         two.mode = 0100600;
         two.nlink = 7;
-        EXPECT_EQ(compareFile(r, two, "same contents"), (Verdicts{detailed ? 0xDD : 0xD6, 0}));
+        EXPECT_EQ(r.compare(two, "same contents"), Verdicts(detailed ? 0xDD : 0xD6, 0));
         EXPECT_EQ(r.end(), 3);
         EXPECT_TRUE(agentCloses());
     }
@@ -588,35 +566,35 @@ TEST_F(CompareTest, MissingObjectsSizesContentsFollowedLinksAndAbort) {
 
     ASSERT_EQ(beginCompare(kDetailed), 4);
     RestoreDriver r(client_);
-    EXPECT_EQ(compareFile(r, tapeOf("sized", "no-such-file"), "twelve bytes"), (Verdicts{0xD2, 0}));
-    EXPECT_EQ(compareDir(r, tapeOf("", "no-such-dir")), 0xD3);
+    EXPECT_EQ(r.compare(tape("sized", "no-such-file"), "twelve bytes"), Verdicts(0xD2, 0));
+    EXPECT_EQ(r.compareDir(tape("", "no-such-dir")), 0xD3);
 
     // Size and mode differ: both are logged, the size answers, no contents.
-    RestoreAttributes sized = tapeOf("sized");
+    RestoreAttributes sized = tape("sized");
     sized.size = 11;
     sized.mode = 0100600;
-    EXPECT_EQ(compareFile(r, sized, "eleven byte"), (Verdicts{0xD5, 0}));
+    EXPECT_EQ(r.compare(sized, "eleven byte"), Verdicts(0xD5, 0));
 
     std::string changed = pattern(20000, 5);
     changed[5000] ^= 1;  // in the second comparison block, found at a MOF
-    EXPECT_EQ(compareFile(r, tapeOf("big"), changed), (Verdicts{0, 0xDA}));
+    EXPECT_EQ(r.compare(tape("big"), changed), Verdicts(0, 0xDA));
     std::string lastByte = pattern(5000, 6);
     lastByte[4999] ^= 1;  // in the rest compared at ENDF
-    EXPECT_EQ(compareFile(r, tapeOf("tail"), lastByte), (Verdicts{0, 0xDA}));
-    EXPECT_EQ(compareFile(r, tapeOf("big"), pattern(20000, 5)), (Verdicts{0, 0}));
+    EXPECT_EQ(r.compare(tape("tail"), lastByte), Verdicts(0, 0xDA));
+    EXPECT_EQ(r.compare(tape("big"), pattern(20000, 5)), Verdicts(0, 0));
 
     // Symbolic links: by the target's length and bytes.
-    EXPECT_EQ(compareFile(r, tapeOf("link"), "target-b"), (Verdicts{0, 0xDA}));
-    EXPECT_EQ(compareFile(r, tapeOf("link"), "target-aa"), (Verdicts{0, 0xDA}));
-    EXPECT_EQ(compareFile(r, tapeOf("link"), "target-a"), (Verdicts{0, 0}));
+    EXPECT_EQ(r.compare(tape("link"), "target-b"), Verdicts(0, 0xDA));
+    EXPECT_EQ(r.compare(tape("link"), "target-aa"), Verdicts(0, 0xDA));
+    EXPECT_EQ(r.compare(tape("link"), "target-a"), Verdicts(0, 0));
     // A link that goes away between OPENFILE and ENDF cannot be read.
-    ASSERT_TRUE(r.openFile(tapeOf("vanishing")));
+    ASSERT_TRUE(r.openFile(tape("vanishing")));
     EXPECT_EQ(r.status(), 0);
     unlink(at("vanishing").c_str());
     EXPECT_EQ(r.endf(bytes("target-a")), 0xD9);
 
     // A file cut short after OPENFILE: its blocks cannot be read.
-    ASSERT_TRUE(r.openFile(tapeOf("shrinks")));
+    ASSERT_TRUE(r.openFile(tape("shrinks")));
     EXPECT_EQ(r.status(), 0);
     truncate(at("shrinks").c_str(), 100);
     std::string data = pattern(12000, 7);
@@ -625,9 +603,9 @@ TEST_F(CompareTest, MissingObjectsSizesContentsFollowedLinksAndAbort) {
 
     // A character device with raw contents on the tape: not compared.
     ASSERT_EQ(mknod(at("raw").c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);
-    RestoreAttributes raw = tapeOf("raw");
+    RestoreAttributes raw = tape("raw");
     raw.size = 100;
-    EXPECT_EQ(compareFile(r, raw, std::string(100, 'r')), (Verdicts{0, 0}));
+    EXPECT_EQ(r.compare(raw, std::string(100, 'r')), Verdicts(0, 0));
     EXPECT_EQ(r.end(), 3);
 
     for (const char* line : {
@@ -651,13 +629,13 @@ TEST_F(CompareTest, MissingObjectsSizesContentsFollowedLinksAndAbort) {
     symlink("nowhere", at("gone").c_str());
     ASSERT_EQ(beginCompare(kDetailed, 0, {}, 1), 4);
     RestoreDriver f(client_);
-    RestoreAttributes followed = tapeOf("to", "followed");
-    EXPECT_EQ(compareFile(f, followed, pattern(5000, 9)), (Verdicts{0, 0}));
+    RestoreAttributes followed = tape("to", "followed");
+    EXPECT_EQ(f.compare(followed, pattern(5000, 9)), Verdicts(0, 0));
     // The backup saw a link: type and size differ.
-    EXPECT_EQ(compareFile(f, tapeOf("followed"), "to"), (Verdicts{0xD5, 0}));
-    EXPECT_EQ(compareFile(f, tapeOf("gone"), "nowhere"), (Verdicts{0xD2, 0}));
+    EXPECT_EQ(f.compare(tape("followed"), "to"), Verdicts(0xD5, 0));
+    EXPECT_EQ(f.compare(tape("gone"), "nowhere"), Verdicts(0xD2, 0));
     ASSERT_TRUE(f.send(99));  // unknown: logged, no answer
-    EXPECT_EQ(compareFile(f, followed, pattern(5000, 9)), (Verdicts{0, 0}));
+    EXPECT_EQ(f.compare(followed, pattern(5000, 9)), Verdicts(0, 0));
     ASSERT_TRUE(f.send(protocol::code::kAbort));
     EXPECT_TRUE(agentCloses());
     EXPECT_TRUE(daemon_.waitForLog("Received disconnect from localhost", 2));
@@ -673,17 +651,15 @@ TEST_F(CompareTest, MissingObjectsSizesContentsFollowedLinksAndAbort) {
     // left as it was, and the next compare is served.
     ASSERT_EQ(beginCompare(), 4);
     RestoreDriver cut(client_);
-    ASSERT_TRUE(cut.openFile(tapeOf("to")));
+    ASSERT_TRUE(cut.openFile(tape("to")));
     EXPECT_EQ(cut.status(), 0);
     ASSERT_TRUE(cut.mof(bytes(pattern(2048, 9))));
-    linger hard{1, 0};
-    setsockopt(client_.fd(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
-    client_.close();
-    EXPECT_TRUE(daemon_.waitForLog("Cannot Receive disconnect from localhost"));
+    resetConnection();
+    EXPECT_TRUE(daemon_.waitForLog(kCut));
     EXPECT_EQ(readFile(at("to")), pattern(5000, 9));
     ASSERT_EQ(beginCompare(), 4);
     RestoreDriver next(client_);
-    EXPECT_EQ(compareFile(next, tapeOf("to"), pattern(5000, 9)), (Verdicts{0, 0}));
+    EXPECT_EQ(next.compare(tape("to"), pattern(5000, 9)), Verdicts(0, 0));
 }
 
 TEST_F(CompareTest, UnreadableFilesAndHeldLocks) {
@@ -697,19 +673,19 @@ TEST_F(CompareTest, UnreadableFilesAndHeldLocks) {
     ASSERT_GE(fd, 0);
     ASSERT_EQ(beginCompare(), 4);
     RestoreDriver r(client_);
-    EXPECT_EQ(compareFile(r, tapeOf("secret"), "root only"), (Verdicts{0xD4, 0}));
-    EXPECT_EQ(compareFile(r, tapeOf("mand"), "locked data"), (Verdicts{0xDC, 0}));
+    EXPECT_EQ(r.compare(tape("secret"), "root only"), Verdicts(0xD4, 0));
+    EXPECT_EQ(r.compare(tape("mand"), "locked data"), Verdicts(0xDC, 0));
     close(fd);
     // Without the lock the file compares; the test's read lock is given up at
     // once, so a writer may lock the file while the job still holds it open.
-    ASSERT_TRUE(r.openFile(tapeOf("mand")));
+    ASSERT_TRUE(r.openFile(tape("mand")));
     EXPECT_EQ(r.status(), 0);
     fd = holdLock(at("mand"));
     EXPECT_GE(fd, 0);
     close(fd);
     EXPECT_EQ(r.endf(bytes("locked data")), 0);
     fd = holdLock(at("plain"));  // without -l a plain file's lock is not tested
-    EXPECT_EQ(compareFile(r, tapeOf("plain"), "plain data"), (Verdicts{0, 0}));
+    EXPECT_EQ(r.compare(tape("plain"), "plain data"), Verdicts(0, 0));
     EXPECT_EQ(r.end(), 3);
     EXPECT_TRUE(logHas("(ws_compare[OPENFILE]) Failed to open regular file secret (Permission denied)"));
     EXPECT_TRUE(logHas("(ws_compare[OPENFILE]) File mand is locked by another process"));
@@ -719,54 +695,47 @@ TEST_F(CompareTest, UnreadableFilesAndHeldLocks) {
     ASSERT_TRUE(startDaemon({"-v", "-l"}));
     ASSERT_EQ(beginCompare(), 4);
     RestoreDriver l(client_);
-    EXPECT_EQ(compareFile(l, tapeOf("plain"), "plain data"), (Verdicts{0xDC, 0}));
+    EXPECT_EQ(l.compare(tape("plain"), "plain data"), Verdicts(0xDC, 0));
     close(fd);
-    EXPECT_EQ(compareFile(l, tapeOf("plain"), "plain data"), (Verdicts{0, 0}));
+    EXPECT_EQ(l.compare(tape("plain"), "plain data"), Verdicts(0, 0));
     EXPECT_EQ(l.end(), 3);
 }
 
 TEST_F(CompareTest, RotationSetGroomingRemovesOnlyOldIdenticalFiles) {
     ASSERT_TRUE(startDaemon());
     makeDir("old");
-    makeFile("old/a", "old a", 0644, kOld);
-    makeFile("old/b", pattern(5000, 8), 0644, kOld);
+    makeFile("old/a", pattern(5000, 8), 0644, kOld);
     makeFile("old/changed", "old but changed", 0644, kOld);
     makeFile("recent", "recent", 0644, time(nullptr) - 60);
     makeFile("old/read-lately", "read lately", 0644, kOld);
     setTimes(at("old/read-lately"), time(nullptr) - 3600, kOld);
-    for (const char* rel : {"old/a", "old/b", "old/changed"}) setTimes(at(rel), kOld, kOld);
+    for (const char* rel : {"old/a", "old/changed"}) setTimes(at(rel), kOld, kOld);
 
     ASSERT_EQ(beginCompare(0, 0, groomingRecord(0x02, 1, "WEEKSET")), 4);
     RestoreDriver r(client_);
-    EXPECT_EQ(compareDir(r, tapeOf("old")), 0);
-    EXPECT_EQ(compareFile(r, tapeOf("old/a"), "old a"), (Verdicts{0, 0}));
-    EXPECT_EQ(compareFile(r, tapeOf("old/b"), pattern(5000, 8)), (Verdicts{0, 0}));
-    EXPECT_EQ(compareFile(r, tapeOf("old/changed"), "old but chxnged"), (Verdicts{0, 0xDA}));
-    EXPECT_EQ(compareFile(r, tapeOf("recent"), "recent"), (Verdicts{0, 0}));
-    EXPECT_EQ(compareFile(r, tapeOf("old/read-lately"), "read lately"), (Verdicts{0, 0}));
-    std::string work = endWithGrooming(r, "2");
+    EXPECT_EQ(r.compareDir(tape("old")), 0);
+    EXPECT_EQ(r.compare(tape("old/a"), pattern(5000, 8)), Verdicts(0, 0));
+    EXPECT_EQ(r.compare(tape("old/changed"), "old but chxnged"), Verdicts(0, 0xDA));
+    EXPECT_EQ(r.compare(tape("recent"), "recent"), Verdicts(0, 0));
+    EXPECT_EQ(r.compare(tape("old/read-lately"), "read lately"), Verdicts(0, 0));
+    std::string work = endWithGrooming(r, "1");
     EXPECT_FALSE(fs::exists(at("old/a")));
-    EXPECT_FALSE(fs::exists(at("old/b")));
     for (const char* kept : {"old/changed", "recent", "old/read-lately", "old"})
         EXPECT_TRUE(fs::exists(at(kept))) << kept;
     EXPECT_TRUE(has(work, at("old/a")));
-    EXPECT_TRUE(has(work, at("old/b")));
     EXPECT_FALSE(has(work, "changed"));
     // The set's copy file has the work file appended, and so on each job.
     EXPECT_EQ(readFile(daemon_.home() + "LOG/WEEKSET.grm"), work);
     EXPECT_TRUE(daemon_.waitForLog("Received disconnect from localhost"));
-    EXPECT_TRUE(logHas("Total 2 files were groomed for Helmsman set WEEKSET"));
+    EXPECT_TRUE(logHas("Total 1 files were groomed for Helmsman set WEEKSET"));
     EXPECT_FALSE(logHas("Delete "));
 }
 
 TEST_F(CompareTest, DeletingGroomingRemovesExactlyTheIdenticalUnprotectedFiles) {
     ASSERT_TRUE(startDaemon());
     makeDir("d");
-    std::vector<std::string> same;
-    for (unsigned i = 0; i < 5; ++i) {
-        same.push_back("d/f" + std::to_string(i));
-        makeFile(same.back(), pattern(1000 * i + 1, i));
-    }
+    const std::vector<std::string> same = {"d/f0", "d/f1"};
+    for (unsigned i = 0; i < same.size(); ++i) makeFile(same[i], pattern(3000 * i + 1, i));
     makeFile("changed", "changed");
     makeFile("mode", "mode");
     makeDir("keep");
@@ -777,23 +746,23 @@ TEST_F(CompareTest, DeletingGroomingRemovesExactlyTheIdenticalUnprotectedFiles) 
 
     ASSERT_EQ(beginCompare(0, 0, groomingRecord(0x04)), 4);
     RestoreDriver r(client_);
-    EXPECT_EQ(compareDir(r, tapeOf("")), 0);
-    EXPECT_EQ(compareDir(r, tapeOf("d")), 0);
+    EXPECT_EQ(r.compareDir(tape("")), 0);
+    EXPECT_EQ(r.compareDir(tape("d")), 0);
     for (unsigned i = 0; i < same.size(); ++i)
-        EXPECT_EQ(compareFile(r, tapeOf(same[i]), pattern(1000 * i + 1, i)), (Verdicts{0, 0}));
-    EXPECT_EQ(compareFile(r, tapeOf("changed"), "chanGed"), (Verdicts{0, 0xDA}));
-    RestoreAttributes mode = tapeOf("mode");
+        EXPECT_EQ(r.compare(tape(same[i]), pattern(3000 * i + 1, i)), Verdicts(0, 0));
+    EXPECT_EQ(r.compare(tape("changed"), "chanGed"), Verdicts(0, 0xDA));
+    RestoreAttributes mode = tape("mode");
     mode.mode = 0100600;
-    EXPECT_EQ(compareFile(r, mode, "mode"), (Verdicts{0xD6, 0}));
-    EXPECT_EQ(compareDir(r, tapeOf("keep")), 0);
-    EXPECT_EQ(compareFile(r, tapeOf("keep/protected"), "protected"), (Verdicts{0, 0}));
-    EXPECT_EQ(compareFile(r, tapeOf("link"), "d/f0"), (Verdicts{0, 0}));
-    std::string work = endWithGrooming(r, "6");
+    EXPECT_EQ(r.compare(mode, "mode"), Verdicts(0xD6, 0));
+    EXPECT_EQ(r.compareDir(tape("keep")), 0);
+    EXPECT_EQ(r.compare(tape("keep/protected"), "protected"), Verdicts(0, 0));
+    EXPECT_EQ(r.compare(tape("link"), "d/f0"), Verdicts(0, 0));
+    std::string work = endWithGrooming(r, "3");
 
     for (const std::string& rel : same) EXPECT_FALSE(fs::exists(at(rel))) << rel;
     EXPECT_FALSE(fs::is_symlink(at("link")));
     for (const char* kept : {"changed", "mode", "keep/protected", "d", ""}) EXPECT_TRUE(fs::exists(at(kept))) << kept;
-    EXPECT_TRUE(daemon_.waitForLog("Total 6 files were deleted"));
+    EXPECT_TRUE(daemon_.waitForLog("Total 3 files were deleted"));
     for (const std::string& rel : same) {
         EXPECT_TRUE(has(work, " " + at(rel) + "\n")) << rel;
         EXPECT_TRUE(logHas("Delete " + at(rel))) << rel;

@@ -1,13 +1,16 @@
-// The server's side of a restore command stream, for end-to-end tests:
-// records built with the restore record encoder, MKDIR, OPENFILE, MOF, ENDF
-// and END, and the agent's status bytes read back.
+// The server's side of a restore or compare command stream, for end-to-end
+// tests: records built with the restore record encoder, MKDIR, OPENFILE,
+// MOF, ENDF and END, and the agent's status bytes read back; what a backup
+// would have recorded of a file on disk; the grooming report after END.
 #pragma once
 
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "e2e/test_user.h"
+#include "platform/wire_stat.h"
 #include "protocol/restore_record.h"
 
 namespace tavik::test {
@@ -19,12 +22,31 @@ inline std::span<const uint8_t> bytes(const std::string& s) {
     return {reinterpret_cast<const uint8_t*>(s.data()), s.size()};
 }
 
-
 // A record for `name`: one link, accessed an hour after `mtime`.
 inline protocol::RestoreAttributes restoreAttrs(const std::string& name, uint32_t mode, uint32_t uid = 0,
                                                uint32_t gid = 0, uint32_t mtime = 1000000000) {
     return {.mode = mode, .nlink = 1, .uid = uid, .gid = gid, .atime = mtime + 3600, .mtime = mtime, .name = name};
 }
+
+// What a backup of `path` records now, sent under `name`.
+inline protocol::RestoreAttributes tapeOf(const std::string& path, const std::string& name) {
+    using namespace platform;
+    struct stat st = statOf(path);
+    return {.dev = encodeDev32(st.st_dev), .ino = uint32_t(st.st_ino), .mode = st.st_mode,
+            .nlink = uint32_t(st.st_nlink), .uid = st.st_uid, .gid = st.st_gid, .rdev = encodeDev32(st.st_rdev),
+            .atime = wireTime(st.st_atime), .mtime = wireTime(st.st_mtime), .size = wireSize(st.st_size),
+            .name = name};
+}
+
+// The answers of one compared file: after OPENFILE and after ENDF.
+using Verdicts = std::pair<int, int>;
+
+// After END of a grooming compare: the 16 bytes of the count ("" when no
+// report came) and the work file; `answer` is the answer that ends the job.
+struct GroomingReport {
+    int answer = frontend::kNoAnswer;
+    std::string count, work;
+};
 
 // The server's side of the command stream. With an acknowledgement interval
 // the agent's acknowledgements of MOF packets are read (and checked) as they
@@ -59,7 +81,38 @@ public:
     int file(const protocol::RestoreAttributes& a, const std::string& text = "") {
         return openFile(a) ? data(text) : frontend::kNoAnswer;
     }
+    // A compare's OPENFILE, its answer, then the data.
+    Verdicts compare(const protocol::RestoreAttributes& a, const std::string& text = "") {
+        if (!openFile(a)) return {frontend::kNoAnswer, frontend::kNoAnswer};
+        int open = status();
+        return {open, data(text)};
+    }
+    // A compare's MKDIR and its answer.
+    int compareDir(const protocol::RestoreAttributes& a) { return mkdir(a) ? status() : frontend::kNoAnswer; }
     int end() { return send(protocol::code::kEnd) ? status() : frontend::kNoAnswer; }
+    // END, then with files groomed code 14, the count and the work file in
+    // MOF packets of 2048 bytes and a shorter ENDF (checked), then the answer.
+    GroomingReport endWithReport() {
+        GroomingReport report;
+        report.answer = end();
+        if (report.answer != 14) return report;
+        std::array<uint8_t, 16> count{};
+        EXPECT_TRUE(client_.recvRaw(count));
+        report.count.assign(count.begin(), count.end());
+        for (int code = protocol::code::kMof; code == protocol::code::kMof;) {
+            std::array<uint8_t, 8> h{};
+            if (!client_.recvRaw(h)) break;
+            code = h[2];
+            std::string data(wire::loadLe16(&h[6]), '\0');
+            if (!data.empty() && !client_.recvRaw({reinterpret_cast<uint8_t*>(data.data()), data.size()})) break;
+            bool last = code == protocol::code::kEndf && data.size() < protocol::kMaxDataPayload;
+            EXPECT_TRUE(code == protocol::code::kMof ? data.size() == protocol::kMaxDataPayload : last)
+                << code << " " << data.size();
+            report.work += data;
+        }
+        report.answer = status();
+        return report;
+    }
     int status() {
         int answer = client_.readAnswer();
         return answer == frontend::kNoAnswer ? answer : answer & 0xFF;

@@ -1,10 +1,10 @@
 // The front-end's restore stream encoder: how data is cut into MOF and ENDF
 // payloads, the record translation and refusals. Files on disk coming back
-// through the encoder and the agent are the end-to-end round trip's part.
+// through the encoder and the agent are the end-to-end round trip's part;
+// the record's bytes are the record tests'.
 #include <gtest/gtest.h>
 
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "frontend/restore_stream.h"
@@ -29,6 +29,8 @@ struct Encoded {
     std::vector<testing::Packet> packets() const { return testing::packetsOf(stream); }
 };
 
+// The data's sizes, fed in pieces of 7 and of 3000 bytes, and the payloads
+// that carry them: full MOF payloads, the rest (even none) in ENDF.
 TEST(RestoreStreamEncoder, DataIsCutInto2048BytePayloadsWithTheRestInEndf) {
     const std::vector<std::pair<size_t, std::vector<size_t>>> cases = {
         {0, {0}}, {1, {1}}, {2048, {2048}}, {2049, {2048, 1}}, {4096, {2048, 2048}}, {5000, {2048, 2048, 904}},
@@ -38,9 +40,8 @@ TEST(RestoreStreamEncoder, DataIsCutInto2048BytePayloadsWithTheRestInEndf) {
             Encoded e;
             std::vector<uint8_t> data(size, 'd');
             ASSERT_TRUE(e.enc.beginFile(regular(uint32_t(size)), "/r/f"));
-            for (size_t at = 0; at < size; at += feed) {
-                ASSERT_TRUE(e.enc.data(std::span<const uint8_t>(data.data() + at, std::min(feed, size - at))));
-            }
+            for (size_t at = 0; at < size; at += feed)
+                ASSERT_TRUE(e.enc.data(std::span<const uint8_t>(data).subspan(at, std::min(feed, size - at))));
             ASSERT_TRUE(e.enc.endFile());
             std::vector<testing::Packet> packets = e.packets();
             ASSERT_EQ(packets.size(), pieces.size() + 1) << size;
@@ -48,12 +49,14 @@ TEST(RestoreStreamEncoder, DataIsCutInto2048BytePayloadsWithTheRestInEndf) {
             for (size_t i = 0; i < pieces.size(); ++i) {
                 const int code = i + 1 < pieces.size() ? protocol::code::kMof : protocol::code::kEndf;
                 EXPECT_EQ(packets[i + 1].code, code);
-                EXPECT_EQ(packets[i + 1].data.size(), pieces[i]) << size << " piece " << i;
+                EXPECT_EQ(packets[i + 1].data, std::vector<uint8_t>(pieces[i], 'd')) << size << " piece " << i;
             }
         }
     }
 }
 
+// The record carries the archive's attributes (not its DOS times) and the
+// full name; a directory goes as MKDIR; END has no payload.
 TEST(RestoreStreamEncoder, TheRecordIsTranslatedWithTheFullName) {
     Encoded e;
     protocol::BackupAttributes dir = regular(0);
@@ -71,12 +74,13 @@ TEST(RestoreStreamEncoder, TheRecordIsTranslatedWithTheFullName) {
     ASSERT_EQ(protocol::decodeRestoreAttributes(packets[0].data, r), protocol::RecordError::None);
     EXPECT_EQ(r.name, "/restore/home/u");
     EXPECT_EQ(r.mode, 040755u);
-    std::vector<uint8_t> expected = {7, 0, 0, 0, 99, 0, 0, 0, 0xA0, 0x81, 0, 0, 1, 0, 0, 0,  // dev ino mode nlink
-                                     12, 0, 0, 0, 34, 0, 0, 0, 5, 0, 0, 0,                   // uid gid rdev
-                                     111, 0, 0, 0, 222, 0, 0, 0, 0, 0, 0, 0,                 // atime mtime 36
-                                     3, 0, 0, 0, 0, 0, 0, 0};                                // size 44
-    for (char c : std::string_view("/restore/home/u/f\0", 18)) expected.push_back(uint8_t(c));
-    EXPECT_EQ(packets[1].data, expected);
+    protocol::RestoreAttributes file = {.dev = 7, .ino = 99, .mode = 0100640, .nlink = 1, .uid = 12, .gid = 34,
+                                        .rdev = 5, .atime = 111, .mtime = 222, .size = 3, .name = "/restore/home/u/f"};
+    EXPECT_EQ(packets[1].data, protocol::encodeRestoreAttributes(file));
+
+    EXPECT_EQ(restorePathFor("/r", "a/b"), "/r/a/b");
+    EXPECT_EQ(restorePathFor("/", "a"), "/a");
+    EXPECT_EQ(restorePathFor("/r//", ""), "/r");
 }
 
 TEST(RestoreStreamEncoder, RefusalsSendNothing) {
@@ -95,13 +99,6 @@ TEST(RestoreStreamEncoder, RefusalsSendNothing) {
     ASSERT_TRUE(enc.endFile());
     RestoreStreamEncoder refusing([](std::span<const uint8_t>) { return false; });
     EXPECT_FALSE(refusing.entry(regular(1), "/x", std::vector<uint8_t>{1}));
-}
-
-TEST(RestoreStreamEncoder, RestorePathJoinsWithOneSlash) {
-    EXPECT_EQ(restorePathFor("/r", "a/b"), "/r/a/b");
-    EXPECT_EQ(restorePathFor("/r/", "/a"), "/r/a");
-    EXPECT_EQ(restorePathFor("/", "a"), "/a");
-    EXPECT_EQ(restorePathFor("/r//", ""), "/r");
 }
 
 }  // namespace
