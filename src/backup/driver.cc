@@ -75,20 +75,16 @@ int sendGroomingReport(int result) {
     int count = groom::GroomedCount();
     if (count != 0) {
         struct stat st;
-        int fd = -1;
+        platform::UniqueFd file;
         if (::stat(work.c_str(), &st) != 0) {
             ulog(MSG_FAILED_GET_ATTRIBUTES_STAT, kPrefix, work.c_str(), errText());
-        } else if ((fd = ::open(work.c_str(), O_RDONLY)) < 0) {
+        } else if (!(file = platform::UniqueFd(::open(work.c_str(), O_RDONLY | O_CLOEXEC)))) {
             ulog(MSG_FAIED_OPEN, kPrefix, work.c_str(), errText());
         } else {
             char text[16];
             std::snprintf(text, sizeof text, "%d", count);
             result = queueStatus(protocol::code::kGroomCount, text);
-            if (result == 0) {
-                result = send_file(fd, st, nullptr, work);
-            } else {
-                ::close(fd);
-            }
+            if (result == 0) result = send_file(std::move(file), st, {}, work);
             uint32_t options = wire::loadLe32(ctx.groomRecord.data() + protocol::kGroomOptionsOffset);
             if (options & protocol::kGroomRotationSet) {
                 std::string copy = groom::GroomingCopyFile();

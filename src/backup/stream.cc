@@ -17,6 +17,7 @@
 #include "daemon/state.h"
 #include "groom/groom.h"
 #include "log/ulog.h"
+#include "platform/fd.h"
 #include "platform/read_open.h"
 #include "platform/signals.h"
 #include "request/job_context.h"
@@ -248,7 +249,7 @@ int sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const s
     return 0;
 }
 
-int send_file(int fd, const struct stat& st, const char* linkTarget, const std::string& path) {
+int send_file(platform::UniqueFd file, const struct stat& st, std::string_view linkTarget, const std::string& path) {
     watchdogOff();
     std::optional<Building> building(std::in_place);
     int r = waitFreeSlot();
@@ -256,12 +257,12 @@ int send_file(int fd, const struct stat& st, const char* linkTarget, const std::
     bool entryFailed = false;
     uint32_t listed = 0;
     if (S_ISREG(st.st_mode)) {
-        r = sendRegular(fd, path, entryFailed);
-        ::close(fd);
+        r = sendRegular(file.get(), path, entryFailed);
+        file.reset();
     } else if (S_ISLNK(st.st_mode)) {
-        size_t n = size_t(fd);
+        size_t n = linkTarget.size();
         if (n > slotPayloadCapacity()) n = slotPayloadCapacity();
-        if (n) std::memcpy(payload(), linkTarget, n);
+        if (n) std::memcpy(payload(), linkTarget.data(), n);
         r = publish(code::kEndf, 0, n);
     } else if (S_ISCHR(st.st_mode) && lookupRawSize(path.c_str(), listed)) {
         r = sendRawDevice(path, listed, entryFailed);
@@ -274,89 +275,107 @@ int send_file(int fd, const struct stat& st, const char* linkTarget, const std::
     return r;
 }
 
-int backup_file(int dirFd, const std::string& path, std::string_view name, struct stat& st, int spare) {
-    constexpr const char* kPrefix = "(backup_file) ";
-    if (!job().restartPath.empty()) return 0;
-    const Settings& s = settings();
-    const JobSettings& js = job().jobSettings;
-    bool special = S_ISBLK(st.st_mode) || S_ISCHR(st.st_mode) || S_ISFIFO(st.st_mode);
-    if (!S_ISREG(st.st_mode) && !S_ISLNK(st.st_mode) && !special) {
-        if (s.verbose) {
-            std::printf("Unknown file mode: %s\n", path.c_str());
-            std::fflush(stdout);
-        }
-        return 0;
-    }
-    std::string nameText(name);
-    int r = 0;
-    int fd = -1;
-    char target[kLinkBuffer];
-    ssize_t targetLength = 0;
+namespace {
+
+// What of an entry can be sent: an open regular file, a link's target, or
+// (for a special file) its attributes alone. When nothing can, the status
+// packet that says why is queued instead and `send` is false.
+struct EntrySource {
     bool send = true;
+    int queued = 0;  // queueStatus's result when nothing is sent
+    platform::UniqueFd file;
     bool timesKept = false;  // read without touching the access time
+    char target[kLinkBuffer];
+    size_t targetLength = 0;
+};
+
+void refuse(EntrySource& source, int8_t code, const std::string& name) {
+    source.send = false;
+    source.queued = queueStatus(code, name.c_str());
+}
+
+// Opens a regular file (and takes its read lock where locks are checked or
+// mandatory), reads a link's target, or checks that a special file may be
+// sent; logs and refuses what cannot be.
+void openEntry(int dirFd, const std::string& path, const std::string& name, const struct stat& st, int spare,
+               EntrySource& source) {
+    constexpr const char* kPrefix = "(backup_file) ";
     if (name.size() > protocol::kMaxRecordName) {
         // The attribute record cannot carry the name: reported like an entry
         // that cannot be opened.
         errno = ENAMETOOLONG;
         ulog(MSG_FAILED_OPEN_REGULAR, kPrefix, path.c_str(), errText());
-        r = queueStatus(code::kNoFile, nameText.c_str());
-        send = false;
+        refuse(source, code::kNoFile, name);
     } else if (S_ISREG(st.st_mode)) {
-        platform::ReadOpen opened = platform::openToRead(dirFd, nameText.c_str(), js.resetAccessTime);
-        fd = opened.fd;
-        timesKept = opened.accessTimeKept;
-        if (fd < 0) {
+        platform::ReadOpen opened = platform::openToRead(dirFd, name.c_str(), job().jobSettings.resetAccessTime);
+        source.file = platform::UniqueFd(opened.fd);
+        source.timesKept = opened.accessTimeKept;
+        if (!source.file) {
             ulog(MSG_FAILED_OPEN_REGULAR, kPrefix, path.c_str(), errText());
-            r = queueStatus(code::kNoFile, nameText.c_str());
-            send = false;
+            refuse(source, code::kNoFile, name);
+            return;
+        }
+        bool mandatory = spare == 0 && (st.st_mode & S_ISGID) && !(st.st_mode & S_IXGRP);
+        if (!settings().checkLocks && !mandatory) return;
+        int l = lockFile(source.file.get(), platform::kReadLock);
+        if (l >= 0) return;
+        int saved = errno;
+        source.file.reset();
+        errno = saved;
+        if (l == -2) {
+            ulog(MSG_LOCKED_ANOTHER_PROCESS, kPrefix, path.c_str());
+            refuse(source, code::kLocked, name);
         } else {
-            bool mandatory = spare == 0 && (st.st_mode & S_ISGID) && !(st.st_mode & S_IXGRP);
-            if (s.checkLocks || mandatory) {
-                int l = lockFile(fd, platform::kReadLock);
-                if (l < 0) {
-                    int saved = errno;
-                    ::close(fd);
-                    fd = -1;
-                    errno = saved;
-                    if (l == -2) {
-                        ulog(MSG_LOCKED_ANOTHER_PROCESS, kPrefix, path.c_str());
-                        r = queueStatus(code::kLocked, nameText.c_str());
-                    } else {
-                        ulog(MSG_FAILED_LOCK, kPrefix, path.c_str(), errText());
-                        r = queueStatus(code::kLockErr, nameText.c_str());
-                    }
-                    send = false;
-                }
-            }
+            ulog(MSG_FAILED_LOCK, kPrefix, path.c_str(), errText());
+            refuse(source, code::kLockErr, name);
         }
     } else if (S_ISLNK(st.st_mode)) {
-        targetLength = ::readlinkat(dirFd, nameText.c_str(), target, sizeof target);
-        if (targetLength < 0) {
+        ssize_t n = ::readlinkat(dirFd, name.c_str(), source.target, sizeof source.target);
+        if (n < 0) {
             ulog(MSG_FAILED_READ_CONTENTS_SYMBOLIC_LINK, kPrefix, path.c_str(), errText());
-            r = queueStatus(code::kLinkErr, nameText.c_str());
-            send = false;
+            refuse(source, code::kLinkErr, name);
+            return;
         }
+        source.targetLength = size_t(n);
     } else if (::geteuid() != 0) {
         ulog(MSG_FAILED_ACCESS_SPECIAL, kPrefix, path.c_str());
-        r = queueStatus(code::kNoFile, nameText.c_str());
-        send = false;
+        refuse(source, code::kNoFile, name);
     }
+}
+
+}  // namespace
+
+int backup_file(int dirFd, const std::string& path, std::string_view name, struct stat& st, int spare) {
+    constexpr const char* kPrefix = "(backup_file) ";
+    if (!job().restartPath.empty()) return 0;
+    const bool verbose = settings().verbose;
+    bool special = S_ISBLK(st.st_mode) || S_ISCHR(st.st_mode) || S_ISFIFO(st.st_mode);
+    if (!S_ISREG(st.st_mode) && !S_ISLNK(st.st_mode) && !special) {
+        if (verbose) {
+            std::printf("Unknown file mode: %s\n", path.c_str());
+            std::fflush(stdout);
+        }
+        return 0;
+    }
+    const std::string nameText(name);
+    EntrySource source;
+    openEntry(dirFd, path, nameText, st, spare, source);
+    int r = source.queued;
     struct stat before = st;
-    if (send) {
+    if (source.send) {
         r = sendAttributes(st, name, special ? kKindSpecial : protocol::kKindEntry, path,
                            S_ISREG(st.st_mode) || S_ISLNK(st.st_mode));
         if (r != 0) {
-            if (fd >= 0) ::close(fd);
             ulog(MSG_FAILED_SEND_ATTRIBUTES, kPrefix, path.c_str());
             return r;
         }
-        if (s.verbose) {
+        if (verbose) {
             std::printf("ws_backup: send [%s]\n", path.c_str());
             std::fflush(stdout);
         }
-        r = send_file(S_ISLNK(st.st_mode) ? int(targetLength) : fd, st, target, path);
+        r = send_file(std::move(source.file), st, std::string_view(source.target, source.targetLength), path);
     }
-    if (js.resetAccessTime && !S_ISLNK(st.st_mode) && !timesKept &&
+    if (job().jobSettings.resetAccessTime && !S_ISLNK(st.st_mode) && !source.timesKept &&
         setFileTimesAt(dirFd, nameText.c_str(), before) != 0)
         ulog(MSG_FAILED_SET_TIME, kPrefix, path.c_str(), errText());
     return r;

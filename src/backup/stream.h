@@ -20,6 +20,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/fd.h"
+
 namespace tavik::backup {
 
 // The attribute record's kind argument for special files: written as 0, the
@@ -34,8 +36,9 @@ int queuePacket(int8_t code, const uint8_t* payload, uint16_t length, uint8_t ve
 // that send_file queues next.
 int sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const std::string& path,
                    bool dataFollows = false);
-// `fd` is the open regular file, or the link target's length for a link.
-int send_file(int fd, const struct stat& st, const char* linkTarget, const std::string& path);
+// `file` is the open regular file (closed once sent); `linkTarget` a link's
+// target. A special file needs neither.
+int send_file(platform::UniqueFd file, const struct stat& st, std::string_view linkTarget, const std::string& path);
 // `name` is the entry's name in the open directory `dirFd`, `path` its full
 // path (for the messages, the filters and the database file list).
 int backup_file(int dirFd, const std::string& path, std::string_view name, struct stat& st, int spare);

@@ -103,13 +103,145 @@ void checkRestartPoint(const std::string& path) {
     }
 }
 
+namespace {
+
+// The first pass (mode 2): the files of the directory that the filter
+// selects. Entries it could not examine go to `unexamined`, for the second
+// pass to examine (and log) again.
+int sendFiles(platform::DirStream& dir, const std::string& dirPath, const struct stat& dirStat,
+              std::vector<std::string>& unexamined) {
+    BackupState& b = backupState();
+    const bool newServer = job().serverVersion >= protocol::kNewServerVersion;
+    const int dirFd = dir.fd();
+    b.groomDirectory = platform::identityOf(dirStat);
+    while (const platform::DirStream::Entry* e = dir.next()) {
+        if (dot(e->name) || outsideTopList(e->name)) continue;
+        if (atPacketBoundary() != 0) return -1;
+        std::string path = dirPath + e->name;
+        struct stat st;
+        if (path.size() >= kPathBuffer) {
+            if (!isDirectory(path)) {  // a directory is reported by the second pass
+                int r = reportTooLong(path, e->name);
+                if (r != 0) return r;
+            }
+            continue;
+        }
+        if (e->type == DT_DIR) continue;  // the second pass examines it
+        if (!entryStat(dirFd, e->name, path, st)) {
+            unexamined.emplace_back(e->name);
+            continue;
+        }
+        if (S_ISDIR(st.st_mode)) continue;
+        bool take = filter::FileSelected(b.filter, path, st) == 1;
+        if (!newServer && !take) take = filter::OldFileSelected(b.oldSelection, e->name, st) != 0;
+        if (!take) continue;
+        if (restartPending()) checkRestartPoint(path);
+        int r = backup_file(dirFd, path, e->name, st, 0);
+        if (r != 0) return r;
+    }
+    return 0;
+}
+
+// One subdirectory that the second pass found: unless it is protected or
+// left out by the selection, its attributes, its own walk and its access
+// time put back.
+int descendInto(int dirFd, const std::string& path, const char* name, struct stat& st,
+                const struct stat& dirStat, bool dirPatterns) {
+    BackupState& b = backupState();
+    const JobContext& ctx = job();
+    const bool newServer = ctx.serverVersion >= protocol::kNewServerVersion;
+    if (b.hooks.isProtectedDir && b.hooks.isProtectedDir(platform::identityOf(st))) {
+        ulog(MSG_PROTECTED_DIRECTORY, kPrefix, path.c_str(), b.hooks.controlFile.c_str());
+        return 0;
+    }
+    int submode = 2;
+    if (newServer) {
+        if (dirPatterns) {
+            submode = int(filter::DirVerdictOf(b.filter, path + "/"));
+            if (submode == 0) return 0;
+        }
+    } else if (b.dirDepth == 1 && b.oldSelection.dirCount != 0 && filter::OldDirListed(b.oldSelection, name) == 0) {
+        return 0;
+    }
+    if (std::strlen(name) > protocol::kMaxRecordName) {
+        errno = ENAMETOOLONG;
+        ulog(MSG_FAILED_OPEN_SOURCE_DIR, kPrefix, path.c_str(), errText());
+        return queueStatus(code::kNoFile, name);
+    }
+    if (newServer && restartPending()) checkRestartPoint(path);
+    int r = sendAttributes(st, name, 16, path);
+    if (r != 0) {
+        ulog(MSG_FAILED_SEND_ATTRIBUTES, kPrefix, path.c_str());
+        return r;
+    }
+    if (newServer && b.grooming && !restartPending()) {
+        int g = groom::RecordGrooming(path.c_str(), st, platform::identityOf(dirStat));
+        if (g != 0) ulog(MSG_FAILED_RECORD_GROOMING_RET, kPrefix, path.c_str(), g);
+    }
+    bool timesKept = false;  // the subdirectory was read without touching its access time
+    if (b.ancestors.push(st.st_dev, st.st_ino) == -2) {
+        ulog(MSG_DETECTED_LINK_ITS_ANCESTOR, kPrefix, path.c_str());
+        r = queueStatus(code::kEndDir);
+        if (r != 0) return r;
+    } else {
+        r = ws_backup(path + "/", submode, st, &timesKept);
+        b.ancestors.pop();
+        if (r != 0) return r;
+    }
+    if (ctx.jobSettings.resetAccessTime && !timesKept && setFileTimesAt(dirFd, name, st) != 0)
+        ulog(MSG_FAILED_SET_TIME, kPrefix, path.c_str(), errText());
+    return 0;
+}
+
+// The second pass: every subdirectory, and the entries the first pass could
+// not examine. In mode 2 an entry that cannot be a directory was dealt with
+// by the first pass and is passed over without another stat.
+int walkSubdirectories(platform::DirStream& dir, const std::string& dirPath, int mode, const struct stat& dirStat,
+                       const std::vector<std::string>& unexamined) {
+    const BackupState& b = backupState();
+    const bool followLinks = job().jobSettings.followLinks;
+    const bool dirPatterns = !b.filter.DirIncPattern.empty() || !b.filter.DirExcPattern.empty();
+    const int dirFd = dir.fd();
+    const bool rewound = dir.rewind();
+    for (;;) {
+        const platform::DirStream::Entry* e = rewound ? dir.next() : nullptr;
+        if (!e) {
+            if (errno != 0) {
+                std::printf("Failed in readdir(), %s\n", std::strerror(errno));
+                std::fflush(stdout);
+            }
+            return 0;
+        }
+        if (dot(e->name) || outsideTopList(e->name)) continue;
+        if (mode == 2 && !e->mayBeDirectory(followLinks) &&
+            std::find(unexamined.begin(), unexamined.end(), e->name) == unexamined.end())
+            continue;
+        if (atPacketBoundary() != 0) return -1;
+        std::string path = dirPath + e->name;
+        struct stat st;
+        if (path.size() + 1 >= kPathBuffer) {
+            // No room for the directory's "/": refused and reported.
+            if (isDirectory(path)) {
+                int r = reportTooLong(path, e->name);
+                if (r != 0) return r;
+            }
+            continue;
+        }
+        if (!entryStat(dirFd, e->name, path, st)) continue;
+        if (!S_ISDIR(st.st_mode)) continue;
+        int r = descendInto(dirFd, path, e->name, st, dirStat, dirPatterns);
+        if (r != 0) return r;
+    }
+}
+
+}  // namespace
+
 int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, bool* accessTimeKept) {
     BackupState& b = backupState();
-    const Settings& s = settings();
     const JobSettings& js = job().jobSettings;
     JobContext& ctx = job();
     b.dirDepth++;
-    if (s.verbose) {
+    if (settings().verbose) {
         std::printf("start traverse dir %s (%d)\n", dirPath.c_str(), int(b.dirDepth));
         std::fflush(stdout);
     }
@@ -131,118 +263,16 @@ int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, 
         return leave(queueStatus(code::kNoDir));
     }
     if (accessTimeKept) *accessTimeKept = dir.accessTimeKept();
-    int dirFd = dir.fd();
-    bool newServer = ctx.serverVersion >= protocol::kNewServerVersion;
-    // Entries the first pass could not examine: the second examines (and
-    // logs) them again, as it would if it examined every entry. Every other
-    // entry that the first pass saw is no directory and is passed over
-    // without another stat.
     std::vector<std::string> unexamined;
-
     if (mode == 2) {
-        b.groomDirectory = platform::identityOf(dirStat);
-        while (const platform::DirStream::Entry* e = dir.next()) {
-            if (dot(e->name) || outsideTopList(e->name)) continue;
-            if (atPacketBoundary() != 0) return leave(-1);
-            std::string path = dirPath + e->name;
-            struct stat st;
-            if (path.size() >= kPathBuffer) {
-                if (!isDirectory(path)) {  // a directory is reported by the second pass
-                    int r = reportTooLong(path, e->name);
-                    if (r != 0) return leave(r);
-                }
-                continue;
-            }
-            if (e->type == DT_DIR) continue;  // the second pass examines it
-            if (!entryStat(dirFd, e->name, path, st)) {
-                unexamined.emplace_back(e->name);
-                continue;
-            }
-            if (S_ISDIR(st.st_mode)) continue;
-            bool take = filter::FileSelected(b.filter, path, st) == 1;
-            if (!newServer && !take) take = filter::OldFileSelected(b.oldSelection, e->name, st) != 0;
-            if (!take) continue;
-            if (restartPending()) checkRestartPoint(path);
-            int r = backup_file(dirFd, path, e->name, st, 0);
-            if (r != 0) return leave(r);
-        }
+        int r = sendFiles(dir, dirPath, dirStat, unexamined);
+        if (r != 0) return leave(r);
     }
-
     if (b.dirDepth >= ctx.maxDirDepth) {
         ulog(MSG_EXCEEDS_MAXIMUM_LEVEL, kPrefix, int(ctx.maxDirDepth));
     } else {
-        bool rewound = dir.rewind();
-        bool dirPatterns = !b.filter.DirIncPattern.empty() || !b.filter.DirExcPattern.empty();
-        for (;;) {
-            const platform::DirStream::Entry* e = rewound ? dir.next() : nullptr;
-            if (!e) {
-                if (errno != 0) {
-                    std::printf("Failed in readdir(), %s\n", std::strerror(errno));
-                    std::fflush(stdout);
-                }
-                break;
-            }
-            if (dot(e->name) || outsideTopList(e->name)) continue;
-            if (mode == 2 && !e->mayBeDirectory(js.followLinks) &&
-                std::find(unexamined.begin(), unexamined.end(), e->name) == unexamined.end())
-                continue;
-            if (atPacketBoundary() != 0) return leave(-1);
-            std::string path = dirPath + e->name;
-            struct stat st;
-            if (path.size() + 1 >= kPathBuffer) {
-                // No room for the directory's "/": refused and reported.
-                if (isDirectory(path)) {
-                    int r = reportTooLong(path, e->name);
-                    if (r != 0) return leave(r);
-                }
-                continue;
-            }
-            if (!entryStat(dirFd, e->name, path, st)) continue;
-            if (!S_ISDIR(st.st_mode)) continue;
-            if (b.hooks.isProtectedDir && b.hooks.isProtectedDir(platform::identityOf(st))) {
-                ulog(MSG_PROTECTED_DIRECTORY, kPrefix, path.c_str(), b.hooks.controlFile.c_str());
-                continue;
-            }
-            int submode = 2;
-            bool timesKept = false;  // the subdirectory was read without touching its access time
-            if (newServer) {
-                if (dirPatterns) {
-                    submode = int(filter::DirVerdictOf(b.filter, path + "/"));
-                    if (submode == 0) continue;
-                }
-            } else if (b.dirDepth == 1 && b.oldSelection.dirCount != 0 &&
-                       filter::OldDirListed(b.oldSelection, e->name) == 0) {
-                continue;
-            }
-            if (std::strlen(e->name) > protocol::kMaxRecordName) {
-                errno = ENAMETOOLONG;
-                ulog(MSG_FAILED_OPEN_SOURCE_DIR, kPrefix, path.c_str(), errText());
-                int r = queueStatus(code::kNoFile, e->name);
-                if (r != 0) return leave(r);
-                continue;
-            }
-            if (newServer && restartPending()) checkRestartPoint(path);
-            int r = sendAttributes(st, e->name, 16, path);
-            if (r != 0) {
-                ulog(MSG_FAILED_SEND_ATTRIBUTES, kPrefix, path.c_str());
-                return leave(r);
-            }
-            if (newServer && b.grooming && !restartPending()) {
-                int g = groom::RecordGrooming(path.c_str(), st, platform::identityOf(dirStat));
-                if (g != 0) ulog(MSG_FAILED_RECORD_GROOMING_RET, kPrefix, path.c_str(), g);
-            }
-            if (b.ancestors.push(st.st_dev, st.st_ino) == -2) {
-                ulog(MSG_DETECTED_LINK_ITS_ANCESTOR, kPrefix, path.c_str());
-                r = queueStatus(code::kEndDir);
-                if (r != 0) return leave(r);
-            } else {
-                r = ws_backup(path + "/", submode, st, &timesKept);
-                b.ancestors.pop();
-                if (r != 0) return leave(r);
-            }
-            if (js.resetAccessTime && !timesKept && setFileTimesAt(dirFd, e->name, st) != 0)
-                ulog(MSG_FAILED_SET_TIME, kPrefix, path.c_str(), errText());
-        }
+        int r = walkSubdirectories(dir, dirPath, mode, dirStat, unexamined);
+        if (r != 0) return leave(r);
     }
     dir.close();
     return leave(queueStatus(code::kEndDir));
