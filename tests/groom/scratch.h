@@ -7,6 +7,7 @@
 // and abandons the grooming (its candidates are removed, so EndGrooming has
 // nothing to delete), and endGrooming() checks every candidate line again
 // before grooming ends: a test that would reach outside fails first.
+// Dates are printed in UTC.
 #pragma once
 
 #include <fcntl.h>
@@ -33,30 +34,30 @@ namespace protocol = tavik::protocol;
 using tavik::testing::readFile;
 
 inline void writeFile(const std::string& path, const std::string& text) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
 inline std::vector<std::string> lines(const std::string& text) {
     std::vector<std::string> out;
     std::stringstream s(text);
-    std::string line;
-    while (std::getline(s, line)) out.push_back(line);
+    for (std::string line; std::getline(s, line);) out.push_back(line);
     return out;
 }
 
 class GroomScratch : public ::testing::Test {
 protected:
     void SetUp() override {
+        setenv("TZ", "UTC", 1);
+        tzset();
         char tmpl[] = "/tmp/groomtest-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
         char resolved[PATH_MAX];
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
         ASSERT_NE(realpath(tmpl, resolved), nullptr);
         root_ = resolved;
         home_ = root_ + "/home";
         tree_ = root_ + "/tree";
         tmp_ = root_ + "/tmp";
-        for (const std::string& d : {home_, home_ + "/LOG", tree_, tmp_, root_ + "/pkg/var/sadm/pkg/Korvane",
+        for (const std::string& d : {home_ + "/LOG", tree_, tmp_, root_ + "/pkg/var/sadm/pkg/Korvane",
                                      root_ + "/pkg/var/sadm/pkg/TAVIK"})
             fs::create_directories(d);
         chmod(tmp_.c_str(), 01777);
@@ -72,6 +73,8 @@ protected:
         tavik::groom::groomingEnvironment() = tavik::groom::GroomingEnvironment{};
         std::error_code ec;
         fs::remove_all(root_, ec);
+        unsetenv("TZ");
+        tzset();
     }
 
     bool inScratch(const std::string& path) const { return path.rfind(root_ + "/", 0) == 0; }
@@ -91,8 +94,7 @@ protected:
     // EndGrooming, once every candidate is known to lie in the scratch root.
     int endGrooming() {
         for (const std::string& line : lines(readFile(tavik::groom::GroomingCandidatesFile()))) {
-            std::string path = line.substr(line.find(' ') + 1);
-            if (!inScratch(path)) {
+            if (!inScratch(line.substr(line.find(' ') + 1))) {
                 ADD_FAILURE() << "candidate outside the scratch root: " << line;
                 tavik::groom::RemoveGroomingTempFiles();
                 return -99;
@@ -100,6 +102,9 @@ protected:
         }
         return tavik::groom::EndGrooming();
     }
+
+    // Begins a deleting grooming (which does not use the set name).
+    int begin(const char* set = "") { return tavik::groom::BeginGrooming(logDir().c_str(), set, deleting(), tape()); }
 
     std::string makeFile(const std::string& rel, size_t size) {
         std::string path = tree_ + "/" + rel;
@@ -113,29 +118,22 @@ protected:
         ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
     }
 
-    static protocol::GroomingRecord deleting() {
-        protocol::GroomingRecord r;
-        r.fOptions = protocol::kGroomDelete;
-        return r;
+    static protocol::GroomingRecord deleting() { return {.fOptions = protocol::kGroomDelete, .rotationSet = ""}; }
+    static protocol::GroomingRecord rotation() {
+        return {.nMonths = 1, .fOptions = protocol::kGroomRotationSet, .rotationSet = "WEEKSET"};
     }
-    static protocol::GroomingRecord rotation(uint16_t months) {
-        protocol::GroomingRecord r;
-        r.fOptions = protocol::kGroomRotationSet;
-        r.nMonths = months;
-        r.rotationSet = "WEEKSET";
-        return r;
-    }
-    static protocol::TapeRecord tape() {
-        protocol::TapeRecord t;
-        t.tapeID = "T0001";
-        t.sessionNumber = "0042";
-        t.tapeName = "WEEKLY-07";
-        return t;
-    }
+    static protocol::TapeRecord tape() { return {.tapeID = "T0001", .sessionNumber = "0042", .tapeName = "WEEKLY-07"}; }
     std::string logDir() const { return tavik::paths().logDir; }
     std::vector<std::string> tempFiles() const {
         std::vector<std::string> out;
         for (const auto& e : fs::directory_iterator(tmp_)) out.push_back(e.path().string());
+        return out;
+    }
+    // The agent log's messages, without their date and process id.
+    static std::vector<std::string> logMessages() {
+        std::vector<std::string> out;
+        for (const std::string& line : lines(readFile(tavik::paths().logPath)))
+            out.push_back(line.substr(line.find(") - ") + 4));
         return out;
     }
 
