@@ -13,7 +13,6 @@
 #include "transport/browser.h"
 
 using namespace tavik::transport;
-using namespace tavik::protocol;
 namespace protocol = tavik::protocol;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
