@@ -15,7 +15,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -28,61 +27,53 @@ namespace {
 using namespace tavik::nls;
 namespace fs = std::filesystem;
 
-// Makes every locale the tests use once per test program; returns "" when
-// all were made, else why not. LOCPATH is set to the directory. "german" is
-// the platform's alias of de_DE.ISO-8859-1.
-const std::string& prepareLocales() {
-    static const std::string why = [] {
-        char tmpl[] = "/tmp/nlstest-locales-XXXXXX";
-        if (!mkdtemp(tmpl)) return std::string("cannot make a scratch directory");
-        const std::string dir = tmpl;
+// The test program's scratch directory, made once and removed at its exit:
+// a home with the built catalogue under nls/<locale>/tavik.cat for "C" and
+// each locale but de_DE.ISO-8859-1 ("german" is the platform's alias of
+// that one), and the locales made with localedef (LOCPATH points to it; no
+// system locale is touched).
+const std::string& home() {
+    static const std::string dir = [] {
+        char tmpl[] = "/tmp/nlstest-XXXXXX";
+        if (!mkdtemp(tmpl)) std::abort();
+        setenv("LOCPATH", tmpl, 1);
+        // Removed by this process only, not by the children of death tests.
+        static const pid_t owner = getpid();
         std::atexit([] {
             const char* d = getenv("LOCPATH");
             std::error_code ec;
-            if (d && std::string(d).rfind("/tmp/nlstest-locales-", 0) == 0) fs::remove_all(d, ec);
+            if (getpid() == owner && d && std::string(d).rfind("/tmp/nlstest-", 0) == 0) fs::remove_all(d, ec);
         });
-        setenv("LOCPATH", dir.c_str(), 1);
+        for (const char* locale : {"C", "fr", "de", "german", "ja_JP", "ja_JP.SJIS"}) {
+            const std::string at = std::string(tmpl) + "/nls/" + locale;
+            fs::create_directories(at);
+            fs::copy_file(std::string(TAVIK_CATALOGUE_HOME) + "/nls/C/tavik.cat", at + "/tavik.cat");
+        }
+        return std::string(tmpl);
+    }();
+    return dir;
+}
+
+// Makes the locales once; "" when all were made, else why not.
+const std::string& localesMissing() {
+    static const std::string why = [] {
         const char* const locales[][3] = {{"fr", "fr_FR", "ISO-8859-1"},
                                           {"de", "de_DE", "ISO-8859-1"},
                                           {"de_DE.ISO-8859-1", "de_DE", "ISO-8859-1"},
                                           {"ja_JP", "ja_JP", "EUC-JP"},
                                           {"ja_JP.SJIS", "ja_JP", "SHIFT_JIS"}};
         for (const auto& [name, source, charmap] : locales) {
+            const std::string at = home() + "/" + name;
             // -c: SHIFT_JIS is not ASCII-compatible, which localedef only warns about.
-            std::system(("localedef -c -i " + std::string(source) + " -f " + charmap + " '" + dir + "/" + name +
-                         "' >/dev/null 2>&1")
+            std::system(("localedef -c -i " + std::string(source) + " -f " + charmap + " '" + at + "' >/dev/null 2>&1")
                             .c_str());
-            if (!fs::exists(dir + "/" + name + "/LC_CTYPE"))
-                return "localedef could not make the locale " + std::string(name) +
-                       " (install the locales package: tools/deps.sh)";
+            if (!fs::exists(at + "/LC_CTYPE"))
+                return "localedef could not make the locale " + at + " (install the locales package: tools/deps.sh)";
         }
         return std::string();
     }();
     return why;
 }
-
-// A scratch home with the built catalogue for each of `locales`.
-class ScratchHome {
-public:
-    explicit ScratchHome(std::initializer_list<const char*> locales) {
-        char tmpl[] = "/tmp/nlstest-home-XXXXXX";
-        if (!mkdtemp(tmpl)) ADD_FAILURE() << "mkdtemp";
-        dir_ = tmpl;
-        for (const char* locale : locales) {
-            fs::create_directories(dir_ + "/nls/" + locale);
-            fs::copy_file(std::string(TAVIK_CATALOGUE_HOME) + "/nls/C/tavik.cat", dir_ + "/nls/" + locale + "/tavik.cat",
-                          fs::copy_options::overwrite_existing);
-        }
-    }
-    ~ScratchHome() {
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
-    }
-    const std::string& dir() const { return dir_; }
-
-private:
-    std::string dir_;
-};
 
 class NlsTest : public ::testing::Test {
 protected:
@@ -94,28 +85,23 @@ protected:
 
     // Back to the "C" locale with no catalogue open and no set cached.
     static void restoreC() {
-        ScratchHome home({"C"});
         setenv("LANG", "C", 1);
-        OpenMessages(home.dir().c_str(), "tavik");
+        OpenMessages(home().c_str(), "tavik");
         CloseMessages();
         setlocale(LC_ALL, "C");
     }
 
-    // Opens a home with a catalogue for `locale` (LANG = locale); false,
-    // with the reason in skip_, when the locale cannot be had.
+    // Opens the catalogue for `locale` (LANG = locale); false, with the
+    // reason in skip_, when the locale cannot be had.
     bool enter(const char* locale) {
-        if (std::string(locale) != "C" && !prepareLocales().empty()) {
-            skip_ = prepareLocales();
-            return false;
-        }
-        home_ = std::make_unique<ScratchHome>(std::initializer_list<const char*>{"C", locale});
+        skip_ = std::string(locale) == "C" ? "" : localesMissing();
+        if (!skip_.empty()) return false;
         setenv("LANG", locale, 1);
-        OpenMessages(home_->dir().c_str(), "tavik");
+        OpenMessages(home().c_str(), "tavik");
         skip_ = std::string("the platform rejects ") + locale;
         return std::string(MessageLocale()) == locale;
     }
 
-    std::unique_ptr<ScratchHome> home_;
     std::string skip_;
 };
 
@@ -127,8 +113,7 @@ using MbCTest = NlsTest;
 // LANG picks the locale, its kind and its catalogue; a locale that cannot be
 // set, or whose catalogue is missing, falls back to "C".
 TEST_F(MessagesTest, LocaleKindsFromLang) {
-    if (!prepareLocales().empty()) GTEST_SKIP() << prepareLocales();
-    ScratchHome home({"C", "fr", "de", "german", "ja_JP"});
+    if (!localesMissing().empty()) GTEST_SKIP() << localesMissing();
     const struct {
         const char* lang;
         const char* locale;
@@ -142,12 +127,12 @@ TEST_F(MessagesTest, LocaleKindsFromLang) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.lang ? c.lang : "(unset)");
         if (c.lang) setenv("LANG", c.lang, 1); else unsetenv("LANG");
-        OpenMessages(home.dir().c_str(), "tavik");
+        OpenMessages(home().c_str(), "tavik");
         EXPECT_EQ(LocaleKind(), c.kind);
         CloseMessages();
         EXPECT_STREQ(MessageLocale(), c.locale);
         EXPECT_STREQ(getenv("LANG"), c.locale);
-        EXPECT_EQ(MessageDir(), home.dir() + "/nls/" + c.locale);
+        EXPECT_EQ(MessageDir(), home() + "/nls/" + c.locale);
         if (c.kind == kKindDefault) {
             EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C");
         }
@@ -157,13 +142,12 @@ TEST_F(MessagesTest, LocaleKindsFromLang) {
 TEST_F(MessagesTest, LooksUpSet13AndFallsBackOutsideIt) {
     // A look-up before the catalogue opens caches set 13 as missing.
     EXPECT_STREQ(GetMessage(13, 4), "catgetsErr");
-    ScratchHome home({"C"});
     setenv("LANG", "C", 1);
-    OpenMessages(home.dir().c_str(), "tavik");
+    OpenMessages(home().c_str(), "tavik");
     EXPECT_STREQ(GetMessage(13, 4), "catgetsErr") << "set 13 was cached before the catalogue opened";
     EXPECT_STREQ(GetMessage(12, 1), "catgetsErr");
     CloseMessages();
-    OpenMessages(home.dir().c_str(), "tavik");
+    OpenMessages(home().c_str(), "tavik");
     EXPECT_STREQ(GetMessage(13, 4), "Tape name: %s\n") << "CloseMessages dropped the cache";
     EXPECT_STREQ(GetMessage(13, 11), "Files deleted in all: %d\n");
     EXPECT_STREQ(GetMessage(13, 9), "%sCould not remove %s (%s)\n");
@@ -178,11 +162,10 @@ TEST_F(MessagesTest, LooksUpSet13AndFallsBackOutsideIt) {
 }
 
 TEST_F(MessagesTest, HomeFromKrvHome) {
-    ScratchHome home({"C"});
     setenv("LANG", "C", 1);
-    setenv("KRV_HOME", home.dir().c_str(), 1);
+    setenv("KRV_HOME", home().c_str(), 1);
     OpenMessages(nullptr, "tavik");
-    EXPECT_EQ(MessageDir(), home.dir() + "/nls/C");
+    EXPECT_EQ(MessageDir(), home() + "/nls/C");
     EXPECT_STREQ(GetMessage(13, 5), "Session number: %s\n");
 }
 
@@ -192,13 +175,13 @@ TEST_F(MessagesDeathTest, MissingKrvHomeEndsTheProcess) {
 }
 
 TEST_F(MessagesDeathTest, MissingCatalogueEndsTheProcess) {
-    ScratchHome home({});
     setenv("LANG", "C", 1);
+    const std::string empty = home() + "/none";  // a home without catalogues
     EXPECT_EXIT(
         {
             // The failure line goes to standard output; send it where the test sees it.
             dup2(2, 1);
-            OpenMessages(home.dir().c_str(), "tavik");
+            OpenMessages(empty.c_str(), "tavik");
         },
         ::testing::ExitedWithCode(1), "catopen failed : .*/nls/C/tavik.cat, No such file or directory\\(2\\)");
 }
