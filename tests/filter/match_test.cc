@@ -232,12 +232,14 @@ TEST(OldSelection, DirectoryModesEmptyListAndCountBound) {
 
 TEST(InNameList, ExactNamesWithinTheCount) {
     const char* const names[] = {"usr", "home", nullptr};
-    auto in = [&names](int count) { return [&names, count](const char* name) { return InNameList(name, count, names); }; };
-    EXPECT_EQ(verdicts(in(2), {"home", "hom"}), (std::vector<int>{1, 0}));
-    EXPECT_EQ(verdicts(in(1), {"home", "usr"}), (std::vector<int>{0, 1}));
-    EXPECT_EQ(verdicts(in(0), {"usr"}), std::vector<int>{0});
-    EXPECT_EQ(verdicts(in(-3), {"usr"}), std::vector<int>{0});
-    EXPECT_EQ(InNameList("x", 1000, names), 0) << "a count past the table reads no further";
+    const struct {
+        const char* name;
+        int count, listed;
+    } cases[] = {
+        {"home", 2, 1}, {"home", 1, 0}, {"hom", 2, 0}, {"usr", 0, 0}, {"usr", -3, 0},
+        {"x", 1000, 0},  // a count past the table reads no further
+    };
+    for (const auto& c : cases) EXPECT_EQ(InNameList(c.name, c.count, names), c.listed) << c.name << " " << c.count;
     const std::vector<std::string> list = {"a", "b*"};
     EXPECT_EQ(InNameList("b*", 2, list), 1);
     EXPECT_EQ(InNameList("bx", 2, list), 0);
