@@ -26,16 +26,10 @@ size_t walk(std::span<const uint8_t> bytes) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::span<const uint8_t> input(data, size);
     walk(input);
-    tavik::frontend::ArchiveHeader h;
-    h.host = "fuzz";
-    h.source = "/";
-    std::vector<uint8_t> archive = tavik::frontend::encodeArchiveHeader(h);
+    std::vector<uint8_t> archive = tavik::frontend::encodeArchiveHeader({.host = "fuzz", .source = "/"});
     archive.insert(archive.end(), input.begin(), input.end());
-    tavik::frontend::ArchiveTrailer t;
-    t.crc = tavik::frontend::crc32Update(0, archive);
-    t.bodyLength = size;
-    t.complete = true;
-    std::vector<uint8_t> trailer = tavik::frontend::encodeArchiveTrailer(t);
+    std::vector<uint8_t> trailer = tavik::frontend::encodeArchiveTrailer(
+        {.crc = tavik::frontend::crc32Update(0, archive), .bodyLength = size, .complete = true});
     archive.insert(archive.end(), trailer.begin(), trailer.end());
     walk(archive);
     return 0;

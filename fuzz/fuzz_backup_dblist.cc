@@ -10,12 +10,11 @@
 #include "request/job_context.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = [] {
+    [[maybe_unused]] static bool quiet = [] {
         std::freopen("/dev/null", "w", stdout);
         tavik::startupSettings().verbose = true;
         return true;
     }();
-    (void)quiet;
     if (size == 0) return 0;
     size_t pathLength = data[0] % 32;
     if (pathLength > size - 1) pathLength = size - 1;

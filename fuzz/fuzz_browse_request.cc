@@ -13,7 +13,6 @@
 #include "transport/browser.h"
 
 using namespace tavik::transport;
-using namespace tavik::protocol;
 namespace protocol = tavik::protocol;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -34,14 +33,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
 
     for (int version : {20, 21, 22}) {
-        auto entry = decodeBrowseEntry({data, size}, version);
+        auto entry = protocol::decodeBrowseEntry({data, size}, version);
         if (!entry) continue;
-        std::vector<uint8_t> again = encodeBrowseEntry(*entry, version);
+        std::vector<uint8_t> again = protocol::encodeBrowseEntry(*entry, version);
         if (entry->name.size() > protocol::browse::kMaxName) {
             if (!again.empty()) abort();
             continue;
         }
-        auto back = decodeBrowseEntry(again, version);
+        auto back = protocol::decodeBrowseEntry(again, version);
         if (!back || back->name != entry->name || back->mode != entry->mode || back->fsDev != entry->fsDev) abort();
     }
     return 0;

@@ -10,7 +10,6 @@
 // names (or a missing one), chosen by the name's bytes, so the stream reaches
 // every kind of object and nothing outside the scratch directory. The compare
 // writes nothing but access times, so the tree is made once.
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,22 +29,19 @@ using namespace tavik;
 
 constexpr std::array<const char*, 9> kNames = {"", "a", "d", "d/b", "l", "p", "m", "missing", "d/missing"};
 
-const std::string& tree() {
-    static const std::string& dir = [] () -> const std::string& {
-        const std::string& made = fuzz::scratchDir("compare");
-        std::string base = made + "/";
-        std::string pattern(5000, '\0');
-        for (size_t i = 0; i < pattern.size(); ++i) pattern[i] = static_cast<char>(i * 31);
-        std::ofstream(base + "a", std::ios::binary) << pattern;
-        ::mkdir((base + "d").c_str(), 0755);
-        std::ofstream(base + "d/b", std::ios::binary) << "small";
-        if (::symlink("a", (base + "l").c_str()) != 0) std::abort();
-        ::mkfifo((base + "p").c_str(), 0600);
-        std::ofstream(base + "m", std::ios::binary) << "mandatory";
-        ::chmod((base + "m").c_str(), 02644);
-        return made;
-    }();
-    return dir;
+const std::string& tree() { return fuzz::scratchDir("compare"); }
+
+void makeTree() {
+    const std::string base = tree() + "/";
+    std::string pattern(5000, '\0');
+    for (size_t i = 0; i < pattern.size(); ++i) pattern[i] = static_cast<char>(i * 31);
+    std::ofstream(base + "a", std::ios::binary) << pattern;
+    ::mkdir((base + "d").c_str(), 0755);
+    std::ofstream(base + "d/b", std::ios::binary) << "small";
+    if (::symlink("a", (base + "l").c_str()) != 0) std::abort();
+    ::mkfifo((base + "p").c_str(), 0600);
+    std::ofstream(base + "m", std::ios::binary) << "mandatory";
+    ::chmod((base + "m").c_str(), 02644);
 }
 
 void confine(protocol::RestoreAttributes& a) {
@@ -57,25 +53,21 @@ void confine(protocol::RestoreAttributes& a) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool once = [] {
+    [[maybe_unused]] static bool once = [] {
         fuzz::discardLog();
         startupSettings().timeDivisor = 1000000;  // lock-test retries do not sleep
-        (void)tree();
+        makeTree();
         return true;
     }();
-    (void)once;
     if (size < 2) return 0;
     JobContext ctx = fuzz::streamJob(data[1]);
     ctx.jobOptions[protocol::options_layout::kFlagsAt] = data[0];
     startupSettings().checkLocks = (data[1] & 0x10) != 0;
     fuzz::serveStream(fuzz::reframe({data + 2, size - 2}, confine), [&ctx](int socket) {
         // The job works in its root; the fuzzer's own directory is put back after.
-        int here = ::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (here >= 0 && ::chdir(tree().c_str()) == 0) {
-            (void)compare::ws_compare(socket, tree() + "/", ctx);
-            if (::fchdir(here) != 0) std::abort();
-        }
-        if (here >= 0) ::close(here);
+        fuzz::keepingWorkingDirectory([&] {
+            if (::chdir(tree().c_str()) == 0) (void)compare::ws_compare(socket, tree() + "/", ctx);
+        });
     });
     return 0;
 }

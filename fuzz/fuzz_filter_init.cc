@@ -20,12 +20,11 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace tavik::filter;
     using namespace tavik::protocol;
-    static bool once = [] {
+    [[maybe_unused]] static bool once = [] {
         tavik::fuzz::scratchHome("filter");
         setenv("TZ", "EST5EDT,M3.2.0,M11.1.0", 1);
         return true;
     }();
-    (void)once;
     tavik::wire::ByteReader in(data, size);
     uint8_t mode = 0;
     uint8_t count = 0;
@@ -55,9 +54,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::span<const uint8_t> tail;
     if (!in.view(in.remaining(), tail)) return 0;
     std::string_view text(reinterpret_cast<const char*>(tail.data()), tail.size());
-    size_t cut = text.find('\0');
-    const std::string root(text.substr(0, cut));
-    text = cut == std::string_view::npos ? std::string_view() : text.substr(cut + 1);
+    auto nextField = [&text] {
+        const size_t cut = text.find('\0');
+        const std::string field(text.substr(0, cut));
+        text = cut == std::string_view::npos ? std::string_view() : text.substr(cut + 1);
+        return field;
+    };
+    const std::string root = nextField();
 
     Filter filter;
     const int sum = InitializeFilter(filter, received, root, (mode & 4) != 0, time_t(int32_t(now)));
@@ -69,12 +72,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     st.st_atime = int32_t(now);
     st.st_ctime = int32_t(now) + 86400;
     for (int i = 0; i < 8 && !text.empty(); ++i) {
-        cut = text.find('\0');
-        const std::string path = filter.filterRoot + std::string(text.substr(0, cut));
+        const std::string path = filter.filterRoot + nextField();
         const int verdict = int(DirVerdictOf(filter, path));
-        if (verdict < 0 || verdict > 2) abort();
-        if (FileSelected(filter, path, st) > 1) abort();
-        text = cut == std::string_view::npos ? std::string_view() : text.substr(cut + 1);
+        if (verdict < 0 || verdict > 2 || FileSelected(filter, path, st) > 1) abort();
     }
     return 0;
 }

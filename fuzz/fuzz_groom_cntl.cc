@@ -2,8 +2,8 @@
 // protected test over paths taken from the same bytes; and the same bytes as
 // a GROOMING payload and tape record.
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
+#include <sstream>
 #include <string>
 
 #include "groom/groom.h"
@@ -16,10 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace tavik::protocol;
     namespace protocol = tavik::protocol;
     static const std::string file = tavik::fuzz::scratchDir("groom-cntl") + "/groom.cntl";
-    FILE* out = fopen(file.c_str(), "w");
-    if (!out) return 0;
-    fwrite(data, 1, size, out);
-    fclose(out);
+    tavik::fuzz::writeInput(file, data, size);
 
     ResetGrooming();  // forgets the control file's time, so it is read again
     GroomList list;
@@ -28,14 +25,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     (void)PackageValue(file.c_str(), "KRV_HOME", value);
     if (value.size() > size) abort();
 
-    std::string text(reinterpret_cast<const char*>(data), size);
-    for (size_t start = 0; start < text.size();) {
-        size_t nl = text.find('\n', start);
-        std::string path = text.substr(start, nl == std::string::npos ? std::string::npos : nl - start);
-        int r = IsProtected(path.c_str(), list.get());
+    std::istringstream paths(std::string(reinterpret_cast<const char*>(data), size));
+    for (std::string path; std::getline(paths, path);) {
+        const int r = IsProtected(path.c_str(), list.get());
         if (r != 0 && r != -1) abort();
-        if (nl == std::string::npos) break;
-        start = nl + 1;
     }
 
     tavik::wire::ByteReader in(data, size);

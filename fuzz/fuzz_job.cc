@@ -13,14 +13,11 @@
 // from the front-end but acknowledgements; fuzz_request covers its
 // parameters). Everything the job makes is removed after each input, and
 // the working directory the browse changes is put back.
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "daemon/job_session.h"
@@ -36,10 +33,7 @@ using namespace tavik;
 
 const std::string& scratch() { return fuzz::scratchDir("job"); }
 
-const std::string& root() {
-    static const std::string dir = scratch() + "/job";
-    return dir;
-}
+std::string root() { return scratch() + "/job"; }
 
 // How many bytes GetRequest takes of a request whose header says `length`.
 size_t requestBytes(uint16_t length) {
@@ -50,15 +44,13 @@ size_t requestBytes(uint16_t length) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool once = [] {
-        paths().deriveFrom(scratch() + "/");
-        ::mkdir(paths().logDir.c_str(), 0700);
+    [[maybe_unused]] static bool once = [] {
+        fuzz::scratchHome("job");
         fuzz::discardLog();
         startupSettings().singleUser = true;
         startupSettings().timeDivisor = 1000000;  // lock-test retries do not sleep
         return true;
     }();
-    (void)once;
     if (size < protocol::kHeaderSize) return 0;
     JobContext& ctx = job();
     prepareForConnection(ctx);
@@ -75,33 +67,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (opMode == protocol::kOpRestore || opMode == protocol::kOpCompare) {
         stream = fuzz::reframe(rest, [](protocol::RestoreAttributes& a) { fuzz::reroot(root(), a); });
     }
-    int fds[2];
-    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) return 0;
-    // The front-end's side writes the stream and then reads and drops every
-    // answer, so that no answer of the job ever waits for room.
-    std::thread frontEnd([fd = fds[1], &stream] {
-        for (size_t sent = 0; sent < stream.size();) {
-            ssize_t n = ::send(fd, stream.data() + sent, stream.size() - sent, MSG_NOSIGNAL);
-            if (n <= 0) break;
-            sent += static_cast<size_t>(n);
-        }
-        ::shutdown(fd, SHUT_WR);
-        char sink[4096];
-        while (::recv(fd, sink, sizeof sink, 0) > 0) {
-        }
+    fuzz::serveStream(stream, [&ctx](int socket) {
+        fuzz::keepingWorkingDirectory([&] {
+            listener().jobSocket = socket;
+            (void)serveJob(ctx);
+            listener().jobSocket = -1;
+        });
     });
-    int here = ::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    listener().jobSocket = fds[0];
-    (void)serveJob(ctx);
-    listener().jobSocket = -1;
-    ::shutdown(fds[0], SHUT_RDWR);
-    frontEnd.join();
-    ::close(fds[0]);
-    ::close(fds[1]);
-    if (here >= 0) {
-        (void)::fchdir(here);
-        ::close(here);
-    }
     fuzz::emptyDir(scratch());
     ::mkdir(paths().logDir.c_str(), 0700);
     return 0;

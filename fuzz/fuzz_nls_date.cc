@@ -16,9 +16,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     text.push_back('\0');
     size_t len = strlen(text.data());
     // The reading gets exactly `capacity` bytes (at least the text) of its own.
-    size_t room = capacity > len ? capacity : len + 1;
-    std::vector<char> buf(room, '\0');
-    memcpy(buf.data(), text.data(), len);
+    std::vector<char> buf(text.begin(), text.begin() + std::ptrdiff_t(len));
+    buf.resize(capacity > len ? capacity : len + 1, '\0');
     int year, month, day;
     for (int style : {1, 2, 3, 4}) {
         std::vector<char> copy(buf);

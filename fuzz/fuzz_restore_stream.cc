@@ -22,8 +22,6 @@ using namespace tavik;
 
 const std::string& scratch() { return fuzz::scratchDir("restore"); }
 
-void confine(protocol::RestoreAttributes& a) { fuzz::reroot(scratch(), a); }
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -31,6 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 2) return 0;
     JobContext ctx = fuzz::streamJob(data[1]);
     ctx.conflictPolicy = data[0] % 6;
+    auto confine = [](protocol::RestoreAttributes& a) { fuzz::reroot(scratch(), a); };
     fuzz::serveStream(fuzz::reframe({data + 2, size - 2}, confine), [&ctx](int socket) {
         restore::HardLinkTable links;
         links.reset();

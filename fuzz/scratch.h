@@ -3,15 +3,15 @@
 // with everything in it when the fuzzer exits.
 #pragma once
 
-#include <linux/magic.h>
 #include <sys/stat.h>
-#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
+#include "../tests/scratch_base.h"
 #include "daemon/state.h"
 
 namespace tavik::fuzz {
@@ -22,20 +22,20 @@ inline void discardLog() {
     paths().oldLogPath = "/dev/null";
 }
 
-// A memory file system when the machine has one, else /tmp: restores end
-// with a syncfs, which on a disk waits for everything else written there.
-inline const char* scratchBase() {
-    struct statfs fs {};
-    return ::statfs("/dev/shm", &fs) == 0 && fs.f_type == TMPFS_MAGIC && ::access("/dev/shm", W_OK) == 0 ? "/dev/shm"
-                                                                                                         : "/tmp";
+// Writes the `size` bytes at `data` to `path`, replacing what was there.
+inline void writeInput(const std::string& path, const uint8_t* data, size_t size) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc).write(reinterpret_cast<const char*>(data),
+                                                                  std::streamsize(size));
 }
 
-// <base>/tavik-fuzz-<name>-XXXXXX, made by the first call (a target uses one
+// <base>/tavik-fuzz-<name>-XXXXXX, on a memory file system when the machine
+// has one (restores end with a syncfs, which on a disk waits for everything
+// else written there), made by the first call (a target uses one
 // name). Never destroyed: the exit handler that removes it runs after
 // static destructors would have.
 inline const std::string& scratchDir(const char* name) {
     static const std::string* dir = [name] {
-        std::string tmpl = std::string(scratchBase()) + "/tavik-fuzz-" + name + "-XXXXXX";
+        std::string tmpl = std::string(testing::scratchBase()) + "/tavik-fuzz-" + name + "-XXXXXX";
         if (!::mkdtemp(tmpl.data())) std::abort();
         std::atexit([] {
             std::error_code ec;

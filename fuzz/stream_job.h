@@ -1,9 +1,10 @@
-// The harness of the command-stream targets (restore, compare): the job of
-// one input, the input's packets framed again with every MKDIR and OPENFILE
-// record that decodes passed through the target's confinement, and the
-// stream served to the agent over a real socket pair.
+// The harness of the command-stream targets (restore, compare, the whole
+// job): the job of one input, the input's packets framed again with every
+// MKDIR and OPENFILE record that decodes passed through the target's
+// confinement, and the stream served to the agent over a real socket pair.
 #pragma once
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <filesystem>
 #include <span>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "request/job_context.h"
@@ -36,16 +38,12 @@ inline JobContext streamJob(uint8_t interval) {
 // stream makes can lead outside `dir`.
 inline void reroot(const std::string& dir, protocol::RestoreAttributes& a) {
     std::string out = dir;
-    const std::string& name = a.name;
-    for (size_t i = 0; i <= name.size();) {
-        size_t slash = name.find('/', i);
-        if (slash == std::string::npos) slash = name.size();
-        std::string part = name.substr(i, slash - i);
-        if (part == "..") part = "__";
-        if (!part.empty() && part != ".") out += "/" + part;
-        i = slash + 1;
+    for (const auto& component : std::filesystem::path(a.name)) {
+        const std::string part = component.string();
+        if (part == "..") out += "/__";
+        else if (!part.empty() && part != "." && part != "/") out += "/" + part;
     }
-    if (!name.empty() && name.back() == '/') out += "/";
+    if (!a.name.empty() && a.name.back() == '/') out += "/";
     if (out.size() > protocol::kMaxNameLength) out.resize(protocol::kMaxNameLength);
     a.name = out;
     if (a.type() == protocol::kTypeSymlink || a.isSpecial()) {
@@ -88,25 +86,42 @@ std::vector<uint8_t> reframe(std::span<const uint8_t> input, Confine confine) {
     return stream;
 }
 
-// Writes `stream` into one end of a socket pair whose buffers hold every
+// Writes `stream` into one end of a socket pair whose buffer holds every
 // input the fuzzer makes, closes that end for writing and runs
-// `serve(agentSocket)` on the other.
+// `serve(agentSocket)` on the other, while a thread reads and drops every
+// answer so that none of them ever waits for room.
 template <class Serve>
 void serveStream(const std::vector<uint8_t>& stream, Serve serve) {
     int fds[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) return;
     int big = 1 << 20;
     ::setsockopt(fds[1], SOL_SOCKET, SO_SNDBUF, &big, sizeof big);
-    ::setsockopt(fds[0], SOL_SOCKET, SO_SNDBUF, &big, sizeof big);
     for (size_t sent = 0; sent < stream.size();) {
         ssize_t n = ::send(fds[1], stream.data() + sent, stream.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n <= 0) break;
         sent += static_cast<size_t>(n);
     }
     ::shutdown(fds[1], SHUT_WR);
+    std::thread frontEnd([fd = fds[1]] {
+        char sink[4096];
+        while (::recv(fd, sink, sizeof sink, 0) > 0) {
+        }
+    });
     serve(fds[0]);
+    ::shutdown(fds[0], SHUT_RDWR);
+    frontEnd.join();
     ::close(fds[0]);
     ::close(fds[1]);
+}
+
+// Runs `work` and puts the working directory back after it.
+template <class Work>
+void keepingWorkingDirectory(Work work) {
+    int here = ::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (here < 0) return;
+    work();
+    if (::fchdir(here) != 0) std::abort();
+    ::close(here);
 }
 
 }  // namespace tavik::fuzz
