@@ -331,9 +331,10 @@ void grlog(const char* format, ...) {
     fwrite(text, 1, len, stderr);
 }
 
-int BeginGrooming(const char* logDir, const char* groomSet, const protocol::GroomingRecord& record, const protocol::TapeRecord& tape) {
-    GroomState& s = state();
-    // A grooming left unfinished by this process gives way to the new one.
+namespace {
+
+// A grooming left unfinished by this process gives way to the new one.
+void resetGrooming(GroomState& s) {
     closeCandidates(s);
     removeFile(s.candidatesFile);
     closeIdentities(s);
@@ -343,17 +344,17 @@ int BeginGrooming(const char* logDir, const char* groomSet, const protocol::Groo
     s.sequence = 1;
     s.groomedCount = 0;
     s.protectedList.reset();
+}
 
-    // 1. The work file and the copy file. A rotation set's copy file is
-    // named after the set in the log directory, which every job process may
-    // write: a set name that is not a plain file name ("/" in it, "." or
-    // "..", or none) would put it elsewhere, or follow a directory link that
-    // someone planted there. Such a grooming is refused before anything is
-    // written.
+// The work file and the copy file. A rotation set's copy file is named after
+// the set in the log directory, which every job process may write: a set
+// name that is not a plain file name ("/" in it, "." or "..", or none) would
+// put it elsewhere, or follow a directory link that someone planted there.
+// Such a grooming is refused before anything is written.
+int chooseFiles(GroomState& s, const char* logDir, std::string_view set, const protocol::GroomingRecord& record) {
     s.owner = getpid();
     s.copyFile.clear();
     s.kind = (record.fOptions & protocol::kGroomDelete) ? kKindDelete : kKindRotation;
-    std::string_view set(groomSet, strnlen(groomSet, protocol::kGroomSetTextSize));
     if (s.kind == kKindRotation && (set.empty() || set == "." || set == ".." || set.find('/') != set.npos)) {
         ulog("%sThe rotation set name [%.*s] is not a plain file name", kBeginPrefix, int(set.size()), set.data());
         return -1;
@@ -367,24 +368,19 @@ int BeginGrooming(const char* logDir, const char* groomSet, const protocol::Groo
         snprintf(copy, sizeof copy, "%s/%.*s.grm", logDir, int(set.size()), set.data());
     }
     s.copyFile = copy;
+    return 0;
+}
 
-    // 2, 3. The control file, and the work file's head.
-    std::string control = ControlFileOf(logDir);
-    grlog("\n");
-    grlog(GroomText(kMsgTapeName), tape.tapeName.c_str());
-    grlog(GroomText(kMsgSessionNumber), tape.sessionNumber.c_str());
-    grlog("\n");
-
-    // 4. groom.cntl. It is read afresh for every grooming: its list is
-    // rebuilt each time, so a second grooming in one process must not find
-    // the file "unchanged" and lose its protected paths.
+// groom.cntl, then the built-in names and the package homes, each put at the
+// front. The control file is read afresh for every grooming: its list is
+// rebuilt each time, so a second grooming in one process must not find the
+// file "unchanged" and lose its protected paths.
+int loadProtectedList(GroomState& s, const std::string& control) {
     s.controlFileTime = 0;
     if (dir_cntl(control.c_str(), s.protectedList) != 0) {
         grlog("%s", GroomText(kMsgControlFile));
         return -1;
     }
-
-    // 5. The built-in names and the package homes, each put at the front.
     std::vector<std::string> names(std::begin(kBuiltinProtected), std::end(kBuiltinProtected));
     const std::string& root = groomingEnvironment().packageRoot;
     std::string value;
@@ -399,10 +395,11 @@ int BeginGrooming(const char* logDir, const char* groomSet, const protocol::Groo
         element->next = std::move(s.protectedList);
         s.protectedList = std::move(element);
     }
+    return 0;
+}
 
-    // 6. The record, the candidates file and their identities, the start
-    // time.
-    s.record = record;
+// The identities file (unlinked at once) and the candidates file.
+int openCandidates(GroomState& s) {
     int fd = -1;
     std::string identities = makeTemp("tvkgi", &fd);
     if (identities.empty()) return -1;
@@ -421,6 +418,24 @@ int BeginGrooming(const char* logDir, const char* groomSet, const protocol::Groo
         closeIdentities(s);
         return -1;
     }
+    return 0;
+}
+
+}  // namespace
+
+int BeginGrooming(const char* logDir, const char* groomSet, const protocol::GroomingRecord& record, const protocol::TapeRecord& tape) {
+    GroomState& s = state();
+    resetGrooming(s);
+    std::string_view set(groomSet, strnlen(groomSet, protocol::kGroomSetTextSize));
+    if (chooseFiles(s, logDir, set, record) != 0) return -1;
+    // The work file's head.
+    grlog("\n");
+    grlog(GroomText(kMsgTapeName), tape.tapeName.c_str());
+    grlog(GroomText(kMsgSessionNumber), tape.sessionNumber.c_str());
+    grlog("\n");
+    if (loadProtectedList(s, ControlFileOf(logDir)) != 0) return -1;
+    s.record = record;
+    if (openCandidates(s) != 0) return -1;
     s.startTime = time(nullptr);
     return 0;
 }
