@@ -38,15 +38,19 @@ protected:
     std::string at(const std::string& rel) const { return tree_.path(rel); }
     // tavikctl with `args` and the daemon's port.
     Output ctl(const std::string& args) const { return tavikctl(args + " --port " + std::to_string(daemon_.port())); }
+    // The jobs: tavikctl gives up after a minute without a word from the
+    // agent, so that a fault that stalls the exchange fails the case.
     Output backup(const std::string& extra = "", const std::string& source = "") const {
-        return ctl("backup 127.0.0.1:" + (source.empty() ? tree_.dir() : source) + " -o " + archive_ + extra);
+        return ctl("backup 127.0.0.1:" + (source.empty() ? tree_.dir() : source) + " -o " + archive_ + kLimit + extra);
     }
     Output restore(const std::string& extra = "", const std::string& archive = "") const {
-        return ctl("restore " + (archive.empty() ? archive_ : archive) + " 127.0.0.1:" + dest_ + extra);
+        return ctl("restore " + (archive.empty() ? archive_ : archive) + " 127.0.0.1:" + dest_ + kLimit + extra);
     }
     Output compare(const std::string& extra = "", const std::string& target = "") const {
-        return ctl("compare " + archive_ + " 127.0.0.1:" + (target.empty() ? tree_.dir() : target) + " " + extra);
+        return ctl("compare " + archive_ + " 127.0.0.1:" + (target.empty() ? tree_.dir() : target) + kLimit + " " +
+                   extra);
     }
+    static constexpr const char* kLimit = " --timeout 60";
     static Output list(const std::string& archive) { return tavikctl("list --verify " + archive); }
     // The archive verifies and lists `entries` lines.
     void expectListed(size_t entries) const {
