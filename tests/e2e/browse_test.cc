@@ -1,9 +1,11 @@
 // Browse jobs on a real daemon: a scratch tree with a file, a directory, a
 // link to each, a dangling link, a FIFO and a device node, listed for
 // browse versions 20, 21 and 22 with every selection; the entry bytes
-// against lstat/stat of the same files; the mounted file systems with and
-// without fs.cntl; a directory the login may not read; a login whose
-// identity cannot be taken; and tavikctl ls, mounts and readlink.
+// against lstat/stat of the same files; link texts at the buffer's limit;
+// broken, oversized, split and unknown requests and a caller gone while
+// listing; the mounted file systems with and without fs.cntl; a directory
+// the login may not read; a login whose identity cannot be taken; and
+// tavikctl ls, mounts and readlink.
 #include <mntent.h>
 #include <sys/sysmacros.h>
 
@@ -44,6 +46,16 @@ protected:
     bool login(BrowseClient& client, const std::string& user = "root", const std::string& password = "") {
         return client.login("127.0.0.1", daemon_.port(), {.root = "/", .login = user, .password = password}) == 14;
     }
+    // A browse request's bytes: header and `text` (with its NUL unless
+    // withNul is false).
+    static std::vector<uint8_t> request(uint8_t code, uint16_t select, int8_t version, const std::string& text,
+                                        bool withNul = true) {
+        std::vector<uint8_t> payload(text.begin(), text.end());
+        if (withNul) payload.push_back(0);
+        auto h = tavik::protocol::encodeBrowseHeader({select, code, version, 0, uint16_t(payload.size())});
+        payload.insert(payload.begin(), h.begin(), h.end());
+        return payload;
+    }
     // tavikctl `command` with the daemon's port; standard error after standard output.
     Output ctl(const std::string& command, const std::string& password = "") const {
         Output o = tavikctl(command + " --port " + std::to_string(daemon_.port()), password);
@@ -69,9 +81,7 @@ void expectEntryBytes(const std::vector<uint8_t>& p, const struct stat& st, cons
         }
     }
     for (size_t i = 36; i < 44; ++i) EXPECT_EQ(p[i], 0) << "byte " << i;
-    if (version >= 22) {
-        EXPECT_EQ(loadBe32(&p[44]), dev32(st.st_dev));
-    }
+    EXPECT_EQ(version >= 22 ? loadBe32(&p[44]) : 0u, version >= 22 ? dev32(st.st_dev) : 0u);
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(&p[nameAt])), name);
     EXPECT_EQ(p.back(), 0);
 }
@@ -113,9 +123,8 @@ TEST_F(BrowseTest, ListingsForEachVersionAndSelectionMatchLstatAndStatAndLinksRe
             BrowsePacket p;
             ASSERT_TRUE(client.receive(p)) << client.lastError();
             // Every packet from the agent: select 0, version 22, level 0.
-            EXPECT_EQ(p.header.select, 0);
-            EXPECT_EQ(p.header.version, 22);
-            EXPECT_EQ(p.header.level, 0);
+            EXPECT_EQ((std::vector<int>{p.header.select, p.header.version, p.header.level}),
+                      (std::vector<int>{0, 22, 0}));
             if (p.header.code == 16) {
                 EXPECT_TRUE(p.payload.empty());
                 break;
@@ -156,13 +165,110 @@ TEST_F(BrowseTest, ListingsForEachVersionAndSelectionMatchLstatAndStatAndLinksRe
     EXPECT_TRUE(daemon_.waitForLog("(Browser) LOGOUT"));
     EXPECT_TRUE(
         daemon_.waitForLog("(SendDirData) Failed to change directory to  (No such file or directory), Job Abort"));
+}
 
-    // Reading a file that is no link ends the job without an answer.
+// Broken requests end the browse job with their log lines; an unknown code
+// is answered 22 and the job goes on; a request of exactly 1024 bytes is
+// taken whatever pieces it arrives in.
+TEST_F(BrowseTest, BrokenRequestsEndTheBrowseCleanly) {
+    ASSERT_TRUE(startDaemon());
+    struct Case {
+        const char* name;
+        std::vector<uint8_t> bytes;
+        bool shutWrite;
+        std::vector<std::string> lines;
+    };
+    std::vector<uint8_t> midRequest = request(15, 1, 22, std::string(19, 'p'));
+    midRequest.resize(8 + 5);
+    const Case cases[] = {
+        {"part of a header, then closed", {0, 1, 15}, true, {"(usbReceive) Failed to recv 8 bytes, length = 3"}},
+        {"closed after the header", {0, 1, 15, 22, 0, 0, 0, 9}, true,
+         {"(usbReceive) Failed to recv 9 bytes, length = 0", "(Browser) Failed in Receive"}},
+        {"closed mid-request", midRequest, true,
+         {"(usbReceive) Failed to recv 20 bytes, length = 5", "(Browser) Failed in Receive"}},
+        {"longer than 1024", request(21, 0, 22, std::string(1024, 'l')), false, {"(Browser) Failed in Receive"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::ofstream(daemon_.logPath(), std::ios::trunc).flush();
+        BrowseClient client;
+        ASSERT_TRUE(login(client));
+        ASSERT_TRUE(client.sendBytes(c.bytes));
+        if (c.shutWrite) ::shutdown(client.connection().fd(), SHUT_WR);
+        EXPECT_TRUE(client.agentCloses());
+        for (const std::string& line : c.lines) EXPECT_TRUE(daemon_.waitForLog(line)) << line << daemon_.log();
+    }
+    EXPECT_FALSE(has(daemon_.log(), "READ_LINK"));  // the oversized request was never taken
+
+    // Select 0 changes no directory: the listing ends at once.
+    BrowseClient client;
     ASSERT_TRUE(login(client));
-    EXPECT_FALSE(client.readLink(tree_.path("file"), 22));
+    auto listing = client.readDir("/nonexistent", 0, 22);
+    ASSERT_TRUE(listing);
+    EXPECT_EQ(listing->end, 16);
+    EXPECT_TRUE(listing->entries.empty());
+    EXPECT_TRUE(daemon_.waitForLog("(Browser) READ_DIR:version=22, directory=[/nonexistent]"));
+    EXPECT_FALSE(has(daemon_.log(), "(SendDirData)"));
+    BrowsePacket p;
+    ASSERT_TRUE(client.sendBytes(request(30, 0, 22, std::string(10, 'q'), false)));
+    ASSERT_TRUE(client.receive(p));
+    EXPECT_EQ((std::vector<int>{p.header.select, p.header.code, p.header.version, p.header.level, p.header.length}),
+              (std::vector<int>{0, 22, 22, 50, 0}));
+    std::vector<uint8_t> bytes = request(15, 3, 22, "/" + std::string(1023, 'd'), false);
+    for (auto [from, to] : {std::pair{0, 5}, {5, 8 + 100}, {8 + 100, int(bytes.size())}}) {
+        ASSERT_TRUE(client.sendBytes({bytes.begin() + from, bytes.begin() + to}));
+        ::usleep(20000);
+    }
+    ASSERT_TRUE(client.receive(p));
+    EXPECT_EQ(p.header.code, 16);
+    EXPECT_TRUE(daemon_.waitForLog("(File name too long), Job Abort"));
+    // A LOGOUT's payload is never read.
+    ASSERT_TRUE(client.sendBytes(request(17, 0, 22, "ignored")));
+    EXPECT_TRUE(client.agentCloses());
+    EXPECT_TRUE(daemon_.waitForLog("(Browser) LOGOUT"));
+}
+
+// A link text of 255 bytes is sent; one of 256 is not, and READ_LINK of it
+// ends the job without an answer. Version 20 reads no link texts.
+TEST_F(BrowseTest, LinkTextsAtTheBufferLimit) {
+    tree_.dir("limits");
+    const std::string text255(255, 't'), fits = tree_.path("limits/fits"), full = tree_.path("limits/full");
+    ASSERT_EQ(symlink(text255.c_str(), fits.c_str()), 0);
+    ASSERT_EQ(symlink(std::string(256, 't').c_str(), full.c_str()), 0);
+    ASSERT_TRUE(startDaemon());
+    BrowseClient client;
+    ASSERT_TRUE(login(client));
+    auto listing = client.readDir(tree_.path("limits"), 3, 22);
+    ASSERT_TRUE(listing) << client.lastError();
+    ASSERT_EQ(listing->entries.size(), 1u);
+    EXPECT_EQ(listing->entries[0].entry.name, "/fits");
+    ASSERT_TRUE(listing->entries[0].target);
+    EXPECT_EQ(listing->entries[0].target->name, text255);
+    EXPECT_TRUE(daemon_.waitForLog(
+        "(SendDirData) Failed to read the contents of the symbolic link file ./full (File name too long)"));
+    listing = client.readDir(tree_.path("limits"), 3, 20);
+    ASSERT_TRUE(listing);
+    std::set<std::string> names;
+    for (const auto& e : listing->entries) names.insert(e.entry.name + (e.target ? " with a target" : ""));
+    EXPECT_EQ(names, (std::set<std::string>{"/fits", "/full"}));
+    EXPECT_FALSE(client.readLink(full, 22));
+    EXPECT_TRUE(daemon_.waitForLog("(SendLinkData) Failed to read the contents of the symbolic link file " + full +
+                                   " (File name too long)"));
     EXPECT_TRUE(daemon_.waitForLog("(Browser) Failed in SendDirData"));
-    EXPECT_TRUE(daemon_.waitForLog("(SendLinkData) Failed to read the contents of the symbolic link file " +
-                                   tree_.path("file") + " (Invalid argument)"));
+}
+
+TEST_F(BrowseTest, PeerGoneWhileListingEndsTheJob) {
+    tree_.dir("many");
+    for (int i = 0; i < 2000; ++i) writeFile(tree_.path("many/g" + std::to_string(i)), "");
+    ASSERT_TRUE(startDaemon());
+    BrowseClient client;
+    ASSERT_TRUE(login(client));
+    ASSERT_TRUE(client.sendBytes(request(15, 3, 22, tree_.path("many"))));
+    client.connection().close();
+    for (const char* line : {"(usbSend) Failed in send(), ", "(SendDirData) Failed in usbSend()",
+                             "(Browser) Failed in SendDirData"})
+        EXPECT_TRUE(daemon_.waitForLog(line)) << line;
+    EXPECT_TRUE(daemon_.alive());
 }
 
 // The mount points of the kernel's table whose type is not in `skipped`

@@ -40,11 +40,7 @@ inline bool has(const std::string& text, const std::string& part) { return text.
 
 // An IPv4 socket address (the loopback address unless `host` is given).
 inline sockaddr_in inetAddress(uint16_t port, uint32_t host = INADDR_LOOPBACK) {
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(port);
-    addr.sin_addr.s_addr = htonl(host);
-    return addr;
+    return {.sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {htonl(host)}, .sin_zero = {}};
 }
 
 inline std::string readFile(const std::string& path) {
