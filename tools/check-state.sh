@@ -24,9 +24,7 @@ named=(
   "tavik::backup::(anonymous namespace)::ipc()::state: the backup job's ring and IPC objects"
   "tavik::groom::detail::state()::s: the grooming job's state"
   "tavik::groom::groomingEnvironment()::e: the grooming job's files"
-  # The text's interfaces that return static buffers, and the catalogue.
-  "tavik::nls::(anonymous namespace)::dateBuffer: DateText's result"
-  "tavik::nls::(anonymous namespace)::timeBuffer: TimeText's result"
+  # The message catalogue, opened once, and the tokenizer's position between calls (its interface keeps it, like strtok).
   "tavik::nls::(anonymous namespace)::catalogue()::c: the open message catalogue"
   "tavik::nls::(anonymous namespace)::tokenizer()::t: the multibyte tokenizer's position"
 )

@@ -539,7 +539,7 @@ int EndGrooming() {
             grlog(GroomText(kMsgCannotRemove), kEndPrefix, path, errText());
             continue;
         }
-        grlog("%s %s %12lld %s\n", nls::DateTextOf(st.st_mtime, 1), nls::TimeTextOf(st.st_mtime, 1),
+        grlog("%s %s %12lld %s\n", nls::DateTextOf(st.st_mtime, 1).c_str(), nls::TimeTextOf(st.st_mtime, 1).c_str(),
               static_cast<long long>(st.st_size), path);
         ++s.groomedCount;
     }

@@ -12,9 +12,6 @@
 namespace tavik::nls {
 namespace {
 
-char dateBuffer[kDateTextSize];
-char timeBuffer[kDateTextSize];
-
 void format(char* out, const char* fmt, const struct tm* when) {
     if (strftime(out, kDateTextSize, fmt, when) == 0) out[0] = '\0';
 }
@@ -63,8 +60,9 @@ const char* findSeparator(const char* text) {
 
 }  // namespace
 
-const char* DateText(const struct tm* when, int style) {
-    dateBuffer[0] = '\0';
+DateString DateText(const struct tm* when, int style) {
+    DateString date;
+    char* out = date.text;
     int kind = LocaleKind();
     static const char* const kFormats[4][4] = {
         {"%x", "%m/%d/%Y", "%b %d %Y", "%b-%d"},
@@ -72,41 +70,38 @@ const char* DateText(const struct tm* when, int style) {
         {"%x", "%d.%m.%Y", "%d. %b %Y", "%e. %b"},
         {nullptr, "%m/%d/%Y", "%x", nullptr},
     };
-    if (style < 1 || style > 4 || kind < 1 || kind > 4) return dateBuffer;
+    if (style < 1 || style > 4 || kind < 1 || kind > 4) return date;
     if (kind == kKindJapanese) {
         switch (style) {
         case 1: {
             int year = when->tm_year >= 100 ? when->tm_year - 100 : when->tm_year;
-            snprintf(dateBuffer, sizeof dateBuffer, "%02d/%02d/%02d", year, when->tm_mon + 1, when->tm_mday);
-            return dateBuffer;
+            snprintf(out, kDateTextSize, "%02d/%02d/%02d", year, when->tm_mon + 1, when->tm_mday);
+            return date;
         }
         case 3: {
-            format(dateBuffer, "%x", when);
-            size_t n = strlen(dateBuffer);
-            dateBuffer[n >= 5 ? n - 5 : 0] = '\0';
-            return dateBuffer;
+            format(out, "%x", when);
+            size_t n = strlen(out);
+            out[n >= 5 ? n - 5 : 0] = '\0';
+            return date;
         }
         case 4:
-            japaneseShortDate(dateBuffer, when);
-            return dateBuffer;
+            japaneseShortDate(out, when);
+            return date;
         default:
             break;
         }
     }
-    format(dateBuffer, kFormats[kind - 1][style - 1], when);
-    return dateBuffer;
+    format(out, kFormats[kind - 1][style - 1], when);
+    return date;
 }
 
-const char* DateTextOf(time_t when, int style) {
+DateString DateTextOf(time_t when, int style) {
     struct tm parts;
-    if (!localtime_r(&when, &parts)) {
-        dateBuffer[0] = '\0';
-        return dateBuffer;
-    }
+    if (!localtime_r(&when, &parts)) return DateString{};
     return DateText(&parts, style);
 }
 
-const char* DateTextOfParts(int year, int month, int day, int style) {
+DateString DateTextOfParts(int year, int month, int day, int style) {
     setlocale(LC_TIME, "");
     struct tm parts = {};
     parts.tm_year = year;
@@ -116,27 +111,24 @@ const char* DateTextOfParts(int year, int month, int day, int style) {
     return DateText(&parts, style);
 }
 
-const char* TimeText(const struct tm* when, int style) {
-    timeBuffer[0] = '\0';
+DateString TimeText(const struct tm* when, int style) {
+    DateString time;
     switch (style) {
-    case 1: format(timeBuffer, "%H:%M", when); break;
-    case 2: format(timeBuffer, "%T", when); break;
-    case 3: format(timeBuffer, "%I:%M %p", when); break;
+    case 1: format(time.text, "%H:%M", when); break;
+    case 2: format(time.text, "%T", when); break;
+    case 3: format(time.text, "%I:%M %p", when); break;
     default: break;
     }
-    return timeBuffer;
+    return time;
 }
 
-const char* TimeTextOf(time_t when, int style) {
+DateString TimeTextOf(time_t when, int style) {
     struct tm parts;
-    if (!localtime_r(&when, &parts)) {
-        timeBuffer[0] = '\0';
-        return timeBuffer;
-    }
+    if (!localtime_r(&when, &parts)) return DateString{};
     return TimeText(&parts, style);
 }
 
-const char* TimeTextOfParts(int hour, int minute, int second, int style) {
+DateString TimeTextOfParts(int hour, int minute, int second, int style) {
     setlocale(LC_TIME, "");
     struct tm parts = {};
     parts.tm_hour = hour;

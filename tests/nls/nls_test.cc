@@ -227,19 +227,19 @@ TEST_F(DatesTest, StylesOfEachLocaleKind) {
         if (!enter(c.locale)) GTEST_SKIP() << skip_;
         ASSERT_EQ(LocaleKind(), c.kind);
         std::vector<std::string> dates, times;
-        for (int style = 0; style <= 5; ++style) dates.push_back(DateText(&t, style));
-        for (int style = 0; style <= 4; ++style) times.push_back(TimeText(&t, style));
+        for (int style = 0; style <= 5; ++style) dates.push_back(DateText(&t, style).c_str());
+        for (int style = 0; style <= 4; ++style) times.push_back(TimeText(&t, style).c_str());
         EXPECT_EQ(dates, c.dates);
         EXPECT_EQ(times, c.times);
         restoreC();
     }
     // Style 1 has no blank: the grooming log's words stay four.
-    EXPECT_EQ(strchr(DateTextOf(0, 1), ' '), nullptr);
+    EXPECT_EQ(strchr(DateTextOf(0, 1).c_str(), ' '), nullptr);
     // Japanese style 1 puts the two-digit year first, also before 2000 and in it.
     ASSERT_TRUE(enter("ja_JP.SJIS"));
     const struct tm old = sample(96), y2000 = sample(100);
-    EXPECT_STREQ(DateText(&old, 1), "96/03/13");
-    EXPECT_STREQ(DateText(&y2000, 1), "00/03/13");
+    EXPECT_STREQ(DateText(&old, 1).c_str(), "96/03/13");
+    EXPECT_STREQ(DateText(&y2000, 1).c_str(), "00/03/13");
 }
 
 TEST_F(DatesTest, FromTimeValuesAndParts) {
@@ -247,15 +247,14 @@ TEST_F(DatesTest, FromTimeValuesAndParts) {
     struct tm t = sample();
     t.tm_isdst = -1;
     const time_t when = mktime(&t);
-    // Dates and times have separate buffers.
-    const char* d = DateTextOf(when, 1);
-    const char* h = TimeTextOf(when, 1);
-    EXPECT_EQ(std::string(d) + "|" + h, "03/13/05|14:05");
-    EXPECT_EQ(std::string(DateTextOf(when, 2)) + "|" + TimeTextOf(when, 2), "03/13/2005|14:05:09");
-    EXPECT_STREQ(DateTextOfParts(105, 3, 13, 2), "03/13/2005");
-    EXPECT_STREQ(DateTextOfParts(96, 12, 1, 1), "12/01/96");
-    EXPECT_STREQ(TimeTextOfParts(9, 8, 7, 2), "09:08:07");
-    EXPECT_STREQ(TimeTextOfParts(23, 0, 0, 3), "11:00 PM");
+    // Two texts of one kind can stand side by side.
+    const DateString d1 = DateTextOf(when, 1), d2 = DateTextOf(when, 2);
+    EXPECT_EQ(std::string(d1.c_str()) + "|" + TimeTextOf(when, 1).c_str(), "03/13/05|14:05");
+    EXPECT_EQ(std::string(d2.c_str()) + "|" + TimeTextOf(when, 2).c_str(), "03/13/2005|14:05:09");
+    EXPECT_STREQ(DateTextOfParts(105, 3, 13, 2).c_str(), "03/13/2005");
+    EXPECT_STREQ(DateTextOfParts(96, 12, 1, 1).c_str(), "12/01/96");
+    EXPECT_STREQ(TimeTextOfParts(9, 8, 7, 2).c_str(), "09:08:07");
+    EXPECT_STREQ(TimeTextOfParts(23, 0, 0, 3).c_str(), "11:00 PM");
 }
 
 // The text after ReadDate, and the year, month and day it read.
