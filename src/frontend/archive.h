@@ -147,6 +147,7 @@ public:
 
     bool open(const std::string& path);
     bool openMemory(std::span<const uint8_t> bytes);  // the bytes must outlive the reader
+    bool openMemory(std::vector<uint8_t>&&) = delete;   // a temporary would not
 
     const ArchiveHeader& header() const { return header_; }
     const ArchiveTrailer& trailer() const { return trailer_; }

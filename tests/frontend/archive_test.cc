@@ -127,8 +127,9 @@ TEST(ArchiveDamage, PacketLengthsBeyondTheBodyAreRefused) {
     // The last packet claims 65535 payload bytes; the trailer agrees with
     // the bytes, so only the length check can catch it.
     tavik::wire::storeLe16(&body[body.size() - 2], 0xFFFF);
+    const std::vector<uint8_t> bytes = tavik::test::archiveBytes(body, 3, true);
     ArchiveReader reader;
-    ASSERT_TRUE(reader.openMemory(tavik::test::archiveBytes(body, 3, true)));
+    ASSERT_TRUE(reader.openMemory(bytes));
     ArchivePacket p;
     EXPECT_EQ(reader.next(p), ArchiveReader::Next::kPacket);
     EXPECT_EQ(reader.next(p), ArchiveReader::Next::kPacket);
