@@ -13,6 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     [[maybe_unused]] static bool quiet = [] {
         std::freopen("/dev/null", "w", stdout);
         tavik::startupSettings().verbose = true;
+        tavik::publishSettings();
         return true;
     }();
     if (size == 0) return 0;

@@ -10,7 +10,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     [[maybe_unused]] static bool ready = [] {
         tavik::fuzz::scratchHome("backup-registry");
-        tavik::prepareForConnection(tavik::job());
+        tavik::prepareJob(tavik::job());
         return true;
     }();
     tavik::fuzz::writeInput(tavik::paths().ipcPath, data, size);

@@ -56,13 +56,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     [[maybe_unused]] static bool once = [] {
         fuzz::discardLog();
         startupSettings().timeDivisor = 1000000;  // lock-test retries do not sleep
+        publishSettings();
         makeTree();
         return true;
     }();
     if (size < 2) return 0;
     JobContext ctx = fuzz::streamJob(data[1]);
     ctx.jobOptions[protocol::options_layout::kFlagsAt] = data[0];
-    startupSettings().checkLocks = (data[1] & 0x10) != 0;
+    ctx.jobSettings.checkLocks = (data[1] & 0x10) != 0;
     fuzz::serveStream(fuzz::reframe({data + 2, size - 2}, confine), [&ctx](int socket) {
         // The job works in its root; the fuzzer's own directory is put back after.
         fuzz::keepingWorkingDirectory([&] {

@@ -31,6 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     uint32_t now = 0;
     if (!in.getU8(mode) || !in.getU8(count) || !in.getLe32(now)) return 0;
     tavik::startupSettings().verbose = (mode & 2) != 0;
+    tavik::publishSettings();
 
     ReceivedFilter received;
     if (mode & 1) {

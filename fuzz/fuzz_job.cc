@@ -49,11 +49,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         fuzz::discardLog();
         startupSettings().singleUser = true;
         startupSettings().timeDivisor = 1000000;  // lock-test retries do not sleep
+        publishSettings();
         return true;
     }();
     if (size < protocol::kHeaderSize) return 0;
     JobContext& ctx = job();
-    prepareForConnection(ctx);
+    prepareJob(ctx);
     size_t taken = requestBytes(wire::loadLe16(data + protocol::kHeaderLengthAt));
     if (taken > size) return 0;
     Channel request{std::span<const uint8_t>(data, taken)};

@@ -15,8 +15,9 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     tavik::fuzz::discardLog();
     tavik::startupSettings().verbose = true;
+    tavik::publishSettings();
     tavik::JobContext ctx;
-    tavik::prepareForConnection(ctx);
+    tavik::prepareJob(ctx);
     tavik::Channel channel{std::span<const uint8_t>(data, size)};
     if (tavik::GetRequest(channel, ctx) != 0) return 0;
     if (ctx.request.opMode() == tavik::protocol::kOpBackup && tavik::GetPattern(channel, ctx) != 0) return 0;

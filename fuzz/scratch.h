@@ -20,6 +20,7 @@ namespace tavik::fuzz {
 inline void discardLog() {
     paths().logPath = "/dev/null";
     paths().oldLogPath = "/dev/null";
+    publishSettings();
 }
 
 // Writes the `size` bytes at `data` to `path`, replacing what was there.
@@ -49,6 +50,7 @@ inline const std::string& scratchDir(const char* name) {
 // The agent's paths() below the scratch directory, its LOG folder made.
 inline void scratchHome(const char* name) {
     paths().deriveFrom(scratchDir(name) + "/");
+    publishSettings();
     ::mkdir(paths().logDir.c_str(), 0700);
 }
 

@@ -27,7 +27,7 @@ namespace tavik::fuzz {
 // The job of one input; `interval` chooses the acknowledgement interval.
 inline JobContext streamJob(uint8_t interval) {
     JobContext ctx;
-    prepareForConnection(ctx);
+    prepareJob(ctx);
     ctx.ackInterval = interval % 4;
     ctx.serverVersion = 52;
     return ctx;

@@ -5,24 +5,21 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 status=0
-# folder: the folders (besides itself) whose headers it may include. One
-# header of a higher folder is still reached for from below: the daemon's
-# process-wide state (daemon/state.h), named here so that no other is.
-state=daemon/state.h
+# folder: the folders (besides itself) whose headers it may include.
 rules=(
   "wire:"
   "platform:"
   "protocol:wire platform"
   "frontend:protocol wire platform"
-  "log:platform protocol wire $state"
+  "log:platform protocol wire"
   "nls:log platform wire"
-  "transport:log platform protocol wire $state"
-  "filter:log nls platform protocol wire $state"
-  "request:transport filter log platform protocol wire $state"
+  "transport:log platform protocol wire"
+  "filter:log nls platform protocol wire"
+  "request:transport filter log platform protocol wire"
   "groom:log nls platform protocol wire"
-  "backup:request filter groom transport log nls platform protocol wire $state"
-  "restore:request transport log nls platform protocol wire $state"
-  "compare:restore groom request transport log nls platform protocol wire $state"
+  "backup:request filter groom transport log nls platform protocol wire"
+  "restore:request transport log nls platform protocol wire"
+  "compare:restore groom request transport log nls platform protocol wire"
 )
 for rule in "${rules[@]}"; do
   folder=${rule%%:*}

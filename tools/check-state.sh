@@ -17,6 +17,8 @@ named=(
   "tavik::platform::(anonymous namespace)::gCounts: signals counted by the handler (platform/signals)"
   # The daemon's one state object: settings (read-only after start-up), paths, listener.
   "tavik::(anonymous namespace)::gDaemon: the daemon's state: settings, home files, listener"
+  # The log's files and verbosity, handed down by the daemon once at start-up.
+  "tavik::(anonymous namespace)::gLog: the log's files and verbosity, fixed at start-up"
   # One job per process: each job's state object, made per connection.
   "tavik::job()::context: the job's context"
   "tavik::transport::transport()::state: the job's I/O routines, deadline and counters"

@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "daemon/state.h"
 #include "log/ulog.h"
 #include "request/job_context.h"
 #include "wire/bytes.h"
@@ -13,7 +12,7 @@ namespace tavik::backup {
 int AncestorStack::push(dev_t dev, ino_t ino) {
     for (auto it = nodes_.rbegin(); it != nodes_.rend(); ++it) {
         if (it->first == dev && it->second == ino) {
-            if (settings().verbose) std::printf("infinite loop detected!\n");
+            if (logVerbose()) std::printf("infinite loop detected!\n");
             return -2;
         }
     }

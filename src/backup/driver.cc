@@ -13,7 +13,6 @@
 #include "backup/span_tape.h"
 #include "backup/stream.h"
 #include "backup/traverse.h"
-#include "daemon/state.h"
 #include "groom/groom.h"
 #include "protocol/commands.h"
 #include "log/ulog.h"
@@ -69,7 +68,7 @@ void endGrooming() {
     }
 }
 
-int sendGroomingReport(int result) {
+Outcome sendGroomingReport(Outcome result) {
     JobContext& ctx = job();
     std::string work = groom::GroomingWorkFile();
     int count = groom::GroomedCount();
@@ -84,7 +83,7 @@ int sendGroomingReport(int result) {
             char text[16];
             std::snprintf(text, sizeof text, "%d", count);
             result = queueStatus(protocol::code::kGroomCount, text);
-            if (result == 0) result = send_file(std::move(file), st, {}, work);
+            if (!result.isJobOver()) result = send_file(std::move(file), st, {}, work);
             uint32_t options = wire::loadLe32(ctx.groomRecord.data() + protocol::kGroomOptionsOffset);
             if (options & protocol::kGroomRotationSet) {
                 std::string copy = groom::GroomingCopyFile();
@@ -119,7 +118,7 @@ void waitQueueEmpty() {
     while (queuedCount() != 0) transport::scaledSleep(1);
 }
 
-int startbackup(int jobSocket, const std::string& sourcePath) {
+Outcome startbackup(int jobSocket, const std::string& sourcePath) {
     BackupState& b = backupState();
     JobContext& ctx = job();
     b.sourceLength = sourcePath.size();
@@ -137,7 +136,7 @@ int startbackup(int jobSocket, const std::string& sourcePath) {
     pid_t pid = ::fork();
     if (pid < 0) {
         ulog(MSG_FAILED_FORK_JOB_ABORT, kPrefix, errText());
-        return -1;
+        return Outcome::jobOver();
     }
     if (pid == 0) runSender(jobSocket, self);
     setSenderPid(pid);
@@ -149,14 +148,14 @@ int startbackup(int jobSocket, const std::string& sourcePath) {
     struct stat st;
     if (::stat(sourcePath.c_str(), &st) != 0) {
         ulog(MSG_FAILED_GET_ATTRIBUTES_STAT, kPrefix, sourcePath.c_str(), errText());
-        return queueStatus(protocol::code::kNoDir, "") == 0 ? 0 : -1;
+        return reportEntry(protocol::code::kNoDir, "");
     }
     struct stat sourceStat = st;
     b.rootDev = st.st_dev;
     bool newServer = ctx.serverVersion >= protocol::kNewServerVersion;
     if (newServer) {
-        int r = sendAttributes(st, "", 17, sourcePath);
-        if (r != 0) {
+        Outcome r = sendAttributes(st, "", 17, sourcePath);
+        if (r.isJobOver()) {
             ulog(MSG_FAILED_SEND_ATTRIBUTES, kPrefix, sourcePath.c_str());
             return r;
         }
@@ -166,7 +165,7 @@ int startbackup(int jobSocket, const std::string& sourcePath) {
             wire::ByteReader tapeIn(std::span<const uint8_t>(ctx.tapeRecord.data(), ctx.tapeRecord.size()));
             protocol::TapeRecord tape;
             (void)protocol::decodeTapeRecord(tapeIn, tape);  // always whole: 63 bytes kept
-            if (groom::BeginGrooming(paths().logDir.c_str(), ctx.groomSet.c_str(), record, tape) != 0)
+            if (groom::BeginGrooming(ctx.paths.logDir.c_str(), ctx.groomSet.c_str(), record, tape) != 0)
                 ulog(MSG_FAILED_BEGINGROOMING, kPrefix);
             if (!restartPending()) {
                 int g = groom::RecordGrooming(sourcePath.c_str(), st);
@@ -178,7 +177,7 @@ int startbackup(int jobSocket, const std::string& sourcePath) {
     b.ancestors.push(st.st_dev, st.st_ino);
     int mode = newServer ? int(filter::DirVerdictOf(b.filter, sourcePath)) : 2;
     bool timesKept = false;
-    int result = ws_backup(sourcePath, mode, sourceStat, &timesKept);
+    Outcome result = ws_backup(sourcePath, mode, sourceStat, &timesKept);
     if (job().jobSettings.resetAccessTime && !timesKept && setFileTimes(sourcePath, sourceStat) != 0)
         ulog(MSG_FAILED_SET_TIME, kPrefix, sourcePath.c_str(), errText());
     b.ancestors.pop();

@@ -6,15 +6,18 @@
 // packet, SIGCHLD (the sender died) ends the job through the daemon's hook.
 //
 // Requires: the filter built, GetIPC done, the hooks in backupState() set.
-// Fails: -1 for a failed fork or source record, else the traversal's queue
-// failure; 0 when the walk reached its end.
+// Fails: Outcome::jobOver() for a failed fork or source record, or the
+// queue's failure during the walk; otherwise the walk reached its end (a
+// source that cannot be examined is reported as a failed entry).
 #pragma once
 
 #include <string>
 
+#include "platform/outcome.h"
+
 namespace tavik::backup {
 
-int startbackup(int jobSocket, const std::string& sourcePath);
+Outcome startbackup(int jobSocket, const std::string& sourcePath);
 
 // Before END: no WATCH_DOG may follow the last packet.
 void stopWatchdog();

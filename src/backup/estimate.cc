@@ -10,7 +10,6 @@
 #include "backup/backup_state.h"
 #include "backup/stream.h"
 #include "backup/traverse.h"
-#include "daemon/state.h"
 #include "filter/filter.h"
 #include "filter/match.h"
 #include "log/ulog.h"
@@ -143,7 +142,6 @@ int estimate(const std::string& sourcePath, uint32_t& filesOut, uint32_t& kiloby
 
 int estimateCommand(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) {
     constexpr const char* kPrefix = "(GetCommands) ";
-    const Settings& s = settings();
     const char* text = reinterpret_cast<const char*>(payload.data());
     // An empty payload names no source (and may have no storage at all).
     size_t sourceLength = payload.empty() ? 0 : strnlen(text, payload.size());
@@ -160,19 +158,19 @@ int estimateCommand(Channel& channel, JobContext& ctx, std::span<const uint8_t> 
             i += n + 1;
         }
     }
-    if (s.verbose)
+    if (logVerbose())
         ulog("ESTIMATE: src=[%s], flist.nFiles=%d, flist.size=%d", source.c_str(), int(nFiles), int(names.size()));
     ctx.topList.clear();
     if (nFiles != 0) {
         buildTopList(ctx.topList, nFiles, std::move(names));
-        if (s.verbose)
+        if (logVerbose())
             for (size_t i = 0; i < ctx.topList.names.size(); ++i)
                 ulog("flist_tbl[%d]=[%s]", int(i), ctx.topList.text.data() + ctx.topList.names[i]);
     }
     uint32_t files = 0, kilobytes = 0;
     estimate(source, files, kilobytes);
     ctx.topList.clear();
-    if (s.verbose) ulog("Estimated total : %ld files, %ld K bytes", long(files), long(kilobytes));
+    if (logVerbose()) ulog("Estimated total : %ld files, %ld K bytes", long(files), long(kilobytes));
     uint8_t reply[protocol::kEstimateReplySize];
     wire::storeLe32(reply, files);
     wire::storeLe32(reply + 4, kilobytes);

@@ -10,12 +10,12 @@
 #include <string>
 
 #include "backup/queue.h"
-#include "daemon/state.h"
 #include "log/ulog.h"
 #include "platform/fd.h"
 #include "platform/file_lock.h"
 #include "platform/plain_file.h"
 #include "platform/sysv_ipc.h"
+#include "request/job_context.h"
 
 namespace tavik::backup {
 namespace {
@@ -41,8 +41,8 @@ bool nextLine(FILE* f, char (&buf)[kRegistryLine], LineAt& at) {
 // means the caller returns `failure`.
 // The lock is waited for as the job's options say, unless `retries` names
 // the attempts (one second apart) for a caller outside a job.
-FILE* openRegistry(const char* prefix, char type, int id, bool create, int& failure, int retries = -1) {
-    const std::string& path = paths().ipcPath;
+FILE* openRegistry(const std::string& path, int timeDivisor, const char* prefix, char type, int id, bool create,
+                   int& failure, int retries = -1) {
     // LOG/ is open to every login: the registry is never opened through a link.
     platform::UniqueFd fd = platform::openPlainFile(path.c_str(), O_RDWR | (create ? O_CREAT : 0), 0600);
     if (!fd) {
@@ -52,7 +52,7 @@ FILE* openRegistry(const char* prefix, char type, int id, bool create, int& fail
     }
     failure = 0;
     int r = retries < 0 ? lockFile(fd.get(), platform::kWriteLock)
-                          : platform::lockFile(fd.get(), platform::kWriteLock, uint16_t(retries), 1, settings().divisor());
+                          : platform::lockFile(fd.get(), platform::kWriteLock, uint16_t(retries), 1, timeDivisor);
     if (r == -2) {
         ulog(MSG_GAVE_UP_LOCK_IPC, prefix, type, id);
         return nullptr;
@@ -90,7 +90,7 @@ std::string registryLine(char first, char second, int id) {
 int RegisterIPC(char type, int id) {
     constexpr const char* kPrefix = "(RegisterIPC) ";
     int failure = 0;
-    FILE* f = openRegistry(kPrefix, type, id, true, failure);
+    FILE* f = openRegistry(job().paths.ipcPath, job().jobSettings.divisor(), kPrefix, type, id, true, failure);
     if (!f) return failure;
     std::string line = registryLine(type, ' ', id);
     char buf[kRegistryLine];
@@ -115,7 +115,7 @@ int RegisterIPC(char type, int id) {
 int ClearIPC(char type, int id) {
     constexpr const char* kPrefix = "(ClearIPC) ";
     int failure = 0;
-    FILE* f = openRegistry(kPrefix, type, id, false, failure);
+    FILE* f = openRegistry(job().paths.ipcPath, job().jobSettings.divisor(), kPrefix, type, id, false, failure);
     if (!f) return failure;
     char buf[kRegistryLine];
     bool found = false;
@@ -135,11 +135,11 @@ int ClearIPC(char type, int id) {
     return 0;
 }
 
-void ReclaimIPC() {
+void ReclaimIPC(const std::string& registryPath, int timeDivisor) {
     constexpr const char* kPrefix = "(ReclaimIPC) ";
     constexpr int kLockAttempts = 5;
     int failure = 0;
-    FILE* f = openRegistry(kPrefix, 'm', -1, false, failure, kLockAttempts);
+    FILE* f = openRegistry(registryPath, timeDivisor, kPrefix, 'm', -1, false, failure, kLockAttempts);
     if (!f) return;
     char buf[kRegistryLine];
     for (LineAt at; nextLine(f, buf, at);) {

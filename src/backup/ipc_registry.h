@@ -6,14 +6,19 @@
 // and never stop a job.
 #pragma once
 
+#include <string>
+
 namespace tavik::backup {
 
+// The job's registry (job().paths.ipcPath), locked as the job's options say.
 int RegisterIPC(char type, int id);
 int ClearIPC(char type, int id);
 // Removes every object that tvk.ipc lists as live and that no job uses any
 // more: a segment nobody is attached to, a semaphore whose job process (the
 // last to set or operate it) is gone. Each is logged and its line cleared.
-// Called by the daemon at start-up and when a job process was killed.
-void ReclaimIPC();
+// Called by the daemon at start-up and when a job process was killed, with
+// the registry's file; its lock is tried five times, a second (divided by
+// `timeDivisor`) apart.
+void ReclaimIPC(const std::string& registryPath, int timeDivisor);
 
 }  // namespace tavik::backup

@@ -17,7 +17,6 @@
 #include "backup/ipc_registry.h"
 #include "backup/queue_size.h"
 #include "backup/span_tape.h"
-#include "daemon/state.h"
 #include "log/ulog.h"
 #include "platform/fd.h"
 #include "platform/plain_file.h"
@@ -96,13 +95,13 @@ int retryStep(int count, int limit, uint16_t bit, Ready ready) {
     if (n > 1000) {
         int wait = (n - 1000) / 100 + 1;
         transport::TransportState& t = transport::transport();
-        if (settings().verbose && wait != t.lastReportedSleep) {
+        if (logVerbose() && wait != t.lastReportedSleep) {
             ulog("%sTimeCount=%d, sleep(%d)...", "(timeOut) ", n, wait);
             t.lastReportedSleep = wait;
         }
         micros = wait * 1000000LL;
     }
-    waitUntil(bit, ready, micros / settings().divisor());
+    waitUntil(bit, ready, micros / job().jobSettings.divisor());
     platform::dispatchPendingSignals();
     return n;
 }
@@ -129,21 +128,20 @@ int changeCount(int delta, const char*) {
 }  // namespace
 
 int lockFile(int fd, int lockType) {
-    return platform::lockFile(fd, lockType, job().retryCount(), job().retryInterval(), settings().divisor());
+    return platform::lockFile(fd, lockType, job().retryCount(), job().retryInterval(), job().jobSettings.divisor());
 }
 
 int GetIPC() {
     constexpr const char* kPrefix = "(GetIPC) ";
     Ipc& q = ipc();
-    const Settings& s = settings();
     const JobSettings& js = job().jobSettings;
     q.owner = true;
     q.slotSize = slotSize(js.ioBufferSize);
-    q.capacity = s.ioBufferCount;
-    q.sleepMs = s.waitSleepMs ? s.waitSleepMs : 1;
+    q.capacity = js.ioBufferCount;
+    q.sleepMs = js.waitSleepMs ? js.waitSleepMs : 1;
     q.held = 0;
-    size_t size = segmentSize(js.ioBufferSize, s.ioBufferCount);
-    if (s.verbose)
+    size_t size = segmentSize(js.ioBufferSize, js.ioBufferCount);
+    if (logVerbose())
         ulog("%ssizeof(SHM_BUFF)=%d,shm_size=%d, shmbuff->pkque=%d", kPrefix, kDeclaredShmBuffSize, int(size),
              int(kRingSlotsAt));
     if (int err = q.segment.create(size); err != 0) {
@@ -238,7 +236,7 @@ pid_t senderPid() { return ipc().sender; }
 
 int waitFreeSlot() {
     Ipc& q = ipc();
-    const Settings& s = settings();
+    const JobSettings& s = job().jobSettings;
     auto notFull = [&q] { return field(kRingCountAt).load() < q.capacity; };
     unsigned waited = 0;
     int n = 0;

@@ -5,7 +5,6 @@
 
 #include <cerrno>
 
-#include "daemon/state.h"
 #include "log/ulog.h"
 
 namespace tavik::backup {
@@ -29,8 +28,7 @@ int grantedSlotCount(int ioBufferSize, unsigned wanted, const SegmentProbe& prob
     }
 }
 
-int DecideShmBuf() {
-    Settings& s = startupSettings();
+int DecideShmBuf(int ioBufferSize, uint16_t& ioBufferCount, int& sleepScale) {
     bool removeFailed = false;
     auto probe = [&removeFailed](size_t bytes) {
         int id = shmget(IPC_PRIVATE, bytes, 0600);
@@ -42,7 +40,7 @@ int DecideShmBuf() {
         return 0;
     };
     int error = 0;
-    int count = grantedSlotCount(s.ioBufferSize, s.ioBufferCount, probe, error);
+    int count = grantedSlotCount(ioBufferSize, ioBufferCount, probe, error);
     if (count == -1) {
         ulog(MSG_NOT_ENOUGH_SHARED_MEMORY, kPrefix);
         return -1;
@@ -53,8 +51,8 @@ int DecideShmBuf() {
         return -1;
     }
     if (removeFailed) return -1;
-    s.ioBufferCount = uint16_t(count);
-    s.sleepScale = count * 9 / 10;
+    ioBufferCount = uint16_t(count);
+    sleepScale = count * 9 / 10;
     return 0;
 }
 

@@ -34,8 +34,9 @@ using SegmentProbe = std::function<int(size_t bytes)>;
 // falls below ten; other refusals are returned as -2 with `errorOut` set.
 int grantedSlotCount(int ioBufferSize, unsigned wanted, const SegmentProbe& probe, int& errorOut);
 
-// Probes System V shared memory and fixes settings().ioBufferCount and
-// settings().sleepScale. Returns 0, or -1 after logging why.
-int DecideShmBuf();
+// Probes System V shared memory for a queue of `ioBufferCount` buffers of
+// `ioBufferSize` bytes and lowers the count to what the system grants;
+// `sleepScale` becomes nine tenths of it. Returns 0, or -1 after logging why.
+int DecideShmBuf(int ioBufferSize, uint16_t& ioBufferCount, int& sleepScale);
 
 }  // namespace tavik::backup

@@ -2,7 +2,6 @@
 
 #include <csignal>
 
-#include "daemon/state.h"
 #include "log/ulog.h"
 #include "platform/signals.h"
 
@@ -19,7 +18,7 @@ void reportSpanTape(long& reported) {
     const long received = platform::signalCount(SIGUSR1);
     while (reported < received) {
         ++reported;
-        if (!settings().verbose) continue;
+        if (!logVerbose()) continue;
         // Odd signals put the process to sleep, even ones wake it.
         ulogText(reported % 2 ? "(span_tape_sleep) Received SIGUSR1 from child process"
                               : "(span_tape_wake) Received SIGUSR1 from child process");

@@ -14,7 +14,6 @@
 #include "backup/backup_state.h"
 #include "backup/queue.h"
 #include "backup/span_tape.h"
-#include "daemon/state.h"
 #include "groom/groom.h"
 #include "log/ulog.h"
 #include "platform/fd.h"
@@ -63,10 +62,12 @@ void writeHeader(uint8_t* slot, int8_t packetCode, uint8_t version, size_t lengt
     std::memcpy(slot, bytes.data(), bytes.size());
 }
 
-int publish(int8_t packetCode, uint8_t version, size_t length, bool hold = false) {
+Outcome publish(int8_t packetCode, uint8_t version, size_t length, bool hold = false) {
     writeHeader(inSlot(), packetCode, version, length);
-    return countup(1, hold);
+    return Outcome::jobOverUnless(countup(1, hold));
 }
+
+Outcome waitForSlot() { return Outcome::jobOverUnless(waitFreeSlot()); }
 
 uint8_t* payload() { return inSlot() + protocol::kHeaderSize; }
 
@@ -88,18 +89,17 @@ void recordGrooming(const std::string& path, const struct stat& st, const char* 
 }
 
 // Data of a regular file, read straight into the slots.
-int sendRegular(int fd, const std::string& path, bool& entryFailed) {
+Outcome sendRegular(int fd, const std::string& path) {
     constexpr const char* kPrefix = "(send_file) ";
     JobContext& ctx = job();
     if (ctx.restartOffset == -1) ctx.restartOffset = 0;
     if (ctx.restartOffset > 0) {
         int32_t n = ctx.restartOffset;
-        if (settings().verbose) ulog("%slseek(%d)", kPrefix, n);
+        if (logVerbose()) ulog("%slseek(%d)", kPrefix, n);
         ctx.restartOffset = 0;
         if (::lseek(fd, off_t(n), SEEK_SET) < 0) {
             ulog("%sFailed in lseek(%d), %s", kPrefix, n, errText());
-            entryFailed = true;
-            return queueStatus(code::kReadErr);
+            return reportEntry(code::kReadErr);
         }
     }
     // Several free slots are filled by one readv and published together:
@@ -114,8 +114,7 @@ int sendRegular(int fd, const std::string& path, bool& entryFailed) {
         ssize_t m = platform::readvBlocking(fd, iov, int(k));
         if (m < 0) {
             ulog(MSG_FAILED_READING, kPrefix, path.c_str(), errText());
-            entryFailed = true;
-            return queueStatus(code::kReadErr);
+            return reportEntry(code::kReadErr);
         }
         uint16_t full = uint16_t(size_t(m) / chunk);
         size_t rest = size_t(m) % chunk;
@@ -125,27 +124,26 @@ int sendRegular(int fd, const std::string& path, bool& entryFailed) {
         bool ends = full < k && (rest > 0 || full == 0);
         for (uint16_t i = 0; i < full; ++i) writeHeader(inSlotAhead(i), code::kMof, 0, chunk);
         if (ends) writeHeader(inSlotAhead(full), code::kEndf, 0, rest);
-        if (countup(uint16_t(full + (ends ? 1 : 0))) != 0) return -1;
-        if (ends) return 0;
-        if (waitFreeSlot() != 0) return -1;
+        if (countup(uint16_t(full + (ends ? 1 : 0))) != 0) return Outcome::jobOver();
+        if (ends) return Outcome::done();
+        if (waitFreeSlot() != 0) return Outcome::jobOver();
     }
 }
 
 // A raw device listed in the database file list: exactly `size` bytes.
-int sendRawDevice(const std::string& path, uint32_t size, bool& entryFailed) {
+Outcome sendRawDevice(const std::string& path, uint32_t size) {
     constexpr const char* kPrefix = "(send_file) ";
-    if (settings().verbose) {
+    if (logVerbose()) {
         std::printf("%sRaw device file %s, fileSize=%d\n", kPrefix, path.c_str(), int(size));
         std::fflush(stdout);
     }
     int fd = ::open(path.c_str(), O_RDONLY);
     if (fd < 0) {
         ulog(MSG_FAIED_OPEN, kPrefix, path.c_str(), errText());
-        entryFailed = true;
-        return queueStatus(code::kNoFile, std::string(lastComponent(path)).c_str());
+        return reportEntry(code::kNoFile, std::string(lastComponent(path)).c_str());
     }
     size_t io = ioSize();
-    int r = 0;
+    Outcome r;
     while (size > 0) {
         size_t chunk = size <= io ? size : io;
         size_t got = 0;
@@ -158,13 +156,12 @@ int sendRawDevice(const std::string& path, uint32_t size, bool& entryFailed) {
         if (got < chunk) {
             if (errno == 0) errno = EIO;
             ulog(MSG_FAILED_READING, kPrefix, path.c_str(), errText());
-            entryFailed = true;
-            r = queueStatus(code::kReadErr);
+            r = reportEntry(code::kReadErr);
             break;
         }
-        if ((r = publish(chunk == size ? code::kEndf : code::kMof, 0, chunk)) != 0) break;
+        if ((r = publish(chunk == size ? code::kEndf : code::kMof, 0, chunk)).isJobOver()) break;
         size -= uint32_t(chunk);
-        if (size > 0 && (r = waitFreeSlot()) != 0) break;
+        if (size > 0 && (r = waitForSlot()).isJobOver()) break;
     }
     ::close(fd);
     return r;
@@ -184,12 +181,11 @@ void watchdogOn() {
     if (backupState().watchdog) transport::armAlarm(kWatchdogSeconds);
 }
 
-int atPacketBoundary() {
+void atPacketBoundary() {
     // Runs deferred signals: a WATCH_DOG that is due, the sender's death, a
     // SIGTERM.
     platform::dispatchPendingSignals();
     reportSpanTape(backupState().spanTapeReported);
-    return 0;
 }
 
 // The deferred SIGALRM action: queue the keep-alive now, or right after the
@@ -201,22 +197,24 @@ void watchdogAction(int) {
         b.watchdogPending = true;
         return;
     }
-    queuePacket(code::kWatchDog, nullptr, 0, 0);
+    // A queue that broke ends the job at the backup's next step, which
+    // finds it broken too.
+    if (queuePacket(code::kWatchDog, nullptr, 0, 0).isJobOver()) return;
     transport::armAlarm(kWatchdogSeconds);
 }
 
-int queuePacket(int8_t packetCode, const uint8_t* data, uint16_t length, uint8_t version) {
+Outcome queuePacket(int8_t packetCode, const uint8_t* data, uint16_t length, uint8_t version) {
     Building building;
-    if (waitFreeSlot() != 0) return -1;
+    if (waitFreeSlot() != 0) return Outcome::jobOver();
     size_t n = length <= slotPayloadCapacity() ? length : slotPayloadCapacity();
     if (n) std::memcpy(payload(), data, n);
     return publish(packetCode, version, n);
 }
 
-int queueStatus(int8_t packetCode, const char* text) {
-    if (restartPending()) return 0;
+Outcome queueStatus(int8_t packetCode, const char* text) {
+    if (restartPending()) return Outcome::done();
     Building building;
-    if (waitFreeSlot() != 0) return -1;
+    if (waitFreeSlot() != 0) return Outcome::jobOver();
     size_t length = 0;
     if (text) {
         size_t n = std::strlen(text);
@@ -229,8 +227,13 @@ int queueStatus(int8_t packetCode, const char* text) {
     return publish(packetCode, kStatusVersion, length);
 }
 
-int sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const std::string& path, bool dataFollows) {
-    if (restartPending()) return 0;
+Outcome reportEntry(int8_t packetCode, const char* text) {
+    Outcome queued = queueStatus(packetCode, text);
+    return queued.isJobOver() ? queued : Outcome::entryFailed();
+}
+
+Outcome sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const std::string& path, bool dataFollows) {
+    if (restartPending()) return Outcome::done();
     if (kind == kKindSpecial) {
         uint32_t listed = 0;
         st.st_size = (S_ISCHR(st.st_mode) && lookupRawSize(path.c_str(), listed)) ? off_t(listed) : 0;
@@ -239,25 +242,25 @@ int sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const s
     watchdogOff();
     {
         Building building;
-        if (waitFreeSlot() != 0) return -1;
+        if (waitFreeSlot() != 0) return Outcome::jobOver();
         size_t length = protocol::encodeBackupAttributes(a, {payload(), slotPayloadCapacity()});
-        if (length == 0) return -1;  // callers refuse longer names before
+        if (length == 0) invariantBroken("sendAttributes", "a name too long for the attribute record");
         // The header of an entry whose data follows at once leaves with them.
-        if (publish(code::kFileHeader, 0, length, dataFollows) != 0) return -1;
+        if (Outcome r = publish(code::kFileHeader, 0, length, dataFollows); r.isJobOver()) return r;
     }
     watchdogOn();
-    return 0;
+    return Outcome::done();
 }
 
-int send_file(platform::UniqueFd file, const struct stat& st, std::string_view linkTarget, const std::string& path) {
+Outcome send_file(platform::UniqueFd file, const struct stat& st, std::string_view linkTarget,
+                  const std::string& path) {
     watchdogOff();
     std::optional<Building> building(std::in_place);
-    int r = waitFreeSlot();
-    if (r != 0) return r;
-    bool entryFailed = false;
+    if (waitFreeSlot() != 0) return Outcome::jobOver();
+    Outcome r;
     uint32_t listed = 0;
     if (S_ISREG(st.st_mode)) {
-        r = sendRegular(file.get(), path, entryFailed);
+        r = sendRegular(file.get(), path);
         file.reset();
     } else if (S_ISLNK(st.st_mode)) {
         size_t n = linkTarget.size();
@@ -265,12 +268,12 @@ int send_file(platform::UniqueFd file, const struct stat& st, std::string_view l
         if (n) std::memcpy(payload(), linkTarget.data(), n);
         r = publish(code::kEndf, 0, n);
     } else if (S_ISCHR(st.st_mode) && lookupRawSize(path.c_str(), listed)) {
-        r = sendRawDevice(path, listed, entryFailed);
+        r = sendRawDevice(path, listed);
     } else {
         r = publish(code::kEndf, 0, 0);
     }
     building.reset();
-    if (r == 0 && !entryFailed) recordGrooming(path, st, "(send_file) ");
+    if (r.isDone()) recordGrooming(path, st, "(send_file) ");
     watchdogOn();
     return r;
 }
@@ -282,7 +285,7 @@ namespace {
 // packet that says why is queued instead and `send` is false.
 struct EntrySource {
     bool send = true;
-    int queued = 0;  // queueStatus's result when nothing is sent
+    Outcome refused;  // reportEntry's result when nothing is sent
     platform::UniqueFd file;
     bool timesKept = false;  // read without touching the access time
     char target[kLinkBuffer];
@@ -291,7 +294,7 @@ struct EntrySource {
 
 void refuse(EntrySource& source, int8_t code, const std::string& name) {
     source.send = false;
-    source.queued = queueStatus(code, name.c_str());
+    source.refused = reportEntry(code, name.c_str());
 }
 
 // Opens a regular file (and takes its read lock where locks are checked or
@@ -316,7 +319,7 @@ void openEntry(int dirFd, const std::string& path, const std::string& name, cons
             return;
         }
         bool mandatory = spare == 0 && (st.st_mode & S_ISGID) && !(st.st_mode & S_IXGRP);
-        if (!settings().checkLocks && !mandatory) return;
+        if (!job().jobSettings.checkLocks && !mandatory) return;
         int l = lockFile(source.file.get(), platform::kReadLock);
         if (l >= 0) return;
         int saved = errno;
@@ -345,27 +348,27 @@ void openEntry(int dirFd, const std::string& path, const std::string& name, cons
 
 }  // namespace
 
-int backup_file(int dirFd, const std::string& path, std::string_view name, struct stat& st, int spare) {
+Outcome backup_file(int dirFd, const std::string& path, std::string_view name, struct stat& st, int spare) {
     constexpr const char* kPrefix = "(backup_file) ";
-    if (!job().restartPath.empty()) return 0;
-    const bool verbose = settings().verbose;
+    if (!job().restartPath.empty()) return Outcome::done();
+    const bool verbose = logVerbose();
     bool special = S_ISBLK(st.st_mode) || S_ISCHR(st.st_mode) || S_ISFIFO(st.st_mode);
     if (!S_ISREG(st.st_mode) && !S_ISLNK(st.st_mode) && !special) {
         if (verbose) {
             std::printf("Unknown file mode: %s\n", path.c_str());
             std::fflush(stdout);
         }
-        return 0;
+        return Outcome::done();
     }
     const std::string nameText(name);
     EntrySource source;
     openEntry(dirFd, path, nameText, st, spare, source);
-    int r = source.queued;
+    Outcome r = source.refused;
     struct stat before = st;
     if (source.send) {
         r = sendAttributes(st, name, special ? kKindSpecial : protocol::kKindEntry, path,
                            S_ISREG(st.st_mode) || S_ISLNK(st.st_mode));
-        if (r != 0) {
+        if (r.isJobOver()) {
             ulog(MSG_FAILED_SEND_ATTRIBUTES, kPrefix, path.c_str());
             return r;
         }
@@ -411,7 +414,7 @@ bool lookupRawSize(const char* path, uint32_t& sizeOut) {
 }
 
 void dumpRawList() {
-    if (!settings().verbose) return;
+    if (!logVerbose()) return;
     const std::vector<uint8_t>& list = job().dbFileList;
     size_t at = 0;
     while (list.size() - at >= 5) {

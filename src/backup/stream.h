@@ -10,8 +10,9 @@
 // file header and no status packet is queued.
 //
 // Requires: GetIPC done; runs only in the backup process. Fails: a queue
-// failure returns -1 and aborts the job; per-entry problems are logged,
-// reported to the front-end and the stream goes on.
+// failure is Outcome::jobOver() and ends the job; a problem of one entry is
+// logged, reported to the front-end (Outcome::entryFailed()) and the stream
+// goes on.
 #pragma once
 
 #include <sys/stat.h>
@@ -21,6 +22,7 @@
 #include <string_view>
 
 #include "platform/fd.h"
+#include "platform/outcome.h"
 
 namespace tavik::backup {
 
@@ -30,18 +32,23 @@ inline constexpr uint8_t kKindSpecial = 1;
 
 bool restartPending();
 
-int queueStatus(int8_t code, const char* text = nullptr);
-int queuePacket(int8_t code, const uint8_t* payload, uint16_t length, uint8_t version);
+Outcome queueStatus(int8_t code, const char* text = nullptr);
+// A problem of one entry, already logged, told to the front-end by the
+// status packet `code`: the entry failed, or the job is over when the queue
+// broke.
+Outcome reportEntry(int8_t code, const char* text = nullptr);
+Outcome queuePacket(int8_t code, const uint8_t* payload, uint16_t length, uint8_t version);
 // With `dataFollows` the header is held back to be published with the data
 // that send_file queues next.
-int sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const std::string& path,
-                   bool dataFollows = false);
+Outcome sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const std::string& path,
+                       bool dataFollows = false);
 // `file` is the open regular file (closed once sent); `linkTarget` a link's
 // target. A special file needs neither.
-int send_file(platform::UniqueFd file, const struct stat& st, std::string_view linkTarget, const std::string& path);
+Outcome send_file(platform::UniqueFd file, const struct stat& st, std::string_view linkTarget,
+                  const std::string& path);
 // `name` is the entry's name in the open directory `dirFd`, `path` its full
 // path (for the messages, the filters and the database file list).
-int backup_file(int dirFd, const std::string& path, std::string_view name, struct stat& st, int spare);
+Outcome backup_file(int dirFd, const std::string& path, std::string_view name, struct stat& st, int spare);
 
 int setFileTimes(const std::string& path, const struct stat& st);
 int setFileTimesAt(int dirFd, const char* name, const struct stat& st);
@@ -57,6 +64,6 @@ void watchdogOff();
 void watchdogOn();
 // Runs deferred signals between entries of the walk (a due WATCH_DOG, the
 // sender's death, SIGTERM).
-int atPacketBoundary();
+void atPacketBoundary();
 
 }  // namespace tavik::backup

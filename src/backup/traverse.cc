@@ -15,7 +15,6 @@
 #include "backup/attribute_record.h"
 #include "backup/backup_state.h"
 #include "backup/stream.h"
-#include "daemon/state.h"
 #include "filter/match.h"
 #include "groom/groom.h"
 #include "log/ulog.h"
@@ -68,14 +67,14 @@ bool isDirectory(const std::string& path) {
 
 // A path longer than the buffers: logged like an entry without attributes
 // and reported to the front-end as an entry that cannot be opened.
-int reportTooLong(const std::string& path, const char* name) {
+Outcome reportTooLong(const std::string& path, const char* name) {
     errno = ENAMETOOLONG;
     ulog(job().jobSettings.followLinks ? MSG_FAILED_GET_ATTRIBUTES_STAT : MSG_FAILED_GET_ATTRIBUTES_LSTAT, kPrefix,
          path.c_str(), errText());
-    return queueStatus(code::kNoFile, name);
+    return reportEntry(code::kNoFile, name);
 }
 
-int leave(int result) {
+Outcome leave(Outcome result) {
     backupState().dirDepth--;
     return result;
 }
@@ -108,7 +107,7 @@ namespace {
 // The first pass (mode 2): the files of the directory that the filter
 // selects. Entries it could not examine go to `unexamined`, for the second
 // pass to examine (and log) again.
-int sendFiles(platform::DirStream& dir, const std::string& dirPath, const struct stat& dirStat,
+Outcome sendFiles(platform::DirStream& dir, const std::string& dirPath, const struct stat& dirStat,
               std::vector<std::string>& unexamined) {
     BackupState& b = backupState();
     const bool newServer = job().serverVersion >= protocol::kNewServerVersion;
@@ -116,13 +115,12 @@ int sendFiles(platform::DirStream& dir, const std::string& dirPath, const struct
     b.groomDirectory = platform::identityOf(dirStat);
     while (const platform::DirStream::Entry* e = dir.next()) {
         if (dot(e->name) || outsideTopList(e->name)) continue;
-        if (atPacketBoundary() != 0) return -1;
+        atPacketBoundary();
         std::string path = dirPath + e->name;
         struct stat st;
         if (path.size() >= kPathBuffer) {
             if (!isDirectory(path)) {  // a directory is reported by the second pass
-                int r = reportTooLong(path, e->name);
-                if (r != 0) return r;
+                if (Outcome r = reportTooLong(path, e->name); r.isJobOver()) return r;
             }
             continue;
         }
@@ -136,41 +134,40 @@ int sendFiles(platform::DirStream& dir, const std::string& dirPath, const struct
         if (!newServer && !take) take = filter::OldFileSelected(b.oldSelection, e->name, st) != 0;
         if (!take) continue;
         if (restartPending()) checkRestartPoint(path);
-        int r = backup_file(dirFd, path, e->name, st, 0);
-        if (r != 0) return r;
+        if (Outcome r = backup_file(dirFd, path, e->name, st, 0); r.isJobOver()) return r;
     }
-    return 0;
+    return Outcome::done();
 }
 
 // One subdirectory that the second pass found: unless it is protected or
 // left out by the selection, its attributes, its own walk and its access
 // time put back.
-int descendInto(int dirFd, const std::string& path, const char* name, struct stat& st,
-                const struct stat& dirStat, bool dirPatterns) {
+Outcome descendInto(int dirFd, const std::string& path, const char* name, struct stat& st,
+                    const struct stat& dirStat, bool dirPatterns) {
     BackupState& b = backupState();
     const JobContext& ctx = job();
     const bool newServer = ctx.serverVersion >= protocol::kNewServerVersion;
     if (b.hooks.isProtectedDir && b.hooks.isProtectedDir(platform::identityOf(st))) {
         ulog(MSG_PROTECTED_DIRECTORY, kPrefix, path.c_str(), b.hooks.controlFile.c_str());
-        return 0;
+        return Outcome::done();
     }
     int submode = 2;
     if (newServer) {
         if (dirPatterns) {
             submode = int(filter::DirVerdictOf(b.filter, path + "/"));
-            if (submode == 0) return 0;
+            if (submode == 0) return Outcome::done();
         }
     } else if (b.dirDepth == 1 && b.oldSelection.dirCount != 0 && filter::OldDirListed(b.oldSelection, name) == 0) {
-        return 0;
+        return Outcome::done();
     }
     if (std::strlen(name) > protocol::kMaxRecordName) {
         errno = ENAMETOOLONG;
         ulog(MSG_FAILED_OPEN_SOURCE_DIR, kPrefix, path.c_str(), errText());
-        return queueStatus(code::kNoFile, name);
+        return reportEntry(code::kNoFile, name);
     }
     if (newServer && restartPending()) checkRestartPoint(path);
-    int r = sendAttributes(st, name, 16, path);
-    if (r != 0) {
+    Outcome r = sendAttributes(st, name, 16, path);
+    if (r.isJobOver()) {
         ulog(MSG_FAILED_SEND_ATTRIBUTES, kPrefix, path.c_str());
         return r;
     }
@@ -181,23 +178,22 @@ int descendInto(int dirFd, const std::string& path, const char* name, struct sta
     bool timesKept = false;  // the subdirectory was read without touching its access time
     if (b.ancestors.push(st.st_dev, st.st_ino) == -2) {
         ulog(MSG_DETECTED_LINK_ITS_ANCESTOR, kPrefix, path.c_str());
-        r = queueStatus(code::kEndDir);
-        if (r != 0) return r;
+        if (r = reportEntry(code::kEndDir); r.isJobOver()) return r;
     } else {
         r = ws_backup(path + "/", submode, st, &timesKept);
         b.ancestors.pop();
-        if (r != 0) return r;
+        if (r.isJobOver()) return r;
     }
     if (ctx.jobSettings.resetAccessTime && !timesKept && setFileTimesAt(dirFd, name, st) != 0)
         ulog(MSG_FAILED_SET_TIME, kPrefix, path.c_str(), errText());
-    return 0;
+    return r;
 }
 
 // The second pass: every subdirectory, and the entries the first pass could
 // not examine. In mode 2 an entry that cannot be a directory was dealt with
 // by the first pass and is passed over without another stat.
-int walkSubdirectories(platform::DirStream& dir, const std::string& dirPath, int mode, const struct stat& dirStat,
-                       const std::vector<std::string>& unexamined) {
+Outcome walkSubdirectories(platform::DirStream& dir, const std::string& dirPath, int mode, const struct stat& dirStat,
+                           const std::vector<std::string>& unexamined) {
     const BackupState& b = backupState();
     const bool followLinks = job().jobSettings.followLinks;
     const bool dirPatterns = !b.filter.DirIncPattern.empty() || !b.filter.DirExcPattern.empty();
@@ -210,69 +206,65 @@ int walkSubdirectories(platform::DirStream& dir, const std::string& dirPath, int
                 std::printf("Failed in readdir(), %s\n", std::strerror(errno));
                 std::fflush(stdout);
             }
-            return 0;
+            return Outcome::done();
         }
         if (dot(e->name) || outsideTopList(e->name)) continue;
         if (mode == 2 && !e->mayBeDirectory(followLinks) &&
             std::find(unexamined.begin(), unexamined.end(), e->name) == unexamined.end())
             continue;
-        if (atPacketBoundary() != 0) return -1;
+        atPacketBoundary();
         std::string path = dirPath + e->name;
         struct stat st;
         if (path.size() + 1 >= kPathBuffer) {
             // No room for the directory's "/": refused and reported.
             if (isDirectory(path)) {
-                int r = reportTooLong(path, e->name);
-                if (r != 0) return r;
+                if (Outcome r = reportTooLong(path, e->name); r.isJobOver()) return r;
             }
             continue;
         }
         if (!entryStat(dirFd, e->name, path, st)) continue;
         if (!S_ISDIR(st.st_mode)) continue;
-        int r = descendInto(dirFd, path, e->name, st, dirStat, dirPatterns);
-        if (r != 0) return r;
+        if (Outcome r = descendInto(dirFd, path, e->name, st, dirStat, dirPatterns); r.isJobOver()) return r;
     }
 }
 
 }  // namespace
 
-int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, bool* accessTimeKept) {
+Outcome ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, bool* accessTimeKept) {
     BackupState& b = backupState();
     const JobSettings& js = job().jobSettings;
     JobContext& ctx = job();
     b.dirDepth++;
-    if (settings().verbose) {
+    if (logVerbose()) {
         std::printf("start traverse dir %s (%d)\n", dirPath.c_str(), int(b.dirDepth));
         std::fflush(stdout);
     }
     if (js.noCrossFs && dirStat.st_dev != b.rootDev) {
         ulog("Skip file system %s", dirPath.c_str());
-        return leave(queueStatus(skipCode(code::kFsSkip)));
+        return leave(reportEntry(skipCode(code::kFsSkip)));
     }
     if (js.skipNfs && skip_nfs(ctx, dirPath.c_str(), dirStat.st_dev) != 0) {
         ulog(MSG_NFS_MOUNTED_DIRECTORY_SKIPPED, kPrefix, dirPath.c_str());
-        return leave(queueStatus(skipCode(code::kNfsSkip)));
+        return leave(reportEntry(skipCode(code::kNfsSkip)));
     }
     if (::access(dirPath.c_str(), R_OK | X_OK) != 0) {
         ulog(MSG_FAILED_ACCESS_DIRECTORY, kPrefix, dirPath.c_str(), errText());
-        return leave(queueStatus(code::kNoDir));
+        return leave(reportEntry(code::kNoDir));
     }
     platform::DirStream dir;
     if (!dir.open(dirPath.c_str(), js.resetAccessTime)) {
         ulog(MSG_FAILED_OPEN_SOURCE_DIR, kPrefix, dirPath.c_str(), errText());
-        return leave(queueStatus(code::kNoDir));
+        return leave(reportEntry(code::kNoDir));
     }
     if (accessTimeKept) *accessTimeKept = dir.accessTimeKept();
     std::vector<std::string> unexamined;
     if (mode == 2) {
-        int r = sendFiles(dir, dirPath, dirStat, unexamined);
-        if (r != 0) return leave(r);
+        if (Outcome r = sendFiles(dir, dirPath, dirStat, unexamined); r.isJobOver()) return leave(r);
     }
     if (b.dirDepth >= ctx.maxDirDepth) {
         ulog(MSG_EXCEEDS_MAXIMUM_LEVEL, kPrefix, int(ctx.maxDirDepth));
     } else {
-        int r = walkSubdirectories(dir, dirPath, mode, dirStat, unexamined);
-        if (r != 0) return leave(r);
+        if (Outcome r = walkSubdirectories(dir, dirPath, mode, dirStat, unexamined); r.isJobOver()) return leave(r);
     }
     dir.close();
     return leave(queueStatus(code::kEndDir));

@@ -6,19 +6,22 @@
 // the restart point.
 //
 // Requires: the backup state's filter, hooks and rootDev set, the source on
-// the ancestor stack. Fails: only a queue failure ends the walk (returned);
-// every per-directory or per-entry problem is logged and reported.
+// the ancestor stack. Fails: only a queue failure ends the walk
+// (Outcome::jobOver()); every per-directory or per-entry problem is logged,
+// reported, and the walk goes on.
 #pragma once
 
 #include <sys/stat.h>
 
 #include <string>
 
+#include "platform/outcome.h"
+
 namespace tavik::backup {
 
 // `accessTimeKept`, when given, tells whether the directory was read without
 // touching its access time (so that the caller need not reset it).
-int ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, bool* accessTimeKept = nullptr);
+Outcome ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, bool* accessTimeKept = nullptr);
 void checkRestartPoint(const std::string& path);
 
 }  // namespace tavik::backup

@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "daemon/state.h"
 #include "groom/groom.h"
 #include "protocol/commands.h"
 #include "log/ulog.h"
@@ -54,9 +53,9 @@ public:
     CompareSession(int socket, const std::string& root, const JobContext& ctx)
         : socket_(socket),
           ctx_(ctx),
-          verbose_(settings().verbose),
+          verbose_(logVerbose()),
           followLinks_(ctx.jobSettings.followLinks),
-          checkLocks_(settings().checkLocks),
+          checkLocks_(ctx.jobSettings.checkLocks),
           detailed_((ctx.optionFlags() & protocol::options_layout::kDetailedVerdicts) != 0),
           resetAccessTime_(ctx.jobSettings.resetAccessTime &&
                            (ctx.optionFlags() & protocol::options_layout::kNoAccessReset) == 0) {
@@ -153,7 +152,7 @@ void CompareSession::beginGrooming() {
     (void)protocol::decodeTapeRecord(tapeIn, tape);  // the job context holds all 63 bytes
     groomOptions_ = groomRecord.fOptions;
     grooming_ = true;
-    if (groom::BeginGrooming(paths().logDir.c_str(), ctx_.groomSet.c_str(), groomRecord, tape) != 0) {
+    if (groom::BeginGrooming(ctx_.paths.logDir.c_str(), ctx_.groomSet.c_str(), groomRecord, tape) != 0) {
         ulog(MSG_FAILED_BEGINGROOMING, "");
     }
     struct stat st {};
@@ -290,7 +289,7 @@ int CompareSession::openFile() {
         bool mandatory = (disk_.st_mode & S_ISGID) != 0 && (disk_.st_mode & S_IXGRP) == 0;
         if (checkLocks_ || (onNfs == 0 && mandatory)) {
             int lr = platform::lockFile(fd_.get(), platform::kReadLock, ctx_.retryCount(), ctx_.retryInterval(),
-                                         settings().divisor());
+                                         ctx_.jobSettings.divisor());
             int lockErrno = errno;
             if (lr == -2) {
                 fd_.reset();

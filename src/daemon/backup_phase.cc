@@ -37,7 +37,7 @@ void installBackupHooks() {
     hooks.setChild = setCleanupChild;
 }
 
-int backupPhase(Channel& channel, JobContext& ctx) {
+Outcome backupPhase(Channel& channel, JobContext& ctx) {
     const Settings& s = settings();
     int fd = channel.fd();
     backup::BackupState& b = backup::backupState();
@@ -47,21 +47,21 @@ int backupPhase(Channel& channel, JobContext& ctx) {
         int flags = ::fcntl(fd, F_GETFL);
         if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) {
             ulog(MSG_FAILED_SET_NONBLOCKING, "");
-            return kJobOver;
+            return Outcome::jobOver();
         }
     }
     if (backup::GetIPC() != 0) {
         if (s.verbose) ulogText("Failed in GetIPC");
-        return kJobOver;
+        return Outcome::jobOver();
     }
     transport::setBufSize(fd, SO_SNDBUF, s.socketBufferSize);
     ulog("SO_SNDBUF = %d", transport::getBufSize(fd, SO_SNDBUF));
 
-    if (backup::startbackup(fd, ctx.jobRoot) != 0) return kJobOver;
+    if (backup::startbackup(fd, ctx.jobRoot).isJobOver()) return Outcome::jobOver();
     ulog(MSG_WORKSTATION_BACKUP_ENDED, "");
     backup::stopWatchdog();
-    if (backup::queueStatus(protocol::code::kEnd) != 0) return kJobOver;
-    if (backup::restartPending()) return kJobOver;
+    if (backup::queueStatus(protocol::code::kEnd).isJobOver()) return Outcome::jobOver();
+    if (backup::restartPending()) return Outcome::done();  // the restart point was never found
     backup::waitQueueEmpty();
 
     if (!s.blockingIo) {
@@ -70,7 +70,7 @@ int backupPhase(Channel& channel, JobContext& ctx) {
         int flags = ::fcntl(fd, F_GETFL);
         if (flags < 0 || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
             ulog(MSG_FAILED_SET_BLOCKING, "");
-            return kJobOver;
+            return Outcome::jobOver();
         }
     }
     transport::setReceiveTimeout(fd, kClosingWait);
@@ -81,7 +81,7 @@ int backupPhase(Channel& channel, JobContext& ctx) {
         if (n < 0 && errno == EINTR) platform::dispatchPendingSignals();
     } while (n < 0 && errno == EINTR);
     if (n < 0 && errno == ECONNRESET) transport::connrelease(0);
-    return kJobOver;
+    return Outcome::done();
 }
 
 }  // namespace tavik

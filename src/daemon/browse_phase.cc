@@ -7,11 +7,12 @@
 
 namespace tavik {
 
-int browsePhase(int connection, JobContext&) {
+Outcome browsePhase(int connection, JobContext&) {
     MountTable table;
     MountPoints mounts(table, paths().homeDir);
-    transport::Browser(connection, mounts);
-    return kJobOver;
+    // The browser ends at the caller's LOGOUT or when the connection does:
+    // either ends the job.
+    return Outcome::jobOverUnless(transport::Browser(connection, mounts));
 }
 
 }  // namespace tavik

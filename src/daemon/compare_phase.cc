@@ -13,17 +13,17 @@
 
 namespace tavik {
 
-int comparePhase(Channel& channel, JobContext& ctx) {
+Outcome comparePhase(Channel& channel, JobContext& ctx) {
     int socket = channel.fd();
     transport::setBufSize(socket, SO_RCVBUF, settings().socketBufferSize);
     ulog("SO_RCVBUF = %d", transport::getBufSize(socket, SO_RCVBUF));
     int r = compare::ws_compare(socket, ctx.jobRoot, ctx);
-    if (r != transport::kFailed) {
-        ulog(MSG_RECEIVED_DISCONNECT_FROM, "", listener().caller());
-    } else {
+    if (r == transport::kFailed) {
         ulog(MSG_CANNOT_RECEIVE_DISCONNECT_FROM, "", listener().caller());
+        return Outcome::jobOver();
     }
-    return kJobOver;
+    ulog(MSG_RECEIVED_DISCONNECT_FROM, "", listener().caller());
+    return Outcome::done();
 }
 
 }  // namespace tavik

@@ -15,10 +15,10 @@
 
 namespace tavik {
 
-int handleJobConnection(int admittedPipe) {
+Outcome handleJobConnection(int admittedPipe) {
     Listener& l = listener();
     JobContext& ctx = job();
-    prepareForConnection(ctx);
+    prepareJob(ctx);
 
     Channel channel(l.jobSocket);
     int r = GetRequest(channel, ctx);
@@ -27,11 +27,11 @@ int handleJobConnection(int admittedPipe) {
         ulog(MSG_FAILED_GET_REQUEST_PACKET, "");
         ::close(l.jobSocket);
         l.jobSocket = -1;
-        return 0;
+        return Outcome::jobOver();
     }
     std::fflush(stdout);
 
-    if (admitCaller(ctx) != 0) return 0;  // refused: answered and closed
+    if (admitCaller(ctx) != 0) return Outcome::jobOver();  // refused: answered and closed
     pid_t self = ::getpid();
     if (::write(admittedPipe, &self, sizeof self) != sizeof self) {
         // The daemon counts this process as waiting until it ends: a bound

@@ -5,9 +5,12 @@
 // request (the whole of it within the request deadline, counted from the
 // acceptance), admits the caller, tells the daemon through `admittedPipe`
 // that this process is now a job (its process id, once), and serves the job.
-// It returns when the process must end through cleanup(0): after a refusal,
-// a request that could not be read, or the job.
+// It returns when the process must end through cleanup(0): after a refusal
+// or a request that could not be read (Outcome::jobOver()), or with the
+// job's outcome.
 #pragma once
+
+#include "platform/outcome.h"
 
 namespace tavik {
 
@@ -15,6 +18,6 @@ namespace tavik {
 // (divided by the time divisor).
 inline constexpr unsigned kRequestTimeout = 120;
 
-int handleJobConnection(int admittedPipe);
+Outcome handleJobConnection(int admittedPipe);
 
 }  // namespace tavik

@@ -1,17 +1,16 @@
 // The data phase of each job type, one file each (backup_phase.cc,
 // restore_phase.cc, compare_phase.cc, browse_phase.cc). A phase runs in the
 // job process after the command exchange (browse: after the identity switch)
-// and returns when its job is over; serveJob then ends the process through
-// cleanup. Until a type's data phase exists, its job is the command exchange
-// alone.
+// and returns when its job is over: Outcome::done() when it ran to its end,
+// Outcome::jobOver() when the connection, the queue or the IPC broke. Either
+// way serveJob then ends the process through cleanup.
 #pragma once
 
+#include "platform/outcome.h"
 #include "request/channel.h"
 #include "request/job_context.h"
 
 namespace tavik {
-
-inline constexpr int kJobOver = 1;
 
 // Bounds of the waits for the front-end after admission, each receive on
 // its own (seconds, divided by the time divisor). The parameter phase's
@@ -24,10 +23,10 @@ inline constexpr unsigned kCommandWait = 600;
 inline constexpr unsigned kDataWait = 259200;
 inline constexpr unsigned kClosingWait = 600;
 
-int backupPhase(Channel& channel, JobContext& ctx);
-int restorePhase(Channel& channel, JobContext& ctx);
-int comparePhase(Channel& channel, JobContext& ctx);
-int browsePhase(int connection, JobContext& ctx);
+Outcome backupPhase(Channel& channel, JobContext& ctx);
+Outcome restorePhase(Channel& channel, JobContext& ctx);
+Outcome comparePhase(Channel& channel, JobContext& ctx);
+Outcome browsePhase(int connection, JobContext& ctx);
 
 // Makes the restore's root under the login's identity before code 4:
 // 0 made, 1 the identity switch failed, other values the root could not be

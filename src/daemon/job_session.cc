@@ -133,7 +133,7 @@ bool identitySwitchExempt(const JobContext& ctx, bool browse) {
     return !browse && ctx.keepIdentity;
 }
 
-int serveJob(JobContext& ctx) {
+Outcome serveJob(JobContext& ctx) {
     Listener& l = listener();
     Channel channel(l.jobSocket);
     decideTrust(ctx);
@@ -143,45 +143,45 @@ int serveJob(JobContext& ctx) {
         if (!identitySwitchExempt(ctx, true) && !switchIdentity(ctx)) {
             ::close(l.jobSocket);
             l.jobSocket = -1;
-            return kJobOver;
+            return Outcome::jobOver();
         }
         transport::keepAlive(l.jobSocket);
-        browsePhase(l.jobSocket, ctx);
+        Outcome browsed = browsePhase(l.jobSocket, ctx);
         ::close(l.jobSocket);
         l.jobSocket = -1;
-        return kJobOver;
+        return browsed;
     }
 
     logStartLine(ctx);
     if (ctx.jobRoot.empty() || ctx.jobRoot[0] != '/') {
         answer(channel, ctx, protocol::code::kNotAbsolute);
         ulog(MSG_INVALID_UNIX_PATH_JOB_ABORT, "");
-        return kJobOver;
+        return Outcome::jobOver();
     }
     if (ctx.jobRoot.back() != '/') ctx.jobRoot += '/';
 
-    if (prepare(channel, ctx) != 0) return kJobOver;
+    if (prepare(channel, ctx) != 0) return Outcome::jobOver();
     transport::keepAlive(l.jobSocket);
     transport::setReceiveTimeout(l.jobSocket, kCommandWait);
-    if (channel.sendCode(protocol::code::kReady, ctx) != 0) return kJobOver;
+    if (channel.sendCode(protocol::code::kReady, ctx) != 0) return Outcome::jobOver();
 
     if (ctx.request.opMode() == protocol::kOpBackup && GetPattern(channel, ctx) != 0) {
         ulog(MSG_FAILED_RECEIVE_PATTERNS_FILTER, "");
-        return kJobOver;
+        return Outcome::jobOver();
     }
     int r = GetCommands(channel, ctx, {.estimate = backup::estimateCommand, .dbFileReceived = backup::dumpRawList});
     if (r == transport::kFailed) {
         ulog(MSG_FAILED_RECEIVE_STARTING_SIGNAL, "", "");
-        return kJobOver;
+        return Outcome::jobOver();
     }
-    if (r != 0) return kJobOver;
+    if (r != 0) return Outcome::jobOver();
 
     transport::setReceiveTimeout(l.jobSocket, kDataWait);
     switch (ctx.request.opMode()) {
         case protocol::kOpBackup: return backupPhase(channel, ctx);
         case protocol::kOpRestore: return restorePhase(channel, ctx);
         case protocol::kOpCompare: return comparePhase(channel, ctx);
-        default: return kJobOver;  // the command exchange was the whole job
+        default: return Outcome::done();  // the command exchange was the whole job
     }
 }
 

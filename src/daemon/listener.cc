@@ -85,7 +85,7 @@ void reapChildren(Connections& connections) {
         connections.ended(pid);
         killed = killed || WIFSIGNALED(status);
     }
-    if (killed) backup::ReclaimIPC();
+    if (killed) backup::ReclaimIPC(paths().ipcPath, settings().divisor());
 }
 
 // Reads the process ids that connection processes report once their caller
@@ -136,6 +136,7 @@ void identifyHost(Listener& l) {
                               NI_NAMEREQD) == 0 &&
                   resolvesTo(host, peer.sin_addr);
     l.peerName = l.peerKnown ? host : "";
+    transport::transport().settings.caller = l.caller();
 }
 
 // The connection process: it owns the connection alone, and everything
@@ -153,7 +154,8 @@ void identifyHost(Listener& l) {
     transport::setReceiveDeadline(kRequestTimeout);  // from the acceptance on
     identifyHost(l);
     if (settings().verbose) ulog("received call from %s(%s)", l.peerName.c_str(), l.peerAddress);
-    handleJobConnection(admittedPipe);
+    // Done or over, the connection process ends through cleanup all the same.
+    static_cast<void>(handleJobConnection(admittedPipe));
     cleanup(0);
 }
 

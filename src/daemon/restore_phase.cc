@@ -27,7 +27,7 @@ restore::Owner jobOwner(const JobContext& ctx) {
 
 }  // namespace
 
-int restorePhase(Channel& channel, JobContext& ctx) {
+Outcome restorePhase(Channel& channel, JobContext& ctx) {
     int socket = channel.fd();
     restore::HardLinkTable links;  // lives for the job; empty at its start
     links.reset();
@@ -35,12 +35,12 @@ int restorePhase(Channel& channel, JobContext& ctx) {
     ulog("SO_RCVBUF = %d", transport::getBufSize(socket, SO_RCVBUF));
     int r = restore::ws_restore(socket, ctx.jobRoot, ctx, links, jobOwner(ctx));
     links.reset();
-    if (r != transport::kFailed) {
-        ulog(MSG_RECEIVED_DISCONNECT_FROM, "", listener().caller());
-    } else {
+    if (r == transport::kFailed) {
         ulog(MSG_CANNOT_RECEIVE_DISCONNECT_FROM, "", listener().caller());
+        return Outcome::jobOver();
     }
-    return kJobOver;
+    ulog(MSG_RECEIVED_DISCONNECT_FROM, "", listener().caller());
+    return Outcome::done();
 }
 
 int prepareRestoreRoot(JobContext& ctx) {

@@ -136,6 +136,7 @@ void startDaemon(int argc, char* argv[]) {
     printf(MSG_BANNER, kVersionMajor, kVersionMinor, kVersionLetter, "", kPlatformText);
 
     p.deriveFrom(*home);
+    configureLog({.logPath = p.logPath, .oldLogPath = p.oldLogPath, .verbose = s.verbose});
     if (s.followLinks) {
         platform::UniqueFd marker(creat(p.followMarkerPath.c_str(), 0700));
         if (!marker) {
@@ -170,8 +171,9 @@ void startDaemon(int argc, char* argv[]) {
     logSettings(s);
     readLimits(p.limitsPath, s);
 
-    if (backup::DecideShmBuf() != 0) exit(1);
-    backup::ReclaimIPC();  // what jobs of an earlier daemon left behind
+    if (backup::DecideShmBuf(s.ioBufferSize, s.ioBufferCount, s.sleepScale) != 0) exit(1);
+    backup::ReclaimIPC(p.ipcPath, s.divisor());  // what jobs of an earlier daemon left behind
+    publishSettings();
     installBackupHooks();
 
     l.listenSocket = l.jobSocket = -1;

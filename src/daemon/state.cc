@@ -1,5 +1,8 @@
 #include "daemon/state.h"
 
+#include "log/ulog.h"
+#include "transport/packet.h"
+
 namespace tavik {
 namespace {
 
@@ -25,6 +28,38 @@ void Paths::deriveFrom(const std::string& home) {
     oldLogPath = logPath + ".old";
     ipcPath = logDir + "/tvk.ipc";
     pidPath = logDir + "/tavikd.pid";
+}
+
+void publishSettings() {
+    const Settings& s = gDaemon.settings;
+    const Paths& p = gDaemon.paths;
+    configureLog({.logPath = p.logPath, .oldLogPath = p.oldLogPath, .verbose = s.verbose});
+    transport::transport().settings = {.reconnectKB = s.reconnectKB,
+                                       .reconnectFiles = s.reconnectFiles,
+                                       .socketBufferSize = s.socketBufferSize,
+                                       .blockingIo = s.blockingIo,
+                                       .timeDivisor = s.timeDivisor,
+                                       .caller = gDaemon.listener.caller()};
+}
+
+void prepareJob(JobContext& ctx) {
+    const Settings& s = gDaemon.settings;
+    const Paths& p = gDaemon.paths;
+    JobSettings agent{.followLinks = s.followLinks,
+                      .skipNfs = s.skipNfs,
+                      .resetAccessTime = s.resetAccessTime,
+                      .noCrossFs = s.noCrossFs,
+                      .ioBufferSize = s.ioBufferSize,
+                      .ioBufferCount = s.ioBufferCount,
+                      .sleepScale = s.sleepScale,
+                      .waitSleepMs = s.waitSleepMs,
+                      .boundedWait = s.boundedWait,
+                      .checkLocks = s.checkLocks,
+                      .reconnectKB = s.reconnectKB,
+                      .reconnectFiles = s.reconnectFiles,
+                      .timeDivisor = s.timeDivisor};
+    prepareForConnection(ctx, agent, {.logDir = p.logDir, .ipcPath = p.ipcPath, .followMarkerPath = p.followMarkerPath},
+                         s.ackInterval);
 }
 
 const Settings& settings() { return gDaemon.settings; }

@@ -11,15 +11,11 @@
 #include <cstdint>
 #include <string>
 
+#include "request/job_context.h"
+
 namespace tavik {
 
 inline constexpr uint16_t kDefaultTcpPort = 6050;
-inline constexpr int kDefaultIoBufferSize = 2048;
-inline constexpr int kMinIoBufferSize = 1024;
-inline constexpr int kMaxIoBufferSize = 8192;
-inline constexpr uint16_t kDefaultIoBufferCount = 100;
-inline constexpr uint16_t kMinIoBufferCount = 10;
-inline constexpr uint16_t kMaxIoBufferCount = 1024;
 inline constexpr int kMinSocketBufferSize = 4096;
 inline constexpr int kMaxSocketBufferSize = 65535;
 // The longest home directory, including its final "/".
@@ -95,6 +91,15 @@ struct Listener {
     // The caller as messages show it: the host name when known, else the address.
     const char* caller() const { return peerKnown ? peerName.c_str() : peerAddress; }
 };
+
+// Hands the settings and files to the layers below that keep their own
+// copy: the log (its files, verbosity) and the transport (renewal, socket
+// buffers, the time divisor, the caller). Start-up calls it once they are
+// final; so do tests that change them.
+void publishSettings();
+
+// Prepares `ctx` for a new connection, from the agent's settings and files.
+void prepareJob(JobContext& ctx);
 
 // Read-only once the agent has started.
 const Settings& settings();

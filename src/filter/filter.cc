@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <new>
 
-#include "daemon/state.h"
 #include "log/ulog.h"
 
 namespace tavik::filter {
@@ -219,7 +218,7 @@ int InitializeFilter(Filter& filter, const protocol::ReceivedFilter& node, std::
     if (filter.filterRoot.empty() || filter.filterRoot.back() != '/') filter.filterRoot += '/';
     filter.filterRootLen = filter.filterRoot.size();
     ClearFilter(filter);
-    if (settings().verbose) ulog("%snode->nFilterItems=%d", kInitPrefix, int(node.items.size()));
+    if (logVerbose()) ulog("%snode->nFilterItems=%d", kInitPrefix, int(node.items.size()));
     if (node.items.empty()) return 0;
 
     int sum = 0;
@@ -236,7 +235,7 @@ int InitializeFilter(Filter& filter, const protocol::ReceivedFilter& node, std::
             ulog(MSG_UNKNOWN_FILTER_TYPE, kInitPrefix, unsigned(type));
         }
     }
-    if (settings().verbose && filter.dumpPending) {
+    if (logVerbose() && filter.dumpPending) {
         filter.dumpPending = false;
         dumpFilter(filter);
     }

@@ -5,9 +5,10 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <utility>
 
-#include "daemon/state.h"
 #include "platform/fd.h"
 #include "platform/plain_file.h"
 #include "platform/whole_io.h"
@@ -17,9 +18,11 @@ namespace {
 
 constexpr const char* kPrefix = "(ulog) ";
 
+// The log's files and verbosity: written once at start-up, then only read.
+LogSettings gLog;
 
 int rotate() {
-    const Paths& p = paths();
+    const LogSettings& p = gLog;
     int rc = copyFile(p.logPath.c_str(), p.oldLogPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
     if (rc != 0) {
         switch (rc) {
@@ -72,7 +75,7 @@ int writeLine(const char* message) {
         len = int(sizeof line) - 1;
         line[len - 1] = '\n';  // a cut line still ends the line
     }
-    const Paths& p = paths();
+    const LogSettings& p = gLog;
     platform::UniqueFd fd = platform::openPlainFile(p.logPath.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0666);
     if (!fd) {
         printf(MSG_FAIED_OPEN, kPrefix, p.logPath.c_str(), errText());
@@ -93,6 +96,9 @@ int writeLine(const char* message) {
 }
 
 }  // namespace
+
+void configureLog(LogSettings settings) { gLog = std::move(settings); }
+const LogSettings& logSettings() { return gLog; }
 
 int vulog(const char* format, va_list args) {
     int savedErrno = errno;
@@ -118,6 +124,11 @@ int ulog(const char* format, ...) {
 }
 
 int ulogText(const char* text) { return ulog("%s", text); }
+
+void invariantBroken(const char* where, const char* what) {
+    ulog("Internal error in %s: %s", where, what);
+    std::abort();
+}
 
 void traceStdout(bool verbose, const char* format, ...) {
     if (!verbose) return;

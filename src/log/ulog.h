@@ -1,9 +1,10 @@
 // ulog: the one writer of the agent's log.
 //
-// Every process of the agent appends its lines to paths().logPath with
-// ulog(); each call opens, appends one line with a single write and closes,
-// so processes never share log state. A log that grows past kLogRotateSize
-// bytes is copied to paths().oldLogPath and emptied. When the log cannot be
+// Every process of the agent appends its lines to the log file that the
+// daemon names once at start-up (configureLog), with ulog(); each call opens,
+// appends one line with a single write and closes, so processes never share
+// an open log. A log that grows past kLogRotateSize bytes is copied to the
+// old log's file and emptied. When the log cannot be
 // opened or written the line goes to standard output instead; no failure of
 // the log ever ends a process. Messages are formatted with bounds: a message
 // longer than kLogMessageMax characters is cut. Control characters in the
@@ -18,6 +19,7 @@
 
 #include <cstdarg>
 #include <ctime>
+#include <string>
 
 #include "log/messages.h"
 
@@ -26,6 +28,19 @@ namespace tavik {
 inline constexpr long kLogRotateSize = 102400;
 inline constexpr size_t kLogBufferSize = 2048;
 inline constexpr size_t kLogMessageMax = kLogBufferSize - 1;
+
+// Where the log goes and whether the extra lines of the -v option are
+// written. The daemon fixes them at start-up, before it forks; every job
+// process inherits them.
+struct LogSettings {
+    std::string logPath;     // LOG/tvk.log of the agent's home
+    std::string oldLogPath;  // where a full log is copied before it is emptied
+    bool verbose = false;
+};
+void configureLog(LogSettings settings);
+const LogSettings& logSettings();
+// Whether the verbose lines are logged (the -v option).
+inline bool logVerbose() { return logSettings().verbose; }
 
 // Appends "<date>(<pid>) - <message>\n". Returns 0 when the line was written
 // or sent to standard output because the log could not be opened, -1 when
@@ -55,6 +70,11 @@ LogDate formatLogDate(time_t when);
 // are opened with platform::openPlainFile (`openFlags` may hold O_CREAT,
 // O_TRUNC, O_APPEND): a link, FIFO or directory fails the open.
 int copyFile(const char* source, const char* destination, int openFlags, mode_t mode);
+
+// A state the code rules out has come about (never bad input, which is
+// answered and logged): logs "Internal error in <where>: <what>" and aborts,
+// leaving a core for the developer.
+[[noreturn]] void invariantBroken(const char* where, const char* what);
 
 // The C library's text for the current errno.
 const char* errText();

@@ -7,7 +7,6 @@
 #include <new>
 #include <vector>
 
-#include "daemon/state.h"
 #include "log/ulog.h"
 #include "transport/packet.h"
 #include "wire/bytes.h"
@@ -29,7 +28,7 @@ std::array<uint8_t, N> padded(std::span<const uint8_t> payload) {
 }
 
 void logTopList(const TopList& list) {
-    if (!settings().verbose) return;
+    if (!logVerbose()) return;
     for (size_t i = 0; i < list.names.size(); ++i) ulog("flist_tbl[%d]=[%s]", static_cast<int>(i), list.text.data() + list.names[i]);
 }
 
@@ -38,7 +37,7 @@ int diskItem(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload
     auto p = padded<8>(payload);
     uint32_t nFiles = wire::loadLe32(p.data());
     uint32_t size = wire::loadLe32(p.data() + 4);
-    if (settings().verbose) ulog("DISK_ITEM: flist.nFiles=%d, flist.size=%d", static_cast<int>(nFiles), static_cast<int>(size));
+    if (logVerbose()) ulog("DISK_ITEM: flist.nFiles=%d, flist.size=%d", static_cast<int>(nFiles), static_cast<int>(size));
     ctx.topList.clear();
     if (size > protocol::kMaxRawTransfer) {
         ulog(MSG_FAILED_RECEIVE_DATA_PACKET, kPrefix);
@@ -63,7 +62,7 @@ int diskItem(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload
 int option(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) {
     if (channel.sendCode(protocol::code::kReady, ctx) != 0) return kFailed;
     ctx.jobOptions = padded<protocol::options_layout::kSize>(payload);
-    if (settings().verbose) {
+    if (logVerbose()) {
         ulog("OPTION: vOpt.nRetryCount=%d, nRetryInterval=%d", ctx.retryCount(), ctx.retryInterval());
     }
     return 0;
@@ -75,7 +74,7 @@ int grooming(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload
     if (ctx.groomRecord.size() < protocol::kGroomKeptSize) ctx.groomRecord.resize(protocol::kGroomKeptSize, 0);
     const uint8_t* g = ctx.groomRecord.data();
     uint32_t fOptions = wire::loadLe32(g + protocol::kGroomOptionsOffset);
-    if (settings().verbose) {
+    if (logVerbose()) {
         ulog("GROOMING: vGroom->nMonths=%d, nCopies=%d, nFilterItems=%d, fOptions=0x%x",
              wire::loadLe16(g + protocol::kGroomMonthsOffset), wire::loadLe16(g + protocol::kGroomCopiesOffset),
              static_cast<int>(wire::loadLe32(g + protocol::kGroomFilterItemsOffset)), fOptions);
@@ -84,7 +83,7 @@ int grooming(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload
         ulog(MSG_FAILED_RECEIVE_DATA_PACKET, kPrefix);
         return kFailed;
     }
-    if (settings().verbose) {
+    if (logVerbose()) {
         const char* t = reinterpret_cast<const char*>(ctx.tapeRecord.data());
         ulog("tapeID=[%.16s], sessionNumber=[%.16s], tapeName=[%.30s], tapeSequence=[%d]", t, t + 16, t + 32,
              static_cast<int>(static_cast<int8_t>(ctx.tapeRecord[62])));
@@ -97,7 +96,7 @@ int grooming(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload
     } else if (!(fOptions & protocol::kGroomDelete)) {
         ctx.groomRecord.clear();
     }
-    if (settings().verbose) ulog("GROOMSET=[%s]", ctx.groomSet.c_str());
+    if (logVerbose()) ulog("GROOMSET=[%s]", ctx.groomSet.c_str());
     return 0;
 }
 
@@ -105,7 +104,7 @@ int dbFile(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload, 
     if (channel.sendCode(protocol::code::kReady, ctx) != 0) return kFailed;
     auto p = padded<4>(payload);
     uint32_t length = wire::loadLe32(p.data());
-    if (settings().verbose) ulog("DB_FILE: filelist_len=%d", static_cast<int>(length));
+    if (logVerbose()) ulog("DB_FILE: filelist_len=%d", static_cast<int>(length));
     ctx.dbFileList.clear();
     if (length > protocol::kMaxRawTransfer) {
         ulog(MSG_FAILED_RECEIVE_DATA_PACKET, kPrefix);
@@ -169,10 +168,9 @@ void buildTopList(TopList& list, uint32_t nFiles, std::vector<char> text) {
 }
 
 int GetPattern(Channel& channel, JobContext& ctx) {
-    const Settings& s = settings();
     JobSettings& js = ctx.jobSettings;
     if (ctx.serverVersion < protocol::kNewServerVersion) {
-        js.followLinks = ::access(paths().followMarkerPath.c_str(), F_OK) == 0;
+        js.followLinks = ::access(ctx.paths.followMarkerPath.c_str(), F_OK) == 0;
         if (js.followLinks) ulogText(MSG_SYMBOLIC_LINKS_FOLLOWED);
         ctx.maxDirDepth = kOldMaxDirDepth;
         return 0;
@@ -197,10 +195,10 @@ int GetPattern(Channel& channel, JobContext& ctx) {
     } else {
         js.resetAccessTime = true;
     }
-    if (s.verbose) {
+    if (logVerbose()) {
         if (flags & kReconnect) {
-            if (s.reconnectKB) ulog(MSG_RECONNECT_TCP_EVERY_KB_DATA, s.reconnectKB);
-            if (s.reconnectFiles) ulog(MSG_RECONNECT_TCP_EVERY_FILES_TRANSFERRED, s.reconnectFiles);
+            if (js.reconnectKB) ulog(MSG_RECONNECT_TCP_EVERY_KB_DATA, js.reconnectKB);
+            if (js.reconnectFiles) ulog(MSG_RECONNECT_TCP_EVERY_FILES_TRANSFERRED, js.reconnectFiles);
         }
         if (flags & kWatchDog) ulogText(MSG_SEND_WATCH_DOG_PACKET);
     }
@@ -216,7 +214,7 @@ int GetPattern(Channel& channel, JobContext& ctx) {
     f.items.clear();
     f.patternArea.clear();
     uint16_t nItems = ctx.request.tpSize();
-    if (s.verbose) ulog("%sasnode.nFilterItems=%d", kPatternPrefix, static_cast<int>(nItems));
+    if (logVerbose()) ulog("%sasnode.nFilterItems=%d", kPatternPrefix, static_cast<int>(nItems));
     try {
         f.items.reserve(nItems);
     } catch (const std::bad_alloc&) {
@@ -254,7 +252,7 @@ int GetCommands(Channel& channel, JobContext& ctx, const CommandHandlers& handle
     }
     for (;;) {
         protocol::PacketHeader h = protocol::decodeHeader(hb);
-        if (settings().verbose) ulog("%scommand=%d, blkOffset=%d", kPrefix, h.code, h.length);
+        if (logVerbose()) ulog("%scommand=%d, blkOffset=%d", kPrefix, h.code, h.length);
         std::vector<uint8_t> payload;
         if (h.length != 0) {
             try {
@@ -272,7 +270,7 @@ int GetCommands(Channel& channel, JobContext& ctx, const CommandHandlers& handle
         switch (h.code) {
             case protocol::command::kStart:
                 ctx.ackInterval = h.value;
-                if (settings().verbose) ulog("RCV_OK: AckCount=%d", ctx.ackInterval);
+                if (logVerbose()) ulog("RCV_OK: AckCount=%d", ctx.ackInterval);
                 return 0;
             case protocol::command::kDiskItem: r = diskItem(channel, ctx, payload); break;
             case protocol::command::kOption: r = option(channel, ctx, payload); break;

@@ -2,7 +2,6 @@
 
 #include <cstring>
 
-#include "daemon/state.h"
 #include "log/ulog.h"
 #include "wire/bytes.h"
 
@@ -20,19 +19,15 @@ JobContext& job() {
     return context;
 }
 
-void prepareForConnection(JobContext& ctx) {
+void prepareForConnection(JobContext& ctx, const JobSettings& agent, const JobPaths& files, uint16_t ackInterval) {
     ctx = JobContext{};
     wire::storeLe16(ctx.jobOptions.data() + protocol::options_layout::kRetryCountAt, 5);
     wire::storeLe16(ctx.jobOptions.data() + protocol::options_layout::kRetryIntervalAt, 5);
     ctx.conflictPolicy = 3;
     ctx.serverVersion = 0;
-    const Settings& s = settings();
-    ctx.ackInterval = s.ackInterval;
-    ctx.jobSettings = {.followLinks = s.followLinks,
-                       .skipNfs = s.skipNfs,
-                       .resetAccessTime = s.resetAccessTime,
-                       .noCrossFs = s.noCrossFs,
-                       .ioBufferSize = s.ioBufferSize};
+    ctx.ackInterval = ackInterval;
+    ctx.jobSettings = agent;
+    ctx.paths = files;
 }
 
 int skip_nfs(const JobContext& ctx, const char* path, dev_t dev) {

@@ -58,14 +58,42 @@ struct TopList {
 inline constexpr uint16_t kOldMaxDirDepth = 19;
 inline constexpr uint16_t kNewMaxDirDepth = 51;
 
-// What a job may change of the agent's settings: the command line's values
-// at each connection, then the job's request and options record.
+// The sizes of one I/O buffer of the packet queue (the -b option) and the
+// number of buffers (-m).
+inline constexpr int kDefaultIoBufferSize = 2048;
+inline constexpr int kMinIoBufferSize = 1024;
+inline constexpr int kMaxIoBufferSize = 8192;
+inline constexpr uint16_t kDefaultIoBufferCount = 100;
+inline constexpr uint16_t kMinIoBufferCount = 10;
+inline constexpr uint16_t kMaxIoBufferCount = 1024;
+
+// The agent's settings as one job sees them. The daemon copies its own in at
+// each connection (prepareForConnection); the job's request and options
+// record may then change the first five, and nothing else changes them.
 struct JobSettings {
     bool followLinks = false;
     bool skipNfs = true;
     bool resetAccessTime = true;
     bool noCrossFs = false;
-    int ioBufferSize = 0;
+    int ioBufferSize = kDefaultIoBufferSize;
+
+    uint16_t ioBufferCount = kDefaultIoBufferCount;  // as granted at start-up
+    int sleepScale = 0;                               // nine tenths of ioBufferCount
+    uint16_t waitSleepMs = 0;
+    bool boundedWait = false;
+    bool checkLocks = false;
+    int reconnectKB = 0;
+    int reconnectFiles = 0;
+    // Test support: every long time-out is divided by this (1 in production).
+    int timeDivisor = 1;
+    int divisor() const { return timeDivisor > 0 ? timeDivisor : 1; }
+};
+
+// The files of the agent's home a job uses.
+struct JobPaths {
+    std::string logDir;            // where grooming keeps its files
+    std::string ipcPath;           // the IPC registry
+    std::string followMarkerPath;  // present: old servers' jobs follow links
 };
 
 struct JobContext {
@@ -83,6 +111,7 @@ struct JobContext {
     bool keepIdentity = false;
     DirList protectedDirs;
     JobSettings jobSettings;
+    JobPaths paths;
 
     protocol::ReceivedFilter filterItems;
     uint16_t maxDirDepth = kOldMaxDirDepth;
@@ -108,8 +137,9 @@ int skip_nfs(const JobContext& ctx, const char* path, dev_t dev);
 
 // Resets the job state for a new connection: request, root and options
 // cleared, retry count and interval 5, conflict policy 3, server version 0,
-// the ack interval from the settings. Nothing of an earlier caller's request
-// survives: a request without a record has an empty root.
-void prepareForConnection(JobContext& ctx);
+// the agent's settings, files and ack interval as given. Nothing of an
+// earlier caller's request survives: a request without a record has an
+// empty root.
+void prepareForConnection(JobContext& ctx, const JobSettings& agent, const JobPaths& files, uint16_t ackInterval);
 
 }  // namespace tavik

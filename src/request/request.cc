@@ -4,7 +4,6 @@
 #include <cstring>
 #include <vector>
 
-#include "daemon/state.h"
 #include "log/ulog.h"
 #include "transport/packet.h"
 
@@ -73,9 +72,9 @@ int GetRequest(Channel& channel, JobContext& ctx) {
         }
     }
     ctx.serverVersion = refineServerVersion(ctx.request.version(), header.flags);
-    if (settings().verbose) ulog("%sKorvaneVer=%d", kPrefix, ctx.serverVersion);
+    if (logVerbose()) ulog("%sKorvaneVer=%d", kPrefix, ctx.serverVersion);
     ctx.conflictPolicy = ctx.request.conflict() == 5 ? 3 : ctx.request.conflict();
-    if (settings().verbose) dumpRequest(ctx);
+    if (logVerbose()) dumpRequest(ctx);
     return 0;
 }
 

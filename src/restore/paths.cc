@@ -11,7 +11,6 @@
 #include <cstring>
 #include <new>
 
-#include "daemon/state.h"
 #include "log/ulog.h"
 #include "platform/fd_attributes.h"
 #include "platform/safe_path.h"
@@ -156,7 +155,7 @@ int make_path(PathBuffer& path, const Owner& owner) {
 
 int make_dir(PathBuffer& path, const Owner& owner) {
     constexpr const char* kPrefix = "(make_dir) ";
-    const bool verbose = settings().verbose;
+    const bool verbose = logVerbose();
     struct stat st {};
     int r = ::stat(path.c_str(), &st);
     int statErrno = errno;

@@ -13,7 +13,6 @@
 #include <functional>
 #include <string>
 
-#include "daemon/state.h"
 #include "log/ulog.h"
 #include "platform/fd.h"
 #include "platform/fd_attributes.h"
@@ -50,7 +49,7 @@ constexpr int kShownNameBytes = 100;
 class RestoreSession {
 public:
     RestoreSession(int socket, const JobContext& ctx, HardLinkTable& links, const Owner& owner)
-        : socket_(socket), ctx_(ctx), links_(links), owner_(owner), verbose_(settings().verbose) {}
+        : socket_(socket), ctx_(ctx), links_(links), owner_(owner), verbose_(logVerbose()) {}
     ~RestoreSession() { discardMade(); }
     RestoreSession(const RestoreSession&) = delete;
     RestoreSession& operator=(const RestoreSession&) = delete;
@@ -338,7 +337,7 @@ bool RestoreSession::replaceExisting(const struct stat& st) {
     if (S_ISREG(st.st_mode)) {
         if (ctx_.serverVersion >= protocol::kNewServerVersion) onNfs_ = skip_nfs(ctx_, path_.c_str(), st.st_dev);
         bool mandatory = (st.st_mode & S_ISGID) != 0 && (st.st_mode & S_IXGRP) == 0;
-        if (settings().checkLocks || (onNfs_ == 0 && mandatory)) {
+        if (ctx_.jobSettings.checkLocks || (onNfs_ == 0 && mandatory)) {
             platform::UniqueFd f(::openat(here_.dir(), here_.base(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
             if (!f) {
                 ulog(MSG_FAILED_OPEN_REGULAR, kOpenPrefix, path_.c_str(), errText());
@@ -346,7 +345,7 @@ bool RestoreSession::replaceExisting(const struct stat& st) {
                 return false;
             }
             int r = platform::lockFile(f.get(), platform::kWriteLock, ctx_.retryCount(), ctx_.retryInterval(),
-                                        settings().divisor());
+                                        ctx_.jobSettings.divisor());
             int lockErrno = errno;
             f.close();  // also gives up the lock this test may have taken
             if (r == -2) {

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "daemon/state.h"
 #include "log/ulog.h"
 #include "platform/fd.h"
 #include "platform/wire_stat.h"
@@ -181,7 +180,7 @@ int Browser(int socket, MountList& mounts) {
         int result = 0;
         switch (h.code) {
             case kReadDir:
-                if (settings().verbose)
+                if (logVerbose())
                     ulog("%sREAD_DIR:version=%d, directory=[%s]", kPrefix, h.version, request.text.c_str());
                 if (request.text.empty() && h.version >= kDeviceVersion)
                     result = SendFSData(socket, mounts);
@@ -189,10 +188,10 @@ int Browser(int socket, MountList& mounts) {
                     result = SendDirData(socket, request.text, h.select, h.version);
                 break;
             case kLogout:
-                if (settings().verbose) ulog("%sLOGOUT", kPrefix);
+                if (logVerbose()) ulog("%sLOGOUT", kPrefix);
                 return 0;
             case kReadLink:
-                if (settings().verbose)
+                if (logVerbose())
                     ulog("%sREAD_LINK:version=%d, directory=[%s]", kPrefix, h.version, request.text.c_str());
                 result = SendLinkData(socket, request.text, h.version);
                 break;

@@ -11,9 +11,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "daemon/state.h"
 #include "log/ulog.h"
 #include "platform/fd.h"
+#include "transport/packet.h"
 
 namespace tavik::transport {
 namespace {
@@ -117,7 +117,7 @@ int getBufSize(int sock, int kind) {
 }
 
 int setReceiveTimeout(int sock, unsigned seconds) {
-    int d = settings().divisor();
+    int d = transport().settings.divisor();
     long long micros = static_cast<long long>(seconds) * 1000000 / d;
     if (seconds != 0 && micros < 1000) micros = 1000;
     timeval tv{};

@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "daemon/state.h"
 #include "log/ulog.h"
 #include "platform/signals.h"
 #include "wire/bytes.h"
@@ -37,7 +36,12 @@ void sleepMicros(long long micros) {
 }  // namespace
 
 TransportState& transport() {
-    static TransportState state{blockSend, blockRecv};
+    static TransportState state = [] {
+        TransportState fresh;
+        fresh.sendRoutine = blockSend;
+        fresh.recvRoutine = blockRecv;
+        return fresh;
+    }();
     return state;
 }
 
@@ -55,7 +59,7 @@ void setReceiveDeadline(unsigned seconds) {
     TransportState& t = transport();
     t.deadlineSet = seconds != 0;
     t.recvDeadline = std::chrono::steady_clock::now() +
-                     std::chrono::microseconds(static_cast<long long>(seconds) * 1000000 / settings().divisor());
+                     std::chrono::microseconds(static_cast<long long>(seconds) * 1000000 / transport().settings.divisor());
 }
 
 int sendRoutine(int fd, const uint8_t* buffer, size_t length) {
@@ -69,7 +73,7 @@ int recvRoutine(int fd, uint8_t* buffer, size_t length) {
 void armAlarm(unsigned seconds) {
     itimerval it{};
     if (seconds != 0) {
-        long long micros = static_cast<long long>(seconds) * 1000000 / settings().divisor();
+        long long micros = static_cast<long long>(seconds) * 1000000 / transport().settings.divisor();
         if (micros < 1000) micros = 1000;
         it.it_value.tv_sec = static_cast<time_t>(micros / 1000000);
         it.it_value.tv_usec = static_cast<suseconds_t>(micros % 1000000);
@@ -78,7 +82,7 @@ void armAlarm(unsigned seconds) {
 }
 
 void scaledSleep(unsigned seconds) {
-    sleepMicros(static_cast<long long>(seconds) * 1000000 / settings().divisor());
+    sleepMicros(static_cast<long long>(seconds) * 1000000 / transport().settings.divisor());
 }
 
 int nmseleep(int milliseconds) {
@@ -93,14 +97,14 @@ int timeOut(int count, int limit) {
     if (n > 1000) {
         int wait = (n - 1000) / 100 + 1;
         TransportState& t = transport();
-        if (settings().verbose && wait != t.lastReportedSleep) {
+        if (logVerbose() && wait != t.lastReportedSleep) {
             ulog("%sTimeCount=%d, sleep(%d)...", kPrefix, n, wait);
             t.lastReportedSleep = wait;
         }
         scaledSleep(static_cast<unsigned>(wait));
     } else {
         // nmseleep(10), shortened by the time divisor.
-        sleepMicros(10000 / settings().divisor());
+        sleepMicros(10000 / transport().settings.divisor());
     }
     return n;
 }

@@ -9,7 +9,7 @@
 // return kFailed (100) after logging with their prefix; timeOut returns -1 at
 // its limit; signalBackupProcess and the usb pair return -1. Every long wait
 // (the 180 s and 72 h send alarms, the receive time-out, timeOut's sleeps, the
-// usb alarms) is divided by settings().timeDivisor.
+// usb alarms) is divided by the time divisor of transport().settings.
 #pragma once
 
 #include <array>
@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "protocol/packet.h"
@@ -28,8 +29,23 @@ inline constexpr int kFailed = 100;
 using IoRoutine = int (*)(int fd, uint8_t* buffer, size_t length);
 using SendIoRoutine = int (*)(int fd, const uint8_t* buffer, size_t length);
 
+// The agent's settings that the packet exchange and the sender use: the
+// daemon copies them in at start-up, and names the caller at each
+// connection; a job process only reads them.
+struct TransportSettings {
+    int reconnectKB = 0;
+    int reconnectFiles = 0;
+    int socketBufferSize = 0;  // 0: system's size; -1: the largest granted
+    bool blockingIo = true;
+    // Test support: every long time-out is divided by this (1 in production).
+    int timeDivisor = 1;
+    int divisor() const { return timeDivisor > 0 ? timeDivisor : 1; }
+    std::string caller;  // the connection's caller as messages show it
+};
+
 // Process-wide transport state; a forked child inherits a copy.
 struct TransportState {
+    TransportSettings settings;
     SendIoRoutine sendRoutine = nullptr;  // blockSend unless non-blocking mode
     IoRoutine recvRoutine = nullptr;      // blockRecv unless non-blocking mode
     // When set, every receive fails once this moment has passed, in both

@@ -13,7 +13,6 @@
 #include <csignal>
 #include <cstdlib>
 
-#include "daemon/state.h"
 #include "log/ulog.h"
 #include "platform/signals.h"
 #include "transport/endpoints.h"
@@ -35,7 +34,7 @@ protocol::PacketHeader headerOf(const uint8_t* slot) {
 // both counters; its length then counts towards the kilobyte limit like a
 // MOF's, so an ENDF of reconnectKB kilobytes or more renews a second time.
 int renewalsBefore(const protocol::PacketHeader& h, bool permitted, uint32_t& sz, uint32_t& nf) {
-    const Settings& s = settings();
+    const TransportSettings& s = transport().settings;
     if (!permitted) return 0;
     int renewals = 0;
     if (h.code == protocol::code::kEndf && s.reconnectFiles != 0) {
@@ -108,7 +107,7 @@ uint32_t peerAddressOf(int sock) {
 int acceptFrontEnd(int listening, int connection, uint16_t port) {
     constexpr const char* kRenewPrefix = "(reestablishTCP) ";
     const uint32_t frontEnd = peerAddressOf(connection);
-    const int divisor = settings().divisor();
+    const int divisor = transport().settings.divisor();
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::microseconds(kRenewalWait * 1000000LL / divisor);
     for (;;) {
@@ -138,7 +137,7 @@ int acceptFrontEnd(int listening, int connection, uint16_t port) {
 
 int reestablishTCP(int connection) {
     constexpr const char* kRenewPrefix = "(reestablishTCP) ";
-    const Settings& s = settings();
+    const TransportSettings& s = transport().settings;
     uint16_t port = 0;
     int listening = tcpOpen(port);
     if (listening < 0) return -1;
@@ -159,7 +158,7 @@ int reestablishTCP(int connection) {
     if (::getsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &bound, &boundLength) == 0)
         ::setsockopt(fresh, SOL_SOCKET, SO_RCVTIMEO, &bound, boundLength);
     keepAlive(fresh);
-    if (s.verbose) ulog("%sNew TCP fd=%d, port=%d connected", kRenewPrefix, fresh, int(port));
+    if (logVerbose()) ulog("%sNew TCP fd=%d, port=%d connected", kRenewPrefix, fresh, int(port));
     ::close(connection);
     if (!s.blockingIo) {
         int flags = ::fcntl(fresh, F_GETFL);
@@ -174,16 +173,16 @@ int reestablishTCP(int connection) {
 void connrelease(int sig) {
     constexpr const char* kReleasePrefix = "(connrelease) ";
     platform::ignoreSignal(SIGPIPE);
-    const Settings& s = settings();
+    const TransportSettings& s = transport().settings;
     if (sig == SIGPIPE) {
-        if (s.verbose) {
+        if (logVerbose()) {
             if (s.reconnectKB != 0) ulog("%saccSZ=%d", kReleasePrefix, int(transport().accSZ));
             if (s.reconnectFiles != 0) ulog("%saccNF=%d", kReleasePrefix, int(transport().accNF));
         }
         ulog(MSG_JOB_ABORTED_FRONT_END, kReleasePrefix);
         std::_Exit(1);
     }
-    ulog(MSG_RECEIVED_DISCONNECT_FROM, kReleasePrefix, listener().caller());
+    ulog(MSG_RECEIVED_DISCONNECT_FROM, kReleasePrefix, transport().settings.caller.c_str());
 }
 
 int SendDaemon(int connection, const PacketSource& source, const SenderOptions& options) {
@@ -224,7 +223,7 @@ int SendDaemon(int connection, const PacketSource& source, const SenderOptions& 
             t.accSZ = sz;
             t.accNF = nf;
             if (h.code == protocol::code::kEnd) sendDone = true;
-            if (h.code == protocol::code::kWatchDog && settings().verbose) ulog("%sWATCH_DOG sent", kPrefix);
+            if (h.code == protocol::code::kWatchDog && logVerbose()) ulog("%sWATCH_DOG sent", kPrefix);
             if (options.ackInterval != 0 &&
                 (h.code == protocol::code::kFileHeader || h.code == protocol::code::kMof || h.code == protocol::code::kEndf)) {
                 if (options.ackInterval == 1) {

@@ -38,7 +38,8 @@ protected:
         startupSettings() = Settings{};
         startupSettings().ioBufferCount = 10;
         startupSettings().sleepScale = 9;
-        prepareForConnection(job());
+        publishSettings();
+        prepareJob(job());
     }
     tavik::testing::ScratchHome home_;
 };
@@ -155,7 +156,9 @@ TEST(QueueSize, StepsDownByTenUntilTheSystemGrantsOrFails) {
     EXPECT_EQ(err, ENOSPC);
     // The real system keeps the default and sets the sleep scale.
     startupSettings() = Settings{};
-    ASSERT_EQ(DecideShmBuf(), 0);
+    publishSettings();
+    Settings& s = startupSettings();
+    ASSERT_EQ(DecideShmBuf(s.ioBufferSize, s.ioBufferCount, s.sleepScale), 0);
     EXPECT_EQ(settings().ioBufferCount, 100);
     EXPECT_EQ(settings().sleepScale, 90);
 }

@@ -42,7 +42,8 @@ protected:
     void SetUp() override {
         startupSettings() = Settings{};
         startupSettings().resetAccessTime = false;
-        prepareForConnection(job());
+        publishSettings();
+        prepareJob(job());
         ASSERT_EQ(GetIPC(), 0);
         dir_.reset(::open(home_.dir().c_str(), O_RDONLY | O_DIRECTORY));
     }
@@ -56,7 +57,7 @@ protected:
         return sendAs(name, st, wireName);
     }
     std::vector<int> sendAs(const std::string& name, struct stat st, const std::string& wireName = "") {
-        EXPECT_EQ(backup_file(dir_.get(), path(name), wireName.empty() ? name : wireName, st, 0), 0);
+        EXPECT_FALSE(backup_file(dir_.get(), path(name), wireName.empty() ? name : wireName, st, 0).isJobOver());
         packets_.clear();
         std::vector<int> codes;
         for (; queuedCount() != 0; countdown()) {

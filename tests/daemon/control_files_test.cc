@@ -23,7 +23,10 @@ using namespace tavik;
 
 class ControlFilesTest : public ::testing::Test {
 protected:
-    void SetUp() override { startupSettings() = Settings{}; }
+    void SetUp() override {
+        startupSettings() = Settings{};
+        publishSettings();
+    }
     void write(const std::string& text, time_t mtime) {
         std::ofstream(paths().cntlPath, std::ios::binary) << text;
         utimbuf t{mtime, mtime};
@@ -36,6 +39,7 @@ protected:
 
 TEST_F(ControlFilesTest, ListedDirectoriesAreProtectedHoweverTheyAreNamed) {
     startupSettings().verbose = true;
+    publishSettings();
     const std::string s = home_.dir() + "/t";
     const std::string deep = s + "/" + std::string(200, 'd') + "/" + std::string(200, 'e') + "/" + std::string(200, 'f');
     for (const char* d : {"/etc/default", "/etcetera", "/home/secret/x/y", "/var/log"})

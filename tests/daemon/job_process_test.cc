@@ -38,12 +38,13 @@ class JobProcessTest : public ::testing::Test {
 protected:
     void SetUp() override {
         startupSettings() = Settings{};
+        publishSettings();
         ::chmod(paths().logDir.c_str(), 0777);
         // The job processes below write the log as an unprivileged user.
         int fd = ::open(paths().logPath.c_str(), O_WRONLY | O_CREAT, 0666);
         ::fchmod(fd, 0666);
         ::close(fd);
-        prepareForConnection(ctx_);
+        prepareJob(ctx_);
         ctx_.jobUser = JobUser{true, "nobody", kNobody, kNobody};
     }
     // Runs the job process in a child that has become `asUser` first (root
@@ -58,7 +59,7 @@ protected:
             if (asUser != 0 && (::setgroups(0, nullptr) != 0 || ::setgid(asUser) != 0 || ::setuid(asUser) != 0)) _exit(3);
             sp.closeServer();
             listener().jobSocket = sp.agent;
-            serveJob(ctx_);
+            static_cast<void>(serveJob(ctx_));
             _exit(0);
         }
         sp.closeAgent();
@@ -98,6 +99,7 @@ TEST_F(JobProcessTest, FailedSwitchIsLoggedAndAnswered119) {
 
 TEST_F(JobProcessTest, SingleUserModeAndPreparationRefusals) {
     startupSettings().singleUser = true;
+    publishSettings();
     EXPECT_EQ(serve(protocol::kOpBackup, ""), 116);
     EXPECT_EQ(serve(protocol::kOpBackup, "/no/%s%d"), 118);
     // A restore makes its root; one below a regular file cannot be made.
@@ -149,7 +151,7 @@ TEST_F(JobProcessTest, OnlyTrustedLoginsKeepTheAgentsIdentity) {
         }
         for (uint8_t op : {protocol::kOpBackup, protocol::kOpBrowse}) {
             JobContext ctx;
-            prepareForConnection(ctx);
+            prepareJob(ctx);
             ctx.jobUser = row.user;
             ctx.serverVersion = row.version;
             ctx.request.raw[protocol::request_layout::kNoSwitchAt] = row.bit;
@@ -164,8 +166,9 @@ TEST_F(JobProcessTest, OnlyTrustedLoginsKeepTheAgentsIdentity) {
     }
     ::unlink(file.c_str());
     startupSettings().singleUser = true;
+    publishSettings();
     JobContext ctx;
-    prepareForConnection(ctx);
+    prepareJob(ctx);
     decideTrust(ctx);
     EXPECT_TRUE(ctx.trusted);
     EXPECT_TRUE(identitySwitchExempt(ctx, true));

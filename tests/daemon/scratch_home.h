@@ -36,6 +36,7 @@ public:
         if (::mkdtemp(tmpl.data())) dir_ = tmpl;
         ::chmod(dir_.c_str(), 0755);
         paths().deriveFrom(dir_ + "/");
+        publishSettings();
         ::mkdir(paths().logDir.c_str(), 0777);
     }
     ~ScratchHome() {

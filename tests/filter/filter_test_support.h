@@ -51,9 +51,13 @@ class LoggedTest : public ::testing::Test {
 protected:
     void SetUp() override {
         tavik::startupSettings().verbose = false;
+        tavik::publishSettings();
         setTimeZone(kNewYorkTz);
     }
-    void TearDown() override { tavik::startupSettings().verbose = false; }
+    void TearDown() override {
+        tavik::startupSettings().verbose = false;
+        tavik::publishSettings();
+    }
     // The messages logged so far, without their date and process id.
     std::vector<std::string> logMessages() const {
         std::ifstream in(tavik::paths().logPath);

@@ -243,6 +243,7 @@ TEST_F(FilterModel, DatesAreWholeLocalDays) {
 
 TEST_F(FilterModel, VerboseDumpOncePerProcess) {
     tavik::startupSettings().verbose = true;
+    tavik::publishSettings();
     addPatterns(true, false, {"/home/u*"});
     addPatterns(false, true, {"core"});
     add(protocol::encodeDateItem(false, protocol::kWhichModified, protocol::kOnOrAfter, int32_t(utc(2026, 1, 2))));

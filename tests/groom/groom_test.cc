@@ -66,6 +66,7 @@ protected:
         chmod(tmp_.c_str(), 01777);
         chmod(root_.c_str(), 0755);  // a child that drops to nobody must reach the tree
         tavik::paths().deriveFrom(home_ + "/");
+        tavik::publishSettings();
         groomingEnvironment().tempDir = tmp_;
         groomingEnvironment().packageRoot = root_ + "/pkg";
         ResetGrooming();

@@ -56,7 +56,8 @@ class ReplayTest : public ::testing::Test {
 protected:
     void SetUp() override {
         startupSettings() = Settings{};
-        prepareForConnection(ctx_);
+        publishSettings();
+        prepareJob(ctx_);
     }
     int request(const Bytes& stream) {
         Channel channel{std::span<const uint8_t>(stream)};
@@ -135,6 +136,7 @@ TEST_F(RequestTest, LengthBeyondTheRootBufferFailsBeforeReading) {
 
 TEST_F(CommandsTest, DiskItemBuildsTheTopListWithinItsStatedSize) {
     startupSettings().verbose = true;
+    publishSettings();
     Bytes s = cmd(11, le32({3, 11}));
     append(s, Bytes{'a', 0, 'b', 'c', 0, 'd', 'e', 'f', 0, 'x', 0});  // four names, three counted
     append(s, cmd(0));
@@ -172,6 +174,7 @@ TEST_F(CommandsTest, ShortFixedPayloadsReadAsZeroPadded) {
 
 TEST_F(CommandsTest, GroomingKeepsRecordTapeAndSetNameOrIsDropped) {
     startupSettings().verbose = true;
+    publishSettings();
     Bytes record(40, 0);
     wire::storeLe16(&record[0], 6);
     wire::storeLe16(&record[2], 2);

@@ -75,6 +75,7 @@ protected:
     void SetUp() override {
         startupSettings() = Settings{};
         startupSettings().verbose = true;
+        publishSettings();
         dir_ = home_.dir() + "/tree";
         ASSERT_EQ(mkdir(dir_.c_str(), 0755), 0);
     }

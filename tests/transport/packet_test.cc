@@ -35,9 +35,14 @@ class PacketTest : public ::testing::Test {
 protected:
     void SetUp() override {
         startupSettings() = Settings{};
-        tavik::transport::transport() = TransportState{blockSend, blockRecv};
+        tavik::transport::transport() = TransportState{};
+        useBlockingIo();
+        publishSettings();
     }
-    void TearDown() override { startupSettings().timeDivisor = 1; }
+    void TearDown() override {
+        startupSettings().timeDivisor = 1;
+        publishSettings();
+    }
     tavik::testing::ScratchHome home_;
     SocketPair sp_;
 };
@@ -74,6 +79,7 @@ TEST_F(PacketTest, EndOfFileClearsBufferAndIsLoggedByBothReceivers) {
 
 TEST_F(PacketTest, TheReceiveDeadlineHoldsHoweverTheBytesTrickleIn) {
     startupSettings().timeDivisor = 1000;  // 120 s becomes 120 ms
+    publishSettings();
     for (IoRoutine routine : {blockRecv, nonblockRecv}) {
         setReceiveDeadline(120);
         SocketPair sp;
@@ -98,6 +104,7 @@ TEST_F(PacketTest, TheReceiveDeadlineHoldsHoweverTheBytesTrickleIn) {
     // The non-blocking receiver also gives up at its own limit.
     std::array<uint8_t, 4> b{};
     startupSettings().timeDivisor = 100000;
+    publishSettings();
     EXPECT_EQ(nonblockRecv(sp_.agent, b.data(), b.size()), kFailed);
     EXPECT_TRUE(home_.logHas("(nonblockRecv) Timed out in Receive, expected = 4 rcved = 0"));
 }
@@ -105,6 +112,7 @@ TEST_F(PacketTest, TheReceiveDeadlineHoldsHoweverTheBytesTrickleIn) {
 TEST_F(PacketTest, TimeOutCountsAndStopsAtItsLimit) {
     startupSettings().timeDivisor = 1000;
     startupSettings().verbose = true;
+    publishSettings();
     EXPECT_EQ(timeOut(0, 1300), 1);
     EXPECT_EQ(timeOut(1000, 2200), 1001);
     EXPECT_EQ(timeOut(2200, 2200), -1);
@@ -144,6 +152,7 @@ TEST_F(PacketTest, ReadAheadReadsNoFurtherThanOnePacketUnderAReceiveDeadline) {
 
 TEST_F(PacketTest, UsbPairReportsShortTransfersAndTimesOut) {
     startupSettings().timeDivisor = 100000;  // 1801 s becomes 18 ms
+    publishSettings();
     std::array<uint8_t, 6> b{};
     EXPECT_EQ(usbReceive(sp_.agent, b.data(), 4), -1);
     EXPECT_TRUE(home_.logHas("(usbReceive) recv(): timeout"));
@@ -158,6 +167,7 @@ TEST_F(PacketTest, UsbPairReportsShortTransfersAndTimesOut) {
 
 TEST_F(PacketTest, StalledSendOutsideTheSenderFailsAfterTheSpanTapeAlarm) {
     startupSettings().timeDivisor = 1000000;  // 180 s -> 0.18 ms, 72 h -> 0.26 s
+    publishSettings();
     Bytes chunk(65536, 'z');
     while (::send(sp_.agent, chunk.data(), chunk.size(), MSG_DONTWAIT) > 0) {
     }
