@@ -165,23 +165,6 @@ TEST(RestoreAnswers, SplitIntoWholeAnswersAndLeaveTheRest) {
     }
 }
 
-TEST(RestoreSelection, PathsRelativeOrUnderTheSourceSelectTheirSubtrees) {
-    RestoreSelection s;
-    std::string error;
-    ASSERT_TRUE(s.add("sub/deeper/", "/usr/include", error));
-    ASSERT_TRUE(s.add("/usr/include/sys", "/usr/include/", error));
-    for (const char* path : {"sub/deeper", "sub/deeper/x", "sys/types.h"}) EXPECT_TRUE(s.selects(path)) << path;
-    for (const char* path : {"sub/deeperx", "sub", "system"}) EXPECT_FALSE(s.selects(path)) << path;
-    for (const char* path : {"sub", ""}) EXPECT_TRUE(s.isAbove(path)) << path;
-    for (const char* path : {"sub/deeper", "su"}) EXPECT_FALSE(s.isAbove(path)) << path;
-    s.met("sys");
-    EXPECT_EQ(s.unmet(), std::vector<std::string>{"sub/deeper"});
-    for (const char* bad : {"/etc/passwd", "a/../b", "a//b", "./a"}) {
-        RestoreSelection t;
-        EXPECT_FALSE(t.add(bad, "/usr/include", error)) << bad;
-    }
-}
-
 TEST(BackupCommandLine, FlagsFiltersTopItemsAndRestart) {
     BackupCommandLine line;
     std::string error;
