@@ -293,8 +293,8 @@ TEST_F(TavikctlCompare, UnchangedAndRestoredTreesAreIdenticalChangesAreNamedInWo
     for (const char* line : {"a.txt: contents differ\n", "sub/b.txt: missing or cannot be examined\n",
                              "sub/c.txt: attributes differ\n", "1 identical, 3 different, 0 unreadable\n"})
         EXPECT_TRUE(has(r.out, line)) << line << r.out;
-    EXPECT_TRUE(
-        printed(compare("--detailed sub/c.txt"), 1, "sub/c.txt: mode differs\n0 identical, 1 different, 0 unreadable\n"));
+    EXPECT_TRUE(printed(compare("--detailed sub/c.txt"), 1,
+                        "sub/c.txt: mode differs\n0 identical, 1 different, 0 unreadable\n"));
 }
 
 // The compare's grooming removes the identical files; a backup's, every
@@ -496,7 +496,8 @@ TEST_F(TavikctlRestore, RefusalsFailuresAndUsageErrors) {
     ASSERT_EQ(mkdir(dest_.c_str(), 0755), 0);
     ASSERT_EQ(mkdir((dest_ + "/f").c_str(), 0755), 0);
     Output r = restore();
-    EXPECT_TRUE(exited(r, 1, "not restored: " + dest_ + "/f: cannot be created, or a directory of that name is in the way"));
+    EXPECT_TRUE(exited(r, 1,
+                       "not restored: " + dest_ + "/f: cannot be created, or a directory of that name is in the way"));
     EXPECT_TRUE(has(r.err, "5 files (4 restored, 0 skipped, 1 failed)")) << r.err;
     // Everything after it still came back.
     EXPECT_EQ(readFile(dest_ + "/g"), "archived g");
