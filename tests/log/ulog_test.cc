@@ -129,6 +129,7 @@ TEST_F(UlogTest, PlainFileOpenRefusesWhatIsNotAPlainFile) {
         {"plain", kWrite, 0, ""},
         {"link", kWrite, ELOOP, "data"},
         {"fifo", O_RDONLY, EINVAL, ""},
+        {"fifo", O_RDWR | O_CREAT | O_TRUNC, EINVAL, ""},
         {"linked", kWrite, EMLINK, "data"},
         {"dir", kWrite, EISDIR, ""},
         {"new", kWrite, 0, "", true},
