@@ -56,11 +56,9 @@ protected:
         payload.insert(payload.begin(), h.begin(), h.end());
         return payload;
     }
-    // tavikctl `command` with the daemon's port; standard error after standard output.
+    // tavikctl `command` with the daemon's port.
     Output ctl(const std::string& command, const std::string& password = "") const {
-        Output o = tavikctl(command + " --port " + std::to_string(daemon_.port()), password);
-        o.out += o.err;
-        return o;
+        return tavikctl(command + " --port " + std::to_string(daemon_.port()), password);
     }
 
     Daemon daemon_;
@@ -318,7 +316,7 @@ TEST_F(BrowseTest, MountListCarriesByte40AndFollowsFsCntl) {
     EXPECT_EQ(listed.count("/sys"), 0u);
 
     Output o = ctl("mounts 127.0.0.1");
-    EXPECT_EQ(o.status, 0) << o.out;
+    EXPECT_TRUE(exited(o, 0));
     struct stat root = statOf("/");
     std::string rootLine = std::to_string(major(root.st_dev)) + ":" + std::to_string(minor(root.st_dev)) + "\t/";
     auto out = lines(o.out);
@@ -348,12 +346,9 @@ TEST_F(BrowseTest, ClosedDirectoryAnswers101AndAFailedIdentitySwitchClosesWithou
     EXPECT_EQ(names, (std::multiset<std::string>{"/file", "/link-file"}));
     ASSERT_TRUE(client.logout());
 
-    Output o = ctl("ls --user " + user.name() + " 127.0.0.1:" + closed, kPassword);
-    EXPECT_EQ(o.status, 1);
-    EXPECT_TRUE(has(o.out, "the agent cannot open it (answer 101)")) << o.out;
-    o = ctl("ls --user " + user.name() + " 127.0.0.1:" + closed, "wrong");
-    EXPECT_EQ(o.status, 1);
-    EXPECT_TRUE(has(o.out, "wrong password (answer 113)")) << o.out;
+    const std::string ls = "ls --user " + user.name() + " 127.0.0.1:" + closed;
+    EXPECT_TRUE(exited(ctl(ls, kPassword), 1, "the agent cannot open it (answer 101)"));
+    EXPECT_TRUE(exited(ctl(ls, "wrong"), 1, "wrong password (answer 113)"));
 
     size_t browsed = countOf(daemon_.log(), "(Browser)");
     EXPECT_EQ(client.login("127.0.0.1", daemon_.port(), {.root = "", .login = broken.name(), .password = kPassword}),
@@ -381,7 +376,7 @@ std::map<std::string, std::pair<std::string, std::string>> lsByName(const std::s
 TEST_F(BrowseTest, TavikctlLsAndReadlinkShowTheTreeAndUsrInclude) {
     ASSERT_TRUE(startDaemon());
     Output o = ctl("ls 127.0.0.1:" + tree_.dir());
-    ASSERT_EQ(o.status, 0) << o.out;
+    ASSERT_TRUE(exited(o, 0));
     auto byName = lsByName(o.out);
     ASSERT_EQ(byName.size(), 7u) << o.out;
     time_t mtime = statOf(tree_.path("file")).st_mtime;
@@ -402,11 +397,9 @@ TEST_F(BrowseTest, TavikctlLsAndReadlinkShowTheTreeAndUsrInclude) {
     o = ctl("ls -f --browse-version 20 127.0.0.1:" + tree_.dir());
     ASSERT_EQ(lines(o.out).size(), 1u) << o.out;  // old servers see links as links
     EXPECT_TRUE(has(o.out, " file\n"));
-    o = ctl("readlink 127.0.0.1:" + tree_.path("dangling"));
-    EXPECT_EQ(o.status, 0);
-    EXPECT_EQ(o.out, "nowhere (missing)\n");
-    EXPECT_EQ(ctl("readlink 127.0.0.1:" + tree_.path("file")).status, 1);
-    EXPECT_EQ(ctl("ls 127.0.0.1").status, 2);
+    EXPECT_TRUE(printed(ctl("readlink 127.0.0.1:" + tree_.path("dangling")), 0, "nowhere (missing)\n"));
+    EXPECT_TRUE(exited(ctl("readlink 127.0.0.1:" + tree_.path("file")), 1));
+    EXPECT_TRUE(exited(ctl("ls 127.0.0.1"), 2));
 
     // /usr/include: every name with its lstat size.
     std::map<std::string, std::string> expected, listed;
@@ -414,7 +407,7 @@ TEST_F(BrowseTest, TavikctlLsAndReadlinkShowTheTreeAndUsrInclude) {
         expected[e.path().filename()] = std::to_string(statOf(e.path()).st_size);
     ASSERT_GT(expected.size(), 10u);
     o = ctl("ls 127.0.0.1:/usr/include");
-    ASSERT_EQ(o.status, 0) << o.out;
+    ASSERT_TRUE(exited(o, 0));
     for (const auto& [name, entry] : lsByName(o.out)) listed[name] = entry.second;
     EXPECT_EQ(listed, expected);
 }

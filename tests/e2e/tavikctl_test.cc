@@ -26,11 +26,6 @@ using namespace tavik::test;
 
 constexpr time_t kArchived = 1400000000;
 
-// What find(1) would list: `dir` and everything below it.
-size_t findCount(const std::string& dir) {
-    return 1 + size_t(std::distance(std::filesystem::recursive_directory_iterator(dir), {}));
-}
-
 class TavikctlTest : public ::testing::Test {
 protected:
     // Real time-outs: tavikctl answers as a front-end would, at its own pace.
@@ -55,7 +50,7 @@ protected:
     // The archive verifies and lists `entries` lines.
     void expectListed(size_t entries) const {
         Output l = list(archive_);
-        EXPECT_EQ(l.status, 0) << l.err;
+        EXPECT_TRUE(exited(l, 0));
         EXPECT_EQ(lines(l.out).size(), entries) << l.out;
     }
     // Backs `source` up, lists the archive, restores it into dest_ and
@@ -66,23 +61,19 @@ protected:
     // directory times and no symbolic link's times. Returns the number of
     // entries compared; each difference is a failure (the first 20 shown).
     size_t roundTrip(const std::string& source) {
-        Output b = backup("", source);
-        EXPECT_EQ(b.status, 0) << b.err;
-        size_t count = findCount(source);
-        EXPECT_TRUE(has(b.err, " " + std::to_string(count) + " entries")) << b.err;
+        auto src = entries(source);
+        const size_t count = src.size() + 1;  // and the source itself
+        EXPECT_TRUE(exited(backup("", source), 0, " " + std::to_string(count) + " entries"));
         listed_ = list(archive_);
-        EXPECT_EQ(listed_.status, 0) << listed_.err;
-        EXPECT_TRUE(has(listed_.err, "checksum good")) << listed_.err;
+        EXPECT_TRUE(exited(listed_, 0, "checksum good"));
         std::set<std::string> listed;  // each line from the path on
         for (const std::string& line : lines(listed_.out))
             listed.insert(line.substr(std::min(line.find(source), line.size())));
         EXPECT_EQ(listed.size(), count);
         EXPECT_EQ(listed.count(source + "/"), 1u);
-        Output r = restore();
-        EXPECT_EQ(r.status, 0) << r.err;
-        EXPECT_TRUE(has(r.err, " 0 failed")) << r.err;
+        EXPECT_TRUE(exited(restore(), 0, " 0 failed"));
 
-        auto src = entries(source), dst = entries(dest_);
+        auto dst = entries(dest_);
         size_t differences = 0;
         auto differ = [&](const std::string& path, const std::string& what) {
             if (++differences <= 20) ADD_FAILURE() << path << ": " << what;
@@ -177,8 +168,7 @@ TEST_F(TavikctlTest, EveryKindOfEntryRoundTripsAndIsListed) {
     EXPECT_TRUE(has(listed_.out, "-rw-r--r-- 0/0       2049 ")) << listed_.out;
     EXPECT_TRUE(has(listed_.out, "prw-r----- 0/0          0 ")) << listed_.out;
     // An archive of several MiB (more than the writer's buffer) may go to a device.
-    Output b = ctl("backup 127.0.0.1:" + tree_.dir() + " -o /dev/null");
-    EXPECT_EQ(b.status, 0) << b.err;
+    EXPECT_TRUE(exited(ctl("backup 127.0.0.1:" + tree_.dir() + " -o /dev/null"), 0));
 }
 
 TEST_F(TavikctlTest, UsrIncludeRoundTripsIdentically) {
@@ -211,10 +201,8 @@ TEST_F(TavikctlTest, AFileAbove4GiBRoundTripsIdentically) {
     ASSERT_GE(fd, 0);
     for (const auto& [offset, mark] : marks) ASSERT_EQ(pwrite(fd, mark.data(), 3000, offset), 3000);
     close(fd);
-    Output b = backup();
-    ASSERT_EQ(b.status, 0) << b.err;
-    Output r = restore();
-    ASSERT_EQ(r.status, 0) << r.err;
+    ASSERT_TRUE(exited(backup(), 0));
+    ASSERT_TRUE(exited(restore(), 0));
     std::string copy = dest_ + "/big";
     EXPECT_EQ(statOf(copy).st_size, kSize);
     fd = open(copy.c_str(), O_RDONLY);
@@ -224,8 +212,7 @@ TEST_F(TavikctlTest, AFileAbove4GiBRoundTripsIdentically) {
         EXPECT_EQ(read, mark) << offset;
     }
     close(fd);
-    Output c = compare("", dest_);
-    EXPECT_EQ(c.status, 0) << c.out << c.err;
+    EXPECT_TRUE(exited(compare("", dest_), 0));
     unlink(copy.c_str());
     unlink(archive_.c_str());
 }
@@ -240,49 +227,41 @@ TEST_F(TavikctlTest, BackupOptionsRestartPointsOldServersEstimateAndRefusals) {
     tree_.file("sub/deeper/x.c", std::string(10000, 'x'));
     symlink("/usr/lib", at("sub/lnk").c_str());
     mkfifo(at("fifo").c_str(), 0644);
-    size_t entries = findCount(tree_.dir());
-    Output e = ctl("estimate 127.0.0.1:" + tree_.dir());
-    ASSERT_EQ(e.status, 0) << e.err;
+    const size_t count = entries(tree_.dir()).size() + 1;
     // empty, two-chunks, odd, fifo, notes.txt, x.c, lnk: 0+4096+4097+0+11+10000+8 bytes.
-    EXPECT_EQ(e.out, "7 files, 17 kilobytes\n");
+    ASSERT_TRUE(printed(ctl("estimate 127.0.0.1:" + tree_.dir()), 0, "7 files, 17 kilobytes\n"));
 
-    Output b = backup(" --include-file '*.c'");
-    ASSERT_EQ(b.status, 0) << b.err;
+    ASSERT_TRUE(exited(backup(" --include-file '*.c'"), 0));
     Output l = list(archive_);
-    ASSERT_EQ(l.status, 0) << l.err;
+    ASSERT_TRUE(exited(l, 0));
     EXPECT_TRUE(has(l.out, "/sub/deeper/x.c\n")) << l.out;
     EXPECT_FALSE(has(l.out, "/odd\n")) << l.out;
 
     // Resume inside the last file sent (sub/deeper/x.c, 10000 bytes): its
     // remaining data come first, without a file header, then the closes.
-    b = backup(" --restart " + at("sub/deeper/x.c") + ":6000");
-    ASSERT_EQ(b.status, 0) << b.err;
-    EXPECT_TRUE(has(b.err, "4000 bytes of data")) << b.err;
-    EXPECT_EQ(list(archive_).status, 0);
+    ASSERT_TRUE(exited(backup(" --restart " + at("sub/deeper/x.c") + ":6000"), 0, "4000 bytes of data"));
+    EXPECT_TRUE(exited(list(archive_), 0));
     // A server of version 49 gets no source header: every entry but the
     // source is listed.
-    ASSERT_EQ(backup(" --server-version 49").status, 0);
-    expectListed(entries - 1);
+    ASSERT_TRUE(exited(backup(" --server-version 49"), 0));
+    expectListed(count - 1);
 
-    EXPECT_EQ(ctl("backup 127.0.0.1:relative/path -o " + archive_).status, 2);  // not HOST:/path
+    EXPECT_TRUE(exited(ctl("backup 127.0.0.1:relative/path -o " + archive_), 2));  // not HOST:/path
     unlink(archive_.c_str());
-    b = backup("", at("no-such-dir"));
-    EXPECT_EQ(b.status, 1) << b.err;
-    EXPECT_TRUE(has(b.err, "job refused")) << b.err;
-    EXPECT_EQ(list(archive_).status, 1);
+    EXPECT_TRUE(exited(backup("", at("no-such-dir")), 1, "job refused"));
+    EXPECT_TRUE(exited(list(archive_), 1));
 
     // Renew every 2 files and every 4 KB; acknowledge every 3 packets; the
     // agent's 8192-byte buffer kept for the job.
     daemon_.stop();
     ASSERT_TRUE(daemon_.start({"-v", "-S", "-R", "2", "-r", "4", "-b", "8192"}, {}));
-    b = backup(" --renew --ack 3 --buffer-from-agent --watchdog");
-    ASSERT_EQ(b.status, 0) << b.err;
-    EXPECT_TRUE(has(b.err, ", 5 connection renewals, 6 acknowledgements\n")) << b.err;
+    ASSERT_TRUE(exited(backup(" --renew --ack 3 --buffer-from-agent --watchdog"), 0,
+                       ", 5 connection renewals, 6 acknowledgements\n"));
     EXPECT_TRUE(daemon_.waitForLog("New TCP fd=")) << daemon_.log();
-    expectListed(entries);
+    expectListed(count);
     // Without --renew the same daemon keeps one connection.
-    b = backup();
-    EXPECT_EQ(b.status, 0) << b.err;
+    Output b = backup();
+    EXPECT_TRUE(exited(b, 0));
     EXPECT_FALSE(has(b.err, "renewals")) << b.err;
 }
 
@@ -295,35 +274,27 @@ protected:
         tree_.file("sub/b.txt", std::string(5000, 'b'));
         tree_.file("sub/c.txt", "gamma");
         ASSERT_EQ(symlink("a.txt", at("link").c_str()), 0);
-        Output r = backup();
-        ASSERT_EQ(r.status, 0) << r.err;
+        ASSERT_TRUE(exited(backup(), 0));
     }
 };
 
 TEST_F(TavikctlCompare, UnchangedAndRestoredTreesAreIdenticalChangesAreNamedInWords) {
-    Output r = compare();
-    EXPECT_EQ(r.status, 0) << r.out << r.err;
-    EXPECT_EQ(r.out, "4 identical, 0 different, 0 unreadable\n");
-    r = compare("--directories");
-    EXPECT_EQ(r.status, 0) << r.out;
-    EXPECT_EQ(r.out, "5 identical, 0 different, 0 unreadable\n");
-    r = restore();
-    ASSERT_EQ(r.status, 0) << r.out << r.err;
-    r = compare("--detailed", dest_);
-    EXPECT_EQ(r.status, 0) << r.out << r.err;
-    EXPECT_EQ(r.out, "4 identical, 0 different, 0 unreadable\n");
+    EXPECT_TRUE(printed(compare(), 0, "4 identical, 0 different, 0 unreadable\n"));
+    EXPECT_TRUE(printed(compare("--directories"), 0, "5 identical, 0 different, 0 unreadable\n"));
+    ASSERT_TRUE(exited(restore(), 0));
+    EXPECT_TRUE(printed(compare("--detailed", dest_), 0, "4 identical, 0 different, 0 unreadable\n"));
 
     // Differences are named in words.
     tree_.file("a.txt", "ALPHA\n", 0644, statOf(at("a.txt")).st_mtime);  // same size and time, other contents
     ASSERT_EQ(chmod(at("sub/c.txt").c_str(), 0600), 0);
     ASSERT_EQ(unlink(at("sub/b.txt").c_str()), 0);
-    r = compare();
+    Output r = compare();
     EXPECT_EQ(r.status, 1);
     for (const char* line : {"a.txt: contents differ\n", "sub/b.txt: missing or cannot be examined\n",
                              "sub/c.txt: attributes differ\n", "1 identical, 3 different, 0 unreadable\n"})
         EXPECT_TRUE(has(r.out, line)) << line << r.out;
-    r = compare("--detailed sub/c.txt");
-    EXPECT_EQ(r.out, "sub/c.txt: mode differs\n0 identical, 1 different, 0 unreadable\n");
+    EXPECT_TRUE(printed(compare("--detailed sub/c.txt"), 1,
+                        "sub/c.txt: mode differs\n0 identical, 1 different, 0 unreadable\n"));
 }
 
 // The compare's grooming removes the identical files; a backup's, every
@@ -337,11 +308,10 @@ TEST_F(TavikctlCompare, DeletingGroomingRemovesTheIdenticalFilesAndReportsThem) 
     EXPECT_EQ(statOf(at("sub/b.txt")).st_mode, 0u);
     EXPECT_TRUE(S_ISREG(statOf(at("sub/c.txt")).st_mode));
     r = backup(" --groom delete");
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(has(r.err, "grooming: 1 files")) << r.err;
+    EXPECT_TRUE(exited(r, 0, "grooming: 1 files"));
     EXPECT_TRUE(has(r.err, at("sub/c.txt"))) << r.err;
     EXPECT_EQ(statOf(at("sub/c.txt")).st_mode, 0u);
-    EXPECT_EQ(list(archive_).status, 0);
+    EXPECT_TRUE(exited(list(archive_), 0));
 }
 
 // --json: every line of standard output is one object; the fields carry
@@ -441,12 +411,8 @@ TEST_F(TavikctlCompare, DamagedArchivesAreRefusedBeforeAnythingIsSent) {
         else bad[d.at] = static_cast<char>(bad[d.at] ^ 0x20);
         std::string path = scratch_.path("damaged.tvk");
         writeFile(path, bad);
-        Output r = restore("", path);
-        EXPECT_EQ(r.status, 1) << r.err;
-        EXPECT_TRUE(has(r.err, "is damaged, nothing was restored")) << r.err;
-        r = ctl("compare " + path + " 127.0.0.1:" + tree_.dir());
-        EXPECT_EQ(r.status, 2);
-        EXPECT_TRUE(has(r.err, "damaged archive")) << r.err;
+        EXPECT_TRUE(exited(restore("", path), 1, "is damaged, nothing was restored"));
+        EXPECT_TRUE(exited(ctl("compare " + path + " 127.0.0.1:" + tree_.dir()), 2, "damaged archive"));
     }
     EXPECT_EQ(statOf(dest_).st_mode, 0u);
     EXPECT_FALSE(has(daemon_.log(), "Start Restore Job")) << daemon_.log();
@@ -465,8 +431,7 @@ protected:
         tree_.file("sub/y", "y", 0644, kArchived);
         tree_.dir("other");
         tree_.file("other/z", "z", 0644, kArchived);
-        Output b = backup();
-        ASSERT_EQ(b.status, 0) << b.err;
+        ASSERT_TRUE(exited(backup(), 0));
     }
 };
 
@@ -491,25 +456,19 @@ TEST_F(TavikctlRestore, ConflictPoliciesDecideAboutFilesAlreadyThere) {
         ASSERT_EQ(mkdir(dest_.c_str(), 0755), 0);
         writeFile(dest_ + "/f", "older on disk", kArchived - 100);
         writeFile(dest_ + "/g", "newer on disk", kArchived + 100);
-        Output r = restore(c.option);
-        EXPECT_EQ(r.status, 0) << r.err;
-        EXPECT_TRUE(has(r.err, c.counts)) << r.err;
+        EXPECT_TRUE(exited(restore(c.option), 0, c.counts));
         EXPECT_EQ(readFile(dest_ + "/f"), c.f);
         EXPECT_EQ(readFile(dest_ + "/g"), c.g);
         EXPECT_EQ(readFile(dest_ + "/f.AS1"), c.fRenamed ? c.fRenamed : "");
         EXPECT_EQ(statOf(dest_ + "/f.AS1").st_mode != 0, c.fRenamed != nullptr);
         EXPECT_EQ(readFile(dest_ + "/sub/deeper/x"), std::string(5000, 'x'));
     }
-    Output bad = restore(" --conflict sometimes");
-    EXPECT_EQ(bad.status, 2);
-    EXPECT_TRUE(has(bad.err, "--conflict takes skip, rename, overwrite or newer")) << bad.err;
+    EXPECT_TRUE(exited(restore(" --conflict sometimes"), 2, "--conflict takes skip, rename, overwrite or newer"));
 }
 
 TEST_F(TavikctlRestore, PathArgumentsRestoreOnlyThoseParts) {
     // One path relative to the source, one with the source in front.
-    Output r = restore(" sub/deeper " + at("f/"));
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(has(r.err, "2 files (2 restored")) << r.err;
+    ASSERT_TRUE(exited(restore(" sub/deeper " + at("f/")), 0, "2 files (2 restored"));
     EXPECT_EQ(readFile(dest_ + "/f"), "archived");
     EXPECT_EQ(readFile(dest_ + "/sub/deeper/x"), std::string(5000, 'x'));
     for (const char* absent : {"/g", "/sub/y", "/other"}) EXPECT_EQ(statOf(dest_ + absent).st_mode, 0u) << absent;
@@ -517,14 +476,19 @@ TEST_F(TavikctlRestore, PathArgumentsRestoreOnlyThoseParts) {
     EXPECT_EQ(statOf(dest_ + "/sub").st_mode, mode_t(040750));
     EXPECT_EQ(statOf(dest_ + "/sub/deeper").st_mode, mode_t(040700));
 
-    // A path the archive does not hold is named, and fails the command.
-    Output missing = restore(" other no/such/thing");
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_TRUE(has(missing.err, "not in the archive: " + at("no/such/thing"))) << missing.err;
+    // A path the archive does not hold is named, and fails the command; a
+    // path selects no longer name it is the start of.
+    std::filesystem::remove_all(dest_);
+    Output missing = restore(" other no/such/thing sub/deep");
+    EXPECT_TRUE(exited(missing, 1, "not in the archive: " + at("no/such/thing")));
+    EXPECT_TRUE(has(missing.err, "not in the archive: " + at("sub/deep\n"))) << missing.err;
     EXPECT_EQ(readFile(dest_ + "/other/z"), "z");
-    Output outside = restore(" /elsewhere/f");
-    EXPECT_EQ(outside.status, 2);
-    EXPECT_TRUE(has(outside.err, "is not below the archive's source")) << outside.err;
+    EXPECT_EQ(statOf(dest_ + "/sub/deeper").st_mode, 0u);
+    // Paths outside the source, or with empty, "." or ".." components.
+    for (auto [path, words] : {std::pair{" /elsewhere/f", "is not below the archive's source"},
+                               {" a/../b", "holds an empty, '.' or '..' component"},
+                               {" a//b", "holds an empty"}, {" ./a", "holds an empty"}})
+        EXPECT_TRUE(exited(restore(path), 2, words)) << path;
 }
 
 TEST_F(TavikctlRestore, RefusalsFailuresAndUsageErrors) {
@@ -532,24 +496,19 @@ TEST_F(TavikctlRestore, RefusalsFailuresAndUsageErrors) {
     ASSERT_EQ(mkdir(dest_.c_str(), 0755), 0);
     ASSERT_EQ(mkdir((dest_ + "/f").c_str(), 0755), 0);
     Output r = restore();
-    EXPECT_EQ(r.status, 1) << r.err;
-    EXPECT_TRUE(
-        has(r.err, "not restored: " + dest_ + "/f: cannot be created, or a directory of that name is in the way"))
-        << r.err;
+    EXPECT_TRUE(exited(r, 1,
+                       "not restored: " + dest_ + "/f: cannot be created, or a directory of that name is in the way"));
     EXPECT_TRUE(has(r.err, "5 files (4 restored, 0 skipped, 1 failed)")) << r.err;
     // Everything after it still came back.
     EXPECT_EQ(readFile(dest_ + "/g"), "archived g");
     EXPECT_EQ(readFile(dest_ + "/other/z"), "z");
 
     // A destination that is not absolute; no destination at all.
-    EXPECT_EQ(ctl("restore " + archive_ + " 127.0.0.1:relative").status, 2);
-    Output usage = tavikctl("restore " + archive_);
-    EXPECT_EQ(usage.status, 2);
-    EXPECT_TRUE(has(usage.err, "usage: tavikctl restore ARCHIVE HOST:/dest")) << usage.err;
+    EXPECT_TRUE(exited(ctl("restore " + archive_ + " 127.0.0.1:relative"), 2));
+    EXPECT_TRUE(exited(tavikctl("restore " + archive_), 2, "usage: tavikctl restore ARCHIVE HOST:/dest"));
     // A destination below a regular file cannot be made: 105.
-    Output refused = ctl("restore " + archive_ + " 127.0.0.1:" + at("f/below"));
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_TRUE(has(refused.err, "job refused: the destination could not be made or entered (105)")) << refused.err;
+    EXPECT_TRUE(exited(ctl("restore " + archive_ + " 127.0.0.1:" + at("f/below")), 1,
+                       "job refused: the destination could not be made or entered (105)"));
 }
 
 }  // namespace

@@ -3,17 +3,13 @@
 // byte, a packet overrunning the body) caught by the reader and by
 // `tavikctl list --verify`. Round trips through the writer, the reader and
 // the walker are made end to end (tests/e2e/tavikctl_test.cc).
-#include <sys/wait.h>
-
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <string>
 #include <vector>
 
+#include "e2e/tavikctl_run.h"
 #include "frontend/stream_builder.h"
-#include "platform/tempfile.h"
 #include "wire/bytes.h"
 
 namespace {
@@ -141,35 +137,35 @@ TEST(ArchiveDamage, PacketLengthsBeyondTheBodyAreRefused) {
 // problems the agent reported; a flipped data byte or a cut trailer fails
 // the verification but not a plain listing.
 TEST(TavikctlList, ListsLikeTarAndVerifiesTheChecksum) {
-    std::vector<uint8_t> bytes = archiveOf(sampleStream(), true, "/data");
-    tavik::platform::TempFile file("/tmp/tavik-archive-"), out("/tmp/tavik-list-out-");
-    ASSERT_TRUE(file.valid() && out.valid());
-    auto list = [&](const std::vector<uint8_t>& archive, const std::string& options) {
-        std::ofstream(file.path(), std::ios::binary | std::ios::trunc)
-            .write(reinterpret_cast<const char*>(archive.data()), long(archive.size()));
-        int status = std::system((TAVIKCTL_PATH " list " + options + file.path() + " >" + out.path() + " 2>&1").c_str());
-        std::ifstream in(out.path());
-        return std::pair{WIFEXITED(status) ? WEXITSTATUS(status) : -1, std::string(std::istreambuf_iterator<char>(in), {})};
+    tavik::test::Tree scratch;
+    const std::string path = scratch.path("archive.tvk");
+    // tavikctl list of `archive`, its standard error after its standard output.
+    auto list = [&path](const std::vector<uint8_t>& archive, const std::string& options) {
+        tavik::test::writeFile(path, std::string(archive.begin(), archive.end()));
+        tavik::test::Output o = tavik::test::tavikctl("list " + options + path);
+        o.out += o.err;
+        return o;
     };
-    auto [status, text] = list(bytes, "--verify ");
-    EXPECT_EQ(status, 0) << text;
+    std::vector<uint8_t> bytes = archiveOf(sampleStream(), true, "/data");
+    tavik::test::Output o = list(bytes, "--verify ");
+    EXPECT_EQ(o.status, 0) << o.out;
     for (const char* line :
          {"drwxr-xr-x 1000/100          0 ", " /data/\n", "-rw-r--r-- 1000/100       4097 ", " /data/a.txt\n",
           " /data/link -> /usr/lib\n", "NOFILE     /data/secret (cannot be opened)\n", " /data/sub/b\n",
           "LOCKED     /data/sub/deep/held (locked by another process)\n", " /data/sub/deep/\n",
           "FSSKIP     /data/sub/other-fs (on another file system, not traversed)\n", "checksum good"})
-        EXPECT_NE(text.find(line), std::string::npos) << line << " not in\n" << text;
+        EXPECT_NE(o.out.find(line), std::string::npos) << line << " not in\n" << o.out;
 
     std::vector<uint8_t> bad = bytes;
     bad[bad.size() / 2] ^= 0x01;  // inside file data: only the checksum sees it
-    std::tie(status, text) = list(bad, "--verify ");
-    EXPECT_EQ(status, 1);
-    EXPECT_NE(text.find("verify: FAILED"), std::string::npos) << text;
-    EXPECT_EQ(list(bad, "").first, 0);  // listing alone still works
+    o = list(bad, "--verify ");
+    EXPECT_EQ(o.status, 1);
+    EXPECT_NE(o.out.find("verify: FAILED"), std::string::npos) << o.out;
+    EXPECT_EQ(list(bad, "").status, 0);  // listing alone still works
     bad.resize(bad.size() - 5);
-    std::tie(status, text) = list(bad, "--verify ");
-    EXPECT_EQ(status, 1);
-    EXPECT_NE(text.find("truncated"), std::string::npos) << text;
+    o = list(bad, "--verify ");
+    EXPECT_EQ(o.status, 1);
+    EXPECT_NE(o.out.find("truncated"), std::string::npos) << o.out;
 }
 
 }  // namespace

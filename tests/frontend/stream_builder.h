@@ -19,9 +19,9 @@ public:
                           uint8_t version = 0) {
         protocol::HeaderBytes h = protocol::encodeHeader(
             {.code = code, .version = version, .value = value, .length = uint16_t(payload.size())});
-        std::vector<uint8_t>& p = packets_.emplace_back(h.begin(), h.end());
-        p.insert(p.end(), payload.begin(), payload.end());
-        bytes_.insert(bytes_.end(), p.begin(), p.end());
+        bytes_.insert(bytes_.end(), h.begin(), h.end());
+        bytes_.insert(bytes_.end(), payload.begin(), payload.end());
+        ++count_;
         return *this;
     }
     // A file header: kind 17 source, 16 directory, 0 entry; mode gives the type.
@@ -51,12 +51,11 @@ public:
     StreamBuilder& end() { return status(protocol::code::kEnd); }
 
     const std::vector<uint8_t>& bytes() const { return bytes_; }
-    // Each packet's bytes, in order.
-    const std::vector<std::vector<uint8_t>>& packets() const { return packets_; }
+    uint32_t count() const { return count_; }  // of packets
 
 private:
     std::vector<uint8_t> bytes_;
-    std::vector<std::vector<uint8_t>> packets_;
+    uint32_t count_ = 0;
 };
 
 // A whole archive file's bytes around a stream.
@@ -73,7 +72,7 @@ inline std::vector<uint8_t> archiveBytes(const std::vector<uint8_t>& body, uint3
 }
 inline std::vector<uint8_t> archiveOf(const StreamBuilder& s, bool complete = true,
                                       const std::string& source = "/src") {
-    return archiveBytes(s.bytes(), uint32_t(s.packets().size()), complete, source);
+    return archiveBytes(s.bytes(), s.count(), complete, source);
 }
 
 // Walks a whole archive: true when the structure, the checksum and the

@@ -35,21 +35,19 @@ protected:
 };
 
 TEST_F(UlogTest, LineHasDatePidAndMessage) {
-    ASSERT_EQ(tavik::ulog(MSG_FAILED_CREATE, "(cleanup) ", "/x", "No such file"), 0);
-    std::string text = readFile(log());
-    int mon, day, year, hour, min, sec, pid, consumed = 0;
-    ASSERT_EQ(sscanf(text.c_str(), "%2d/%2d/%3d %2d:%2d:%2d(%d) - %n", &mon, &day, &year, &hour, &min, &sec, &pid,
-                     &consumed),
-              7)
-        << text;
-    EXPECT_EQ(text.substr(0, 9).find_first_not_of("0123456789/ "), std::string::npos) << "two-digit fields";
-    EXPECT_GE(year, 100) << "years from 2000 on have three digits";
-    EXPECT_EQ(pid, getpid());
-    EXPECT_EQ(text.substr(size_t(consumed)), "(cleanup) Failed to create /x (No such file)\n");
     setenv("TZ", "UTC", 1);
     tzset();
     EXPECT_STREQ(tavik::formatLogDate(1780841109).c_str(), "06/07/126 14:05:09");
     EXPECT_STREQ(tavik::formatLogDate(834156309).c_str(), "06/07/96 14:05:09");
+    // The line in full: the date of its writing (the second may turn while
+    // it is written), the pid and the message.
+    const time_t before = time(nullptr);
+    ASSERT_EQ(tavik::ulog(MSG_FAILED_CREATE, "(cleanup) ", "/x", "No such file"), 0);
+    const std::string rest = "(" + std::to_string(getpid()) + ") - (cleanup) Failed to create /x (No such file)\n";
+    const std::string text = readFile(log());
+    EXPECT_TRUE(text == tavik::formatLogDate(before).c_str() + rest ||
+                text == tavik::formatLogDate(time(nullptr)).c_str() + rest)
+        << text;
 }
 
 TEST_F(UlogTest, RotatesOnlyAbove102400Bytes) {
@@ -128,17 +126,13 @@ TEST_F(UlogTest, PlainFileOpenRefusesWhatIsNotAPlainFile) {
         const char* contents;  // of the name (through a link) afterwards
         bool created = false;
     } rows[] = {
-        {"plain", O_RDONLY, 0, "data"},
         {"plain", kWrite, 0, ""},
         {"link", kWrite, ELOOP, "data"},
         {"fifo", O_RDONLY, EINVAL, ""},
         {"fifo", O_RDWR | O_CREAT | O_TRUNC, EINVAL, ""},
         {"linked", kWrite, EMLINK, "data"},
-        {"dir", O_RDONLY, EISDIR, ""},
         {"dir", kWrite, EISDIR, ""},
         {"new", kWrite, 0, "", true},
-        {"new", kWrite | O_EXCL, EEXIST, ""},
-        {"missing", O_WRONLY, ENOENT, ""},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);

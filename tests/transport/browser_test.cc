@@ -30,17 +30,15 @@ using namespace tavik;
 using namespace tavik::transport;
 using tavik::testing::recvWithin;
 
+// The header's bytes are checked raw below (the LOGIN packet, the answer
+// 101) and every entry's bytes on the real daemon
+// (BrowseTest.ListingsForEachVersionAndSelectionMatchLstatAndStatAndLinksRead):
+// here, what no agent sends.
 TEST(BrowseCodec, HeaderAndEntryGoldenBytes) {
-    EXPECT_EQ(protocol::encodeBrowseHeader({0x0102, 15, -3, 0x0304, 0x0506}),
-              (protocol::BrowseHeaderBytes{1, 2, 15, 0xFD, 3, 4, 5, 6}));
-    protocol::BrowseHeader h = protocol::decodeBrowseHeader(protocol::BrowseHeaderBytes{0xFF, 0xFE, 101, 0x80, 0, 50, 0x04, 0x01});
-    EXPECT_EQ((std::vector<int>{h.select, h.code, h.version, h.level, h.length}),
-              (std::vector<int>{0xFFFE, 101, -128, 50, 0x0401}));
     // Every truncation of an entry fails to decode: no NUL, or no fixed part.
     protocol::BrowseEntry e{.size = 7, .fsDev = 9, .name = "/ab"};
     for (int version : {20, 22}) {
         std::vector<uint8_t> bytes = protocol::encodeBrowseEntry(e, version);
-        EXPECT_EQ(protocol::decodeBrowseEntry(bytes, version)->fsDev, version == 22 ? 9u : 0u);
         for (size_t n = 0; n < bytes.size(); ++n)
             EXPECT_FALSE(protocol::decodeBrowseEntry(std::span(bytes.data(), n), version)) << n;
     }

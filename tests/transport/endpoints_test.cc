@@ -24,11 +24,8 @@ TEST(BufferSizing, SizesAreRequestedSizesAndGrantedOnesSucceed) {
     EXPECT_EQ(transport::getBufSize(s.get(), SO_SNDBUF), before);
     EXPECT_EQ(transport::setBufSize(s.get(), SO_SNDBUF, 1000), 0) << "below 4096 means 4096";
     EXPECT_EQ(transport::getBufSize(s.get(), SO_SNDBUF), 4096);
+    // The kernel reports twice the size set: the size read back is halved.
     EXPECT_EQ(transport::setBufSize(s.get(), SO_RCVBUF, 32768), 0);
-    int raw = 0;
-    socklen_t len = sizeof raw;
-    getsockopt(s.get(), SOL_SOCKET, SO_RCVBUF, &raw, &len);
-    EXPECT_EQ(raw, 65536) << "the kernel reports twice the size set";
     EXPECT_EQ(transport::getBufSize(s.get(), SO_RCVBUF), 32768);
 
     // Far above what the kernel grants an unprivileged setsockopt: the size

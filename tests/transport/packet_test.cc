@@ -150,19 +150,15 @@ TEST_F(PacketTest, ReadAheadReadsNoFurtherThanOnePacketUnderAReceiveDeadline) {
     setReceiveDeadline(0);
 }
 
+// Short transfers of the browse pair are made on the real daemon
+// (BrowseTest.BrokenRequestsEndTheBrowseCleanly,
+// BrowseTest.PeerGoneWhileListingEndsTheJob); a silent peer is not.
 TEST_F(PacketTest, UsbPairReportsShortTransfersAndTimesOut) {
     startupSettings().timeDivisor = 100000;  // 1801 s becomes 18 ms
     publishSettings();
-    std::array<uint8_t, 6> b{};
-    EXPECT_EQ(usbReceive(sp_.agent, b.data(), 4), -1);
-    EXPECT_TRUE(home_.logHas("(usbReceive) recv(): timeout"));
-    writeAll(sp_.server, {1, 2, 3, 4, 5, 6, 1, 2});
-    sp_.closeServer();
-    EXPECT_EQ(usbReceive(sp_.agent, b.data(), b.size()), 0);
+    std::array<uint8_t, 4> b{};
     EXPECT_EQ(usbReceive(sp_.agent, b.data(), b.size()), -1);
-    EXPECT_TRUE(home_.logHas("(usbReceive) Failed to recv 6 bytes, length = 2"));
-    EXPECT_EQ(usbSend(sp_.agent, b.data(), b.size()), -1);
-    EXPECT_TRUE(home_.logHas("(usbSend) Failed in send(), "));
+    EXPECT_TRUE(home_.logHas("(usbReceive) recv(): timeout"));
 }
 
 TEST_F(PacketTest, StalledSendOutsideTheSenderFailsAfterTheSpanTapeAlarm) {
