@@ -20,10 +20,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     size_t pathLength = data[0] % 32;
     if (pathLength > size - 1) pathLength = size - 1;
     std::string path(reinterpret_cast<const char*>(data + 1), pathLength);
-    tavik::job().dbFileList.assign(data + 1 + pathLength, data + size);
+    tavik::JobContext ctx;
+    ctx.dbFileList.assign(data + 1 + pathLength, data + size);
     uint32_t listed = 0;
-    tavik::backup::lookupRawSize(path.c_str(), listed);
-    tavik::backup::lookupRawSize("", listed);
-    tavik::backup::dumpRawList();
+    tavik::backup::lookupRawSize(ctx, path.c_str(), listed);
+    tavik::backup::lookupRawSize(ctx, "", listed);
+    tavik::backup::dumpRawList(ctx);
     return 0;
 }

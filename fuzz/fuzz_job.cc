@@ -53,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return true;
     }();
     if (size < protocol::kHeaderSize) return 0;
-    JobContext& ctx = job();
+    JobContext ctx;
     prepareJob(ctx);
     size_t taken = requestBytes(wire::loadLe16(data + protocol::kHeaderLengthAt));
     if (taken > size) return 0;

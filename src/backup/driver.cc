@@ -29,7 +29,7 @@ constexpr const char* kPrefix = "(startbackup) ";
 
 bool queueNotFull() { return queuedCount() < queueCapacity(); }
 
-[[noreturn]] void runSender(int jobSocket, pid_t jobProcess) {
+[[noreturn]] void runSender(const JobContext& ctx, int jobSocket, pid_t jobProcess) {
     // The sender dies with its job process, however that ends: the
     // connection then closes, and nothing sends on for a job that is gone.
     if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != jobProcess) std::_Exit(1);
@@ -51,8 +51,8 @@ bool queueNotFull() { return queuedCount() < queueCapacity(); }
     source.slotAhead = slotAfterOut;
     source.release = [](uint16_t n) { return countdown(n); };
     transport::SenderOptions options;
-    options.renewalPermitted = (job().optionFlags() & protocol::options_layout::kReconnect) != 0;
-    options.ackInterval = job().ackInterval;
+    options.renewalPermitted = (ctx.optionFlags() & protocol::options_layout::kReconnect) != 0;
+    options.ackInterval = ctx.ackInterval;
     int r = transport::SendDaemon(jobSocket, source, options);
     std::_Exit(r != 0 ? 255 : 0);
 }
@@ -68,8 +68,7 @@ void endGrooming() {
     }
 }
 
-Outcome sendGroomingReport(Outcome result) {
-    JobContext& ctx = job();
+Outcome sendGroomingReport(JobContext& ctx, Outcome result) {
     std::string work = groom::GroomingWorkFile();
     int count = groom::GroomedCount();
     if (count != 0) {
@@ -82,8 +81,8 @@ Outcome sendGroomingReport(Outcome result) {
         } else {
             char text[16];
             std::snprintf(text, sizeof text, "%d", count);
-            result = queueStatus(protocol::code::kGroomCount, text);
-            if (!result.isJobOver()) result = send_file(std::move(file), st, {}, work);
+            result = queueStatus(ctx, protocol::code::kGroomCount, text);
+            if (!result.isJobOver()) result = send_file(ctx, std::move(file), st, {}, work);
             uint32_t options = wire::loadLe32(ctx.groomRecord.data() + protocol::kGroomOptionsOffset);
             if (options & protocol::kGroomRotationSet) {
                 std::string copy = groom::GroomingCopyFile();
@@ -118,9 +117,8 @@ void waitQueueEmpty() {
     while (queuedCount() != 0) transport::scaledSleep(1);
 }
 
-Outcome startbackup(int jobSocket, const std::string& sourcePath) {
+Outcome startbackup(JobContext& ctx, int jobSocket, const std::string& sourcePath) {
     BackupState& b = backupState();
-    JobContext& ctx = job();
     b.sourceLength = sourcePath.size();
     b.restartFound = false;
     b.watchdog = (ctx.optionFlags() & protocol::options_layout::kWatchDog) != 0;
@@ -138,7 +136,7 @@ Outcome startbackup(int jobSocket, const std::string& sourcePath) {
         ulog(MSG_FAILED_FORK_JOB_ABORT, kPrefix, errText());
         return Outcome::jobOver();
     }
-    if (pid == 0) runSender(jobSocket, self);
+    if (pid == 0) runSender(ctx, jobSocket, self);
     setSenderPid(pid);
     markSegmentForRemoval();  // both processes are attached
     if (b.hooks.setChild) b.hooks.setChild(pid);
@@ -148,13 +146,13 @@ Outcome startbackup(int jobSocket, const std::string& sourcePath) {
     struct stat st;
     if (::stat(sourcePath.c_str(), &st) != 0) {
         ulog(MSG_FAILED_GET_ATTRIBUTES_STAT, kPrefix, sourcePath.c_str(), errText());
-        return reportEntry(protocol::code::kNoDir, "");
+        return reportEntry(ctx, protocol::code::kNoDir, "");
     }
     struct stat sourceStat = st;
     b.rootDev = st.st_dev;
     bool newServer = ctx.serverVersion >= protocol::kNewServerVersion;
     if (newServer) {
-        Outcome r = sendAttributes(st, "", 17, sourcePath);
+        Outcome r = sendAttributes(ctx, st, "", 17, sourcePath);
         if (r.isJobOver()) {
             ulog(MSG_FAILED_SEND_ATTRIBUTES, kPrefix, sourcePath.c_str());
             return r;
@@ -167,7 +165,7 @@ Outcome startbackup(int jobSocket, const std::string& sourcePath) {
             (void)protocol::decodeTapeRecord(tapeIn, tape);  // always whole: 63 bytes kept
             if (groom::BeginGrooming(ctx.paths.logDir.c_str(), ctx.groomSet.c_str(), record, tape) != 0)
                 ulog(MSG_FAILED_BEGINGROOMING, kPrefix);
-            if (!restartPending()) {
+            if (!restartPending(ctx)) {
                 int g = groom::RecordGrooming(sourcePath.c_str(), st);
                 if (g != 0) ulog(MSG_FAILED_RECORD_GROOMING_RET, kPrefix, sourcePath.c_str(), g);
             }
@@ -177,13 +175,13 @@ Outcome startbackup(int jobSocket, const std::string& sourcePath) {
     b.ancestors.push(st.st_dev, st.st_ino);
     int mode = newServer ? int(filter::DirVerdictOf(b.filter, sourcePath)) : 2;
     bool timesKept = false;
-    Outcome result = ws_backup(sourcePath, mode, sourceStat, &timesKept);
-    if (job().jobSettings.resetAccessTime && !timesKept && setFileTimes(sourcePath, sourceStat) != 0)
+    Outcome result = ws_backup(ctx, sourcePath, mode, sourceStat, &timesKept);
+    if (ctx.jobSettings.resetAccessTime && !timesKept && setFileTimes(sourcePath, sourceStat) != 0)
         ulog(MSG_FAILED_SET_TIME, kPrefix, sourcePath.c_str(), errText());
     b.ancestors.pop();
     if (!b.grooming) return result;
     endGrooming();
-    return sendGroomingReport(result);
+    return sendGroomingReport(ctx, result);
 }
 
 }  // namespace tavik::backup

@@ -14,10 +14,11 @@
 #include <string>
 
 #include "platform/outcome.h"
+#include "request/job_context.h"
 
 namespace tavik::backup {
 
-Outcome startbackup(int jobSocket, const std::string& sourcePath);
+Outcome startbackup(JobContext& ctx, int jobSocket, const std::string& sourcePath);
 
 // Before END: no WATCH_DOG may follow the last packet.
 void stopWatchdog();

@@ -25,19 +25,20 @@ namespace tavik::backup {
 namespace {
 
 struct Walk {
+    const JobContext& ctx;
     EstimateCount count;
     uint16_t depth = 0;
     bool inProtected = false;  // the source lies in a protected directory: no subdirectory counts
 };
 
 // The entry by its name in the open directory.
-bool statEntry(int dirFd, const char* name, const std::string& path, struct stat& st) {
+bool statEntry(const Walk& w, int dirFd, const char* name, const std::string& path, struct stat& st) {
     if (path.size() >= kPathBuffer) return false;
-    return ::fstatat(dirFd, name, &st, job().jobSettings.followLinks ? 0 : AT_SYMLINK_NOFOLLOW) == 0;
+    return ::fstatat(dirFd, name, &st, w.ctx.jobSettings.followLinks ? 0 : AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 bool outsideTopList(const Walk& w, const char* name) {
-    const TopList& top = job().topList;
+    const TopList& top = w.ctx.topList;
     if (w.depth != 1 || top.names.empty()) return false;
     for (size_t offset : top.names)
         if (std::strcmp(top.text.data() + offset, name) == 0) return false;
@@ -50,7 +51,7 @@ bool dot(const char* name) { return name[0] == '.' && (name[1] == 0 || (name[1] 
 // access time (nothing to reset then).
 bool countDir(Walk& w, const std::string& dirPath, int mode) {
     BackupState& b = backupState();
-    const JobSettings& js = job().jobSettings;
+    const JobSettings& js = w.ctx.jobSettings;
     w.depth++;
     platform::DirStream dir;
     bool opened = !(js.skipNfs && platform::isNfsPath(dirPath.c_str()) != 0) &&
@@ -61,24 +62,24 @@ bool countDir(Walk& w, const std::string& dirPath, int mode) {
                 if (dot(e->name) || outsideTopList(w, e->name) || e->type == DT_DIR) continue;
                 std::string path = dirPath + e->name;
                 struct stat st;
-                if (!statEntry(dir.fd(), e->name, path, st) || S_ISDIR(st.st_mode)) continue;
+                if (!statEntry(w, dir.fd(), e->name, path, st) || S_ISDIR(st.st_mode)) continue;
                 if (filter::FileSelected(b.filter, path, st) != 1) continue;
                 w.count.files++;
                 uint32_t listed = 0;
                 if (S_ISREG(st.st_mode) || S_ISLNK(st.st_mode)) {
                     w.count.addBytes(uint64_t(st.st_size));
-                } else if (S_ISCHR(st.st_mode) && lookupRawSize(path.c_str(), listed)) {
+                } else if (S_ISCHR(st.st_mode) && lookupRawSize(w.ctx, path.c_str(), listed)) {
                     w.count.addBytes(listed);
                 }
             }
             dir.rewind();
         }
-        if (w.depth < job().maxDirDepth && !w.inProtected) {
+        if (w.depth < w.ctx.maxDirDepth && !w.inProtected) {
             while (const platform::DirStream::Entry* e = dir.next()) {
                 if (dot(e->name) || outsideTopList(w, e->name) || !e->mayBeDirectory(js.followLinks)) continue;
                 std::string path = dirPath + e->name;
                 struct stat st;
-                if (!statEntry(dir.fd(), e->name, path, st) || !S_ISDIR(st.st_mode)) continue;
+                if (!statEntry(w, dir.fd(), e->name, path, st) || !S_ISDIR(st.st_mode)) continue;
                 if (js.noCrossFs && st.st_dev != b.rootDev) continue;
                 if (b.hooks.isProtectedDir && b.hooks.isProtectedDir(platform::identityOf(st))) continue;
                 path += "/";
@@ -113,18 +114,18 @@ void EstimateCount::addBytes(uint64_t n) {
     }
 }
 
-int estimate(const std::string& sourcePath, uint32_t& filesOut, uint32_t& kilobytesOut) {
+int estimate(const JobContext& ctx, const std::string& sourcePath, uint32_t& filesOut, uint32_t& kilobytesOut) {
     kilobytesOut = 0;
     BackupState& b = backupState();
     struct stat st;
-    if ((job().jobSettings.followLinks ? ::stat(sourcePath.c_str(), &st) : ::lstat(sourcePath.c_str(), &st)) != 0)
+    if ((ctx.jobSettings.followLinks ? ::stat(sourcePath.c_str(), &st) : ::lstat(sourcePath.c_str(), &st)) != 0)
         return -1;
     b.ancestors.clear();
     b.rootDev = st.st_dev;
     std::string base = sourcePath;
     if (base.empty() || base.back() != '/') base += '/';
     int mode = int(filter::DirVerdictOf(b.filter, sourcePath));
-    Walk w;
+    Walk w{.ctx = ctx, .count = {}, .depth = 0, .inProtected = false};
     // The source may be any path the front-end names: it is examined once
     // with its ancestors, the directories below it by their own identity.
     w.inProtected = b.hooks.liesInProtectedDir && b.hooks.liesInProtectedDir(base);
@@ -132,7 +133,7 @@ int estimate(const std::string& sourcePath, uint32_t& filesOut, uint32_t& kiloby
         b.ancestors.push(st.st_dev, st.st_ino);
         bool kept = countDir(w, base, mode);
         b.ancestors.pop();
-        if (job().jobSettings.resetAccessTime && !kept) setFileTimes(base, st);
+        if (ctx.jobSettings.resetAccessTime && !kept) setFileTimes(base, st);
     }
     filesOut = w.count.files;
     kilobytesOut = w.count.kilobytes();
@@ -168,7 +169,7 @@ int estimateCommand(Channel& channel, JobContext& ctx, std::span<const uint8_t> 
                 ulog("flist_tbl[%d]=[%s]", int(i), ctx.topList.text.data() + ctx.topList.names[i]);
     }
     uint32_t files = 0, kilobytes = 0;
-    estimate(source, files, kilobytes);
+    estimate(ctx, source, files, kilobytes);
     ctx.topList.clear();
     if (logVerbose()) ulog("Estimated total : %ld files, %ld K bytes", long(files), long(kilobytes));
     uint8_t reply[protocol::kEstimateReplySize];

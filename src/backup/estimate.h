@@ -33,7 +33,7 @@ struct EstimateCount {
     uint32_t kilobytes() const { return overflows * kKilobytesPerOverflow + bytes / 1024; }
 };
 
-int estimate(const std::string& sourcePath, uint32_t& filesOut, uint32_t& kilobytesOut);
+int estimate(const JobContext& ctx, const std::string& sourcePath, uint32_t& filesOut, uint32_t& kilobytesOut);
 
 // The ESTIMATE command, after code 4 was sent.
 int estimateCommand(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload);

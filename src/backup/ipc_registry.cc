@@ -15,7 +15,6 @@
 #include "platform/file_lock.h"
 #include "platform/plain_file.h"
 #include "platform/sysv_ipc.h"
-#include "request/job_context.h"
 
 namespace tavik::backup {
 namespace {
@@ -39,10 +38,8 @@ bool nextLine(FILE* f, char (&buf)[kRegistryLine], LineAt& at) {
 
 // Opens the registry and takes its write lock; a null stream after logging
 // means the caller returns `failure`.
-// The lock is waited for as the job's options say, unless `retries` names
-// the attempts (one second apart) for a caller outside a job.
-FILE* openRegistry(const std::string& path, int timeDivisor, const char* prefix, char type, int id, bool create,
-                   int& failure, int retries = -1) {
+FILE* openRegistry(const RegistryAccess& registry, const char* prefix, char type, int id, bool create, int& failure) {
+    const std::string& path = registry.path;
     // LOG/ is open to every login: the registry is never opened through a link.
     platform::UniqueFd fd = platform::openPlainFile(path.c_str(), O_RDWR | (create ? O_CREAT : 0), 0600);
     if (!fd) {
@@ -51,8 +48,8 @@ FILE* openRegistry(const std::string& path, int timeDivisor, const char* prefix,
         return nullptr;
     }
     failure = 0;
-    int r = retries < 0 ? lockFile(fd.get(), platform::kWriteLock)
-                          : platform::lockFile(fd.get(), platform::kWriteLock, uint16_t(retries), 1, timeDivisor);
+    int r = platform::lockFile(fd.get(), platform::kWriteLock, registry.retryCount, registry.retryInterval,
+                               unsigned(registry.timeDivisor));
     if (r == -2) {
         ulog(MSG_GAVE_UP_LOCK_IPC, prefix, type, id);
         return nullptr;
@@ -87,10 +84,10 @@ std::string registryLine(char first, char second, int id) {
 
 }  // namespace
 
-int RegisterIPC(char type, int id) {
+int RegisterIPC(const RegistryAccess& registry, char type, int id) {
     constexpr const char* kPrefix = "(RegisterIPC) ";
     int failure = 0;
-    FILE* f = openRegistry(job().paths.ipcPath, job().jobSettings.divisor(), kPrefix, type, id, true, failure);
+    FILE* f = openRegistry(registry, kPrefix, type, id, true, failure);
     if (!f) return failure;
     std::string line = registryLine(type, ' ', id);
     char buf[kRegistryLine];
@@ -112,10 +109,10 @@ int RegisterIPC(char type, int id) {
     return 0;
 }
 
-int ClearIPC(char type, int id) {
+int ClearIPC(const RegistryAccess& registry, char type, int id) {
     constexpr const char* kPrefix = "(ClearIPC) ";
     int failure = 0;
-    FILE* f = openRegistry(job().paths.ipcPath, job().jobSettings.divisor(), kPrefix, type, id, false, failure);
+    FILE* f = openRegistry(registry, kPrefix, type, id, false, failure);
     if (!f) return failure;
     char buf[kRegistryLine];
     bool found = false;
@@ -137,9 +134,10 @@ int ClearIPC(char type, int id) {
 
 void ReclaimIPC(const std::string& registryPath, int timeDivisor) {
     constexpr const char* kPrefix = "(ReclaimIPC) ";
-    constexpr int kLockAttempts = 5;
+    // Outside a job: five attempts, a second apart.
+    const RegistryAccess registry{.path = registryPath, .retryCount = 5, .retryInterval = 1, .timeDivisor = timeDivisor};
     int failure = 0;
-    FILE* f = openRegistry(registryPath, timeDivisor, kPrefix, 'm', -1, false, failure, kLockAttempts);
+    FILE* f = openRegistry(registry, kPrefix, 'm', -1, false, failure);
     if (!f) return;
     char buf[kRegistryLine];
     for (LineAt at; nextLine(f, buf, at);) {

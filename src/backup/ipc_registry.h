@@ -6,13 +6,22 @@
 // and never stop a job.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace tavik::backup {
 
-// The job's registry (job().paths.ipcPath), locked as the job's options say.
-int RegisterIPC(char type, int id);
-int ClearIPC(char type, int id);
+// The registry a job writes, and how long it waits for the registry's lock:
+// its options' retry count and interval (divided by `timeDivisor`).
+struct RegistryAccess {
+    std::string path;
+    uint16_t retryCount = 5;
+    uint16_t retryInterval = 5;
+    int timeDivisor = 1;
+};
+
+int RegisterIPC(const RegistryAccess& registry, char type, int id);
+int ClearIPC(const RegistryAccess& registry, char type, int id);
 // Removes every object that tvk.ipc lists as live and that no job uses any
 // more: a segment nobody is attached to, a semaphore whose job process (the
 // last to set or operate it) is gone. Each is logged and its line cleared.

@@ -44,6 +44,13 @@ struct Ipc {
     uint16_t held = 0;  // filled slots after inIndex's old value not yet published
     pid_t sender = -1;
     bool owner = true;  // false in the sender
+    // The job's settings for the queue's waits, copied in by GetIPC: the
+    // queue also serves the watchdog's deferred action, which has no job
+    // at hand.
+    bool boundedWait = false;
+    int sleepScale = 0;
+    int timeDivisor = 1;
+    RegistryAccess registry;
 };
 
 // Deliberately never destroyed: the objects are removed by ReleaseIPC on
@@ -101,7 +108,7 @@ int retryStep(int count, int limit, uint16_t bit, Ready ready) {
         }
         micros = wait * 1000000LL;
     }
-    waitUntil(bit, ready, micros / job().jobSettings.divisor());
+    waitUntil(bit, ready, micros / ipc().timeDivisor);
     platform::dispatchPendingSignals();
     return n;
 }
@@ -127,14 +134,17 @@ int changeCount(int delta, const char*) {
 
 }  // namespace
 
-int lockFile(int fd, int lockType) {
-    return platform::lockFile(fd, lockType, job().retryCount(), job().retryInterval(), job().jobSettings.divisor());
-}
-
-int GetIPC() {
+int GetIPC(const JobContext& ctx) {
     constexpr const char* kPrefix = "(GetIPC) ";
     Ipc& q = ipc();
-    const JobSettings& js = job().jobSettings;
+    const JobSettings& js = ctx.jobSettings;
+    q.boundedWait = js.boundedWait;
+    q.sleepScale = js.sleepScale;
+    q.timeDivisor = js.divisor();
+    q.registry = {.path = ctx.paths.ipcPath,
+                  .retryCount = ctx.retryCount(),
+                  .retryInterval = ctx.retryInterval(),
+                  .timeDivisor = js.divisor()};
     q.owner = true;
     q.slotSize = slotSize(js.ioBufferSize);
     q.capacity = js.ioBufferCount;
@@ -149,7 +159,7 @@ int GetIPC() {
         ulog(MSG_FAILED_GET_SHARED_MEMORY, kPrefix, errText());
         return -1;
     }
-    RegisterIPC('m', q.segment.id());
+    RegisterIPC(q.registry, 'm', q.segment.id());
     if (int err = q.segment.attach(); err != 0) {
         errno = err;
         ulog(MSG_FAILED_ATTACH_SHARED_MEMORY, kPrefix, errText());
@@ -161,7 +171,7 @@ int GetIPC() {
         ulog(MSG_FAILED_GET_SEMAPHORE, kPrefix, errText());
         return -1;
     }
-    RegisterIPC('s', q.semaphore.id());
+    RegisterIPC(q.registry, 's', q.semaphore.id());
     if (int err = q.semaphore.setValue(0, 1); err != 0) {
         errno = err;
         ulog(MSG_FAILED_INITIALIZE_SEMAPHORE, kPrefix, errText());
@@ -188,7 +198,7 @@ int ReleaseIPC() {
             ulog(MSG_FAILED_REMOVE_SEMAPHORE, kPrefix, errText());
             result = -1;
         }
-        ClearIPC('s', id);
+        ClearIPC(q.registry, 's', id);
     }
     if (int err = q.segment.detach(); err != 0) {
         errno = err;
@@ -201,7 +211,7 @@ int ReleaseIPC() {
             ulog(MSG_FAILED_REMOVE_SHARED_MEMORY, kPrefix, errText());
             result = -1;
         }
-        ClearIPC('m', id);
+        ClearIPC(q.registry, 'm', id);
     }
     return result;
 }
@@ -216,7 +226,7 @@ void markSegmentForRemoval() {
         ulog(MSG_FAILED_REMOVE_SHARED_MEMORY, kPrefix, errText());
         return;
     }
-    ClearIPC('m', id);
+    ClearIPC(q.registry, 'm', id);
 }
 
 void disownIPC() {
@@ -236,7 +246,6 @@ pid_t senderPid() { return ipc().sender; }
 
 int waitFreeSlot() {
     Ipc& q = ipc();
-    const JobSettings& s = job().jobSettings;
     auto notFull = [&q] { return field(kRingCountAt).load() < q.capacity; };
     unsigned waited = 0;
     int n = 0;
@@ -251,7 +260,7 @@ int waitFreeSlot() {
             // merges with the sleep signal, as two quick SIGUSR1 do) is then
             // not lost, because a sender that sends again frees slots.
             waitUntil(kProducerWaits, notFull, kAsleepWaitMicros);
-        } else if (s.boundedWait) {
+        } else if (q.boundedWait) {
             n = retryStep(n, transport::kFullQueueRetryLimit, kProducerWaits, notFull);
             if (n == -1) return -1;
             continue;
@@ -266,7 +275,7 @@ int waitFreeSlot() {
         reportSpanTape(backupState().spanTapeReported);
     }
     if (waited != 0) {
-        unsigned scale = unsigned(s.sleepScale > 0 ? s.sleepScale : q.capacity * 9 / 10);
+        unsigned scale = unsigned(q.sleepScale > 0 ? q.sleepScale : q.capacity * 9 / 10);
         uint32_t next = uint32_t(q.sleepMs) * scale / waited;
         if (next == 0) next = 1;
         if (next > 1000) next = 1000;

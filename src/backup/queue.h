@@ -29,6 +29,10 @@
 
 #include "platform/file_lock.h"
 
+namespace tavik {
+struct JobContext;
+}
+
 namespace tavik::backup {
 
 // Ring header offsets.
@@ -40,10 +44,10 @@ inline constexpr size_t kRingSlotsAt = 8;
 // The declared record: the ring header and one slot of 2048 payload bytes.
 inline constexpr int kDeclaredShmBuffSize = 2064;
 
-// platform::lockFile with the job's retry count and interval.
-int lockFile(int fd, int lockType);
-
-int GetIPC();
+// Makes the queue for the job: its slots sized by the job's I/O buffer, as
+// many as the start-up granted, its waits as the job's settings say, its
+// objects registered in the job's registry.
+int GetIPC(const JobContext& ctx);
 // Terminates the sender (when there is one), removes the semaphore and the
 // segment that this process made and clears their registry lines. 0, or -1
 // when a removal failed. Safe to call more than once.

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <optional>
 
 #include "backup/attribute_record.h"
 #include "backup/backup_state.h"
@@ -71,8 +70,8 @@ Outcome waitForSlot() { return Outcome::jobOverUnless(waitFreeSlot()); }
 
 uint8_t* payload() { return inSlot() + protocol::kHeaderSize; }
 
-size_t ioSize() {
-    size_t io = size_t(job().jobSettings.ioBufferSize);
+size_t ioSize(const JobContext& ctx) {
+    size_t io = size_t(ctx.jobSettings.ioBufferSize);
     size_t cap = slotPayloadCapacity();
     return io < cap ? io : cap;
 }
@@ -89,9 +88,8 @@ void recordGrooming(const std::string& path, const struct stat& st, const char* 
 }
 
 // Data of a regular file, read straight into the slots.
-Outcome sendRegular(int fd, const std::string& path) {
+Outcome sendRegular(JobContext& ctx, int fd, const std::string& path) {
     constexpr const char* kPrefix = "(send_file) ";
-    JobContext& ctx = job();
     if (ctx.restartOffset == -1) ctx.restartOffset = 0;
     if (ctx.restartOffset > 0) {
         int32_t n = ctx.restartOffset;
@@ -99,13 +97,13 @@ Outcome sendRegular(int fd, const std::string& path) {
         ctx.restartOffset = 0;
         if (::lseek(fd, off_t(n), SEEK_SET) < 0) {
             ulog("%sFailed in lseek(%d), %s", kPrefix, n, errText());
-            return reportEntry(code::kReadErr);
+            return reportEntry(ctx, code::kReadErr);
         }
     }
     // Several free slots are filled by one readv and published together:
     // every chunk but a file's last still fills its slot completely, and a
     // short read ends the file as a single read would.
-    size_t chunk = ioSize();
+    size_t chunk = ioSize(ctx);
     iovec iov[kReadSlots];
     for (;;) {
         uint16_t k = freeSlots();  // at least one: the caller waited for it
@@ -114,7 +112,7 @@ Outcome sendRegular(int fd, const std::string& path) {
         ssize_t m = platform::readvBlocking(fd, iov, int(k));
         if (m < 0) {
             ulog(MSG_FAILED_READING, kPrefix, path.c_str(), errText());
-            return reportEntry(code::kReadErr);
+            return reportEntry(ctx, code::kReadErr);
         }
         uint16_t full = uint16_t(size_t(m) / chunk);
         size_t rest = size_t(m) % chunk;
@@ -131,7 +129,7 @@ Outcome sendRegular(int fd, const std::string& path) {
 }
 
 // A raw device listed in the database file list: exactly `size` bytes.
-Outcome sendRawDevice(const std::string& path, uint32_t size) {
+Outcome sendRawDevice(const JobContext& ctx, const std::string& path, uint32_t size) {
     constexpr const char* kPrefix = "(send_file) ";
     if (logVerbose()) {
         std::printf("%sRaw device file %s, fileSize=%d\n", kPrefix, path.c_str(), int(size));
@@ -140,9 +138,9 @@ Outcome sendRawDevice(const std::string& path, uint32_t size) {
     int fd = ::open(path.c_str(), O_RDONLY);
     if (fd < 0) {
         ulog(MSG_FAIED_OPEN, kPrefix, path.c_str(), errText());
-        return reportEntry(code::kNoFile, std::string(lastComponent(path)).c_str());
+        return reportEntry(ctx, code::kNoFile, std::string(lastComponent(path)).c_str());
     }
-    size_t io = ioSize();
+    size_t io = ioSize(ctx);
     Outcome r;
     while (size > 0) {
         size_t chunk = size <= io ? size : io;
@@ -156,7 +154,7 @@ Outcome sendRawDevice(const std::string& path, uint32_t size) {
         if (got < chunk) {
             if (errno == 0) errno = EIO;
             ulog(MSG_FAILED_READING, kPrefix, path.c_str(), errText());
-            r = reportEntry(code::kReadErr);
+            r = reportEntry(ctx, code::kReadErr);
             break;
         }
         if ((r = publish(chunk == size ? code::kEndf : code::kMof, 0, chunk)).isJobOver()) break;
@@ -169,7 +167,7 @@ Outcome sendRawDevice(const std::string& path, uint32_t size) {
 
 }  // namespace
 
-bool restartPending() { return !job().restartPath.empty() || job().restartOffset != 0; }
+bool restartPending(const JobContext& ctx) { return !ctx.restartPath.empty() || ctx.restartOffset != 0; }
 
 void installWatchdog() { platform::deferSignal(SIGALRM, watchdogAction); }
 
@@ -211,8 +209,8 @@ Outcome queuePacket(int8_t packetCode, const uint8_t* data, uint16_t length, uin
     return publish(packetCode, version, n);
 }
 
-Outcome queueStatus(int8_t packetCode, const char* text) {
-    if (restartPending()) return Outcome::done();
+Outcome queueStatus(const JobContext& ctx, int8_t packetCode, const char* text) {
+    if (restartPending(ctx)) return Outcome::done();
     Building building;
     if (waitFreeSlot() != 0) return Outcome::jobOver();
     size_t length = 0;
@@ -227,16 +225,16 @@ Outcome queueStatus(int8_t packetCode, const char* text) {
     return publish(packetCode, kStatusVersion, length);
 }
 
-Outcome reportEntry(int8_t packetCode, const char* text) {
-    Outcome queued = queueStatus(packetCode, text);
+Outcome reportEntry(const JobContext& ctx, int8_t packetCode, const char* text) {
+    Outcome queued = queueStatus(ctx, packetCode, text);
     return queued.isJobOver() ? queued : Outcome::entryFailed();
 }
 
-Outcome sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const std::string& path, bool dataFollows) {
-    if (restartPending()) return Outcome::done();
+Outcome sendAttributes(const JobContext& ctx, struct stat& st, std::string_view name, uint8_t kind, const std::string& path, bool dataFollows) {
+    if (restartPending(ctx)) return Outcome::done();
     if (kind == kKindSpecial) {
         uint32_t listed = 0;
-        st.st_size = (S_ISCHR(st.st_mode) && lookupRawSize(path.c_str(), listed)) ? off_t(listed) : 0;
+        st.st_size = (S_ISCHR(st.st_mode) && lookupRawSize(ctx, path.c_str(), listed)) ? off_t(listed) : 0;
     }
     protocol::BackupAttributes a = attributesFromStat(st, name, kind == kKindSpecial ? protocol::kKindEntry : kind, backupState().inodes);
     watchdogOff();
@@ -252,27 +250,28 @@ Outcome sendAttributes(struct stat& st, std::string_view name, uint8_t kind, con
     return Outcome::done();
 }
 
-Outcome send_file(platform::UniqueFd file, const struct stat& st, std::string_view linkTarget,
+Outcome send_file(JobContext& ctx, platform::UniqueFd file, const struct stat& st, std::string_view linkTarget,
                   const std::string& path) {
     watchdogOff();
-    std::optional<Building> building(std::in_place);
-    if (waitFreeSlot() != 0) return Outcome::jobOver();
     Outcome r;
-    uint32_t listed = 0;
-    if (S_ISREG(st.st_mode)) {
-        r = sendRegular(file.get(), path);
-        file.reset();
-    } else if (S_ISLNK(st.st_mode)) {
-        size_t n = linkTarget.size();
-        if (n > slotPayloadCapacity()) n = slotPayloadCapacity();
-        if (n) std::memcpy(payload(), linkTarget.data(), n);
-        r = publish(code::kEndf, 0, n);
-    } else if (S_ISCHR(st.st_mode) && lookupRawSize(path.c_str(), listed)) {
-        r = sendRawDevice(path, listed);
-    } else {
-        r = publish(code::kEndf, 0, 0);
+    {
+        Building building;
+        if (waitFreeSlot() != 0) return Outcome::jobOver();
+        uint32_t listed = 0;
+        if (S_ISREG(st.st_mode)) {
+            r = sendRegular(ctx, file.get(), path);
+            file.reset();
+        } else if (S_ISLNK(st.st_mode)) {
+            size_t n = linkTarget.size();
+            if (n > slotPayloadCapacity()) n = slotPayloadCapacity();
+            if (n) std::memcpy(payload(), linkTarget.data(), n);
+            r = publish(code::kEndf, 0, n);
+        } else if (S_ISCHR(st.st_mode) && lookupRawSize(ctx, path.c_str(), listed)) {
+            r = sendRawDevice(ctx, path, listed);
+        } else {
+            r = publish(code::kEndf, 0, 0);
+        }
     }
-    building.reset();
     if (r.isDone()) recordGrooming(path, st, "(send_file) ");
     watchdogOn();
     return r;
@@ -292,15 +291,15 @@ struct EntrySource {
     size_t targetLength = 0;
 };
 
-void refuse(EntrySource& source, int8_t code, const std::string& name) {
+void refuse(const JobContext& ctx, EntrySource& source, int8_t code, const std::string& name) {
     source.send = false;
-    source.refused = reportEntry(code, name.c_str());
+    source.refused = reportEntry(ctx, code, name.c_str());
 }
 
 // Opens a regular file (and takes its read lock where locks are checked or
 // mandatory), reads a link's target, or checks that a special file may be
 // sent; logs and refuses what cannot be.
-void openEntry(int dirFd, const std::string& path, const std::string& name, const struct stat& st, int spare,
+void openEntry(const JobContext& ctx, int dirFd, const std::string& path, const std::string& name, const struct stat& st, int spare,
                EntrySource& source) {
     constexpr const char* kPrefix = "(backup_file) ";
     if (name.size() > protocol::kMaxRecordName) {
@@ -308,49 +307,50 @@ void openEntry(int dirFd, const std::string& path, const std::string& name, cons
         // that cannot be opened.
         errno = ENAMETOOLONG;
         ulog(MSG_FAILED_OPEN_REGULAR, kPrefix, path.c_str(), errText());
-        refuse(source, code::kNoFile, name);
+        refuse(ctx, source, code::kNoFile, name);
     } else if (S_ISREG(st.st_mode)) {
-        platform::ReadOpen opened = platform::openToRead(dirFd, name.c_str(), job().jobSettings.resetAccessTime);
+        platform::ReadOpen opened = platform::openToRead(dirFd, name.c_str(), ctx.jobSettings.resetAccessTime);
         source.file = platform::UniqueFd(opened.fd);
         source.timesKept = opened.accessTimeKept;
         if (!source.file) {
             ulog(MSG_FAILED_OPEN_REGULAR, kPrefix, path.c_str(), errText());
-            refuse(source, code::kNoFile, name);
+            refuse(ctx, source, code::kNoFile, name);
             return;
         }
         bool mandatory = spare == 0 && (st.st_mode & S_ISGID) && !(st.st_mode & S_IXGRP);
-        if (!job().jobSettings.checkLocks && !mandatory) return;
-        int l = lockFile(source.file.get(), platform::kReadLock);
+        if (!ctx.jobSettings.checkLocks && !mandatory) return;
+        int l = platform::lockFile(source.file.get(), platform::kReadLock, ctx.retryCount(), ctx.retryInterval(),
+                                   unsigned(ctx.jobSettings.divisor()));
         if (l >= 0) return;
         int saved = errno;
         source.file.reset();
         errno = saved;
         if (l == -2) {
             ulog(MSG_LOCKED_ANOTHER_PROCESS, kPrefix, path.c_str());
-            refuse(source, code::kLocked, name);
+            refuse(ctx, source, code::kLocked, name);
         } else {
             ulog(MSG_FAILED_LOCK, kPrefix, path.c_str(), errText());
-            refuse(source, code::kLockErr, name);
+            refuse(ctx, source, code::kLockErr, name);
         }
     } else if (S_ISLNK(st.st_mode)) {
         ssize_t n = ::readlinkat(dirFd, name.c_str(), source.target, sizeof source.target);
         if (n < 0) {
             ulog(MSG_FAILED_READ_CONTENTS_SYMBOLIC_LINK, kPrefix, path.c_str(), errText());
-            refuse(source, code::kLinkErr, name);
+            refuse(ctx, source, code::kLinkErr, name);
             return;
         }
         source.targetLength = size_t(n);
     } else if (::geteuid() != 0) {
         ulog(MSG_FAILED_ACCESS_SPECIAL, kPrefix, path.c_str());
-        refuse(source, code::kNoFile, name);
+        refuse(ctx, source, code::kNoFile, name);
     }
 }
 
 }  // namespace
 
-Outcome backup_file(int dirFd, const std::string& path, std::string_view name, struct stat& st, int spare) {
+Outcome backup_file(JobContext& ctx, int dirFd, const std::string& path, std::string_view name, struct stat& st, int spare) {
     constexpr const char* kPrefix = "(backup_file) ";
-    if (!job().restartPath.empty()) return Outcome::done();
+    if (!ctx.restartPath.empty()) return Outcome::done();
     const bool verbose = logVerbose();
     bool special = S_ISBLK(st.st_mode) || S_ISCHR(st.st_mode) || S_ISFIFO(st.st_mode);
     if (!S_ISREG(st.st_mode) && !S_ISLNK(st.st_mode) && !special) {
@@ -362,11 +362,11 @@ Outcome backup_file(int dirFd, const std::string& path, std::string_view name, s
     }
     const std::string nameText(name);
     EntrySource source;
-    openEntry(dirFd, path, nameText, st, spare, source);
+    openEntry(ctx, dirFd, path, nameText, st, spare, source);
     Outcome r = source.refused;
     struct stat before = st;
     if (source.send) {
-        r = sendAttributes(st, name, special ? kKindSpecial : protocol::kKindEntry, path,
+        r = sendAttributes(ctx, st, name, special ? kKindSpecial : protocol::kKindEntry, path,
                            S_ISREG(st.st_mode) || S_ISLNK(st.st_mode));
         if (r.isJobOver()) {
             ulog(MSG_FAILED_SEND_ATTRIBUTES, kPrefix, path.c_str());
@@ -376,9 +376,9 @@ Outcome backup_file(int dirFd, const std::string& path, std::string_view name, s
             std::printf("ws_backup: send [%s]\n", path.c_str());
             std::fflush(stdout);
         }
-        r = send_file(std::move(source.file), st, std::string_view(source.target, source.targetLength), path);
+        r = send_file(ctx, std::move(source.file), st, std::string_view(source.target, source.targetLength), path);
     }
-    if (job().jobSettings.resetAccessTime && !S_ISLNK(st.st_mode) && !source.timesKept &&
+    if (ctx.jobSettings.resetAccessTime && !S_ISLNK(st.st_mode) && !source.timesKept &&
         setFileTimesAt(dirFd, nameText.c_str(), before) != 0)
         ulog(MSG_FAILED_SET_TIME, kPrefix, path.c_str(), errText());
     return r;
@@ -392,8 +392,8 @@ int setFileTimesAt(int dirFd, const char* name, const struct stat& st) {
     return ::utimensat(dirFd, name, times, 0);
 }
 
-bool lookupRawSize(const char* path, uint32_t& sizeOut) {
-    const std::vector<uint8_t>& list = job().dbFileList;
+bool lookupRawSize(const JobContext& ctx, const char* path, uint32_t& sizeOut) {
+    const std::vector<uint8_t>& list = ctx.dbFileList;
     size_t at = 0;
     while (list.size() - at >= 5) {
         uint32_t size = wire::loadLe32(list.data() + at);
@@ -413,9 +413,9 @@ bool lookupRawSize(const char* path, uint32_t& sizeOut) {
     return false;
 }
 
-void dumpRawList() {
+void dumpRawList(const JobContext& ctx) {
     if (!logVerbose()) return;
-    const std::vector<uint8_t>& list = job().dbFileList;
+    const std::vector<uint8_t>& list = ctx.dbFileList;
     size_t at = 0;
     while (list.size() - at >= 5) {
         uint32_t size = wire::loadLe32(list.data() + at);

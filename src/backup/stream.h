@@ -23,6 +23,7 @@
 
 #include "platform/fd.h"
 #include "platform/outcome.h"
+#include "request/job_context.h"
 
 namespace tavik::backup {
 
@@ -30,30 +31,31 @@ namespace tavik::backup {
 // size taken from the database file list.
 inline constexpr uint8_t kKindSpecial = 1;
 
-bool restartPending();
+bool restartPending(const JobContext& ctx);
 
-Outcome queueStatus(int8_t code, const char* text = nullptr);
+Outcome queueStatus(const JobContext& ctx, int8_t code, const char* text = nullptr);
 // A problem of one entry, already logged, told to the front-end by the
 // status packet `code`: the entry failed, or the job is over when the queue
 // broke.
-Outcome reportEntry(int8_t code, const char* text = nullptr);
+Outcome reportEntry(const JobContext& ctx, int8_t code, const char* text = nullptr);
 Outcome queuePacket(int8_t code, const uint8_t* payload, uint16_t length, uint8_t version);
 // With `dataFollows` the header is held back to be published with the data
 // that send_file queues next.
-Outcome sendAttributes(struct stat& st, std::string_view name, uint8_t kind, const std::string& path,
-                       bool dataFollows = false);
+Outcome sendAttributes(const JobContext& ctx, struct stat& st, std::string_view name, uint8_t kind,
+                       const std::string& path, bool dataFollows = false);
 // `file` is the open regular file (closed once sent); `linkTarget` a link's
 // target. A special file needs neither.
-Outcome send_file(platform::UniqueFd file, const struct stat& st, std::string_view linkTarget,
+Outcome send_file(JobContext& ctx, platform::UniqueFd file, const struct stat& st, std::string_view linkTarget,
                   const std::string& path);
 // `name` is the entry's name in the open directory `dirFd`, `path` its full
 // path (for the messages, the filters and the database file list).
-Outcome backup_file(int dirFd, const std::string& path, std::string_view name, struct stat& st, int spare);
+Outcome backup_file(JobContext& ctx, int dirFd, const std::string& path, std::string_view name, struct stat& st,
+                    int spare);
 
 int setFileTimes(const std::string& path, const struct stat& st);
 int setFileTimesAt(int dirFd, const char* name, const struct stat& st);
-bool lookupRawSize(const char* path, uint32_t& sizeOut);
-void dumpRawList();
+bool lookupRawSize(const JobContext& ctx, const char* path, uint32_t& sizeOut);
+void dumpRawList(const JobContext& ctx);
 
 // The watchdog: SIGALRM is deferred to an action that queues WATCH_DOG and
 // re-arms the alarm, or, while a packet is being built, does so right after

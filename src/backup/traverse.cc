@@ -31,8 +31,8 @@ constexpr const char* kPrefix = "(ws_backup) ";
 
 bool dot(const char* name) { return name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0)); }
 
-bool outsideTopList(const char* name) {
-    const TopList& top = job().topList;
+bool outsideTopList(const JobContext& ctx, const char* name) {
+    const TopList& top = ctx.topList;
     if (backupState().dirDepth != 1 || top.names.empty()) return false;
     for (size_t offset : top.names)
         if (std::strcmp(top.text.data() + offset, name) == 0) return false;
@@ -43,8 +43,8 @@ bool outsideTopList(const char* name) {
 // too long for the buffers included.
 // The entry is examined by its name in the open directory, which spares the
 // kernel a walk of the whole path per entry.
-bool entryStat(int dirFd, const char* name, const std::string& path, struct stat& st) {
-    bool follow = job().jobSettings.followLinks;
+bool entryStat(const JobContext& ctx, int dirFd, const char* name, const std::string& path, struct stat& st) {
+    bool follow = ctx.jobSettings.followLinks;
     int r = -1;
     if (path.size() < kPathBuffer) {
         r = ::fstatat(dirFd, name, &st, follow ? 0 : AT_SYMLINK_NOFOLLOW);
@@ -59,19 +59,19 @@ bool entryStat(int dirFd, const char* name, const std::string& path, struct stat
     return true;
 }
 
-bool isDirectory(const std::string& path) {
+bool isDirectory(const JobContext& ctx, const std::string& path) {
     struct stat st;
-    int r = job().jobSettings.followLinks ? ::stat(path.c_str(), &st) : ::lstat(path.c_str(), &st);
+    int r = ctx.jobSettings.followLinks ? ::stat(path.c_str(), &st) : ::lstat(path.c_str(), &st);
     return r == 0 && S_ISDIR(st.st_mode);
 }
 
 // A path longer than the buffers: logged like an entry without attributes
 // and reported to the front-end as an entry that cannot be opened.
-Outcome reportTooLong(const std::string& path, const char* name) {
+Outcome reportTooLong(const JobContext& ctx, const std::string& path, const char* name) {
     errno = ENAMETOOLONG;
-    ulog(job().jobSettings.followLinks ? MSG_FAILED_GET_ATTRIBUTES_STAT : MSG_FAILED_GET_ATTRIBUTES_LSTAT, kPrefix,
+    ulog(ctx.jobSettings.followLinks ? MSG_FAILED_GET_ATTRIBUTES_STAT : MSG_FAILED_GET_ATTRIBUTES_LSTAT, kPrefix,
          path.c_str(), errText());
-    return reportEntry(code::kNoFile, name);
+    return reportEntry(ctx, code::kNoFile, name);
 }
 
 Outcome leave(Outcome result) {
@@ -79,14 +79,13 @@ Outcome leave(Outcome result) {
     return result;
 }
 
-int skipCode(int8_t newCode) {
-    return job().serverVersion >= kSkipCodesVersion ? newCode : code::kEndDir;
+int skipCode(const JobContext& ctx, int8_t newCode) {
+    return ctx.serverVersion >= kSkipCodesVersion ? newCode : code::kEndDir;
 }
 
 }  // namespace
 
-void checkRestartPoint(const std::string& path) {
-    JobContext& ctx = job();
+void checkRestartPoint(JobContext& ctx, const std::string& path) {
     BackupState& b = backupState();
     if (b.restartFound) {
         ctx.restartPath.clear();
@@ -107,25 +106,25 @@ namespace {
 // The first pass (mode 2): the files of the directory that the filter
 // selects. Entries it could not examine go to `unexamined`, for the second
 // pass to examine (and log) again.
-Outcome sendFiles(platform::DirStream& dir, const std::string& dirPath, const struct stat& dirStat,
+Outcome sendFiles(JobContext& ctx, platform::DirStream& dir, const std::string& dirPath, const struct stat& dirStat,
               std::vector<std::string>& unexamined) {
     BackupState& b = backupState();
-    const bool newServer = job().serverVersion >= protocol::kNewServerVersion;
+    const bool newServer = ctx.serverVersion >= protocol::kNewServerVersion;
     const int dirFd = dir.fd();
     b.groomDirectory = platform::identityOf(dirStat);
     while (const platform::DirStream::Entry* e = dir.next()) {
-        if (dot(e->name) || outsideTopList(e->name)) continue;
+        if (dot(e->name) || outsideTopList(ctx, e->name)) continue;
         atPacketBoundary();
         std::string path = dirPath + e->name;
         struct stat st;
         if (path.size() >= kPathBuffer) {
-            if (!isDirectory(path)) {  // a directory is reported by the second pass
-                if (Outcome r = reportTooLong(path, e->name); r.isJobOver()) return r;
+            if (!isDirectory(ctx, path)) {  // a directory is reported by the second pass
+                if (Outcome r = reportTooLong(ctx, path, e->name); r.isJobOver()) return r;
             }
             continue;
         }
         if (e->type == DT_DIR) continue;  // the second pass examines it
-        if (!entryStat(dirFd, e->name, path, st)) {
+        if (!entryStat(ctx, dirFd, e->name, path, st)) {
             unexamined.emplace_back(e->name);
             continue;
         }
@@ -133,8 +132,8 @@ Outcome sendFiles(platform::DirStream& dir, const std::string& dirPath, const st
         bool take = filter::FileSelected(b.filter, path, st) == 1;
         if (!newServer && !take) take = filter::OldFileSelected(b.oldSelection, e->name, st) != 0;
         if (!take) continue;
-        if (restartPending()) checkRestartPoint(path);
-        if (Outcome r = backup_file(dirFd, path, e->name, st, 0); r.isJobOver()) return r;
+        if (restartPending(ctx)) checkRestartPoint(ctx, path);
+        if (Outcome r = backup_file(ctx, dirFd, path, e->name, st, 0); r.isJobOver()) return r;
     }
     return Outcome::done();
 }
@@ -142,10 +141,9 @@ Outcome sendFiles(platform::DirStream& dir, const std::string& dirPath, const st
 // One subdirectory that the second pass found: unless it is protected or
 // left out by the selection, its attributes, its own walk and its access
 // time put back.
-Outcome descendInto(int dirFd, const std::string& path, const char* name, struct stat& st,
+Outcome descendInto(JobContext& ctx, int dirFd, const std::string& path, const char* name, struct stat& st,
                     const struct stat& dirStat, bool dirPatterns) {
     BackupState& b = backupState();
-    const JobContext& ctx = job();
     const bool newServer = ctx.serverVersion >= protocol::kNewServerVersion;
     if (b.hooks.isProtectedDir && b.hooks.isProtectedDir(platform::identityOf(st))) {
         ulog(MSG_PROTECTED_DIRECTORY, kPrefix, path.c_str(), b.hooks.controlFile.c_str());
@@ -163,24 +161,24 @@ Outcome descendInto(int dirFd, const std::string& path, const char* name, struct
     if (std::strlen(name) > protocol::kMaxRecordName) {
         errno = ENAMETOOLONG;
         ulog(MSG_FAILED_OPEN_SOURCE_DIR, kPrefix, path.c_str(), errText());
-        return reportEntry(code::kNoFile, name);
+        return reportEntry(ctx, code::kNoFile, name);
     }
-    if (newServer && restartPending()) checkRestartPoint(path);
-    Outcome r = sendAttributes(st, name, 16, path);
+    if (newServer && restartPending(ctx)) checkRestartPoint(ctx, path);
+    Outcome r = sendAttributes(ctx, st, name, 16, path);
     if (r.isJobOver()) {
         ulog(MSG_FAILED_SEND_ATTRIBUTES, kPrefix, path.c_str());
         return r;
     }
-    if (newServer && b.grooming && !restartPending()) {
+    if (newServer && b.grooming && !restartPending(ctx)) {
         int g = groom::RecordGrooming(path.c_str(), st, platform::identityOf(dirStat));
         if (g != 0) ulog(MSG_FAILED_RECORD_GROOMING_RET, kPrefix, path.c_str(), g);
     }
     bool timesKept = false;  // the subdirectory was read without touching its access time
     if (b.ancestors.push(st.st_dev, st.st_ino) == -2) {
         ulog(MSG_DETECTED_LINK_ITS_ANCESTOR, kPrefix, path.c_str());
-        if (r = reportEntry(code::kEndDir); r.isJobOver()) return r;
+        if (r = reportEntry(ctx, code::kEndDir); r.isJobOver()) return r;
     } else {
-        r = ws_backup(path + "/", submode, st, &timesKept);
+        r = ws_backup(ctx, path + "/", submode, st, &timesKept);
         b.ancestors.pop();
         if (r.isJobOver()) return r;
     }
@@ -192,10 +190,10 @@ Outcome descendInto(int dirFd, const std::string& path, const char* name, struct
 // The second pass: every subdirectory, and the entries the first pass could
 // not examine. In mode 2 an entry that cannot be a directory was dealt with
 // by the first pass and is passed over without another stat.
-Outcome walkSubdirectories(platform::DirStream& dir, const std::string& dirPath, int mode, const struct stat& dirStat,
+Outcome walkSubdirectories(JobContext& ctx, platform::DirStream& dir, const std::string& dirPath, int mode, const struct stat& dirStat,
                            const std::vector<std::string>& unexamined) {
     const BackupState& b = backupState();
-    const bool followLinks = job().jobSettings.followLinks;
+    const bool followLinks = ctx.jobSettings.followLinks;
     const bool dirPatterns = !b.filter.DirIncPattern.empty() || !b.filter.DirExcPattern.empty();
     const int dirFd = dir.fd();
     const bool rewound = dir.rewind();
@@ -208,7 +206,7 @@ Outcome walkSubdirectories(platform::DirStream& dir, const std::string& dirPath,
             }
             return Outcome::done();
         }
-        if (dot(e->name) || outsideTopList(e->name)) continue;
+        if (dot(e->name) || outsideTopList(ctx, e->name)) continue;
         if (mode == 2 && !e->mayBeDirectory(followLinks) &&
             std::find(unexamined.begin(), unexamined.end(), e->name) == unexamined.end())
             continue;
@@ -217,23 +215,23 @@ Outcome walkSubdirectories(platform::DirStream& dir, const std::string& dirPath,
         struct stat st;
         if (path.size() + 1 >= kPathBuffer) {
             // No room for the directory's "/": refused and reported.
-            if (isDirectory(path)) {
-                if (Outcome r = reportTooLong(path, e->name); r.isJobOver()) return r;
+            if (isDirectory(ctx, path)) {
+                if (Outcome r = reportTooLong(ctx, path, e->name); r.isJobOver()) return r;
             }
             continue;
         }
-        if (!entryStat(dirFd, e->name, path, st)) continue;
+        if (!entryStat(ctx, dirFd, e->name, path, st)) continue;
         if (!S_ISDIR(st.st_mode)) continue;
-        if (Outcome r = descendInto(dirFd, path, e->name, st, dirStat, dirPatterns); r.isJobOver()) return r;
+        if (Outcome r = descendInto(ctx, dirFd, path, e->name, st, dirStat, dirPatterns); r.isJobOver()) return r;
     }
 }
 
 }  // namespace
 
-Outcome ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, bool* accessTimeKept) {
+Outcome ws_backup(JobContext& ctx, const std::string& dirPath, int mode, const struct stat& dirStat,
+                  bool* accessTimeKept) {
     BackupState& b = backupState();
-    const JobSettings& js = job().jobSettings;
-    JobContext& ctx = job();
+    const JobSettings& js = ctx.jobSettings;
     b.dirDepth++;
     if (logVerbose()) {
         std::printf("start traverse dir %s (%d)\n", dirPath.c_str(), int(b.dirDepth));
@@ -241,33 +239,33 @@ Outcome ws_backup(const std::string& dirPath, int mode, const struct stat& dirSt
     }
     if (js.noCrossFs && dirStat.st_dev != b.rootDev) {
         ulog("Skip file system %s", dirPath.c_str());
-        return leave(reportEntry(skipCode(code::kFsSkip)));
+        return leave(reportEntry(ctx, skipCode(ctx, code::kFsSkip)));
     }
     if (js.skipNfs && skip_nfs(ctx, dirPath.c_str(), dirStat.st_dev) != 0) {
         ulog(MSG_NFS_MOUNTED_DIRECTORY_SKIPPED, kPrefix, dirPath.c_str());
-        return leave(reportEntry(skipCode(code::kNfsSkip)));
+        return leave(reportEntry(ctx, skipCode(ctx, code::kNfsSkip)));
     }
     if (::access(dirPath.c_str(), R_OK | X_OK) != 0) {
         ulog(MSG_FAILED_ACCESS_DIRECTORY, kPrefix, dirPath.c_str(), errText());
-        return leave(reportEntry(code::kNoDir));
+        return leave(reportEntry(ctx, code::kNoDir));
     }
     platform::DirStream dir;
     if (!dir.open(dirPath.c_str(), js.resetAccessTime)) {
         ulog(MSG_FAILED_OPEN_SOURCE_DIR, kPrefix, dirPath.c_str(), errText());
-        return leave(reportEntry(code::kNoDir));
+        return leave(reportEntry(ctx, code::kNoDir));
     }
     if (accessTimeKept) *accessTimeKept = dir.accessTimeKept();
     std::vector<std::string> unexamined;
     if (mode == 2) {
-        if (Outcome r = sendFiles(dir, dirPath, dirStat, unexamined); r.isJobOver()) return leave(r);
+        if (Outcome r = sendFiles(ctx, dir, dirPath, dirStat, unexamined); r.isJobOver()) return leave(r);
     }
     if (b.dirDepth >= ctx.maxDirDepth) {
         ulog(MSG_EXCEEDS_MAXIMUM_LEVEL, kPrefix, int(ctx.maxDirDepth));
     } else {
-        if (Outcome r = walkSubdirectories(dir, dirPath, mode, dirStat, unexamined); r.isJobOver()) return leave(r);
+        if (Outcome r = walkSubdirectories(ctx, dir, dirPath, mode, dirStat, unexamined); r.isJobOver()) return leave(r);
     }
     dir.close();
-    return leave(queueStatus(code::kEndDir));
+    return leave(queueStatus(ctx, code::kEndDir));
 }
 
 }  // namespace tavik::backup

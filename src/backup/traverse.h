@@ -16,12 +16,14 @@
 #include <string>
 
 #include "platform/outcome.h"
+#include "request/job_context.h"
 
 namespace tavik::backup {
 
 // `accessTimeKept`, when given, tells whether the directory was read without
 // touching its access time (so that the caller need not reset it).
-Outcome ws_backup(const std::string& dirPath, int mode, const struct stat& dirStat, bool* accessTimeKept = nullptr);
-void checkRestartPoint(const std::string& path);
+Outcome ws_backup(JobContext& ctx, const std::string& dirPath, int mode, const struct stat& dirStat,
+                  bool* accessTimeKept = nullptr);
+void checkRestartPoint(JobContext& ctx, const std::string& path);
 
 }  // namespace tavik::backup

@@ -1,11 +1,13 @@
 // What the daemon gives the backup library: the protected-directory test of
-// tvk.cntl, the sender's-death action of cleanup, and the estimate and
-// database-list handlers of the command phase. Installed once at start-up,
-// inherited by every job process.
+// tvk.cntl against the job's list, and the sender's-death action of
+// cleanup. Installed by the job process for its job, before the command
+// phase (whose estimate walks too).
 #pragma once
+
+#include "request/job_context.h"
 
 namespace tavik {
 
-void installBackupHooks();
+void installBackupHooks(const JobContext& ctx);
 
 }  // namespace tavik

@@ -28,10 +28,10 @@
 
 namespace tavik {
 
-void installBackupHooks() {
+void installBackupHooks(const JobContext& ctx) {
     backup::BackupHooks& hooks = backup::backupState().hooks;
-    hooks.isProtectedDir = [](platform::FileIdentity id) { return listsDirectory(job().protectedDirs, id); };
-    hooks.liesInProtectedDir = [](const std::string& path) { return isProtected(path, job().protectedDirs) != 0; };
+    hooks.isProtectedDir = [&ctx](platform::FileIdentity id) { return listsDirectory(ctx.protectedDirs, id); };
+    hooks.liesInProtectedDir = [&ctx](const std::string& path) { return isProtected(path, ctx.protectedDirs) != 0; };
     hooks.controlFile = paths().cntlPath;
     hooks.onChildSignal = cleanupOnChildSignal;
     hooks.setChild = setCleanupChild;
@@ -50,18 +50,18 @@ Outcome backupPhase(Channel& channel, JobContext& ctx) {
             return Outcome::jobOver();
         }
     }
-    if (backup::GetIPC() != 0) {
+    if (backup::GetIPC(ctx) != 0) {
         if (s.verbose) ulogText("Failed in GetIPC");
         return Outcome::jobOver();
     }
     transport::setBufSize(fd, SO_SNDBUF, s.socketBufferSize);
     ulog("SO_SNDBUF = %d", transport::getBufSize(fd, SO_SNDBUF));
 
-    if (backup::startbackup(fd, ctx.jobRoot).isJobOver()) return Outcome::jobOver();
+    if (backup::startbackup(ctx, fd, ctx.jobRoot).isJobOver()) return Outcome::jobOver();
     ulog(MSG_WORKSTATION_BACKUP_ENDED, "");
     backup::stopWatchdog();
-    if (backup::queueStatus(protocol::code::kEnd).isJobOver()) return Outcome::jobOver();
-    if (backup::restartPending()) return Outcome::done();  // the restart point was never found
+    if (backup::queueStatus(ctx, protocol::code::kEnd).isJobOver()) return Outcome::jobOver();
+    if (backup::restartPending(ctx)) return Outcome::done();  // the restart point was never found
     backup::waitQueueEmpty();
 
     if (!s.blockingIo) {

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 
+#include "daemon/backup_hooks.h"
 #include "daemon/job_session.h"
 #include "daemon/login.h"
 #include "daemon/state.h"
@@ -17,8 +18,11 @@ namespace tavik {
 
 Outcome handleJobConnection(int admittedPipe) {
     Listener& l = listener();
-    JobContext& ctx = job();
+    // The job's context: made here, in the connection process, and passed
+    // down to every phase of the job.
+    JobContext ctx;
     prepareJob(ctx);
+    installBackupHooks(ctx);
 
     Channel channel(l.jobSocket);
     int r = GetRequest(channel, ctx);

@@ -12,7 +12,6 @@
 
 #include "backup/ipc_registry.h"
 #include "backup/queue_size.h"
-#include "daemon/backup_hooks.h"
 #include "daemon/cleanup.h"
 #include "daemon/limits.h"
 #include "daemon/options.h"
@@ -174,7 +173,6 @@ void startDaemon(int argc, char* argv[]) {
     if (backup::DecideShmBuf(s.ioBufferSize, s.ioBufferCount, s.sleepScale) != 0) exit(1);
     backup::ReclaimIPC(p.ipcPath, s.divisor());  // what jobs of an earlier daemon left behind
     publishSettings();
-    installBackupHooks();
 
     l.listenSocket = l.jobSocket = -1;
     l.udpSocket = transport::udpOpen(s.tcpPort);

@@ -121,7 +121,7 @@ int dbFile(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload, 
         ctx.dbFileList.clear();
         return kFailed;
     }
-    if (handlers.dbFileReceived) handlers.dbFileReceived();
+    if (handlers.dbFileReceived) handlers.dbFileReceived(ctx);
     return 0;
 }
 

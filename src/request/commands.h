@@ -30,7 +30,7 @@ struct CommandHandlers {
     int (*estimate)(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) = nullptr;
     // Called after a database file list was received (the backup's verbose
     // listing of it).
-    void (*dbFileReceived)() = nullptr;
+    void (*dbFileReceived)(const JobContext& ctx) = nullptr;
 };
 
 [[nodiscard]] int GetCommands(Channel& channel, JobContext& ctx, const CommandHandlers& handlers = {});

@@ -14,11 +14,6 @@ uint16_t JobContext::retryInterval() const {
     return wire::loadLe16(jobOptions.data() + protocol::options_layout::kRetryIntervalAt);
 }
 
-JobContext& job() {
-    static JobContext context;
-    return context;
-}
-
 void prepareForConnection(JobContext& ctx, const JobSettings& agent, const JobPaths& files, uint16_t ackInterval) {
     ctx = JobContext{};
     wire::storeLe16(ctx.jobOptions.data() + protocol::options_layout::kRetryCountAt, 5);

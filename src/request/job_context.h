@@ -1,10 +1,9 @@
 // The job's own state: everything the listener prepares for one connection
 // and the job process then fills from the request and the command phase.
 //
-// One record, one owner: the listener resets it for each connection
-// (prepareForConnection), the job process inherits it at the fork and is
-// from then on its only user. Every later job phase reads its parameters
-// here through job(). Grooming's record and tape record are kept as the raw
+// One record, one owner: the connection process makes it
+// (prepareForConnection, from the agent's settings) and passes it down to
+// every phase of the job, which read their parameters here. Grooming's record and tape record are kept as the raw
 // payload bytes; the grooming library decodes them.
 #pragma once
 
@@ -128,8 +127,6 @@ struct JobContext {
     uint16_t retryInterval() const;
     uint8_t optionFlags() const { return jobOptions[protocol::options_layout::kFlagsAt]; }
 };
-
-JobContext& job();
 
 // Whether the directory `path` (on device `dev`) is on NFS: 1 yes, 0 no, -1
 // when statfs failed (logged).

@@ -39,42 +39,44 @@ protected:
         startupSettings().ioBufferCount = 10;
         startupSettings().sleepScale = 9;
         publishSettings();
-        prepareJob(job());
+        prepareJob(ctx_);
     }
     tavik::testing::ScratchHome home_;
+    JobContext ctx_;
+    const RegistryAccess registry_{.path = paths().ipcPath};
 };
 
 TEST_F(QueueTest, RegistryLinesAreWrittenClearedAndReused) {
-    EXPECT_EQ(ClearIPC('m', 5), 0);  // no registry yet: nothing, silently
+    EXPECT_EQ(ClearIPC(registry_, 'm', 5), 0);  // no registry yet: nothing, silently
     EXPECT_FALSE(home_.logHas("not registered"));
 
-    RegisterIPC('m', 123);
-    RegisterIPC('s', 77);
+    RegisterIPC(registry_, 'm', 123);
+    RegisterIPC(registry_, 's', 77);
     EXPECT_EQ(registry(), "m       123    \ns        77    \n");
-    ClearIPC('m', 123);
+    ClearIPC(registry_, 'm', 123);
     EXPECT_EQ(registry(), "#m      123    \ns        77    \n");
-    RegisterIPC('s', 4567);  // the cleared line is reused in place
+    RegisterIPC(registry_, 's', 4567);  // the cleared line is reused in place
     EXPECT_EQ(registry(), "s      4567    \ns        77    \n");
-    ClearIPC('s', 999);
+    ClearIPC(registry_, 's', 999);
     EXPECT_EQ(registry(), "s      4567    \ns        77    \n");
     EXPECT_TRUE(home_.logHas("(ClearIPC) The specified IPC was not registered"));
 
     // A wider identifier does not fit a free line: appended instead.
-    ClearIPC('s', 77);
-    RegisterIPC('m', 1234567890);
+    ClearIPC(registry_, 's', 77);
+    RegisterIPC(registry_, 'm', 1234567890);
     EXPECT_EQ(registry(), "s      4567    \n#s       77    \nm  1234567890    \n");
-    ClearIPC('m', 1234567890);
+    ClearIPC(registry_, 'm', 1234567890);
     EXPECT_EQ(registry(), "s      4567    \n#s       77    \n#m 1234567890    \n");
-    RegisterIPC('m', 8);  // the first free line
+    RegisterIPC(registry_, 'm', 8);  // the first free line
     EXPECT_EQ(registry(), "s      4567    \nm         8    \n#m 1234567890    \n");
-    RegisterIPC('s', 9);  // a longer free line: padded, never running into the next
+    RegisterIPC(registry_, 's', 9);  // a longer free line: padded, never running into the next
     EXPECT_EQ(registry(), "s      4567    \nm         8    \ns         9      \n");
 }
 
 // A full ring: a consumer frees 5 slots; the producer's sleep becomes
 // 1 x 9 / 5 = 1, then stays within 1..1000.
 TEST_F(QueueTest, RingWrapsAndTheProducerAdaptsItsSleep) {
-    ASSERT_EQ(GetIPC(), 0);
+    ASSERT_EQ(GetIPC(ctx_), 0);
     for (int i = 0; i < 10; ++i) {
         ASSERT_EQ(waitFreeSlot(), 0);
         ASSERT_EQ(countup(), 0);
@@ -100,7 +102,7 @@ TEST_F(QueueTest, RingWrapsAndTheProducerAdaptsItsSleep) {
 // are published before the producer waits for a full ring to drain (else
 // producer and sender would wait for each other).
 TEST_F(QueueTest, HeldSlotsLeaveWithTheNextPublicationOrBeforeAWait) {
-    ASSERT_EQ(GetIPC(), 0);
+    ASSERT_EQ(GetIPC(ctx_), 0);
     ASSERT_EQ(waitFreeSlot(), 0);
     inSlot()[2] = 1;
     ASSERT_EQ(countup(1, true), 0);

@@ -43,8 +43,8 @@ protected:
         startupSettings() = Settings{};
         startupSettings().resetAccessTime = false;
         publishSettings();
-        prepareJob(job());
-        ASSERT_EQ(GetIPC(), 0);
+        prepareJob(ctx_);
+        ASSERT_EQ(GetIPC(ctx_), 0);
         dir_.reset(::open(home_.dir().c_str(), O_RDONLY | O_DIRECTORY));
     }
     void TearDown() override { ReleaseIPC(); }
@@ -57,7 +57,7 @@ protected:
         return sendAs(name, st, wireName);
     }
     std::vector<int> sendAs(const std::string& name, struct stat st, const std::string& wireName = "") {
-        EXPECT_FALSE(backup_file(dir_.get(), path(name), wireName.empty() ? name : wireName, st, 0).isJobOver());
+        EXPECT_FALSE(backup_file(ctx_, dir_.get(), path(name), wireName.empty() ? name : wireName, st, 0).isJobOver());
         packets_.clear();
         std::vector<int> codes;
         for (; queuedCount() != 0; countdown()) {
@@ -77,6 +77,7 @@ protected:
     }
     uint32_t sizeInHeader() const { return protocol::decodeBackupAttributes(packets_[0].payload)->size; }
     tavik::testing::ScratchHome home_;
+    JobContext ctx_;
     platform::UniqueFd dir_;
     std::vector<Packet> packets_;
 };
@@ -116,25 +117,25 @@ TEST_F(StreamTest, NameTooLongForTheRecordIsReportedLikeAnUnopenableEntry) {
 
 // A list that does not hold whole entries is not walked past its end.
 TEST_F(StreamTest, RawDevicesAreLookedUpInTheDatabaseList) {
-    std::vector<uint8_t>& list = job().dbFileList;
+    std::vector<uint8_t>& list = ctx_.dbFileList;
     uint32_t size = 0;
     list = {0, 0x10, 0, 0, 'a', 0, 0, 0, 2, 0, 0};  // 4096 for "a", then an entry cut short
-    EXPECT_TRUE(lookupRawSize("a", size));
+    EXPECT_TRUE(lookupRawSize(ctx_, "a", size));
     EXPECT_EQ(size, 4096u);
-    EXPECT_FALSE(lookupRawSize("b", size));
+    EXPECT_FALSE(lookupRawSize(ctx_, "b", size));
     list = {1, 0, 0, 0, 'a', 'b'};  // no NUL
-    EXPECT_FALSE(lookupRawSize("ab", size));
+    EXPECT_FALSE(lookupRawSize(ctx_, "ab", size));
     list.clear();
-    EXPECT_FALSE(lookupRawSize("a", size));
+    EXPECT_FALSE(lookupRawSize(ctx_, "a", size));
 }
 
 TEST_F(StreamTest, LinkTargetsAreCutAndARestartResendsTheNamedFile) {
     ASSERT_EQ(::symlink(std::string(3000, 't').c_str(), path("longlink").c_str()), 0);
     EXPECT_EQ(send("longlink"), (std::vector<int>{6, 802048})) << "the target cut at the link buffer";
     file("again", 3000);
-    job().restartOffset = -1;  // resend the named file from its start, without its header
+    ctx_.restartOffset = -1;  // resend the named file from its start, without its header
     EXPECT_EQ(send("again"), (std::vector<int>{702048, 800952}));
-    EXPECT_EQ(job().restartOffset, 0);
+    EXPECT_EQ(ctx_.restartOffset, 0);
 }
 
 TEST(EstimateCount, OverflowUnitsStandFor4194303Kilobytes) {
