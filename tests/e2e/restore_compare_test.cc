@@ -10,6 +10,7 @@
 // disk; every verdict byte, the log lines, the access times and, with
 // grooming, the files left on disk and the grooming report are checked.
 // Names are sent relative to the job's root.
+#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/sysmacros.h>
 
@@ -660,6 +661,101 @@ TEST_F(CompareTest, MissingObjectsSizesContentsFollowedLinksAndAbort) {
     ASSERT_EQ(beginCompare(), 4);
     RestoreDriver next(client_);
     EXPECT_EQ(next.compare(tape("to"), pattern(5000, 9)), Verdicts(0, 0));
+}
+
+// Streams the front-end would never send: names too long for any file, a
+// record or a payload beyond its bound, a stream that stops in a header;
+// and a file whose size needs more than 32 bits.
+TEST_F(CompareTest, DamagedStreamsAndSizesBeyond32Bits) {
+    ASSERT_TRUE(startDaemon());
+    makeFile("f", "data");
+    // A record whose name is `n` bytes of 'n' and its NUL.
+    auto longName = [](size_t n) {
+        std::vector<uint8_t> record(protocol::kRecName + n + 1, 'n');
+        std::fill_n(record.begin(), protocol::kRecName, 0);
+        record.back() = 0;
+        return record;
+    };
+    // Overlong names are objects that cannot be examined, and the stream
+    // goes on; a deleting grooming that finds nothing identical sends no
+    // report.
+    ASSERT_EQ(beginCompare(0, 0, groomingRecord(0x04)), 4);
+    RestoreDriver r(client_);
+    ASSERT_TRUE(r.send(protocol::code::kOpenFile, longName(1024)));
+    EXPECT_EQ(r.status(), 0xD2);
+    ASSERT_TRUE(r.mof(std::vector<uint8_t>(2048, 'x')));
+    EXPECT_EQ(r.endf(std::vector<uint8_t>(10, 'x')), 0);
+    ASSERT_TRUE(r.send(protocol::code::kMkdir, longName(4000)));
+    EXPECT_EQ(r.status(), 0xD3);
+    ASSERT_TRUE(r.send(protocol::code::kOpenFile, longName(1023)));  // fits the buffer; too long for the system
+    EXPECT_EQ(r.status(), 0xD2);
+    EXPECT_EQ(r.endf(), 0);
+    RestoreAttributes other = tape("f");
+    other.mode ^= 0044;  // the same contents, but an attribute differs: not groomed
+    EXPECT_EQ(r.compare(other, "data"), Verdicts(0xD6, 0));
+    EXPECT_EQ(r.endf(), 0);  // no file to end: nothing is compared
+    GroomingReport report = r.endWithReport();
+    EXPECT_EQ(report.answer, 3);
+    EXPECT_EQ(report.count, "");
+    EXPECT_TRUE(agentCloses());
+    EXPECT_TRUE(daemon_.waitForLog("Total 0 files were deleted"));
+    EXPECT_EQ(readFile(at("f")), "data");
+    const std::string tooLong = std::string(100, 'n') + "... (File name too long)";
+    EXPECT_TRUE(logHas("(ws_compare[OPENFILE]) Failed to get the attributes (lstat) of " + tooLong));
+    EXPECT_TRUE(logHas("(ws_compare[MKDIR]) Failed to get the attributes (stat) of " + tooLong));
+
+    // A payload or record beyond its bound, or a header cut short: 100, and
+    // the job ends.
+    const struct {
+        const char* what;
+        std::function<void(RestoreDriver&)> send;
+        std::vector<int> answers;
+    } rows[] = {
+        {"a data payload larger than one packet may carry",
+         [&](RestoreDriver& d) {
+             if (d.openFile(tape("f"))) d.send(protocol::code::kMof, std::vector<uint8_t>(2049));
+         },
+         {0, 100}},
+        {"a record larger than the record area",
+         [&](RestoreDriver& d) { d.send(protocol::code::kOpenFile, longName(60000)); }, {100}},
+        {"a stream that stops in a header",
+         [&](RestoreDriver& d) {
+             if (d.openFile(tape("f"))) client_.sendRaw(std::array<uint8_t, 3>{});
+             shutdown(client_.fd(), SHUT_WR);
+         },
+         {0, 100}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        ASSERT_EQ(beginCompare(), 4);
+        RestoreDriver d(client_);
+        row.send(d);
+        for (int answer : row.answers) EXPECT_EQ(d.status(), answer);
+        EXPECT_TRUE(agentCloses());
+    }
+    EXPECT_TRUE(logHas("(GetReply) Failed to Receive Data Packet"));
+    EXPECT_TRUE(logHas("(GetReply) Failed to Receive Header Packet"));
+
+    // Above 4 GiB the size is compared by its low 32 bits.
+    int fd = open(at("big").c_str(), O_WRONLY | O_CREAT, 0644);
+    ASSERT_GE(fd, 0);
+    if (ftruncate(fd, (off_t{1} << 32) + 10) != 0) {
+        close(fd);
+        GTEST_SKIP() << "no sparse files of 4 GiB here";
+    }
+    close(fd);
+    RestoreAttributes big = tape("big");
+    EXPECT_EQ(big.size, 10u);
+    ASSERT_EQ(beginCompare(), 4);
+    RestoreDriver b(client_);
+    ASSERT_TRUE(b.openFile(big));
+    EXPECT_EQ(b.status(), 0);
+    big.size = 11;
+    ASSERT_TRUE(b.openFile(big));
+    EXPECT_EQ(b.status(), 0xD5);
+    ASSERT_TRUE(b.send(protocol::code::kAbort));
+    EXPECT_TRUE(agentCloses());
+    EXPECT_TRUE(daemon_.waitForLog("(ws_compare[OPENFILE]) File [big] size is changed (11 -> 10)"));
 }
 
 TEST_F(CompareTest, UnreadableFilesAndHeldLocks) {
