@@ -112,7 +112,8 @@ TEST_F(RestoreTest, FilesDirectoriesModesOwnersAndTimesComeBackExactlyWhereTheLo
 
     // A destination the login cannot make, or not write: 105.
     Tree rootOnly;
-    EXPECT_EQ(beginRestore(3, 0, rootOnly.path("dest")), 105);
+    // The path is made down to the first failure, and named up to there.
+    EXPECT_EQ(beginRestore(3, 0, rootOnly.path("dest/deeper")), 105);
     EXPECT_TRUE(daemon_.waitForLog("(make_path) Failed to make directory <" + rootOnly.path("dest") +
                                    "> (Permission denied)"));
     EXPECT_TRUE(daemon_.waitForLog("(make_dir) Failed to create restore directory " + rootOnly.path("dest")));

@@ -59,11 +59,6 @@ protected:
         f.runUnswitched = true;
         return begin(f, optionsRecord(2, 1), 0, groom);
     }
-    // OPENFILE with what the disk says of `rel` now, then its data: both
-    // answers (0 and 0 when identical).
-    Verdicts compareAsIs(RestoreDriver& r, const std::string& rel) const {
-        return r.compare(tapeOf(at(rel), rel), readFile(at(rel)));
-    }
     // END, the grooming report if any, 3 and the close.
     GroomingReport end(RestoreDriver& r) {
         GroomingReport report = r.endWithReport();
@@ -389,7 +384,9 @@ TEST_F(SecurityTest, GroomingDoesNotDeleteThroughASwappedDirectory) {
     ASSERT_TRUE(startDaemon());
     ASSERT_EQ(beginRootCompare(groomingRecord(0x04)), 4);
     RestoreDriver r(client_);
-    for (const char* rel : {"mine/f", "root/f", "g"}) EXPECT_EQ(compareAsIs(r, rel), Verdicts(0, 0)) << rel;
+    // Each as the disk has it now: identical.
+    for (const char* rel : {"mine/f", "root/f", "g"})
+        EXPECT_EQ(r.compare(tapeOf(at(rel), rel), readFile(at(rel))), Verdicts(0, 0)) << rel;
     for (const char* d : {"mine", "root"}) {
         fs::rename(at(d), at(std::string(d) + "-moved"));
         ownedLink(scratch_.path(d), at(d), std::string(d) == "mine");  // the login's own link, and root's
