@@ -36,24 +36,26 @@ constexpr uint32_t kTime = 1234567890;
 constexpr int kSkipped = 0xCB;
 const std::string kCut = "Cannot Receive disconnect from localhost";
 
+constexpr time_t kOld = 631152000;  // 1990-01-01
+constexpr time_t kBackupTime = 1600000000;
+constexpr uint8_t kDetailed = 0x80;
+constexpr uint8_t kNoAccessReset = 0x08;
+
+// The login is trusted: its restores run as root and give files their
+// owners, set-id bits and device nodes; its compares still run as the login,
+// as they do not ask to keep root's identity.
 class JobStreamTest : public LoginJobTest {
 protected:
+    void SetUp() override {
+        LoginJobTest::SetUp();
+        trust(user_.name());
+    }
     mode_t modeOf(const std::string& name) const { return statOf(at(name)).st_mode; }
     // Closes the connection with a reset rather than an orderly end.
     void resetConnection() {
         linger hard{1, 0};
         setsockopt(client_.fd(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
         client_.close();
-    }
-};
-
-// The login is trusted: its restores run as root and give files their
-// owners, set-id bits and device nodes.
-class RestoreTest : public JobStreamTest {
-protected:
-    void SetUp() override {
-        LoginJobTest::SetUp();
-        trust(user_.name());
     }
     // Request (into the work directory unless `root` is given), the options
     // record when given, start: the answer to the request.
@@ -76,7 +78,42 @@ protected:
         a.name = at(name);
         return a;
     }
+    // Request, options (two lock attempts a second apart, divided by the
+    // time divisor), grooming, start: the answer to the request.
+    int beginCompare(uint8_t flags = 0, uint16_t ack = 0, const std::vector<uint8_t>& groom = {}, uint8_t follow = 0) {
+        auto f = fields(work_, 2);
+        f.follow = follow;
+        return begin(f, optionsRecord(2, 1, flags), ack, groom);
+    }
+    // A file of the login's with `content`, accessed 100 s before `mtime`.
+    void makeFile(const std::string& rel, const std::string& content, mode_t mode = 0644, time_t mtime = kBackupTime) {
+        std::ofstream(at(rel), std::ios::binary) << content;
+        chown(at(rel).c_str(), user_.uid(), user_.gid());
+        chmod(at(rel).c_str(), mode);
+        setTimes(at(rel), mtime - 100, mtime);
+    }
+    void makeDir(const std::string& rel) {
+        mkdir(at(rel).c_str(), 0755);
+        chown(at(rel).c_str(), user_.uid(), user_.gid());
+    }
+    // What a backup of the object on disk says now, under its relative name
+    // (or `as`).
+    RestoreAttributes tape(const std::string& rel, const std::string& as = "") const {
+        return tapeOf(rel.empty() ? work_ : at(rel), as.empty() ? rel : as);
+    }
+    // END, the grooming report with `count` files (checked), 3 and the close:
+    // the work file's text.
+    std::string endWithGrooming(RestoreDriver& r, const std::string& count) {
+        GroomingReport report = r.endWithReport();
+        EXPECT_EQ(report.count, count + std::string(16 - count.size(), '\0'));
+        EXPECT_EQ(report.answer, 3);
+        EXPECT_TRUE(agentCloses());
+        return report.work;
+    }
 };
+
+using RestoreTest = JobStreamTest;
+using CompareTest = JobStreamTest;
 
 TEST_F(RestoreTest, FilesDirectoriesModesOwnersAndTimesComeBackExactlyWhereTheLoginMayWrite) {
     ASSERT_TRUE(startDaemon());
@@ -198,6 +235,10 @@ TEST_F(RestoreTest, EveryConflictPolicy) {
     EXPECT_TRUE(logHas("(ws_restore[OPENFILE]) Cannot create <" + at("d") + ">, same name directory exists"));
 }
 
+// A restore of a locked file answers 'z' and keeps the file; a compare
+// answers 0xDC, and 0xD4 for a file the login may not read. Without -l only
+// a set-group-id file without group execute has its lock tested; with -l
+// every regular file, and a read lock is enough to refuse a restore.
 TEST_F(RestoreTest, LockedFilesAreAnsweredZAndKept) {
     ASSERT_TRUE(startDaemon());
     writeFile(at("mand"), "locked data");
@@ -217,15 +258,45 @@ TEST_F(RestoreTest, LockedFilesAreAnsweredZAndKept) {
     EXPECT_EQ(readFile(at("mand")), "replacement");
     EXPECT_TRUE(logHas("(ws_restore[OPENFILE]) File " + at("mand") + " is locked by another process"));
 
-    // With -l every regular file is tested, a read lock is enough.
+    makeFile("secret", "root only", 0600);
+    chown(at("secret").c_str(), 0, 0);
+    makeFile("cmp-mand", "locked data", 02644);
+    makeFile("cmp-plain", "plain data");
+    fd = holdLock(at("cmp-mand"));
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(beginCompare(), 4);
+    RestoreDriver c(client_);
+    EXPECT_EQ(c.compare(tape("secret"), "root only"), Verdicts(0xD4, 0));
+    EXPECT_EQ(c.compare(tape("cmp-mand"), "locked data"), Verdicts(0xDC, 0));
+    close(fd);
+    // Without the lock the file compares; the test's read lock is given up at
+    // once, so a writer may lock the file while the job still holds it open.
+    ASSERT_TRUE(c.openFile(tape("cmp-mand")));
+    EXPECT_EQ(c.status(), 0);
+    fd = holdLock(at("cmp-mand"));
+    EXPECT_GE(fd, 0);
+    close(fd);
+    EXPECT_EQ(c.endf(bytes("locked data")), 0);
+    fd = holdLock(at("cmp-plain"));  // without -l a plain file's lock is not tested
+    EXPECT_EQ(c.compare(tape("cmp-plain"), "plain data"), Verdicts(0, 0));
+    EXPECT_EQ(c.end(), 3);
+    EXPECT_TRUE(logHas("(ws_compare[OPENFILE]) Failed to open regular file secret (Permission denied)"));
+    EXPECT_TRUE(logHas("(ws_compare[OPENFILE]) File cmp-mand is locked by another process"));
+
     daemon_.stop();
     ASSERT_TRUE(startDaemon({"-v", "-l"}));
+    ASSERT_EQ(beginCompare(), 4);
+    RestoreDriver lc(client_);
+    EXPECT_EQ(lc.compare(tape("cmp-plain"), "plain data"), Verdicts(0xDC, 0));
+    close(fd);
+    EXPECT_EQ(lc.compare(tape("cmp-plain"), "plain data"), Verdicts(0, 0));
+    EXPECT_EQ(lc.end(), 3);
     fd = holdLock(at("plain"), F_RDLCK);
     ASSERT_GE(fd, 0);
     ASSERT_EQ(beginRestore(3, 0, "", optionsRecord(1, 0)), 4);
-    RestoreDriver l(client_);
-    EXPECT_EQ(l.file(file("plain"), "new"), 'z');
-    EXPECT_EQ(l.end(), 3);
+    RestoreDriver lr(client_);
+    EXPECT_EQ(lr.file(file("plain"), "new"), 'z');
+    EXPECT_EQ(lr.end(), 3);
     close(fd);
     EXPECT_EQ(readFile(at("plain")), "new plain");
 }
@@ -398,47 +469,6 @@ TEST_F(RestoreTest, BrokenStreamsEndTheJobAndAnsweredFilesStayIntact) {
     EXPECT_EQ(readFile(at("huge")), "the good old file");
     EXPECT_EQ(std::distance(fs::directory_iterator(work_), {}), 2) << "no temporary file is left";
 }
-
-constexpr time_t kOld = 631152000;  // 1990-01-01
-constexpr time_t kBackupTime = 1600000000;
-constexpr uint8_t kDetailed = 0x80;
-constexpr uint8_t kNoAccessReset = 0x08;
-
-class CompareTest : public JobStreamTest {
-protected:
-    // Request, options (two lock attempts a second apart, divided by the
-    // time divisor), grooming, start: the answer to the request.
-    int beginCompare(uint8_t flags = 0, uint16_t ack = 0, const std::vector<uint8_t>& groom = {}, uint8_t follow = 0) {
-        auto f = fields(work_, 2);
-        f.follow = follow;
-        return begin(f, optionsRecord(2, 1, flags), ack, groom);
-    }
-    // A file of the login's with `content`, accessed 100 s before `mtime`.
-    void makeFile(const std::string& rel, const std::string& content, mode_t mode = 0644, time_t mtime = kBackupTime) {
-        std::ofstream(at(rel), std::ios::binary) << content;
-        chown(at(rel).c_str(), user_.uid(), user_.gid());
-        chmod(at(rel).c_str(), mode);
-        setTimes(at(rel), mtime - 100, mtime);
-    }
-    void makeDir(const std::string& rel) {
-        mkdir(at(rel).c_str(), 0755);
-        chown(at(rel).c_str(), user_.uid(), user_.gid());
-    }
-    // What a backup of the object on disk says now, under its relative name
-    // (or `as`).
-    RestoreAttributes tape(const std::string& rel, const std::string& as = "") const {
-        return tapeOf(rel.empty() ? work_ : at(rel), as.empty() ? rel : as);
-    }
-    // END, the grooming report with `count` files (checked), 3 and the close:
-    // the work file's text.
-    std::string endWithGrooming(RestoreDriver& r, const std::string& count) {
-        GroomingReport report = r.endWithReport();
-        EXPECT_EQ(report.count, count + std::string(16 - count.size(), '\0'));
-        EXPECT_EQ(report.answer, 3);
-        EXPECT_TRUE(agentCloses());
-        return report.work;
-    }
-};
 
 TEST_F(CompareTest, AnUnchangedTreeIsIdenticalEverywhereAndKeepsItsAccessTimes) {
     ASSERT_TRUE(startDaemon());
@@ -757,45 +787,6 @@ TEST_F(CompareTest, DamagedStreamsAndSizesBeyond32Bits) {
     ASSERT_TRUE(b.send(protocol::code::kAbort));
     EXPECT_TRUE(agentCloses());
     EXPECT_TRUE(daemon_.waitForLog("(ws_compare[OPENFILE]) File [big] size is changed (11 -> 10)"));
-}
-
-TEST_F(CompareTest, UnreadableFilesAndHeldLocks) {
-    ASSERT_TRUE(startDaemon());
-    makeFile("secret", "root only");
-    chown(at("secret").c_str(), 0, 0);
-    chmod(at("secret").c_str(), 0600);
-    makeFile("mand", "locked data", 02644);  // set-group-id without group execute: tested without -l
-    makeFile("plain", "plain data");
-    int fd = holdLock(at("mand"));
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(beginCompare(), 4);
-    RestoreDriver r(client_);
-    EXPECT_EQ(r.compare(tape("secret"), "root only"), Verdicts(0xD4, 0));
-    EXPECT_EQ(r.compare(tape("mand"), "locked data"), Verdicts(0xDC, 0));
-    close(fd);
-    // Without the lock the file compares; the test's read lock is given up at
-    // once, so a writer may lock the file while the job still holds it open.
-    ASSERT_TRUE(r.openFile(tape("mand")));
-    EXPECT_EQ(r.status(), 0);
-    fd = holdLock(at("mand"));
-    EXPECT_GE(fd, 0);
-    close(fd);
-    EXPECT_EQ(r.endf(bytes("locked data")), 0);
-    fd = holdLock(at("plain"));  // without -l a plain file's lock is not tested
-    EXPECT_EQ(r.compare(tape("plain"), "plain data"), Verdicts(0, 0));
-    EXPECT_EQ(r.end(), 3);
-    EXPECT_TRUE(logHas("(ws_compare[OPENFILE]) Failed to open regular file secret (Permission denied)"));
-    EXPECT_TRUE(logHas("(ws_compare[OPENFILE]) File mand is locked by another process"));
-
-    // With -l every regular file's lock is tested.
-    daemon_.stop();
-    ASSERT_TRUE(startDaemon({"-v", "-l"}));
-    ASSERT_EQ(beginCompare(), 4);
-    RestoreDriver l(client_);
-    EXPECT_EQ(l.compare(tape("plain"), "plain data"), Verdicts(0xDC, 0));
-    close(fd);
-    EXPECT_EQ(l.compare(tape("plain"), "plain data"), Verdicts(0, 0));
-    EXPECT_EQ(l.end(), 3);
 }
 
 TEST_F(CompareTest, RotationSetGroomingRemovesOnlyOldIdenticalFiles) {
