@@ -271,8 +271,7 @@ TEST_F(RestoreTest, LockedFilesAreAnsweredZAndKept) {
     close(fd);
     // Without the lock the file compares; the test's read lock is given up at
     // once, so a writer may lock the file while the job still holds it open.
-    ASSERT_TRUE(c.openFile(tape("cmp-mand")));
-    EXPECT_EQ(c.status(), 0);
+    ASSERT_EQ(c.compareOpen(tape("cmp-mand")), 0);
     fd = holdLock(at("cmp-mand"));
     EXPECT_GE(fd, 0);
     close(fd);
@@ -620,14 +619,12 @@ TEST_F(CompareTest, MissingObjectsSizesContentsFollowedLinksAndAbort) {
     EXPECT_EQ(r.compare(tape("link"), "target-aa"), Verdicts(0, 0xDA));
     EXPECT_EQ(r.compare(tape("link"), "target-a"), Verdicts(0, 0));
     // A link that goes away between OPENFILE and ENDF cannot be read.
-    ASSERT_TRUE(r.openFile(tape("vanishing")));
-    EXPECT_EQ(r.status(), 0);
+    ASSERT_EQ(r.compareOpen(tape("vanishing")), 0);
     unlink(at("vanishing").c_str());
     EXPECT_EQ(r.endf(bytes("target-a")), 0xD9);
 
     // A file cut short after OPENFILE: its blocks cannot be read.
-    ASSERT_TRUE(r.openFile(tape("shrinks")));
-    EXPECT_EQ(r.status(), 0);
+    ASSERT_EQ(r.compareOpen(tape("shrinks")), 0);
     truncate(at("shrinks").c_str(), 100);
     std::string data = pattern(12000, 7);
     for (size_t i = 0; i < 10240; i += 2048) ASSERT_TRUE(r.mof(bytes(data).subspan(i, 2048)));
@@ -683,8 +680,7 @@ TEST_F(CompareTest, MissingObjectsSizesContentsFollowedLinksAndAbort) {
     // left as it was, and the next compare is served.
     ASSERT_EQ(beginCompare(), 4);
     RestoreDriver cut(client_);
-    ASSERT_TRUE(cut.openFile(tape("to")));
-    EXPECT_EQ(cut.status(), 0);
+    ASSERT_EQ(cut.compareOpen(tape("to")), 0);
     ASSERT_TRUE(cut.mof(bytes(pattern(2048, 9))));
     resetConnection();
     EXPECT_TRUE(daemon_.waitForLog(kCut));
@@ -712,14 +708,12 @@ TEST_F(CompareTest, DamagedStreamsAndSizesBeyond32Bits) {
     // report.
     ASSERT_EQ(beginCompare(0, 0, groomingRecord(0x04)), 4);
     RestoreDriver r(client_);
-    ASSERT_TRUE(r.send(protocol::code::kOpenFile, longName(1024)));
-    EXPECT_EQ(r.status(), 0xD2);
+    EXPECT_EQ(r.command(protocol::code::kOpenFile, longName(1024)), 0xD2);
     ASSERT_TRUE(r.mof(std::vector<uint8_t>(2048, 'x')));
     EXPECT_EQ(r.endf(std::vector<uint8_t>(10, 'x')), 0);
-    ASSERT_TRUE(r.send(protocol::code::kMkdir, longName(4000)));
-    EXPECT_EQ(r.status(), 0xD3);
-    ASSERT_TRUE(r.send(protocol::code::kOpenFile, longName(1023)));  // fits the buffer; too long for the system
-    EXPECT_EQ(r.status(), 0xD2);
+    EXPECT_EQ(r.command(protocol::code::kMkdir, longName(4000)), 0xD3);
+    // A name that fits the buffer but is too long for the system.
+    EXPECT_EQ(r.command(protocol::code::kOpenFile, longName(1023)), 0xD2);
     EXPECT_EQ(r.endf(), 0);
     RestoreAttributes other = tape("f");
     other.mode ^= 0044;  // the same contents, but an attribute differs: not groomed
@@ -779,11 +773,9 @@ TEST_F(CompareTest, DamagedStreamsAndSizesBeyond32Bits) {
     EXPECT_EQ(big.size, 10u);
     ASSERT_EQ(beginCompare(), 4);
     RestoreDriver b(client_);
-    ASSERT_TRUE(b.openFile(big));
-    EXPECT_EQ(b.status(), 0);
+    ASSERT_EQ(b.compareOpen(big), 0);
     big.size = 11;
-    ASSERT_TRUE(b.openFile(big));
-    EXPECT_EQ(b.status(), 0xD5);
+    EXPECT_EQ(b.compareOpen(big), 0xD5);
     ASSERT_TRUE(b.send(protocol::code::kAbort));
     EXPECT_TRUE(agentCloses());
     EXPECT_TRUE(daemon_.waitForLog("(ws_compare[OPENFILE]) File [big] size is changed (11 -> 10)"));
