@@ -78,13 +78,14 @@ TEST(RestoreStreamEncoder, TheRecordIsTranslatedWithTheFullName) {
     EXPECT_EQ(e.packets[0].code, protocol::code::kMkdir);
     EXPECT_EQ(e.packets[3].code, protocol::code::kEnd);
     EXPECT_TRUE(e.packets[3].data.empty());
-    protocol::RestoreAttributes r;
-    ASSERT_EQ(protocol::decodeRestoreAttributes(e.packets[0].data, r), protocol::RecordError::None);
-    EXPECT_EQ(r.name, "/restore/home/u");
-    EXPECT_EQ(r.mode, 040755u);
     protocol::RestoreAttributes file = {.dev = 7, .ino = 99, .mode = 0100640, .nlink = 1, .uid = 12, .gid = 34,
                                         .rdev = 5, .atime = 111, .mtime = 222, .size = 3, .name = "/restore/home/u/f"};
     EXPECT_EQ(e.packets[1].data, protocol::encodeRestoreAttributes(file));
+    protocol::RestoreAttributes directory = file;
+    directory.mode = 040755;
+    directory.size = 0;
+    directory.name = "/restore/home/u";
+    EXPECT_EQ(e.packets[0].data, protocol::encodeRestoreAttributes(directory));
 
     EXPECT_EQ(restorePathFor("/r", "a/b"), "/r/a/b");
     EXPECT_EQ(restorePathFor("/", "a"), "/a");
