@@ -8,7 +8,9 @@
 // every kind of entry (tavikctl_test) is not repeated here.
 // CompareTest: a backup of a scratch tree is replayed with changes made on
 // disk; every verdict byte, the log lines, the access times and, with
-// grooming, the files left on disk and the grooming report are checked.
+// grooming, the files left on disk and the grooming report are checked;
+// damaged streams (overlong names, oversized payloads and records, a header
+// cut short) and a size above 32 bits are sent as no front-end would.
 // Names are sent relative to the job's root.
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -106,8 +108,6 @@ protected:
     std::string endWithGrooming(RestoreDriver& r, const std::string& count) {
         GroomingReport report = r.endWithReport();
         EXPECT_EQ(report.count, count + std::string(16 - count.size(), '\0'));
-        EXPECT_EQ(report.answer, 3);
-        EXPECT_TRUE(agentCloses());
         return report.work;
     }
 };
@@ -719,10 +719,7 @@ TEST_F(CompareTest, DamagedStreamsAndSizesBeyond32Bits) {
     other.mode ^= 0044;  // the same contents, but an attribute differs: not groomed
     EXPECT_EQ(r.compare(other, "data"), Verdicts(0xD6, 0));
     EXPECT_EQ(r.endf(), 0);  // no file to end: nothing is compared
-    GroomingReport report = r.endWithReport();
-    EXPECT_EQ(report.answer, 3);
-    EXPECT_EQ(report.count, "");
-    EXPECT_TRUE(agentCloses());
+    EXPECT_EQ(r.endWithReport().count, "");
     EXPECT_TRUE(daemon_.waitForLog("Total 0 files were deleted"));
     EXPECT_EQ(readFile(at("f")), "data");
     const std::string tooLong = std::string(100, 'n') + "... (File name too long)";

@@ -42,9 +42,8 @@ inline protocol::RestoreAttributes tapeOf(const std::string& path, const std::st
 using Verdicts = std::pair<int, int>;
 
 // After END of a grooming compare: the 16 bytes of the count ("" when no
-// report came) and the work file; `answer` is the answer that ends the job.
+// report came) and the work file.
 struct GroomingReport {
-    int answer = frontend::kNoAnswer;
     std::string count, work;
 };
 
@@ -95,26 +94,30 @@ public:
     int compareDir(const protocol::RestoreAttributes& a) { return command(protocol::code::kMkdir, encode(a)); }
     int end() { return command(protocol::code::kEnd); }
     // END, then with files groomed code 14, the count and the work file in
-    // MOF packets of 2048 bytes and a shorter ENDF (checked), then the answer.
+    // MOF packets of 2048 bytes and a shorter ENDF (checked); the job then
+    // ends with 3 and the agent closes the connection (checked).
     GroomingReport endWithReport() {
         GroomingReport report;
-        report.answer = end();
-        if (report.answer != 14) return report;
-        std::array<uint8_t, 16> count{};
-        EXPECT_TRUE(client_.recvRaw(count));
-        report.count.assign(count.begin(), count.end());
-        for (int code = protocol::code::kMof; code == protocol::code::kMof;) {
-            std::array<uint8_t, 8> h{};
-            if (!client_.recvRaw(h)) break;
-            code = h[2];
-            std::string data(wire::loadLe16(&h[6]), '\0');
-            if (!data.empty() && !client_.recvRaw({reinterpret_cast<uint8_t*>(data.data()), data.size()})) break;
-            bool last = code == protocol::code::kEndf && data.size() < protocol::kMaxDataPayload;
-            EXPECT_TRUE(code == protocol::code::kMof ? data.size() == protocol::kMaxDataPayload : last)
-                << code << " " << data.size();
-            report.work += data;
+        int answer = end();
+        if (answer == 14) {
+            std::array<uint8_t, 16> count{};
+            EXPECT_TRUE(client_.recvRaw(count));
+            report.count.assign(count.begin(), count.end());
+            for (int code = protocol::code::kMof; code == protocol::code::kMof;) {
+                std::array<uint8_t, 8> h{};
+                if (!client_.recvRaw(h)) break;
+                code = h[2];
+                std::string data(wire::loadLe16(&h[6]), '\0');
+                if (!data.empty() && !client_.recvRaw({reinterpret_cast<uint8_t*>(data.data()), data.size()})) break;
+                bool last = code == protocol::code::kEndf && data.size() < protocol::kMaxDataPayload;
+                EXPECT_TRUE(code == protocol::code::kMof ? data.size() == protocol::kMaxDataPayload : last)
+                    << code << " " << data.size();
+                report.work += data;
+            }
+            answer = status();
         }
-        report.answer = status();
+        EXPECT_EQ(answer, 3);
+        EXPECT_EQ(client_.readAnswer(), frontend::kNoAnswer) << "the agent closes the connection";
         return report;
     }
     int status() {
