@@ -8,8 +8,11 @@
 // every kind of entry (tavikctl_test) is not repeated here.
 // CompareTest: a backup of a scratch tree is replayed with changes made on
 // disk; every verdict byte, the log lines, the access times and, with
-// grooming, the files left on disk and the grooming report are checked.
+// grooming, the files left on disk and the grooming report are checked;
+// damaged streams (overlong names, oversized payloads and records, a header
+// cut short) and a size above 32 bits are sent as no front-end would.
 // Names are sent relative to the job's root.
+#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/sysmacros.h>
 
@@ -35,24 +38,26 @@ constexpr uint32_t kTime = 1234567890;
 constexpr int kSkipped = 0xCB;
 const std::string kCut = "Cannot Receive disconnect from localhost";
 
+constexpr time_t kOld = 631152000;  // 1990-01-01
+constexpr time_t kBackupTime = 1600000000;
+constexpr uint8_t kDetailed = 0x80;
+constexpr uint8_t kNoAccessReset = 0x08;
+
+// The login is trusted: its restores run as root and give files their
+// owners, set-id bits and device nodes; its compares still run as the login,
+// as they do not ask to keep root's identity.
 class JobStreamTest : public LoginJobTest {
 protected:
+    void SetUp() override {
+        LoginJobTest::SetUp();
+        trust(user_.name());
+    }
     mode_t modeOf(const std::string& name) const { return statOf(at(name)).st_mode; }
     // Closes the connection with a reset rather than an orderly end.
     void resetConnection() {
         linger hard{1, 0};
         setsockopt(client_.fd(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
         client_.close();
-    }
-};
-
-// The login is trusted: its restores run as root and give files their
-// owners, set-id bits and device nodes.
-class RestoreTest : public JobStreamTest {
-protected:
-    void SetUp() override {
-        LoginJobTest::SetUp();
-        trust(user_.name());
     }
     // Request (into the work directory unless `root` is given), the options
     // record when given, start: the answer to the request.
@@ -75,7 +80,40 @@ protected:
         a.name = at(name);
         return a;
     }
+    // Request, options (two lock attempts a second apart, divided by the
+    // time divisor), grooming, start: the answer to the request.
+    int beginCompare(uint8_t flags = 0, uint16_t ack = 0, const std::vector<uint8_t>& groom = {}, uint8_t follow = 0) {
+        auto f = fields(work_, 2);
+        f.follow = follow;
+        return begin(f, optionsRecord(2, 1, flags), ack, groom);
+    }
+    // A file of the login's with `content`, accessed 100 s before `mtime`.
+    void makeFile(const std::string& rel, const std::string& content, mode_t mode = 0644, time_t mtime = kBackupTime) {
+        std::ofstream(at(rel), std::ios::binary) << content;
+        chown(at(rel).c_str(), user_.uid(), user_.gid());
+        chmod(at(rel).c_str(), mode);
+        setTimes(at(rel), mtime - 100, mtime);
+    }
+    void makeDir(const std::string& rel) {
+        mkdir(at(rel).c_str(), 0755);
+        chown(at(rel).c_str(), user_.uid(), user_.gid());
+    }
+    // What a backup of the object on disk says now, under its relative name
+    // (or `as`).
+    RestoreAttributes tape(const std::string& rel, const std::string& as = "") const {
+        return tapeOf(rel.empty() ? work_ : at(rel), as.empty() ? rel : as);
+    }
+    // END, the grooming report with `count` files (checked), 3 and the close:
+    // the work file's text.
+    std::string endWithGrooming(RestoreDriver& r, const std::string& count) {
+        GroomingReport report = r.endWithReport();
+        EXPECT_EQ(report.count, count + std::string(16 - count.size(), '\0'));
+        return report.work;
+    }
 };
+
+using RestoreTest = JobStreamTest;
+using CompareTest = JobStreamTest;
 
 TEST_F(RestoreTest, FilesDirectoriesModesOwnersAndTimesComeBackExactlyWhereTheLoginMayWrite) {
     ASSERT_TRUE(startDaemon());
@@ -111,7 +149,8 @@ TEST_F(RestoreTest, FilesDirectoriesModesOwnersAndTimesComeBackExactlyWhereTheLo
 
     // A destination the login cannot make, or not write: 105.
     Tree rootOnly;
-    EXPECT_EQ(beginRestore(3, 0, rootOnly.path("dest")), 105);
+    // The path is made down to the first failure, and named up to there.
+    EXPECT_EQ(beginRestore(3, 0, rootOnly.path("dest/deeper")), 105);
     EXPECT_TRUE(daemon_.waitForLog("(make_path) Failed to make directory <" + rootOnly.path("dest") +
                                    "> (Permission denied)"));
     EXPECT_TRUE(daemon_.waitForLog("(make_dir) Failed to create restore directory " + rootOnly.path("dest")));
@@ -196,6 +235,10 @@ TEST_F(RestoreTest, EveryConflictPolicy) {
     EXPECT_TRUE(logHas("(ws_restore[OPENFILE]) Cannot create <" + at("d") + ">, same name directory exists"));
 }
 
+// A restore of a locked file answers 'z' and keeps the file; a compare
+// answers 0xDC, and 0xD4 for a file the login may not read. Without -l only
+// a set-group-id file without group execute has its lock tested; with -l
+// every regular file, and a read lock is enough to refuse a restore.
 TEST_F(RestoreTest, LockedFilesAreAnsweredZAndKept) {
     ASSERT_TRUE(startDaemon());
     writeFile(at("mand"), "locked data");
@@ -215,15 +258,44 @@ TEST_F(RestoreTest, LockedFilesAreAnsweredZAndKept) {
     EXPECT_EQ(readFile(at("mand")), "replacement");
     EXPECT_TRUE(logHas("(ws_restore[OPENFILE]) File " + at("mand") + " is locked by another process"));
 
-    // With -l every regular file is tested, a read lock is enough.
+    makeFile("secret", "root only", 0600);
+    chown(at("secret").c_str(), 0, 0);
+    makeFile("cmp-mand", "locked data", 02644);
+    makeFile("cmp-plain", "plain data");
+    fd = holdLock(at("cmp-mand"));
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(beginCompare(), 4);
+    RestoreDriver c(client_);
+    EXPECT_EQ(c.compare(tape("secret"), "root only"), Verdicts(0xD4, 0));
+    EXPECT_EQ(c.compare(tape("cmp-mand"), "locked data"), Verdicts(0xDC, 0));
+    close(fd);
+    // Without the lock the file compares; the test's read lock is given up at
+    // once, so a writer may lock the file while the job still holds it open.
+    ASSERT_EQ(c.compareOpen(tape("cmp-mand")), 0);
+    fd = holdLock(at("cmp-mand"));
+    EXPECT_GE(fd, 0);
+    close(fd);
+    EXPECT_EQ(c.endf(bytes("locked data")), 0);
+    fd = holdLock(at("cmp-plain"));  // without -l a plain file's lock is not tested
+    EXPECT_EQ(c.compare(tape("cmp-plain"), "plain data"), Verdicts(0, 0));
+    EXPECT_EQ(c.end(), 3);
+    EXPECT_TRUE(logHas("(ws_compare[OPENFILE]) Failed to open regular file secret (Permission denied)"));
+    EXPECT_TRUE(logHas("(ws_compare[OPENFILE]) File cmp-mand is locked by another process"));
+
     daemon_.stop();
     ASSERT_TRUE(startDaemon({"-v", "-l"}));
+    ASSERT_EQ(beginCompare(), 4);
+    RestoreDriver lc(client_);
+    EXPECT_EQ(lc.compare(tape("cmp-plain"), "plain data"), Verdicts(0xDC, 0));
+    close(fd);
+    EXPECT_EQ(lc.compare(tape("cmp-plain"), "plain data"), Verdicts(0, 0));
+    EXPECT_EQ(lc.end(), 3);
     fd = holdLock(at("plain"), F_RDLCK);
     ASSERT_GE(fd, 0);
     ASSERT_EQ(beginRestore(3, 0, "", optionsRecord(1, 0)), 4);
-    RestoreDriver l(client_);
-    EXPECT_EQ(l.file(file("plain"), "new"), 'z');
-    EXPECT_EQ(l.end(), 3);
+    RestoreDriver lr(client_);
+    EXPECT_EQ(lr.file(file("plain"), "new"), 'z');
+    EXPECT_EQ(lr.end(), 3);
     close(fd);
     EXPECT_EQ(readFile(at("plain")), "new plain");
 }
@@ -397,47 +469,6 @@ TEST_F(RestoreTest, BrokenStreamsEndTheJobAndAnsweredFilesStayIntact) {
     EXPECT_EQ(std::distance(fs::directory_iterator(work_), {}), 2) << "no temporary file is left";
 }
 
-constexpr time_t kOld = 631152000;  // 1990-01-01
-constexpr time_t kBackupTime = 1600000000;
-constexpr uint8_t kDetailed = 0x80;
-constexpr uint8_t kNoAccessReset = 0x08;
-
-class CompareTest : public JobStreamTest {
-protected:
-    // Request, options (two lock attempts a second apart, divided by the
-    // time divisor), grooming, start: the answer to the request.
-    int beginCompare(uint8_t flags = 0, uint16_t ack = 0, const std::vector<uint8_t>& groom = {}, uint8_t follow = 0) {
-        auto f = fields(work_, 2);
-        f.follow = follow;
-        return begin(f, optionsRecord(2, 1, flags), ack, groom);
-    }
-    // A file of the login's with `content`, accessed 100 s before `mtime`.
-    void makeFile(const std::string& rel, const std::string& content, mode_t mode = 0644, time_t mtime = kBackupTime) {
-        std::ofstream(at(rel), std::ios::binary) << content;
-        chown(at(rel).c_str(), user_.uid(), user_.gid());
-        chmod(at(rel).c_str(), mode);
-        setTimes(at(rel), mtime - 100, mtime);
-    }
-    void makeDir(const std::string& rel) {
-        mkdir(at(rel).c_str(), 0755);
-        chown(at(rel).c_str(), user_.uid(), user_.gid());
-    }
-    // What a backup of the object on disk says now, under its relative name
-    // (or `as`).
-    RestoreAttributes tape(const std::string& rel, const std::string& as = "") const {
-        return tapeOf(rel.empty() ? work_ : at(rel), as.empty() ? rel : as);
-    }
-    // END, the grooming report with `count` files (checked), 3 and the close:
-    // the work file's text.
-    std::string endWithGrooming(RestoreDriver& r, const std::string& count) {
-        GroomingReport report = r.endWithReport();
-        EXPECT_EQ(report.count, count + std::string(16 - count.size(), '\0'));
-        EXPECT_EQ(report.answer, 3);
-        EXPECT_TRUE(agentCloses());
-        return report.work;
-    }
-};
-
 TEST_F(CompareTest, AnUnchangedTreeIsIdenticalEverywhereAndKeepsItsAccessTimes) {
     ASSERT_TRUE(startDaemon());
     makeDir("sub");
@@ -588,14 +619,12 @@ TEST_F(CompareTest, MissingObjectsSizesContentsFollowedLinksAndAbort) {
     EXPECT_EQ(r.compare(tape("link"), "target-aa"), Verdicts(0, 0xDA));
     EXPECT_EQ(r.compare(tape("link"), "target-a"), Verdicts(0, 0));
     // A link that goes away between OPENFILE and ENDF cannot be read.
-    ASSERT_TRUE(r.openFile(tape("vanishing")));
-    EXPECT_EQ(r.status(), 0);
+    ASSERT_EQ(r.compareOpen(tape("vanishing")), 0);
     unlink(at("vanishing").c_str());
     EXPECT_EQ(r.endf(bytes("target-a")), 0xD9);
 
     // A file cut short after OPENFILE: its blocks cannot be read.
-    ASSERT_TRUE(r.openFile(tape("shrinks")));
-    EXPECT_EQ(r.status(), 0);
+    ASSERT_EQ(r.compareOpen(tape("shrinks")), 0);
     truncate(at("shrinks").c_str(), 100);
     std::string data = pattern(12000, 7);
     for (size_t i = 0; i < 10240; i += 2048) ASSERT_TRUE(r.mof(bytes(data).subspan(i, 2048)));
@@ -651,8 +680,7 @@ TEST_F(CompareTest, MissingObjectsSizesContentsFollowedLinksAndAbort) {
     // left as it was, and the next compare is served.
     ASSERT_EQ(beginCompare(), 4);
     RestoreDriver cut(client_);
-    ASSERT_TRUE(cut.openFile(tape("to")));
-    EXPECT_EQ(cut.status(), 0);
+    ASSERT_EQ(cut.compareOpen(tape("to")), 0);
     ASSERT_TRUE(cut.mof(bytes(pattern(2048, 9))));
     resetConnection();
     EXPECT_TRUE(daemon_.waitForLog(kCut));
@@ -662,43 +690,92 @@ TEST_F(CompareTest, MissingObjectsSizesContentsFollowedLinksAndAbort) {
     EXPECT_EQ(next.compare(tape("to"), pattern(5000, 9)), Verdicts(0, 0));
 }
 
-TEST_F(CompareTest, UnreadableFilesAndHeldLocks) {
+// Streams the front-end would never send: names too long for any file, a
+// record or a payload beyond its bound, a stream that stops in a header;
+// and a file whose size needs more than 32 bits.
+TEST_F(CompareTest, DamagedStreamsAndSizesBeyond32Bits) {
     ASSERT_TRUE(startDaemon());
-    makeFile("secret", "root only");
-    chown(at("secret").c_str(), 0, 0);
-    chmod(at("secret").c_str(), 0600);
-    makeFile("mand", "locked data", 02644);  // set-group-id without group execute: tested without -l
-    makeFile("plain", "plain data");
-    int fd = holdLock(at("mand"));
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(beginCompare(), 4);
+    makeFile("f", "data");
+    // A record whose name is `n` bytes of 'n' and its NUL.
+    auto longName = [](size_t n) {
+        std::vector<uint8_t> record(protocol::kRecName + n + 1, 'n');
+        std::fill_n(record.begin(), protocol::kRecName, 0);
+        record.back() = 0;
+        return record;
+    };
+    // Overlong names are objects that cannot be examined, and the stream
+    // goes on; a deleting grooming that finds nothing identical sends no
+    // report.
+    ASSERT_EQ(beginCompare(0, 0, groomingRecord(0x04)), 4);
     RestoreDriver r(client_);
-    EXPECT_EQ(r.compare(tape("secret"), "root only"), Verdicts(0xD4, 0));
-    EXPECT_EQ(r.compare(tape("mand"), "locked data"), Verdicts(0xDC, 0));
-    close(fd);
-    // Without the lock the file compares; the test's read lock is given up at
-    // once, so a writer may lock the file while the job still holds it open.
-    ASSERT_TRUE(r.openFile(tape("mand")));
-    EXPECT_EQ(r.status(), 0);
-    fd = holdLock(at("mand"));
-    EXPECT_GE(fd, 0);
-    close(fd);
-    EXPECT_EQ(r.endf(bytes("locked data")), 0);
-    fd = holdLock(at("plain"));  // without -l a plain file's lock is not tested
-    EXPECT_EQ(r.compare(tape("plain"), "plain data"), Verdicts(0, 0));
-    EXPECT_EQ(r.end(), 3);
-    EXPECT_TRUE(logHas("(ws_compare[OPENFILE]) Failed to open regular file secret (Permission denied)"));
-    EXPECT_TRUE(logHas("(ws_compare[OPENFILE]) File mand is locked by another process"));
+    EXPECT_EQ(r.command(protocol::code::kOpenFile, longName(1024)), 0xD2);
+    ASSERT_TRUE(r.mof(std::vector<uint8_t>(2048, 'x')));
+    EXPECT_EQ(r.endf(std::vector<uint8_t>(10, 'x')), 0);
+    EXPECT_EQ(r.command(protocol::code::kMkdir, longName(4000)), 0xD3);
+    // A name that fits the buffer but is too long for the system.
+    EXPECT_EQ(r.command(protocol::code::kOpenFile, longName(1023)), 0xD2);
+    EXPECT_EQ(r.endf(), 0);
+    RestoreAttributes other = tape("f");
+    other.mode ^= 0044;  // the same contents, but an attribute differs: not groomed
+    EXPECT_EQ(r.compare(other, "data"), Verdicts(0xD6, 0));
+    EXPECT_EQ(r.endf(), 0);  // no file to end: nothing is compared
+    EXPECT_EQ(r.endWithReport().count, "");
+    EXPECT_TRUE(daemon_.waitForLog("Total 0 files were deleted"));
+    EXPECT_EQ(readFile(at("f")), "data");
+    const std::string tooLong = std::string(100, 'n') + "... (File name too long)";
+    EXPECT_TRUE(logHas("(ws_compare[OPENFILE]) Failed to get the attributes (lstat) of " + tooLong));
+    EXPECT_TRUE(logHas("(ws_compare[MKDIR]) Failed to get the attributes (stat) of " + tooLong));
 
-    // With -l every regular file's lock is tested.
-    daemon_.stop();
-    ASSERT_TRUE(startDaemon({"-v", "-l"}));
-    ASSERT_EQ(beginCompare(), 4);
-    RestoreDriver l(client_);
-    EXPECT_EQ(l.compare(tape("plain"), "plain data"), Verdicts(0xDC, 0));
+    // A payload or record beyond its bound, or a header cut short: 100, and
+    // the job ends.
+    const struct {
+        const char* what;
+        std::function<void(RestoreDriver&)> send;
+        std::vector<int> answers;
+    } rows[] = {
+        {"a data payload larger than one packet may carry",
+         [&](RestoreDriver& d) {
+             if (d.openFile(tape("f"))) d.send(protocol::code::kMof, std::vector<uint8_t>(2049));
+         },
+         {0, 100}},
+        {"a record larger than the record area",
+         [&](RestoreDriver& d) { d.send(protocol::code::kOpenFile, longName(60000)); }, {100}},
+        {"a stream that stops in a header",
+         [&](RestoreDriver& d) {
+             if (d.openFile(tape("f"))) client_.sendRaw(std::array<uint8_t, 3>{});
+             shutdown(client_.fd(), SHUT_WR);
+         },
+         {0, 100}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        ASSERT_EQ(beginCompare(), 4);
+        RestoreDriver d(client_);
+        row.send(d);
+        for (int answer : row.answers) EXPECT_EQ(d.status(), answer);
+        EXPECT_TRUE(agentCloses());
+    }
+    EXPECT_TRUE(logHas("(GetReply) Failed to Receive Data Packet"));
+    EXPECT_TRUE(logHas("(GetReply) Failed to Receive Header Packet"));
+
+    // Above 4 GiB the size is compared by its low 32 bits.
+    int fd = open(at("big").c_str(), O_WRONLY | O_CREAT, 0644);
+    ASSERT_GE(fd, 0);
+    if (ftruncate(fd, (off_t{1} << 32) + 10) != 0) {
+        close(fd);
+        GTEST_SKIP() << "no sparse files of 4 GiB here";
+    }
     close(fd);
-    EXPECT_EQ(l.compare(tape("plain"), "plain data"), Verdicts(0, 0));
-    EXPECT_EQ(l.end(), 3);
+    RestoreAttributes big = tape("big");
+    EXPECT_EQ(big.size, 10u);
+    ASSERT_EQ(beginCompare(), 4);
+    RestoreDriver b(client_);
+    ASSERT_EQ(b.compareOpen(big), 0);
+    big.size = 11;
+    EXPECT_EQ(b.compareOpen(big), 0xD5);
+    ASSERT_TRUE(b.send(protocol::code::kAbort));
+    EXPECT_TRUE(agentCloses());
+    EXPECT_TRUE(daemon_.waitForLog("(ws_compare[OPENFILE]) File [big] size is changed (11 -> 10)"));
 }
 
 TEST_F(CompareTest, RotationSetGroomingRemovesOnlyOldIdenticalFiles) {

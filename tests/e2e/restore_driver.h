@@ -42,9 +42,8 @@ inline protocol::RestoreAttributes tapeOf(const std::string& path, const std::st
 using Verdicts = std::pair<int, int>;
 
 // After END of a grooming compare: the 16 bytes of the count ("" when no
-// report came) and the work file; `answer` is the answer that ends the job.
+// report came) and the work file.
 struct GroomingReport {
-    int answer = frontend::kNoAnswer;
     std::string count, work;
 };
 
@@ -59,6 +58,10 @@ public:
     bool send(int8_t code, std::span<const uint8_t> payload = {}) {
         return client_.sendRaw(frontend::buildCommand(code, 0, payload));
     }
+    // Any command and its answer (0..255), or frontend::kNoAnswer.
+    int command(int8_t code, std::span<const uint8_t> payload = {}) {
+        return send(code, payload) ? status() : frontend::kNoAnswer;
+    }
     bool mkdir(const protocol::RestoreAttributes& a) { return send(protocol::code::kMkdir, encode(a)); }
     bool openFile(const protocol::RestoreAttributes& a) { return send(protocol::code::kOpenFile, encode(a)); }
     // One MOF packet; false also when a due acknowledgement did not come.
@@ -69,7 +72,7 @@ public:
         return client_.readAnswer() == 0;
     }
     // ENDF with its data; the file's status byte (0..255) or frontend::kNoAnswer.
-    int endf(std::span<const uint8_t> data = {}) { return send(protocol::code::kEndf, data) ? status() : frontend::kNoAnswer; }
+    int endf(std::span<const uint8_t> data = {}) { return command(protocol::code::kEndf, data); }
     // The data in MOF payloads of at most 2048 bytes, the rest with ENDF.
     int data(const std::string& text) {
         std::span<const uint8_t> rest = bytes(text);
@@ -83,34 +86,38 @@ public:
     }
     // A compare's OPENFILE, its answer, then the data.
     Verdicts compare(const protocol::RestoreAttributes& a, const std::string& text = "") {
-        if (!openFile(a)) return {frontend::kNoAnswer, frontend::kNoAnswer};
-        int open = status();
-        return {open, data(text)};
+        int open = compareOpen(a);
+        return {open, open == frontend::kNoAnswer ? open : data(text)};
     }
-    // A compare's MKDIR and its answer.
-    int compareDir(const protocol::RestoreAttributes& a) { return mkdir(a) ? status() : frontend::kNoAnswer; }
-    int end() { return send(protocol::code::kEnd) ? status() : frontend::kNoAnswer; }
+    // A compare's OPENFILE or MKDIR and its answer.
+    int compareOpen(const protocol::RestoreAttributes& a) { return command(protocol::code::kOpenFile, encode(a)); }
+    int compareDir(const protocol::RestoreAttributes& a) { return command(protocol::code::kMkdir, encode(a)); }
+    int end() { return command(protocol::code::kEnd); }
     // END, then with files groomed code 14, the count and the work file in
-    // MOF packets of 2048 bytes and a shorter ENDF (checked), then the answer.
+    // MOF packets of 2048 bytes and a shorter ENDF (checked); the job then
+    // ends with 3 and the agent closes the connection (checked).
     GroomingReport endWithReport() {
         GroomingReport report;
-        report.answer = end();
-        if (report.answer != 14) return report;
-        std::array<uint8_t, 16> count{};
-        EXPECT_TRUE(client_.recvRaw(count));
-        report.count.assign(count.begin(), count.end());
-        for (int code = protocol::code::kMof; code == protocol::code::kMof;) {
-            std::array<uint8_t, 8> h{};
-            if (!client_.recvRaw(h)) break;
-            code = h[2];
-            std::string data(wire::loadLe16(&h[6]), '\0');
-            if (!data.empty() && !client_.recvRaw({reinterpret_cast<uint8_t*>(data.data()), data.size()})) break;
-            bool last = code == protocol::code::kEndf && data.size() < protocol::kMaxDataPayload;
-            EXPECT_TRUE(code == protocol::code::kMof ? data.size() == protocol::kMaxDataPayload : last)
-                << code << " " << data.size();
-            report.work += data;
+        int answer = end();
+        if (answer == 14) {
+            std::array<uint8_t, 16> count{};
+            EXPECT_TRUE(client_.recvRaw(count));
+            report.count.assign(count.begin(), count.end());
+            for (int code = protocol::code::kMof; code == protocol::code::kMof;) {
+                std::array<uint8_t, 8> h{};
+                if (!client_.recvRaw(h)) break;
+                code = h[2];
+                std::string data(wire::loadLe16(&h[6]), '\0');
+                if (!data.empty() && !client_.recvRaw({reinterpret_cast<uint8_t*>(data.data()), data.size()})) break;
+                bool last = code == protocol::code::kEndf && data.size() < protocol::kMaxDataPayload;
+                EXPECT_TRUE(code == protocol::code::kMof ? data.size() == protocol::kMaxDataPayload : last)
+                    << code << " " << data.size();
+                report.work += data;
+            }
+            answer = status();
         }
-        report.answer = status();
+        EXPECT_EQ(answer, 3);
+        EXPECT_EQ(client_.readAnswer(), frontend::kNoAnswer) << "the agent closes the connection";
         return report;
     }
     int status() {

@@ -1,13 +1,12 @@
-// The rename rule, path creation's failure, the destination child's death
-// and the hard-link table's capacity, on real directories; log lines read
-// back from the scratch log. Paths and links that are made are checked by the
-// end-to-end tests.
+// The rename rule, the destination child's death and the hard-link table's
+// capacity, on real directories; log lines read back from the scratch log.
+// Paths and links that are made, and a path that cannot be made, are checked
+// by the end-to-end tests.
 #include <signal.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -46,15 +45,6 @@ protected:
     testing::ScratchHome home_;
     std::string at(const std::string& name) const { return home_.dir() + "/" + name; }
 };
-
-TEST_F(PathsTest, MakePathStopsAtTheFirstFailureWithTheNameCutThere) {
-    std::ofstream(at("file")) << "x";
-    PathBuffer p;
-    ASSERT_TRUE(p.assign(at("file/sub/leaf")));
-    EXPECT_EQ(make_path(p, {geteuid(), getegid()}), -1);
-    EXPECT_EQ(std::string(p.c_str()), at("file/sub"));
-    EXPECT_TRUE(home_.logHas("(make_path) Failed to make directory <" + at("file/sub") + "> (Not a directory)"));
-}
 
 // The login's child making the root is checked end to end; here, a child
 // that dies.

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "frontend/restore_stream.h"
-#include "restore/agent_run.h"
+#include "protocol/packet.h"
 #include "protocol/restore_record.h"
 
 namespace tavik::frontend {
@@ -19,14 +19,24 @@ protocol::BackupAttributes regular(uint32_t size) {
             .mtime = 222, .dosTime = 0x1234, .dosDate = 0x5678, .size = size, .name = "f"};
 }
 
-// An encoder that collects its packets.
+// One packet handed to the sink: its code byte and payload.
+struct Packet {
+    int code;
+    std::vector<uint8_t> data;
+};
+
+// An encoder that keeps each packet its sink is given, checking that the
+// header's length is the payload's.
 struct Encoded {
-    std::vector<uint8_t> stream;
+    std::vector<Packet> packets;
     RestoreStreamEncoder enc{[this](std::span<const uint8_t> p) {
-        stream.insert(stream.end(), p.begin(), p.end());
+        protocol::HeaderBytes h{};
+        std::copy_n(p.begin(), h.size(), h.begin());
+        protocol::PacketHeader header = protocol::decodeHeader(h);
+        EXPECT_EQ(header.length, p.size() - h.size());
+        packets.push_back({uint8_t(header.code), {p.begin() + long(h.size()), p.end()}});
         return true;
     }};
-    std::vector<testing::Packet> packets() const { return testing::packetsOf(stream); }
 };
 
 // The data's sizes, fed in pieces of 7 and of 3000 bytes, and the payloads
@@ -43,13 +53,12 @@ TEST(RestoreStreamEncoder, DataIsCutInto2048BytePayloadsWithTheRestInEndf) {
             for (size_t at = 0; at < size; at += feed)
                 ASSERT_TRUE(e.enc.data(std::span<const uint8_t>(data).subspan(at, std::min(feed, size - at))));
             ASSERT_TRUE(e.enc.endFile());
-            std::vector<testing::Packet> packets = e.packets();
-            ASSERT_EQ(packets.size(), pieces.size() + 1) << size;
-            EXPECT_EQ(packets[0].code, protocol::code::kOpenFile);
+            ASSERT_EQ(e.packets.size(), pieces.size() + 1) << size;
+            EXPECT_EQ(e.packets[0].code, protocol::code::kOpenFile);
             for (size_t i = 0; i < pieces.size(); ++i) {
                 const int code = i + 1 < pieces.size() ? protocol::code::kMof : protocol::code::kEndf;
-                EXPECT_EQ(packets[i + 1].code, code);
-                EXPECT_EQ(packets[i + 1].data, std::vector<uint8_t>(pieces[i], 'd')) << size << " piece " << i;
+                EXPECT_EQ(e.packets[i + 1].code, code);
+                EXPECT_EQ(e.packets[i + 1].data, std::vector<uint8_t>(pieces[i], 'd')) << size << " piece " << i;
             }
         }
     }
@@ -65,18 +74,18 @@ TEST(RestoreStreamEncoder, TheRecordIsTranslatedWithTheFullName) {
     ASSERT_TRUE(e.enc.entry(dir, restorePathFor("/restore/", "/home/u"), {}));
     ASSERT_TRUE(e.enc.entry(regular(3), "/restore/home/u/f", std::vector<uint8_t>{1, 2, 3}));
     ASSERT_TRUE(e.enc.end());
-    std::vector<testing::Packet> packets = e.packets();
-    ASSERT_EQ(packets.size(), 4u);
-    EXPECT_EQ(packets[0].code, protocol::code::kMkdir);
-    EXPECT_EQ(packets[3].code, protocol::code::kEnd);
-    EXPECT_TRUE(packets[3].data.empty());
-    protocol::RestoreAttributes r;
-    ASSERT_EQ(protocol::decodeRestoreAttributes(packets[0].data, r), protocol::RecordError::None);
-    EXPECT_EQ(r.name, "/restore/home/u");
-    EXPECT_EQ(r.mode, 040755u);
+    ASSERT_EQ(e.packets.size(), 4u);
+    EXPECT_EQ(e.packets[0].code, protocol::code::kMkdir);
+    EXPECT_EQ(e.packets[3].code, protocol::code::kEnd);
+    EXPECT_TRUE(e.packets[3].data.empty());
     protocol::RestoreAttributes file = {.dev = 7, .ino = 99, .mode = 0100640, .nlink = 1, .uid = 12, .gid = 34,
                                         .rdev = 5, .atime = 111, .mtime = 222, .size = 3, .name = "/restore/home/u/f"};
-    EXPECT_EQ(packets[1].data, protocol::encodeRestoreAttributes(file));
+    EXPECT_EQ(e.packets[1].data, protocol::encodeRestoreAttributes(file));
+    protocol::RestoreAttributes directory = file;
+    directory.mode = 040755;
+    directory.size = 0;
+    directory.name = "/restore/home/u";
+    EXPECT_EQ(e.packets[0].data, protocol::encodeRestoreAttributes(directory));
 
     EXPECT_EQ(restorePathFor("/r", "a/b"), "/r/a/b");
     EXPECT_EQ(restorePathFor("/", "a"), "/a");
