@@ -277,17 +277,7 @@ TEST_F(GroomingLibrary, RecordingPassesOverWhatIsNotEligible) {
     EXPECT_EQ(readFile(GroomingCandidatesFile()), "1 /tmp\n2 /usr/library/x\n3 /opt/tavikd/x\n");
 
     const std::string candidates = GroomingCandidatesFile(), work = GroomingWorkFile();
-    RemoveGroomingTempFiles();
-    RemoveGroomingTempFiles();  // twice is harmless
-    EXPECT_FALSE(fs::exists(candidates) || fs::exists(work));
-    EXPECT_EQ(EndGrooming(), -1) << "grooming was abandoned";
-    EXPECT_EQ(RecordGrooming("/usr/library/y", file), 0);
-    EXPECT_TRUE(tempFiles().empty());
-}
-
-TEST_F(GroomingLibrary, ForkedChildLeavesTheParentsFilesAlone) {
-    ASSERT_EQ(begin(), 0);
-    const std::string candidates = GroomingCandidatesFile(), work = GroomingWorkFile();
+    // A forked child's cleanup leaves the parent's files alone.
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
@@ -297,7 +287,11 @@ TEST_F(GroomingLibrary, ForkedChildLeavesTheParentsFilesAlone) {
     ASSERT_EQ(tavik::testing::exitStatusOf(pid), 0);
     EXPECT_TRUE(fs::exists(candidates) && fs::exists(work));
     RemoveGroomingTempFiles();
+    RemoveGroomingTempFiles();  // twice is harmless
     EXPECT_FALSE(fs::exists(candidates) || fs::exists(work));
+    EXPECT_EQ(EndGrooming(), -1) << "grooming was abandoned";
+    EXPECT_EQ(RecordGrooming("/usr/library/y", file), 0);
+    EXPECT_TRUE(tempFiles().empty());
 }
 
 TEST_F(GroomingLibrary, LinksNeverLeadIntoProtectedDirectories) {
@@ -492,9 +486,8 @@ TEST_F(GroomControlFile, ReadsLinesThatBeginWithASlash) {
     // A missing file protects nothing and is no failure.
     ASSERT_EQ(dir_cntl((home_ + "/none").c_str(), list), 0);
     EXPECT_EQ(list, nullptr);
-}
 
-TEST_F(GroomControlFile, PackageValues) {
+    // The package information files: NAME=value lines.
     const std::string info = root_ + "/pkginfo";
     writeFile(info, "PKG=x\nKRV_HOMEDIR=/wrong\nKRV_HOME=/opt/krv=2\nKRV_HOME=/second\n");
     std::string value;
