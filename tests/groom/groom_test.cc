@@ -18,33 +18,25 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "daemon/scratch_home.h"
 #include "daemon/state.h"
+#include "e2e/daemon_fixture.h"
 #include "nls/messages.h"
 
 namespace {
 
 using namespace tavik::groom;
-using tavik::testing::readFile;
+using tavik::test::has;
+using tavik::test::lines;
+using tavik::test::readFile;
+using tavik::test::setTimes;
+using tavik::test::writeFile;
 namespace fs = std::filesystem;
 namespace protocol = tavik::protocol;
-
-void writeFile(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
-
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> out;
-    std::stringstream s(text);
-    for (std::string line; std::getline(s, line);) out.push_back(line);
-    return out;
-}
 
 class GroomScratch : public ::testing::Test {
 protected:
@@ -116,10 +108,6 @@ protected:
         return path;
     }
 
-    static void setTimes(const std::string& path, time_t atime, time_t mtime) {
-        struct timespec times[2] = {{atime, 0}, {mtime, 0}};
-        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
-    }
 
     static protocol::GroomingRecord deleting() { return {.fOptions = protocol::kGroomDelete, .rotationSet = ""}; }
     static protocol::GroomingRecord rotation() {
@@ -376,11 +364,10 @@ TEST_F(GroomingLibrary, DeletesOnlyWhatIsStillWhatWasRecorded) {
     EXPECT_EQ(GroomedCount(), 151);
     for (const std::string& p : plain) EXPECT_FALSE(fs::exists(p)) << p;
     const std::string work = readFile(GroomingWorkFile());
-    auto has = [&](const std::string& text) { return work.find(text) != std::string::npos; };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.path);
-        EXPECT_EQ(has("(EndGrooming) Could not remove " + row.path + " (" + row.line + ")\n"), !row.line.empty());
-        EXPECT_EQ(has(" " + row.path + "\n"), row.deleted);
+        EXPECT_EQ(has(work, "(EndGrooming) Could not remove " + row.path + " (" + row.line + ")\n"), !row.line.empty());
+        EXPECT_EQ(has(work, " " + row.path + "\n"), row.deleted);
     }
     EXPECT_FALSE(fs::exists(tree_ + "/e/link"));
     for (const char* kept : {"c/f", "c/f-old", "e/target", "g-real/f"})
