@@ -248,10 +248,11 @@ TEST_F(FilterModel, ItemsLoggedInWordsAndStoredInOrder) {
     EXPECT_EQ(filter_.TimeIncPattern[1].from, utc(2026, 1, 5, 5));
     EXPECT_EQ(filter_.TimeIncPattern[1].to, utc(2026, 2, 2, 4, 59, 59));
 
-    // A second build starts afresh, from its own items and root.
+    // A second build starts afresh, from its own items and root; without
+    // item logging even a rejected pattern is silent.
     received_ = {};
-    add(patterns(false, true, {"*.o"}));
-    ASSERT_EQ(InitializeFilter(filter_, received_, "/usr", false, 0), 0);
+    add(patterns(false, true, {"*.o", "/home/x"}));
+    EXPECT_EQ(InitializeFilter(filter_, received_, "/usr", false, 0), -1);
     EXPECT_EQ(names(filter_.FileExcPattern) + names(filter_.FileIncPattern) + filter_.filterRoot, "*.o/usr/");
     EXPECT_EQ(filter_.patternCount, 1u);
     EXPECT_TRUE(filter_.TimeIncPattern.empty());
