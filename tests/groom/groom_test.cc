@@ -11,7 +11,6 @@
 // printed in UTC.
 #include "groom/groom.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
