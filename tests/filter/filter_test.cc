@@ -12,7 +12,6 @@
 #include <chrono>
 #include <clocale>
 #include <ctime>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -27,6 +26,7 @@ namespace {
 
 using namespace tavik::filter;
 namespace protocol = tavik::protocol;
+using tavik::testing::logMessages;
 using tavik::wire::ByteReader;
 using Bytes = std::vector<uint8_t>;
 
@@ -88,16 +88,6 @@ protected:
     }
     void TearDown() override { tavik::startupSettings().verbose = false; }
 
-    // The messages logged so far, without their date and process id.
-    std::vector<std::string> logMessages() const {
-        std::ifstream in(tavik::paths().logPath);
-        std::vector<std::string> messages;
-        for (std::string line; std::getline(in, line);) {
-            const size_t dash = line.find(") - ");
-            messages.push_back(dash == std::string::npos ? line : line.substr(dash + 4));
-        }
-        return messages;
-    }
     // Adds an encoded item (and its data) as the receiving side files it.
     void add(const Bytes& bytes) {
         ASSERT_GE(bytes.size(), protocol::kFilterItemSize);

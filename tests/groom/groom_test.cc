@@ -34,6 +34,7 @@ using tavik::test::lines;
 using tavik::test::readFile;
 using tavik::test::setTimes;
 using tavik::test::writeFile;
+using tavik::testing::logMessages;
 namespace fs = std::filesystem;
 namespace protocol = tavik::protocol;
 
@@ -117,13 +118,6 @@ protected:
     std::vector<std::string> tempFiles() const {
         std::vector<std::string> out;
         for (const auto& e : fs::directory_iterator(tmp_)) out.push_back(e.path().string());
-        return out;
-    }
-    // The agent log's messages, without their date and process id.
-    static std::vector<std::string> logMessages() {
-        std::vector<std::string> out;
-        for (const std::string& line : lines(readFile(tavik::paths().logPath)))
-            out.push_back(line.substr(line.find(") - ") + 4));
         return out;
     }
 
