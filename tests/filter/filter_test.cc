@@ -526,7 +526,7 @@ TEST(FileSelected, TimeListsWithPatterns) {
 
 // The older request-borne selection: name lists of at most 16 entries,
 // exact directory names, and a date threshold packed in local fields.
-TEST(OldSelection, FileListModesDateMethodsAndCountBound) {
+TEST(OldSelection, FileListModesAndCountBound) {
     setTimeZone(kNewYorkTz);
     const time_t mtime = utc(2026, 3, 10, 14, 30, 58);
     EXPECT_EQ(uint32_t(packedTime(mtime)), 0x5C6A73DDu);
