@@ -16,6 +16,7 @@
 #include <sstream>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "daemon/state.h"
 #include "scratch_base.h"
@@ -27,6 +28,17 @@ inline std::string readFile(const std::string& path) {
     std::stringstream s;
     s << in.rdbuf();
     return s.str();
+}
+
+// The agent log's messages, without their date and process id.
+inline std::vector<std::string> logMessages() {
+    std::istringstream in(readFile(paths().logPath));
+    std::vector<std::string> messages;
+    for (std::string line; std::getline(in, line);) {
+        const size_t dash = line.find(") - ");
+        messages.push_back(dash == std::string::npos ? line : line.substr(dash + 4));
+    }
+    return messages;
 }
 
 class ScratchHome {

@@ -11,40 +11,32 @@
 // printed in UTC.
 #include "groom/groom.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "daemon/scratch_home.h"
 #include "daemon/state.h"
+#include "e2e/daemon_fixture.h"
 #include "nls/messages.h"
 
 namespace {
 
 using namespace tavik::groom;
-using tavik::testing::readFile;
+using tavik::test::has;
+using tavik::test::lines;
+using tavik::test::readFile;
+using tavik::test::setTimes;
+using tavik::test::writeFile;
+using tavik::testing::logMessages;
 namespace fs = std::filesystem;
 namespace protocol = tavik::protocol;
-
-void writeFile(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
-
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> out;
-    std::stringstream s(text);
-    for (std::string line; std::getline(s, line);) out.push_back(line);
-    return out;
-}
 
 class GroomScratch : public ::testing::Test {
 protected:
@@ -117,10 +109,6 @@ protected:
         return path;
     }
 
-    static void setTimes(const std::string& path, time_t atime, time_t mtime) {
-        struct timespec times[2] = {{atime, 0}, {mtime, 0}};
-        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
-    }
 
     static protocol::GroomingRecord deleting() { return {.fOptions = protocol::kGroomDelete, .rotationSet = ""}; }
     static protocol::GroomingRecord rotation() {
@@ -131,13 +119,6 @@ protected:
     std::vector<std::string> tempFiles() const {
         std::vector<std::string> out;
         for (const auto& e : fs::directory_iterator(tmp_)) out.push_back(e.path().string());
-        return out;
-    }
-    // The agent log's messages, without their date and process id.
-    static std::vector<std::string> logMessages() {
-        std::vector<std::string> out;
-        for (const std::string& line : lines(readFile(tavik::paths().logPath)))
-            out.push_back(line.substr(line.find(") - ") + 4));
         return out;
     }
 
@@ -278,17 +259,7 @@ TEST_F(GroomingLibrary, RecordingPassesOverWhatIsNotEligible) {
     EXPECT_EQ(readFile(GroomingCandidatesFile()), "1 /tmp\n2 /usr/library/x\n3 /opt/tavikd/x\n");
 
     const std::string candidates = GroomingCandidatesFile(), work = GroomingWorkFile();
-    RemoveGroomingTempFiles();
-    RemoveGroomingTempFiles();  // twice is harmless
-    EXPECT_FALSE(fs::exists(candidates) || fs::exists(work));
-    EXPECT_EQ(EndGrooming(), -1) << "grooming was abandoned";
-    EXPECT_EQ(RecordGrooming("/usr/library/y", file), 0);
-    EXPECT_TRUE(tempFiles().empty());
-}
-
-TEST_F(GroomingLibrary, ForkedChildLeavesTheParentsFilesAlone) {
-    ASSERT_EQ(begin(), 0);
-    const std::string candidates = GroomingCandidatesFile(), work = GroomingWorkFile();
+    // A forked child's cleanup leaves the parent's files alone.
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
@@ -298,7 +269,11 @@ TEST_F(GroomingLibrary, ForkedChildLeavesTheParentsFilesAlone) {
     ASSERT_EQ(tavik::testing::exitStatusOf(pid), 0);
     EXPECT_TRUE(fs::exists(candidates) && fs::exists(work));
     RemoveGroomingTempFiles();
+    RemoveGroomingTempFiles();  // twice is harmless
     EXPECT_FALSE(fs::exists(candidates) || fs::exists(work));
+    EXPECT_EQ(EndGrooming(), -1) << "grooming was abandoned";
+    EXPECT_EQ(RecordGrooming("/usr/library/y", file), 0);
+    EXPECT_TRUE(tempFiles().empty());
 }
 
 TEST_F(GroomingLibrary, LinksNeverLeadIntoProtectedDirectories) {
@@ -383,11 +358,10 @@ TEST_F(GroomingLibrary, DeletesOnlyWhatIsStillWhatWasRecorded) {
     EXPECT_EQ(GroomedCount(), 151);
     for (const std::string& p : plain) EXPECT_FALSE(fs::exists(p)) << p;
     const std::string work = readFile(GroomingWorkFile());
-    auto has = [&](const std::string& text) { return work.find(text) != std::string::npos; };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.path);
-        EXPECT_EQ(has("(EndGrooming) Could not remove " + row.path + " (" + row.line + ")\n"), !row.line.empty());
-        EXPECT_EQ(has(" " + row.path + "\n"), row.deleted);
+        EXPECT_EQ(has(work, "(EndGrooming) Could not remove " + row.path + " (" + row.line + ")\n"), !row.line.empty());
+        EXPECT_EQ(has(work, " " + row.path + "\n"), row.deleted);
     }
     EXPECT_FALSE(fs::exists(tree_ + "/e/link"));
     for (const char* kept : {"c/f", "c/f-old", "e/target", "g-real/f"})
@@ -493,9 +467,8 @@ TEST_F(GroomControlFile, ReadsLinesThatBeginWithASlash) {
     // A missing file protects nothing and is no failure.
     ASSERT_EQ(dir_cntl((home_ + "/none").c_str(), list), 0);
     EXPECT_EQ(list, nullptr);
-}
 
-TEST_F(GroomControlFile, PackageValues) {
+    // The package information files: NAME=value lines.
     const std::string info = root_ + "/pkginfo";
     writeFile(info, "PKG=x\nKRV_HOMEDIR=/wrong\nKRV_HOME=/opt/krv=2\nKRV_HOME=/second\n");
     std::string value;

@@ -1,5 +1,8 @@
 // The link-refusing walk on a real tree: which links it follows, what each
-// refusal answers, and that it lands on the very directory it names.
+// refusal answers, and that it lands on the very directory it names; and
+// reading directories for the backup: every entry with its type, and the
+// same listing after a rewind. (That reading leaves access times alone is
+// asserted end to end by ProtectedDirectoriesAreLeftOutAndAccessTimesRestored.)
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,9 +10,12 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <fstream>
+#include <map>
 #include <string>
 
 #include "daemon/scratch_home.h"
+#include "platform/dir_stream.h"
 #include "platform/safe_path.h"
 
 namespace {
@@ -77,6 +83,41 @@ TEST(SafePath, SplitsBeforeTheLastComponent) {
         EXPECT_EQ(p.directory, row.directory) << row.path;
         EXPECT_EQ(p.name, row.name) << row.path;
     }
+}
+
+std::map<std::string, unsigned char> list(DirStream& d) {
+    std::map<std::string, unsigned char> out;
+    errno = 0;
+    while (const DirStream::Entry* e = d.next()) out[e->name] = e->type;
+    EXPECT_EQ(errno, 0);
+    return out;
+}
+
+TEST(ReadTest, DirectoryListsEveryEntryWithItsTypeAndAgainAfterRewind) {
+    tavik::testing::ScratchHome home;
+    auto at = [&](const std::string& name) { return home.dir() + "/" + name; };
+    std::ofstream(at("file")) << "x";
+    mkdir(at("sub").c_str(), 0755);
+    symlink("file", at("link").c_str());
+    mkfifo(at("fifo").c_str(), 0600);
+    // Enough long names to take several reads of the buffer.
+    for (int i = 0; i < 400; ++i) std::ofstream(at(std::string(200, 'n') + std::to_string(i)));
+
+    DirStream d;
+    ASSERT_TRUE(d.open(home.dir().c_str(), false));
+    auto first = list(d);
+    EXPECT_EQ(first.size(), 407u);  // the home's LOG folder included
+    const std::map<std::string, unsigned char> kinds = {{".", DT_DIR},     {"..", DT_DIR},  {"file", DT_REG},
+                                                        {"sub", DT_DIR},   {"link", DT_LNK}, {"fifo", DT_FIFO}};
+    for (const auto& [name, type] : kinds) EXPECT_EQ(first[name], type) << name;
+    ASSERT_TRUE(d.rewind());
+    EXPECT_EQ(list(d), first);
+
+    DirStream missing;
+    EXPECT_FALSE(missing.open(at("none").c_str(), true));
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(missing.open(at("file").c_str(), true));
+    EXPECT_EQ(errno, ENOTDIR);
 }
 
 }  // namespace
