@@ -115,11 +115,32 @@ TEST(DaemonStartup, BannerStartLinePidFileModesAndSigterm) {
 
 TEST(DaemonStartup, BadOptionsPortsAndASecondDaemonOnThePort) {
     Daemon d;
-    auto r = d.launch({"-p", "abc"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.output.rfind("\nUsage:\n  tavikd [options]\n\n  -b <bufsz>:", 0), 0u) << r.output;
-    for (std::vector<std::string> bad : {std::vector<std::string>{"-s", "fast"}, {"-b", "12k"}, {"-x"}, {"-p"}})
-        EXPECT_EQ(d.launch(bad).status, 1) << bad[0];
+    const std::string usage =
+        "\nUsage:\n  tavikd [options]\n\n"
+        "  -b <bufsz>: specify I/O buffer size in bytes (1024..8192) [2048]\n"
+        "  -m <maxbuf>: specify number of buffers allocated for I/O (10..1024) [100]\n"
+        "  -s <bufsz>: specify socket buffer size in bytes (4096..65535)\n"
+        "  -p <tcp_port>: specify TCP port number (*) [6050]\n"
+        "  -v: verbose mode\n"
+        "  -f: follow symbolic links (*)\n"
+        "  -n: backup NFS mounted directories\n"
+        "  -l: check for advisory locks [mandatory locks only]\n"
+        "  -t: will not reset file access time after backup\n"
+        "  -a <n>: acknowledge for every n packets [0:no ack.]\n"
+        "  -S: Single user mode\n"
+        "  -r <n>: reconnect TCP for every n KB of data transferred\n"
+        "  -R <n>: reconnect TCP for every n files transferred\n"
+        "  -c <n>: sleep n milliseconds while waiting (0..1000) [0]\n"
+        "  -e: backup will not traverse across file system\n"
+        "\n  [ ]: default values\n"
+        "  (*): only work with Korvane 4.0\n";
+    const std::vector<std::string> bad[] = {{"-p", "abc"}, {"-s", "fast"}, {"-b", "12k"}, {"-x"}, {"-p"},
+                                            {"-b"},        {"-m", "-1"},   {"-c", "1e3"}, {"-a", " 4"}};
+    for (const auto& args : bad) {
+        LaunchResult r = d.launch(args);
+        EXPECT_EQ(r.status, 1) << ::testing::PrintToString(args);
+        EXPECT_EQ(r.output, usage) << ::testing::PrintToString(args);
+    }
 
     // An empty port argument: the system chooses one and the listener logs it.
     ASSERT_TRUE(d.start({"-v", "-p", ""})) << d.launcher().output;
@@ -133,7 +154,7 @@ TEST(DaemonStartup, BadOptionsPortsAndASecondDaemonOnThePort) {
     Daemon first;
     ASSERT_TRUE(first.start({}));
     Daemon second;
-    r = second.launch({"-p", std::to_string(first.port())});
+    LaunchResult r = second.launch({"-p", std::to_string(first.port())});
     EXPECT_EQ(r.status, 1);
     EXPECT_TRUE(has(r.output, "(udpOpen) Failed to bind socket address (Address already in use)")) << r.output;
     log = readFile(second.logPath());
