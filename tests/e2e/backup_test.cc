@@ -118,18 +118,6 @@ Stream receive(tavik::platform::UniqueFd connection, uint16_t ackInterval) {
     return out;
 }
 
-// A call to `port` from the loopback address `source` (-1 when refused).
-int call(uint16_t port, const char* source) {
-    int s = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in from = inetAddress(0), to = inetAddress(port);
-    inet_pton(AF_INET, source, &from.sin_addr);
-    if (::bind(s, reinterpret_cast<sockaddr*>(&from), sizeof from) == 0 &&
-        ::connect(s, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0)
-        return s;
-    ::close(s);
-    return -1;
-}
-
 // What a backup job is asked for (every member has its default, so that a
 // test names only what it changes).
 struct BackupSetup {
@@ -444,13 +432,13 @@ TEST_F(BackupFlowTest, RenewalsAfterFilesAndAfterKilobytes) {
     EXPECT_EQ(headers, (Summary{"6:", "6:f1"}));
     ASSERT_EQ(p.code, 16);
     EXPECT_TRUE(p.payload.empty());
-    tavik::platform::UniqueFd stranger(call(p.value, "127.0.0.2"));
+    tavik::platform::UniqueFd stranger(callFrom(p.value, "127.0.0.2"));
     ASSERT_TRUE(stranger) << "the stranger's call on the new port was refused";
     uint8_t byte;
     Received r = tavik::platform::recvAll(stranger.get(), &byte, 1, 5000);
     EXPECT_TRUE(r == Received::Closed || r == Received::Failed) << "the stranger's call was not closed";
     EXPECT_TRUE(daemon_.waitForLog(" from 127.0.0.2 is not the front-end's: closed"));
-    Stream rest = receive(tavik::platform::UniqueFd(call(p.value, "127.0.0.1")), 1);
+    Stream rest = receive(tavik::platform::UniqueFd(callFrom(p.value)), 1);
     EXPECT_TRUE(rest.complete) << rest.error;
     EXPECT_EQ(rest.summary(), (Summary{"7:2048", "8:952", "9", "3"}));
     EXPECT_EQ(rest.files()[""], pattern(3000));  // the data of f1, whose header came before

@@ -49,14 +49,6 @@ std::vector<std::string> logMessages(const Daemon& d) {
     return out;
 }
 
-// A TCP call to the daemon.
-int call(const Daemon& d) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr = inetAddress(d.port());
-    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-    return fd;
-}
-
 // The daemon ends the call within `timeoutMs`.
 bool closedWithin(int fd, int timeoutMs) {
     pollfd p{fd, POLLIN, 0};
@@ -227,7 +219,7 @@ TEST(Availability, SilentAndDrippingCallersHoldUpNoOne) {
     Daemon d;
     ASSERT_TRUE(d.start({"-v", "-S"}, {{"TAVIK_TIME_DIVISOR", "10"}}));
     std::vector<int> silent, dripping;
-    for (int i = 0; i < 64; ++i) (i < 32 ? silent : dripping).push_back(call(d));
+    for (int i = 0; i < 64; ++i) (i < 32 ? silent : dripping).push_back(callFrom(d.port()));
     // A whole request, a byte at a time: it would take 34 s.
     tavik::frontend::RequestFields anyone{.root = "/tmp", .login = "anyone", .password = "", .opMode = 7};
     std::vector<uint8_t> request = tavik::frontend::buildRequestPacket(anyone);
@@ -274,9 +266,9 @@ TEST(Availability, CallsBeyondTheBoundsAreClosedAtOnce) {
     ASSERT_TRUE(d.start({"-v", "-S", "-s", "nonblocking"}, {{"TAVIK_TIME_DIVISOR", "10"}}));
     EXPECT_TRUE(d.waitForLog("* At most 2 callers waiting for admission and 1 jobs"));
     EXPECT_TRUE(d.waitForLog("(limits) " + d.home() + "limits.cntl line 4 is ignored: bogus 3"));
-    int waiting[2] = {call(d), call(d)};
+    int waiting[2] = {callFrom(d.port()), callFrom(d.port())};
     usleep(200000);
-    int third = call(d);
+    int third = callFrom(d.port());
     EXPECT_TRUE(closedWithin(third, 2000));
     EXPECT_TRUE(d.waitForLog("Call from 127.0.0.1 closed: 2 callers are waiting for admission and 0 jobs are running"));
     for (int fd : {waiting[0], waiting[1], third}) close(fd);
@@ -286,7 +278,7 @@ TEST(Availability, CallsBeyondTheBoundsAreClosedAtOnce) {
     ASSERT_TRUE(job.connect("127.0.0.1", d.port()));
     EXPECT_EQ(job.request({.root = "/tmp", .login = "anyone", .password = "", .opMode = 7}), 4);
     usleep(200000);
-    int fourth = call(d);
+    int fourth = callFrom(d.port());
     EXPECT_TRUE(closedWithin(fourth, 2000));
     EXPECT_TRUE(d.waitForLog("0 callers are waiting for admission and 1 jobs are running"));
     close(fourth);
