@@ -1,7 +1,8 @@
-// The command line: values out of range fall back to their defaults, usage
-// errors, the usage text, and the home directory from the program's path.
-// The confirmation lines of every option are checked on the real daemon by
-// DaemonStartup.ConfirmationLinesInOrderAndMarkerFile.
+// The command line: values out of range fall back to their defaults, and
+// the home directory from the program's path. The confirmation lines of
+// every option are checked on the real daemon by
+// DaemonStartup.BannerStartLinePidFileModesAndSigterm, usage errors and the
+// usage text by DaemonStartup.BadOptionsPortsAndASecondDaemonOnThePort.
 #include "daemon/options.h"
 
 #include <gtest/gtest.h>
@@ -67,38 +68,6 @@ TEST(Options, SleepAckAndReconnectClamps) {
     EXPECT_EQ(s.reconnectKB, 100000);
     EXPECT_EQ(s.reconnectFiles, 1000);
     EXPECT_EQ(s.tcpPort, uint16_t(70000)) << "taken as 16 bits, no range test";
-}
-
-// Beside the errors the real daemon is started with in
-// DaemonStartup.BadOptionsPortsAndASecondDaemonOnThePort.
-TEST(Options, UsageErrors) {
-    Settings s;
-    for (std::vector<std::string> bad : {std::vector<std::string>{"-b"}, {"-m", "-1"}, {"-c", "1e3"}, {"-a", " 4"}}) {
-        EXPECT_FALSE(parse(bad, s)) << bad[0];
-    }
-}
-
-TEST(Options, UsageTextByteForByte) {
-    const std::string expected =
-        "\nUsage:\n  tavikd [options]\n\n"
-        "  -b <bufsz>: specify I/O buffer size in bytes (1024..8192) [2048]\n"
-        "  -m <maxbuf>: specify number of buffers allocated for I/O (10..1024) [100]\n"
-        "  -s <bufsz>: specify socket buffer size in bytes (4096..65535)\n"
-        "  -p <tcp_port>: specify TCP port number (*) [6050]\n"
-        "  -v: verbose mode\n"
-        "  -f: follow symbolic links (*)\n"
-        "  -n: backup NFS mounted directories\n"
-        "  -l: check for advisory locks [mandatory locks only]\n"
-        "  -t: will not reset file access time after backup\n"
-        "  -a <n>: acknowledge for every n packets [0:no ack.]\n"
-        "  -S: Single user mode\n"
-        "  -r <n>: reconnect TCP for every n KB of data transferred\n"
-        "  -R <n>: reconnect TCP for every n files transferred\n"
-        "  -c <n>: sleep n milliseconds while waiting (0..1000) [0]\n"
-        "  -e: backup will not traverse across file system\n"
-        "\n  [ ]: default values\n"
-        "  (*): only work with Korvane 4.0\n";
-    EXPECT_EQ(tavik::usageText("/opt/agent/tavikd"), expected);
 }
 
 TEST(Options, HomeDirectoryFromProgramPath) {

@@ -1,10 +1,8 @@
 // Test support: a scratch home directory with its LOG folder, made the
 // agent's paths() for the test's lifetime, and a reader for its log; socket
-// pairs, loopback connections and bounded reads for the network tests.
+// pairs and bounded reads for the network tests.
 #pragma once
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -23,6 +21,7 @@
 
 namespace tavik::testing {
 
+// The file's bytes; empty for what cannot be read (a directory, say).
 inline std::string readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::stringstream s;
@@ -97,18 +96,6 @@ inline int exitStatusOf(pid_t pid) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// A TCP connection to `port` on the loopback address; -1 when refused.
-inline int connectLoopback(uint16_t port) {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = htons(port);
-    if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) return fd;
-    if (fd >= 0) ::close(fd);
-    return -1;
-}
-
 // Reads exactly n bytes, waiting at most five seconds for each part; false
 // on time-out or end of stream.
 inline bool recvWithin(int fd, uint8_t* out, size_t n) {
@@ -119,13 +106,6 @@ inline bool recvWithin(int fd, uint8_t* out, size_t n) {
         got += size_t(r);
     }
     return true;
-}
-
-// True when the peer closed (end of file or reset) within five seconds.
-inline bool closedWithin(int fd) {
-    pollfd p{fd, POLLIN, 0};
-    uint8_t byte;
-    return ::poll(&p, 1, 5000) == 1 && ::recv(fd, &byte, 1, 0) <= 0;
 }
 
 }  // namespace tavik::testing

@@ -4,6 +4,7 @@
 // concurrent jobs) and its faults (dropped front-end, killed processes,
 // unreadable entries, loops, over-long paths), after which the job's IPC
 // objects and registry lines are gone and the daemon serves the next job.
+#include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/sysmacros.h>
@@ -14,9 +15,12 @@
 #include <thread>
 
 #include "e2e/test_user.h"
+#include "frontend/archive.h"
+#include "frontend/backup_client.h"
 #include "platform/whole_io.h"
 #include "protocol/backup_record.h"
 #include "protocol/filter_items.h"
+#include "protocol/packet.h"
 
 namespace {
 
@@ -44,58 +48,31 @@ struct StreamPacket {
     std::string text() const { return std::string(payload.begin(), std::find(payload.begin(), payload.end(), 0)); }
 };
 
-// The front-end's side of a backup stream: reads every packet, acknowledges
-// every n-th packet of codes 6, 7 and 8, and follows connection renewals
-// (code 16) to the new port.
-class BackupStreamReader {
-public:
-    BackupStreamReader(int fd, uint16_t ackInterval) : fd_(fd), ackInterval_(ackInterval) {}
-    ~BackupStreamReader() { closeAll(); }
+// One packet read by hand, for what the front-end's receiver does not do
+// (code 0 when none came within 10 s).
+StreamPacket readPacket(int fd) {
+    protocol::HeaderBytes bytes{};
+    if (tavik::platform::recvAll(fd, bytes.data(), bytes.size(), 10000) != Received::Data) return {};
+    protocol::PacketHeader h = protocol::decodeHeader(bytes);
+    StreamPacket p{h.code, h.version, h.value, std::vector<uint8_t>(h.length)};
+    if (tavik::platform::recvAll(fd, p.payload.data(), p.payload.size(), 10000) != Received::Data) return {};
+    return p;
+}
 
-    // The acknowledgements carry `code` from now on (0 is the right one).
-    void acknowledgeWith(int8_t code) { ackCode_ = code; }
-    // Before each renewal, a caller from the loopback address `source`
-    // reaches the new port first; the agent must close it.
-    void strangerFirst(const char* source) { stranger_ = source; }
-
-    // Reads up to END (true) or until the connection fails, 10 s pass
-    // without a packet, or `stopAfter` (> 0) packets have come (false).
-    bool readUntilEnd(size_t stopAfter = 0) {
-        for (;;) {
-            uint8_t h[8];
-            if (!receive(h, sizeof h)) return false;
-            StreamPacket p{int8_t(h[2]), h[3], tavik::wire::loadLe16(h + 4), {}, connection_};
-            p.payload.resize(tavik::wire::loadLe16(h + 6));
-            if (!receive(p.payload.data(), p.payload.size())) return false;
-            packets_.push_back(p);
-            if (p.code == 16 && !renew(p.value)) return false;
-            bool counted = p.code == 6 || p.code == 7 || p.code == 8;
-            if (ackInterval_ != 0 && counted && ++ackCounter_ % ackInterval_ == 0) {
-                uint8_t ack[8] = {0, 0, uint8_t(ackCode_)};
-                if (::send(fd_, ack, 8, MSG_NOSIGNAL) != 8) return fail("ack send failed");
-            }
-            if (p.code == 3) return true;
-            if (stopAfter != 0 && packets_.size() >= stopAfter) return false;
-        }
-    }
-
-    // The connection now in use (after renewals), -1 when closed.
-    int fd() const { return fd_; }
-    void closeAll() {
-        for (int fd : old_) ::close(fd);
-        old_.clear();
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
-    }
-    const std::vector<StreamPacket>& packets() const { return packets_; }
-    const std::string& error() const { return error_; }
+// A backup stream as the front-end's receiver took it: every packet, in
+// order, as kept in the archive it wrote.
+struct Stream {
+    bool complete = false;  // END came
+    std::string error;
+    std::string structureError;  // the first breach of the stream's structure the receiver saw
+    std::vector<StreamPacket> packets;
 
     // One word per packet: "6:name", "7:2048", "8:12", "9", and text packets
     // (14, 101..) with their text: "101:name"; with `connections`, each
     // followed by "@" and the packet's connection.
     Summary summary(bool connections = false) const {
         Summary out;
-        for (const StreamPacket& p : packets_) {
+        for (const StreamPacket& p : packets) {
             std::string s = std::to_string(int(uint8_t(p.code)));
             if (p.code == 6) s += ":" + p.record().name;
             if (p.code == 7 || p.code == 8) s += ":" + std::to_string(p.payload.size());
@@ -109,63 +86,39 @@ public:
     Files files() const {
         Files out;
         std::string name;
-        for (const StreamPacket& p : packets_) {
+        for (const StreamPacket& p : packets) {
             if (p.code == 6) name = p.record().name;
             if (p.code == 7 || p.code == 8) out[name].append(p.payload.begin(), p.payload.end());
         }
         return out;
     }
-
-private:
-    bool fail(const std::string& why) {
-        error_ = why;
-        return false;
-    }
-    bool receive(uint8_t* buf, size_t n) {
-        Received r = tavik::platform::recvAll(fd_, buf, n, 10000);
-        return r == Received::Data || fail(r == Received::Closed     ? "end of file"
-                                           : r == Received::TimedOut ? "time-out"
-                                                                     : std::strerror(errno));
-    }
-    // A call to `port` from the loopback address `source` (-1 when refused).
-    static int call(uint16_t port, const char* source) {
-        int s = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in from = inetAddress(0), to = inetAddress(port);
-        inet_pton(AF_INET, source, &from.sin_addr);
-        if (::bind(s, reinterpret_cast<sockaddr*>(&from), sizeof from) == 0 &&
-            ::connect(s, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0)
-            return s;
-        ::close(s);
-        return -1;
-    }
-    // Connects to the new port of a renewal; later packets come from there.
-    bool renew(uint16_t port) {
-        if (!stranger_.empty()) {
-            int t = call(port, stranger_.c_str());
-            uint8_t byte;
-            Received r = t < 0 ? Received::Data : tavik::platform::recvAll(t, &byte, 1, 5000);
-            ::close(t);
-            if (r == Received::Data || r == Received::TimedOut)
-                return fail("the stranger's call on the new port was not closed");
-        }
-        int s = call(port, "127.0.0.1");
-        if (s < 0) return fail("renewal connect failed");
-        old_.push_back(fd_);
-        fd_ = s;
-        ++connection_;
-        return true;
-    }
-
-    int fd_;
-    uint16_t ackInterval_;
-    int8_t ackCode_ = 0;
-    size_t ackCounter_ = 0;
-    std::string stranger_;
-    std::vector<int> old_;
-    int connection_ = 0;
-    std::vector<StreamPacket> packets_;
-    std::string error_;
 };
+
+// Receives a backup stream on `connection` with the front-end's receiver
+// (acknowledging every `ackInterval`-th file header or data packet, following
+// renewals to the new port, giving up after 10 s of silence) into an archive
+// in memory, and reads the archive back.
+Stream receive(tavik::platform::UniqueFd connection, uint16_t ackInterval) {
+    Stream out;
+    tavik::platform::UniqueFd memory(memfd_create("stream", 0));
+    frontend::ArchiveWriter writer;
+    frontend::StreamReceiver receiver(&writer, ackInterval);
+    receiver.setTimeoutMs(10000);
+    EXPECT_TRUE(writer.openFd(memory.get(), {})) << writer.error();
+    out.complete = receiver.run(std::move(connection));
+    out.error = receiver.error();
+    out.structureError = receiver.stats().structureError;
+    EXPECT_TRUE(writer.finish(receiver.stats().packets, out.complete)) << writer.error();
+    frontend::ArchiveReader archive;
+    EXPECT_TRUE(archive.open("/proc/self/fd/" + std::to_string(memory.get()))) << archive.error();
+    int connectionNumber = 0;  // a renewal's packet is the last of its connection
+    for (frontend::ArchivePacket p; archive.next(p) == frontend::ArchiveReader::Next::kPacket;) {
+        const protocol::PacketHeader& h = p.header;
+        out.packets.push_back({h.code, h.version, h.value, {p.payload.begin(), p.payload.end()}, connectionNumber});
+        if (h.code == 16) ++connectionNumber;
+    }
+    return out;
+}
 
 // What a backup job is asked for (every member has its default, so that a
 // test names only what it changes).
@@ -181,6 +134,9 @@ struct BackupSetup {
     uint16_t ackInterval = 0;
     std::string login = "root";
     std::string password{};
+    // The stream begins after a restart point: the front-end's walker takes
+    // its closes of directories opened before the point for a breach.
+    bool restarted = false;
 };
 
 // Waits until the registry holds no live line and every object it named is
@@ -214,9 +170,9 @@ protected:
         return daemon_.start(args, {{"TAVIK_TIME_DIVISOR", divisor}});
     }
     // Runs the request (for the tree unless `s` names a root) and the
-    // command phase; the reader then owns the connection. Null (with a test
-    // failure) when the agent refused.
-    std::unique_ptr<BackupStreamReader> begin(const BackupSetup& s) {
+    // command phase; the connection the stream then comes on (-1, with a
+    // test failure, when the agent refused).
+    tavik::platform::UniqueFd begin(const BackupSetup& s) {
         frontend::JobClient client;
         EXPECT_TRUE(client.connect("127.0.0.1", daemon_.port())) << client.lastError();
         int answer = client.request({.root = s.root.empty() ? tree_.root() : s.root, .login = s.login,
@@ -225,7 +181,7 @@ protected:
                                      .tpSize = uint16_t(s.filterItems.size())});
         if (answer != 4) {
             ADD_FAILURE() << "request answered " << answer;
-            return nullptr;
+            return {};
         }
         if (s.serverVersion >= 50) {
             EXPECT_TRUE(client.sendRaw(optionsRecord(s.retryCount, s.retryInterval, s.flags)));
@@ -233,19 +189,18 @@ protected:
         }
         if (s.commands) s.commands(client);
         EXPECT_TRUE(client.start(s.ackInterval));
-        return std::make_unique<BackupStreamReader>(dup(client.fd()), s.ackInterval);
+        return tavik::platform::UniqueFd(dup(client.fd()));
     }
-    // A whole backup read up to END (or, without `expectEnd`, until the
+    // A whole backup received up to END (or, without `expectEnd`, until the
     // agent stops); afterwards the job's IPC objects must be gone.
-    std::unique_ptr<BackupStreamReader> backup(const BackupSetup& s, bool expectEnd = true) {
-        auto reader = begin(s);
-        if (!reader) return std::make_unique<BackupStreamReader>(-1, 0);
-        EXPECT_EQ(reader->readUntilEnd(), expectEnd) << reader->error();
-        reader->closeAll();
+    Stream backup(const BackupSetup& s, bool expectEnd = true) {
+        Stream got = receive(begin(s), s.ackInterval);
+        EXPECT_EQ(got.complete, expectEnd) << got.error;
+        EXPECT_TRUE(s.restarted || got.structureError.empty()) << got.structureError;
         EXPECT_TRUE(ipcReleased(daemon_));
-        return reader;
+        return got;
     }
-    Summary summary(const BackupSetup& s) { return backup(s)->summary(); }
+    Summary summary(const BackupSetup& s) { return backup(s).summary(); }
     // The next job is served normally.
     void servesNextJob(BackupSetup s = {}) {
         Tree other;
@@ -291,11 +246,11 @@ TEST_F(BackupStreamTest, EveryEntryKindInStreamOrder) {
             want.insert(want.end(), data[name].begin(), data[name].end());
         }
         want.insert(want.end(), {"6:sub", "6:inner", "8:3", "9", "9", "3"});
-        auto reader = backup({.flags = flags});
-        EXPECT_EQ(reader->summary(), want);
-        EXPECT_EQ(reader->files()["big"], pattern(8193));
+        Stream reader = backup({.flags = flags});
+        EXPECT_EQ(reader.summary(), want);
+        EXPECT_EQ(reader.files()["big"], pattern(8193));
         // Version bytes, values, kinds and record lengths.
-        for (const StreamPacket& p : reader->packets()) {
+        for (const StreamPacket& p : reader.packets) {
             EXPECT_EQ(p.version, p.code == 9 || p.code == 3 ? 5 : 0) << int(p.code);
             EXPECT_EQ(p.value, 0);
             if (p.code != 6) continue;
@@ -360,7 +315,7 @@ TEST_F(BackupStreamTest, TopListAndFiltersSelect) {
         {{.filterItems = {exclude}}, {{"keep", "k"}, {"drop", "d"}, {"inner", "inner"}}},
         {{.filterItems = {between}}, {{"drop", "d"}}},
     };
-    for (const auto& [setup, want] : rows) EXPECT_EQ(backup(setup)->files(), want);
+    for (const auto& [setup, want] : rows) EXPECT_EQ(backup(setup).files(), want);
     EXPECT_TRUE(daemon_.waitForLog("Include files modified 'between' 11/20/04 and 11/09/04"));
 }
 
@@ -419,10 +374,10 @@ TEST_F(BackupStreamTest, ListedRawDeviceIsSentAsData) {
     std::string entry = std::string("\0\x10\0\0", 4) + tree_.path("raw") + '\0';  // size 4096, path, NUL
     entry.resize((entry.size() + 3) / 4 * 4, '\0');
     std::vector<uint8_t> list(entry.begin(), entry.end());
-    auto reader = backup({.commands = [&](frontend::JobClient& c) { EXPECT_EQ(c.dbFile(list), 4); }});
-    EXPECT_EQ(reader->summary(), (Summary{"6:", "6:raw", "7:2048", "8:2048", "9", "3"}));
-    EXPECT_EQ(reader->packets()[1].record().size, 4096u);
-    EXPECT_EQ(reader->files()["raw"], std::string(4096, '\0'));
+    Stream reader = backup({.commands = [&](frontend::JobClient& c) { EXPECT_EQ(c.dbFile(list), 4); }});
+    EXPECT_EQ(reader.summary(), (Summary{"6:", "6:raw", "7:2048", "8:2048", "9", "3"}));
+    EXPECT_EQ(reader.packets[1].record().size, 4096u);
+    EXPECT_EQ(reader.files()["raw"], std::string(4096, '\0'));
 }
 
 // Deleting grooming after a backup: the count and the work file as data come
@@ -430,15 +385,15 @@ TEST_F(BackupStreamTest, ListedRawDeviceIsSentAsData) {
 TEST_F(BackupStreamTest, DeletingGroomingReportsAndRemovesTheBackedUpFiles) {
     tree_.dir("old");
     tree_.file("old/one", "1");
-    auto reader = backup({.commands = [](frontend::JobClient& c) {
+    Stream reader = backup({.commands = [](frontend::JobClient& c) {
         EXPECT_EQ(c.grooming(groomingRecord(0x04), std::vector<uint8_t>(63, 0)), 4);
     }});
-    Summary got = reader->summary();
+    Summary got = reader.summary();
     ASSERT_EQ(got.size(), 9u) << ::testing::PrintToString(got);
     EXPECT_EQ(Summary(got.begin(), got.begin() + 7), (Summary{"6:", "6:old", "6:one", "8:1", "9", "9", "14:1"}));
     EXPECT_EQ(got[7].rfind("8:", 0), 0u);
     EXPECT_EQ(got[8], "3");
-    EXPECT_TRUE(has(reader->packets()[7].text(), tree_.path("old/one"))) << reader->packets()[7].text();
+    EXPECT_TRUE(has(reader.packets[7].text(), tree_.path("old/one"))) << reader.packets[7].text();
     EXPECT_EQ(statOf(tree_.path("old/one")).st_mode, 0u);
     EXPECT_TRUE(S_ISDIR(statOf(tree_.path("old")).st_mode));
     EXPECT_TRUE(daemon_.waitForLog("Total 1 files were deleted"));
@@ -450,18 +405,17 @@ TEST_F(BackupStreamTest, DeletingGroomingReportsAndRemovesTheBackedUpFiles) {
 // none in blocking I/O.)
 TEST_F(BackupFlowTest, AcknowledgementsEveryNthDataPacket) {
     for (int i = 1; i <= 6; ++i) tree_.file("f" + std::to_string(i), pattern(5000, unsigned(i)));
-    auto bad = begin({.ackInterval = 2});
-    ASSERT_TRUE(bad);
-    bad->acknowledgeWith(5);
-    EXPECT_FALSE(bad->readUntilEnd());
+    tavik::platform::UniqueFd bad = begin({.ackInterval = 2});
+    const uint8_t answer5[8] = {0, 0, 5};  // where the first acknowledgement is due
+    ASSERT_TRUE(tavik::platform::sendAll(bad.get(), answer5, sizeof answer5));
+    EXPECT_FALSE(receive(std::move(bad), 0).complete);
     EXPECT_TRUE(daemon_.waitForLog("(SendDaemon) Protocol error (Acknowledge expected)"));
     EXPECT_TRUE(daemon_.waitForLog("(cleanup) Child process ("));
-    bad->closeAll();
     EXPECT_TRUE(ipcReleased(daemon_));
 
     ASSERT_TRUE(start({"-v", "-S", "-s", "nonblocking"}));
     auto item = [](frontend::JobClient& c) { EXPECT_EQ(c.diskItem({"f1"}), 4); };
-    EXPECT_EQ(backup({.commands = item, .ackInterval = 2})->files(), (Files{{"f1", pattern(5000, 1)}}));
+    EXPECT_EQ(backup({.commands = item, .ackInterval = 2}).files(), (Files{{"f1", pattern(5000, 1)}}));
     EXPECT_TRUE(daemon_.waitForLog("RCV_OK: AckCount=2"));
     // The non-blocking receive traces every call on standard output.
     EXPECT_TRUE(has(readFile(daemon_.home() + "launcher.out"), "(nonblockRecv)  connfd="));
@@ -473,14 +427,27 @@ TEST_F(BackupFlowTest, RenewalsAfterFilesAndAfterKilobytes) {
     // front-end's call is then taken.
     tree_.file("f1", pattern(3000));
     ASSERT_TRUE(start({"-v", "-S", "-r", "1"}));
-    auto reader = begin({.flags = 0x04, .ackInterval = 1});
-    ASSERT_TRUE(reader);
-    reader->strangerFirst("127.0.0.2");
-    EXPECT_TRUE(reader->readUntilEnd()) << reader->error();
-    reader->closeAll();
+    tavik::platform::UniqueFd first = begin({.flags = 0x04, .ackInterval = 1});
+    Summary headers;
+    StreamPacket p;
+    while ((p = readPacket(first.get())).code == 6) {
+        headers.push_back("6:" + p.record().name);
+        const uint8_t ack[8] = {};
+        ASSERT_TRUE(tavik::platform::sendAll(first.get(), ack, sizeof ack));
+    }
+    EXPECT_EQ(headers, (Summary{"6:", "6:f1"}));
+    ASSERT_EQ(p.code, 16);
+    EXPECT_TRUE(p.payload.empty());
+    tavik::platform::UniqueFd stranger(callFrom(p.value, "127.0.0.2"));
+    ASSERT_TRUE(stranger) << "the stranger's call on the new port was refused";
+    uint8_t byte;
+    Received r = tavik::platform::recvAll(stranger.get(), &byte, 1, 5000);
+    EXPECT_TRUE(r == Received::Closed || r == Received::Failed) << "the stranger's call was not closed";
     EXPECT_TRUE(daemon_.waitForLog(" from 127.0.0.2 is not the front-end's: closed"));
-    EXPECT_EQ(reader->summary(true), (Summary{"6:@0", "6:f1@0", "16@0", "7:2048@1", "8:952@1", "9@1", "3@1"}));
-    EXPECT_EQ(reader->files()["f1"], pattern(3000));
+    Stream rest = receive(tavik::platform::UniqueFd(callFrom(p.value)), 1);
+    EXPECT_TRUE(rest.complete) << rest.error;
+    EXPECT_EQ(rest.summary(), (Summary{"7:2048", "8:952", "9", "3"}));
+    EXPECT_EQ(rest.files()[""], pattern(3000));  // the data of f1, whose header came before
 
     // After files (-R), alone and with the kilobyte limit: the renewal comes
     // before the ENDF, which goes first on the new connection; an ENDF that
@@ -517,10 +484,10 @@ TEST_F(BackupFlowTest, RenewalsAfterFilesAndAfterKilobytes) {
         nested.file("d/b", pattern(row.b, 2));
         nested.file("d/e/c", pattern(row.c, 3));
         ASSERT_TRUE(start(row.args));
-        reader = backup({.root = nested.root(), .flags = 0x04, .ackInterval = 1});
-        EXPECT_EQ(reader->summary(true), row.want);
-        EXPECT_EQ(reader->files()["c"], pattern(row.c, 3));
-        for (const StreamPacket& p : reader->packets()) EXPECT_TRUE(p.code != 16 || p.payload.empty());
+        Stream reader = backup({.root = nested.root(), .flags = 0x04, .ackInterval = 1});
+        EXPECT_EQ(reader.summary(true), row.want);
+        EXPECT_EQ(reader.files()["c"], pattern(row.c, 3));
+        for (const StreamPacket& p : reader.packets) EXPECT_TRUE(p.code != 16 || p.payload.empty());
     }
     EXPECT_TRUE(daemon_.waitForLog("(reestablishTCP) New TCP fd="));
     // Without option flag 0x04 there is no renewal.
@@ -533,7 +500,8 @@ TEST_F(BackupFlowTest, RestartPointWithAndWithoutOffset) {
     std::vector<std::string> order = tree_.order("d");
     std::string named = tree_.root() + "d/" + order[1];
     auto restartAt = [](uint32_t offset, const std::string& path) {
-        return BackupSetup{.commands = [=](frontend::JobClient& c) { EXPECT_EQ(c.continueAt(offset, path), 4); }};
+        return BackupSetup{.commands = [=](frontend::JobClient& c) { EXPECT_EQ(c.continueAt(offset, path), 4); },
+                           .restarted = true};
     };
     // Offset 0: everything up to the named file is skipped.
     EXPECT_EQ(summary(restartAt(0, named)), (Summary{"6:" + order[2], "8:2", "9", "9", "3"}));
@@ -542,14 +510,14 @@ TEST_F(BackupFlowTest, RestartPointWithAndWithoutOffset) {
     // An offset: the file's data from there on, without its file header.
     std::string big = pattern(10000);
     tree_.file("d/" + order[1], big);
-    auto reader = backup(restartAt(6000, named));
-    EXPECT_EQ(reader->summary(), (Summary{"7:2048", "8:1952", "6:" + order[2], "8:2", "9", "9", "3"}));
-    const auto& p = reader->packets();
+    Stream reader = backup(restartAt(6000, named));
+    EXPECT_EQ(reader.summary(), (Summary{"7:2048", "8:1952", "6:" + order[2], "8:2", "9", "9", "3"}));
+    const auto& p = reader.packets;
     std::string tail(p[0].payload.begin(), p[0].payload.end());
     EXPECT_EQ(tail.append(p[1].payload.begin(), p[1].payload.end()), big.substr(6000));
 
     // A restart file that is never reached: no END, the job ends at once.
-    EXPECT_TRUE(backup(restartAt(0, tree_.root() + "nowhere"), false)->packets().empty());
+    EXPECT_TRUE(backup(restartAt(0, tree_.root() + "nowhere"), false).packets.empty());
 }
 
 TEST_F(BackupFlowTest, WatchdogAndLockTests) {
@@ -583,19 +551,17 @@ TEST_F(BackupFlowTest, WatchdogAndLockTests) {
 
 TEST_F(BackupFlowTest, TapeChangeStallPutsTheBackupProcessToSleepAndWakesIt) {
     tree_.file("huge", pattern(8 << 20));
-    auto reader = begin({});
-    ASSERT_TRUE(reader);
-    EXPECT_FALSE(reader->readUntilEnd(3));
-    // The server stops reading for longer than the 180 s (0.18 s) stall.
+    tavik::platform::UniqueFd connection = begin({});
+    // The server does not read for longer than the 180 s (0.18 s) stall.
     EXPECT_TRUE(daemon_.waitForLog("Put Backup Process("));
     EXPECT_TRUE(daemon_.waitForLog("(span_tape_sleep) Received SIGUSR1 from child process"));
-    EXPECT_TRUE(reader->readUntilEnd()) << reader->error();
+    Stream reader = receive(std::move(connection), 0);
+    EXPECT_TRUE(reader.complete) << reader.error;
     // The sender wakes it at its first progress (a wake-up signal that
     // follows the sleep signal at once may merge with it; the backup process
     // then goes on when slots are freed).
     EXPECT_TRUE(daemon_.waitForLog("Wake Backup Process("));
-    EXPECT_TRUE(reader->files()["huge"] == pattern(8 << 20));
-    reader->closeAll();
+    EXPECT_TRUE(reader.files()["huge"] == pattern(8 << 20));
     EXPECT_TRUE(ipcReleased(daemon_));
 }
 
@@ -618,10 +584,10 @@ TEST_F(BackupFlowTest, ThirtyTwoBackupsAtOnceReassembleExactly) {
     for (int t = 0; t < kJobs; ++t) {
         jobs.emplace_back([&, t] {
             // No acknowledgements, every packet, every second.
-            auto reader = begin({.root = trees[t].root(), .ackInterval = uint16_t(t % 3)});
-            if (!reader) return;
-            EXPECT_TRUE(reader->readUntilEnd()) << reader->error();
-            got[t] = reader->files();
+            uint16_t ackInterval = uint16_t(t % 3);
+            Stream stream = receive(begin({.root = trees[t].root(), .ackInterval = ackInterval}), ackInterval);
+            EXPECT_TRUE(stream.complete) << "job " << t << ": " << stream.error;
+            got[t] = stream.files();
         });
     }
     for (auto& j : jobs) j.join();
@@ -637,18 +603,20 @@ TEST_F(BackupFaultTest, FrontEndResetsTheConnectionMidBackupOrAfterTheEnd) {
     small.file("a", "a");
     const struct {
         const Tree& tree;
-        size_t stopAfter;
+        bool toTheEnd;
         const char* line;
-    } rows[] = {{tree_, 5, "(connrelease) Job aborted by front-end"},
-                {small, 0, "(connrelease) Received disconnect from localhost"}};
+    } rows[] = {{tree_, false, "(connrelease) Job aborted by front-end"},
+                {small, true, "(connrelease) Received disconnect from localhost"}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.line);
-        auto reader = begin({.root = row.tree.root()});
-        ASSERT_TRUE(reader);
-        EXPECT_EQ(reader->readUntilEnd(row.stopAfter), row.stopAfter == 0);
+        tavik::platform::UniqueFd connection = begin({.root = row.tree.root()});
+        if (row.toTheEnd)  // the receiver's copy of the connection closes after END; this one is reset
+            EXPECT_TRUE(receive(tavik::platform::UniqueFd(dup(connection.get())), 0).complete);
+        else  // five packets of the huge file's stream
+            for (int i = 0; i < 5; ++i) EXPECT_NE(readPacket(connection.get()).code, 0) << i;
         linger hard{1, 0};  // a reset, as a front-end that dies
-        setsockopt(reader->fd(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
-        reader->closeAll();
+        setsockopt(connection.get(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+        connection.reset();
         EXPECT_TRUE(daemon_.waitForLog(row.line));
         EXPECT_TRUE(ipcReleased(daemon_));
     }
@@ -665,8 +633,8 @@ TEST_F(BackupFaultTest, KilledJobProcessTakesItsSenderAndItsIpcObjects) {
     for (bool killJob : {false, true}) {
         SCOPED_TRACE(killJob ? "job process" : "sender");
         ASSERT_TRUE(start());
-        auto reader = begin({});  // and never read
-        ASSERT_TRUE(reader);
+        tavik::platform::UniqueFd connection = begin({});  // and never read
+        ASSERT_TRUE(connection);
         // The sender is the job process's child, the daemon's only grandchild.
         auto firstChild = [](pid_t pid) {
             pid_t child = -1;
@@ -683,7 +651,7 @@ TEST_F(BackupFaultTest, KilledJobProcessTakesItsSenderAndItsIpcObjects) {
             std::vector<uint8_t> sink(1 << 16);
             size_t got = 0;
             Received r;
-            do r = tavik::platform::recvSome(reader->fd(), sink.data(), sink.size(), 1000, got);
+            do r = tavik::platform::recvSome(connection.get(), sink.data(), sink.size(), 1000, got);
             while (r == Received::Data);
             EXPECT_NE(r, Received::TimedOut);
             // The test process is the subreaper that collects the orphaned sender.
@@ -692,7 +660,7 @@ TEST_F(BackupFaultTest, KilledJobProcessTakesItsSenderAndItsIpcObjects) {
         EXPECT_TRUE(ipcReleased(daemon_)) << readFile(daemon_.home() + "LOG/tvk.ipc");
         EXPECT_TRUE(daemon_.waitForLog(killJob ? "(ReclaimIPC) Removed the semaphore "
                                                : "(cleanup) Child process (" + std::to_string(sender) + ") died"));
-        reader->closeAll();
+        connection.reset();
         if (killJob) {
             ASSERT_TRUE(start());
             EXPECT_TRUE(ipcReleased(daemon_));
@@ -718,10 +686,9 @@ TEST_F(BackupFaultTest, AThousandJobsLeaveTheDaemonAsTheyFoundIt) {
     EXPECT_EQ(summary({}), want);  // the first job settles what it allocates once
     long fds = descriptors(), kb = residentKb();
     for (int i = 0; i < 1000; ++i) {
-        auto reader = begin({});
-        ASSERT_TRUE(reader);
-        ASSERT_TRUE(reader->readUntilEnd()) << i << ": " << reader->error();
-        ASSERT_EQ(reader->summary(), want) << i;
+        Stream stream = receive(begin({}), 0);
+        ASSERT_TRUE(stream.complete) << i << ": " << stream.error;
+        ASSERT_EQ(stream.summary(), want) << i;
     }
     EXPECT_TRUE(ipcReleased(daemon_));
     EXPECT_EQ(descriptors(), fds);

@@ -156,6 +156,18 @@ private:
     std::string root_;
 };
 
+// A TCP call to `port` from the loopback address `source` (-1 when refused).
+inline int callFrom(uint16_t port, const char* source = "127.0.0.1") {
+    int s = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in from = inetAddress(0), to = inetAddress(port);
+    inet_pton(AF_INET, source, &from.sin_addr);
+    if (bind(s, reinterpret_cast<sockaddr*>(&from), sizeof from) == 0 &&
+        connect(s, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0)
+        return s;
+    close(s);
+    return -1;
+}
+
 // A port on which nothing listens for TCP or UDP right now.
 inline uint16_t freePort() {
     auto bindable = [](int type, uint16_t port) {

@@ -49,14 +49,6 @@ std::vector<std::string> logMessages(const Daemon& d) {
     return out;
 }
 
-// A TCP call to the daemon.
-int call(const Daemon& d) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr = inetAddress(d.port());
-    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-    return fd;
-}
-
 // The daemon ends the call within `timeoutMs`.
 bool closedWithin(int fd, int timeoutMs) {
     pollfd p{fd, POLLIN, 0};
@@ -115,11 +107,32 @@ TEST(DaemonStartup, BannerStartLinePidFileModesAndSigterm) {
 
 TEST(DaemonStartup, BadOptionsPortsAndASecondDaemonOnThePort) {
     Daemon d;
-    auto r = d.launch({"-p", "abc"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.output.rfind("\nUsage:\n  tavikd [options]\n\n  -b <bufsz>:", 0), 0u) << r.output;
-    for (std::vector<std::string> bad : {std::vector<std::string>{"-s", "fast"}, {"-b", "12k"}, {"-x"}, {"-p"}})
-        EXPECT_EQ(d.launch(bad).status, 1) << bad[0];
+    const std::string usage =
+        "\nUsage:\n  tavikd [options]\n\n"
+        "  -b <bufsz>: specify I/O buffer size in bytes (1024..8192) [2048]\n"
+        "  -m <maxbuf>: specify number of buffers allocated for I/O (10..1024) [100]\n"
+        "  -s <bufsz>: specify socket buffer size in bytes (4096..65535)\n"
+        "  -p <tcp_port>: specify TCP port number (*) [6050]\n"
+        "  -v: verbose mode\n"
+        "  -f: follow symbolic links (*)\n"
+        "  -n: backup NFS mounted directories\n"
+        "  -l: check for advisory locks [mandatory locks only]\n"
+        "  -t: will not reset file access time after backup\n"
+        "  -a <n>: acknowledge for every n packets [0:no ack.]\n"
+        "  -S: Single user mode\n"
+        "  -r <n>: reconnect TCP for every n KB of data transferred\n"
+        "  -R <n>: reconnect TCP for every n files transferred\n"
+        "  -c <n>: sleep n milliseconds while waiting (0..1000) [0]\n"
+        "  -e: backup will not traverse across file system\n"
+        "\n  [ ]: default values\n"
+        "  (*): only work with Korvane 4.0\n";
+    const std::vector<std::string> bad[] = {{"-p", "abc"}, {"-s", "fast"}, {"-b", "12k"}, {"-x"}, {"-p"},
+                                            {"-b"},        {"-m", "-1"},   {"-c", "1e3"}, {"-a", " 4"}};
+    for (const auto& args : bad) {
+        LaunchResult r = d.launch(args);
+        EXPECT_EQ(r.status, 1) << ::testing::PrintToString(args);
+        EXPECT_EQ(r.output, usage) << ::testing::PrintToString(args);
+    }
 
     // An empty port argument: the system chooses one and the listener logs it.
     ASSERT_TRUE(d.start({"-v", "-p", ""})) << d.launcher().output;
@@ -133,7 +146,7 @@ TEST(DaemonStartup, BadOptionsPortsAndASecondDaemonOnThePort) {
     Daemon first;
     ASSERT_TRUE(first.start({}));
     Daemon second;
-    r = second.launch({"-p", std::to_string(first.port())});
+    LaunchResult r = second.launch({"-p", std::to_string(first.port())});
     EXPECT_EQ(r.status, 1);
     EXPECT_TRUE(has(r.output, "(udpOpen) Failed to bind socket address (Address already in use)")) << r.output;
     log = readFile(second.logPath());
@@ -206,7 +219,7 @@ TEST(Availability, SilentAndDrippingCallersHoldUpNoOne) {
     Daemon d;
     ASSERT_TRUE(d.start({"-v", "-S"}, {{"TAVIK_TIME_DIVISOR", "10"}}));
     std::vector<int> silent, dripping;
-    for (int i = 0; i < 64; ++i) (i < 32 ? silent : dripping).push_back(call(d));
+    for (int i = 0; i < 64; ++i) (i < 32 ? silent : dripping).push_back(callFrom(d.port()));
     // A whole request, a byte at a time: it would take 34 s.
     tavik::frontend::RequestFields anyone{.root = "/tmp", .login = "anyone", .password = "", .opMode = 7};
     std::vector<uint8_t> request = tavik::frontend::buildRequestPacket(anyone);
@@ -253,9 +266,9 @@ TEST(Availability, CallsBeyondTheBoundsAreClosedAtOnce) {
     ASSERT_TRUE(d.start({"-v", "-S", "-s", "nonblocking"}, {{"TAVIK_TIME_DIVISOR", "10"}}));
     EXPECT_TRUE(d.waitForLog("* At most 2 callers waiting for admission and 1 jobs"));
     EXPECT_TRUE(d.waitForLog("(limits) " + d.home() + "limits.cntl line 4 is ignored: bogus 3"));
-    int waiting[2] = {call(d), call(d)};
+    int waiting[2] = {callFrom(d.port()), callFrom(d.port())};
     usleep(200000);
-    int third = call(d);
+    int third = callFrom(d.port());
     EXPECT_TRUE(closedWithin(third, 2000));
     EXPECT_TRUE(d.waitForLog("Call from 127.0.0.1 closed: 2 callers are waiting for admission and 0 jobs are running"));
     for (int fd : {waiting[0], waiting[1], third}) close(fd);
@@ -265,7 +278,7 @@ TEST(Availability, CallsBeyondTheBoundsAreClosedAtOnce) {
     ASSERT_TRUE(job.connect("127.0.0.1", d.port()));
     EXPECT_EQ(job.request({.root = "/tmp", .login = "anyone", .password = "", .opMode = 7}), 4);
     usleep(200000);
-    int fourth = call(d);
+    int fourth = callFrom(d.port());
     EXPECT_TRUE(closedWithin(fourth, 2000));
     EXPECT_TRUE(d.waitForLog("0 callers are waiting for admission and 1 jobs are running"));
     close(fourth);
