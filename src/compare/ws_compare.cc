@@ -62,16 +62,16 @@ public:
         rootFits_ = root_.assign(root);
     }
 
-    int run();
+    Outcome run();
 
 private:
     void beginGrooming();
     void record(const char* path, const struct stat& st);
-    [[nodiscard]] int mkdirCommand();
-    [[nodiscard]] int openFile();
-    [[nodiscard]] int mof();
-    [[nodiscard]] int endf();
-    [[nodiscard]] int end();
+    Outcome mkdirCommand();
+    Outcome openFile();
+    Outcome mof();
+    Outcome endf();
+    Outcome end();
     // Takes the record's name as the path and builds the full name; false
     // (logged with `statFormat`) when the name cannot be used.
     [[nodiscard]] bool takeName(const char* prefix, const char* statFormat, bool decoded);
@@ -79,7 +79,9 @@ private:
     void compareHeld(const char* prefix);
     void compareLinkTarget();
     void resetTimes();
-    [[nodiscard]] int answer(uint8_t code) { return transport::syncSendCode(socket_, static_cast<int8_t>(code)); }
+    Outcome answer(uint8_t code) {
+        return Outcome::jobOverUnless(transport::syncSendCode(socket_, static_cast<int8_t>(code)));
+    }
 
     int socket_;
     transport::ReadAhead ahead_;  // nothing but the command stream follows on the socket
@@ -113,7 +115,7 @@ private:
     std::array<uint8_t, kDataAreaSize> local_{};
 };
 
-int CompareSession::run() {
+Outcome CompareSession::run() {
     beginGrooming();
     for (;;) {
         int8_t code = 0;
@@ -122,14 +124,14 @@ int CompareSession::run() {
         if (room > data_.size()) room = data_.size();
         transport::FileDataBuffer incoming{std::span<uint8_t>(data_.data(), room), count_};
         if (transport::GetReply(socket_, code, record_, &incoming, ahead_) != 0) {
-            return answer(protocol::verdict::kStop) == 0 ? 0 : transport::kFailed;
+            return answer(protocol::verdict::kStop).isJobOver() ? Outcome::jobOver() : Outcome::done();
         }
         count_ = incoming.fill;
-        int r = 0;
+        Outcome r;
         switch (code) {
             case protocol::code::kAbort:
                 ulog(MSG_JOB_ABORTED_FRONT_END, kAbortPrefix);
-                return 0;
+                return Outcome::done();
             case protocol::code::kMkdir: r = mkdirCommand(); break;
             case protocol::code::kOpenFile: r = openFile(); break;
             case protocol::code::kMof: r = mof(); break;
@@ -139,7 +141,7 @@ int CompareSession::run() {
                 ulog(MSG_UNKNOWN_COMMAND, kPrefix, static_cast<int>(code));
                 break;
         }
-        if (r != 0) return transport::kFailed;
+        if (r.isJobOver()) return r;
     }
 }
 
@@ -221,7 +223,7 @@ uint8_t CompareSession::compareAttributes(const char* prefix, const char* shown,
     return 0;
 }
 
-int CompareSession::mkdirCommand() {
+Outcome CompareSession::mkdirCommand() {
     bool decoded = protocol::decodeRestoreAttributes(record_, tape_) == protocol::RecordError::None;
     errno = 0;
     difference_ = 0;
@@ -234,12 +236,12 @@ int CompareSession::mkdirCommand() {
     }
     difference_ = compareAttributes(kMkdirPrefix, full_.data(), false);
     if (difference_ != 0) return answer(detailed_ ? difference_ : protocol::verdict::kDirectoryDiffers);
-    if (answer(protocol::verdict::kSame) != 0) return transport::kFailed;
+    if (answer(protocol::verdict::kSame).isJobOver()) return Outcome::jobOver();
     if (grooming_) record(full_.data(), disk_);
-    return 0;
+    return Outcome::done();
 }
 
-int CompareSession::openFile() {
+Outcome CompareSession::openFile() {
     bool decoded = protocol::decodeRestoreAttributes(record_, tape_) == protocol::RecordError::None;
     content_ = 0;
     count_ = 0;
@@ -341,16 +343,16 @@ void CompareSession::compareHeld(const char* prefix) {
     }
 }
 
-int CompareSession::mof() {
-    if (ctx_.ackInterval != 0 && transport::ackIfDue(socket_, ctx_.ackInterval) != 0) return transport::kFailed;
+Outcome CompareSession::mof() {
+    if (ctx_.ackInterval != 0 && transport::ackIfDue(socket_, ctx_.ackInterval) != 0) return Outcome::jobOver();
     if (content_ != 0) {
         count_ = 0;
-        return 0;
+        return Outcome::done();
     }
-    if (count_ < kCompareBatch) return 0;
+    if (count_ < kCompareBatch) return Outcome::done();
     compareHeld(kMofPrefix);
     count_ = 0;
-    return 0;
+    return Outcome::done();
 }
 
 void CompareSession::compareLinkTarget() {
@@ -396,7 +398,7 @@ void CompareSession::resetTimes() {
     }
 }
 
-int CompareSession::endf() {
+Outcome CompareSession::endf() {
     bool fileInHand = haveFile_;
     haveFile_ = false;
     if (content_ == protocol::verdict::kReadFailed || content_ == protocol::verdict::kContent) {
@@ -415,12 +417,12 @@ int CompareSession::endf() {
         fd_.reset();
     }
     count_ = 0;
-    if (answer(content_) != 0) return transport::kFailed;
+    if (answer(content_).isJobOver()) return Outcome::jobOver();
     if (content_ == 0 && difference_ == 0 && grooming_ && fullFits_) record(full_.data(), disk_);
-    return 0;
+    return Outcome::done();
 }
 
-int CompareSession::end() {
+Outcome CompareSession::end() {
     if (::chdir("/") != 0) ulog("%sFailed to change directory to / (%s)", kPrefix, errText());
     bool failed = false;
     if (grooming_) {
@@ -435,7 +437,7 @@ int CompareSession::end() {
         int groomed = groom::GroomedCount();
         std::string workFile = groom::GroomingWorkFile();
         if (groomed > 0) {
-            if (answer(protocol::verdict::kGroomCount) != 0) {
+            if (answer(protocol::verdict::kGroomCount).isJobOver()) {
                 failed = true;
             } else {
                 std::array<uint8_t, protocol::kGroomCountSize> countText{};
@@ -461,15 +463,15 @@ int CompareSession::end() {
         }
         grooming_ = false;
         groom::RemoveGroomingTempFiles();
-        if (failed) return transport::kFailed;
+        if (failed) return Outcome::jobOver();
     }
     ulog(MSG_WORKSTATION_COMPARE_ENDED, "");
-    return answer(protocol::verdict::kEnd) == 0 ? 0 : transport::kFailed;
+    return answer(protocol::verdict::kEnd);
 }
 
 }  // namespace
 
-int ws_compare(int socket, const std::string& root, const JobContext& ctx) {
+Outcome ws_compare(int socket, const std::string& root, const JobContext& ctx) {
     CompareSession session(socket, root, ctx);
     return session.run();
 }

@@ -9,10 +9,10 @@
 // Requires: the job's working directory is its root (OPENFILE names are
 // used as they are, relative to it; MKDIR names are looked up under `root`,
 // which ends in "/").
-// Returns 0 after ABORT or a completed END, 100 when an answer could not be
-// sent; after a failed receive (also a payload larger than the data area or
-// a record larger than the record area) it answers 100 and returns 0 if that
-// went out, 100 if not. A record whose name has 1024 bytes or more is
+// Returns Outcome::done() after ABORT or a completed END, Outcome::jobOver()
+// when an answer could not be sent; after a failed receive (also a payload
+// larger than the data area or a record larger than the record area) it
+// answers 100 and is done if that went out, over if not. A record whose name has 1024 bytes or more is
 // answered as an object that cannot be examined.
 //
 // sync_send_file sends a file as MOF packets of 2048 bytes and a closing
@@ -24,6 +24,7 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/outcome.h"
 #include "request/job_context.h"
 #include "protocol/restore_record.h"
 
@@ -38,7 +39,7 @@ static_assert(kDataAreaSize == 6344);
 // sync_send_file's packet payload.
 inline constexpr size_t kFilePacketSize = 2048;
 
-int ws_compare(int socket, const std::string& root, const JobContext& ctx);
+Outcome ws_compare(int socket, const std::string& root, const JobContext& ctx);
 
 int sync_send_file(int socket, const char* name);
 

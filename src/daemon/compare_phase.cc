@@ -17,8 +17,7 @@ Outcome comparePhase(Channel& channel, JobContext& ctx) {
     int socket = channel.fd();
     transport::setBufSize(socket, SO_RCVBUF, settings().socketBufferSize);
     ulog("SO_RCVBUF = %d", transport::getBufSize(socket, SO_RCVBUF));
-    int r = compare::ws_compare(socket, ctx.jobRoot, ctx);
-    if (r == transport::kFailed) {
+    if (compare::ws_compare(socket, ctx.jobRoot, ctx).isJobOver()) {
         ulog(MSG_CANNOT_RECEIVE_DISCONNECT_FROM, "", listener().caller());
         return Outcome::jobOver();
     }

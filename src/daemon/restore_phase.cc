@@ -33,9 +33,9 @@ Outcome restorePhase(Channel& channel, JobContext& ctx) {
     links.reset();
     transport::setBufSize(socket, SO_RCVBUF, settings().socketBufferSize);
     ulog("SO_RCVBUF = %d", transport::getBufSize(socket, SO_RCVBUF));
-    int r = restore::ws_restore(socket, ctx.jobRoot, ctx, links, jobOwner(ctx));
+    const Outcome restored = restore::ws_restore(socket, ctx.jobRoot, ctx, links, jobOwner(ctx));
     links.reset();
-    if (r == transport::kFailed) {
+    if (restored.isJobOver()) {
         ulog(MSG_CANNOT_RECEIVE_DISCONNECT_FROM, "", listener().caller());
         return Outcome::jobOver();
     }

@@ -54,7 +54,7 @@ public:
     RestoreSession(const RestoreSession&) = delete;
     RestoreSession& operator=(const RestoreSession&) = delete;
 
-    int run();
+    Outcome run();
 
 private:
     void mkdirCommand();
@@ -75,14 +75,16 @@ private:
     [[nodiscard]] bool publish(const char* prefix);
     // Removes what was made and not published (a file left unfinished).
     void discardMade();
-    [[nodiscard]] int mof();
-    [[nodiscard]] int endf(bool& over);
+    Outcome mof();
+    Outcome endf();
     void finishSymlink();
     void finishFile();
     void writeHeld(const char* prefix);
     void setModeAndOwner(const char* prefix, const char* path, int fd, const protocol::RestoreAttributes& a, bool& modeFailed,
                          bool& ownerFailed);
-    [[nodiscard]] int answer(uint8_t status) { return transport::syncSendCode(socket_, static_cast<int8_t>(status)); }
+    Outcome answer(uint8_t status) {
+        return Outcome::jobOverUnless(transport::syncSendCode(socket_, static_cast<int8_t>(status)));
+    }
     void logRefusedName(const char* prefix, const char* format);
 
     int socket_;
@@ -110,6 +112,7 @@ private:
     unsigned temporaryCount_ = 0;
     uint8_t status_ = 0;
     bool haveFile_ = false;  // an OPENFILE is waiting for its ENDF
+    bool outOfSpace_ = false;  // a file found no space: the job ends once that is answered
     protocol::RestoreAttributes attr_;
     int32_t fileSize_ = 0;
     int onNfs_ = 0;
@@ -117,7 +120,7 @@ private:
     PathBuffer unlinkPath_;  // what UNLINK removes: a name this job made or may replace
 };
 
-int RestoreSession::run() {
+Outcome RestoreSession::run() {
     for (;;) {
         int8_t code = 0;
         record_.fill(0);  // a short record reads as zeros, never as the previous one
@@ -126,18 +129,18 @@ int RestoreSession::run() {
         // The last byte stays free for the NUL of a symbolic link's target.
         size_t room = count_ + protocol::kMaxDataPayload < data_.size() ? count_ + protocol::kMaxDataPayload : data_.size() - 1;
         transport::FileDataBuffer incoming{std::span<uint8_t>(data_.data(), room), count_};
-        if (transport::GetReply(socket_, code, record_, &incoming, ahead_) != 0) return transport::kFailed;
+        if (transport::GetReply(socket_, code, record_, &incoming, ahead_) != 0) return Outcome::jobOver();
         count_ = incoming.fill;
         switch (code) {
             case protocol::code::kAbort:
                 ulog(MSG_JOB_ABORTED_FRONT_END, kAbortPrefix);
-                return 0;
+                return Outcome::done();
             case protocol::code::kEnd:
                 ulog(MSG_WORKSTATION_RESTORE_COMPLETED, "");
                 // What was restored is on stable storage before the front-end
                 // hears that the restore is complete.
                 if (locator_.syncAll() != 0) ulog("%sFailed to flush the restored files to disk (%s)", kPrefix, errText());
-                return answer(protocol::code::kEnd) == 0 ? 0 : transport::kFailed;
+                return answer(protocol::code::kEnd);
             case protocol::code::kUnlink:
                 unlinkCommand();
                 break;
@@ -148,15 +151,12 @@ int RestoreSession::run() {
                 openFile();
                 break;
             case protocol::code::kMof:
-                if (mof() != 0) return transport::kFailed;
+                if (Outcome r = mof(); r.isJobOver()) return r;
                 break;
-            case protocol::code::kEndf: {
-                bool over = false;
-                int r = endf(over);
-                if (over) return r;
-                if (r != 0) return transport::kFailed;
+            case protocol::code::kEndf:
+                // A disk without space ends the job once that was answered.
+                if (Outcome r = endf(); r.isJobOver() || outOfSpace_) return r;
                 break;
-            }
             default:
                 ulog(MSG_UNKNOWN_COMMAND, kPrefix, static_cast<int>(code));
                 break;
@@ -527,23 +527,23 @@ void RestoreSession::writeHeld(const char* prefix) {
     count_ = 0;
 }
 
-int RestoreSession::mof() {
-    if (ctx_.ackInterval != 0 && transport::ackIfDue(socket_, ctx_.ackInterval) != 0) return transport::kFailed;
+Outcome RestoreSession::mof() {
+    if (ctx_.ackInterval != 0 && transport::ackIfDue(socket_, ctx_.ackInterval) != 0) return Outcome::jobOver();
     if (status_ != 0 || !haveFile_) {
         count_ = 0;  // data of a skipped or failed file (or of none) is dropped
-        return 0;
+        return Outcome::done();
     }
-    if (count_ < kWriteBatch) return 0;
+    if (count_ < kWriteBatch) return Outcome::done();
     if (attr_.type() == protocol::kTypeSymlink) {
         // A link target this long cannot be made; it is not written anywhere.
         errno = ENAMETOOLONG;
         ulog(MSG_FAILED_CREATE_SYMBOLIC_LINK_SYMLINK, kMofPrefix, "...", path_.c_str(), errText());
         status_ = protocol::status::kCannotCreate;
         count_ = 0;
-        return 0;
+        return Outcome::done();
     }
     writeHeld(kMofPrefix);
-    return 0;
+    return Outcome::done();
 }
 
 void RestoreSession::finishSymlink() {
@@ -606,7 +606,7 @@ void RestoreSession::finishFile() {
     out_.reset();
 }
 
-int RestoreSession::endf(bool& over) {
+Outcome RestoreSession::endf() {
     uint8_t s = status_;
     bool fileInHand = haveFile_;
     haveFile_ = false;
@@ -619,7 +619,7 @@ int RestoreSession::endf(bool& over) {
         // What was made of a file that went wrong never takes its name.
         discardMade();
         count_ = 0;
-        over = s == protocol::status::kNoSpace;
+        outOfSpace_ = s == protocol::status::kNoSpace;
         return answer(s);
     }
     if (!fileInHand) {
@@ -638,7 +638,7 @@ int RestoreSession::endf(bool& over) {
     status_ = 0;
     discardMade();
     if (s == protocol::status::kNoSpace) {
-        over = true;
+        outOfSpace_ = true;
         return answer(protocol::status::kNoSpace);
     }
     return answer(s);
@@ -646,7 +646,8 @@ int RestoreSession::endf(bool& over) {
 
 }  // namespace
 
-int ws_restore(int socket, const std::string& root, const JobContext& ctx, HardLinkTable& links, const Owner& owner) {
+Outcome ws_restore(int socket, const std::string& root, const JobContext& ctx, HardLinkTable& links,
+                   const Owner& owner) {
     (void)root;  // names in the records are complete: they are used as they are
     RestoreSession session(socket, ctx, links, owner);
     return session.run();

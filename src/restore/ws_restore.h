@@ -6,10 +6,11 @@
 // Requires: the job's working directory is its root; `links` was reset for
 // this job; `owner` is the job's login (owner of directories made for
 // missing parents).
-// Returns 0 after END (answered with 3) or ABORT, 100 when a packet could
-// not be received or an answer not sent (a payload longer than a data packet
-// may carry, or a record larger than the record area, is a failed receive),
-// and after a 'd' status (no space: the job ends) the result of sending it.
+// Returns Outcome::done() after END (answered with 3) or ABORT, and after a
+// 'd' status (no space: the job ends) that went out; Outcome::jobOver() when
+// a packet could not be received or an answer not sent (a payload longer
+// than a data packet may carry, or a record larger than the record area, is
+// a failed receive).
 //
 // A file is made apart (an unnamed file, or a temporary name beside its
 // own) and takes its name only at ENDF, after all of its data was written
@@ -22,6 +23,7 @@
 
 #include <string>
 
+#include "platform/outcome.h"
 #include "request/job_context.h"
 #include "restore/paths.h"
 
@@ -33,6 +35,7 @@ inline constexpr size_t kWriteBatch = 4296;
 inline constexpr size_t kDataAreaSize = kWriteBatch + protocol::kMaxDataPayload;
 static_assert(kDataAreaSize == 6344);
 
-int ws_restore(int socket, const std::string& root, const JobContext& ctx, HardLinkTable& links, const Owner& owner);
+Outcome ws_restore(int socket, const std::string& root, const JobContext& ctx, HardLinkTable& links,
+                   const Owner& owner);
 
 }  // namespace tavik::restore
