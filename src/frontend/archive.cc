@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -175,7 +176,7 @@ bool ArchiveWriter::put(std::span<const uint8_t> bytes) {
     }
     if (bytes.size() > buffer_.size() - fill_ && !flush()) return false;
     if (bytes.size() >= buffer_.size()) return writeAll(fd_, bytes.data(), bytes.size(), error_);
-    std::memcpy(buffer_.data() + fill_, bytes.data(), bytes.size());
+    if (!bytes.empty()) std::memcpy(buffer_.data() + fill_, bytes.data(), bytes.size());
     fill_ += bytes.size();
     return true;
 }
@@ -273,8 +274,9 @@ bool ArchiveReader::start() {
     }
     std::vector<uint8_t> texts(headerLength - kFixedHeaderSize);
     if (!readAt(kFixedHeaderSize, texts)) return false;
-    std::memcpy(header_.host.data(), texts.data(), header_.host.size());
-    std::memcpy(header_.source.data(), texts.data() + header_.host.size(), header_.source.size());
+    // std::copy_n, not memcpy: an archive of no host and no source has no texts at all.
+    std::copy_n(texts.begin(), header_.host.size(), header_.host.begin());
+    std::copy_n(texts.begin() + std::ptrdiff_t(header_.host.size()), header_.source.size(), header_.source.begin());
     std::vector<uint8_t> trailer(kTrailerSize);
     if (!readAt(size - kTrailerSize, trailer) || !decodeArchiveTrailer(trailer, trailer_, error_)) return false;
     crc_ = crc32Update(crc32Update(0, fixed), texts);
