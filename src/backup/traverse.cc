@@ -107,7 +107,7 @@ namespace {
 // selects. Entries it could not examine go to `unexamined`, for the second
 // pass to examine (and log) again.
 Outcome sendFiles(JobContext& ctx, platform::DirStream& dir, const std::string& dirPath, const struct stat& dirStat,
-              std::vector<std::string>& unexamined) {
+                  std::vector<std::string>& unexamined) {
     BackupState& b = backupState();
     const bool newServer = ctx.serverVersion >= protocol::kNewServerVersion;
     const int dirFd = dir.fd();

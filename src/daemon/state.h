@@ -1,11 +1,12 @@
-// Process-wide state of the agent, in three named records.
+// The daemon's process-wide state, in three named records held by one
+// object (state.cc).
 //
-// The daemon fills these at start-up; every job process inherits them at
-// fork and from then on owns its private copy. Settings and Paths are
-// read-only once the daemon serves (a job changes only its own copy, e.g. the
-// ack interval of its start command). Listener is owned by the listener loop
-// and read by cleanup and the job code (peer name, sockets to close).
-// Job-scoped state lives with the job (request/), not here.
+// The daemon fills them at start-up. Settings and Paths are read-only once
+// the daemon serves; the layers below never include this header: the
+// daemon hands each what it uses (publishSettings: the log, the transport)
+// and makes each job's context from them (prepareJob), which the job then
+// changes on its own. Listener is owned by the listener loop and read by
+// cleanup and the job process (the caller's name, the sockets to close).
 #pragma once
 
 #include <cstdint>
