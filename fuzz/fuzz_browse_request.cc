@@ -23,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         ::shutdown(fds[1], SHUT_WR);
         size_t requests = 0;
         BrowseRequest request;
-        while (receiveRequest(fds[0], request) == ReceiveStatus::kOk) {
+        while (receiveRequest({.fd = fds[0]}, request) == ReceiveStatus::kOk) {
             if (request.text.size() > protocol::browse::kMaxRequest || request.text.size() > request.header.length) abort();
             if (request.text.find('\0') != std::string::npos) abort();
             if (++requests > size / protocol::browse::kHeaderSize) abort();  // every request takes a header

@@ -20,7 +20,6 @@ named=(
   # The log's files and verbosity, handed down by the daemon once at start-up.
   "tavik::(anonymous namespace)::gLog: the log's files and verbosity, fixed at start-up"
   # One job per process: each job's state object, made per connection.
-  "tavik::transport::transport()::state: the job's I/O routines, deadline and counters"
   "tavik::backup::backupState()::state: the backup job's state"
   "tavik::backup::(anonymous namespace)::ipc()::state: the backup job's ring and IPC objects"
   "tavik::groom::detail::state()::s: the grooming job's state"

@@ -83,6 +83,7 @@ struct BackupState {
     // file with its directory's identity.
     platform::FileIdentity groomDirectory;
     bool watchdog = false;  // option flag 0x02 in force
+    int timeDivisor = 1;    // the job's, for the watchdog's alarm
     // A packet is being built in the queue, and the watchdog fell due
     // meanwhile: its WATCH_DOG is queued when the packet is done.
     bool building = false;

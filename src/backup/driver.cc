@@ -41,9 +41,11 @@ bool queueNotFull() { return queuedCount() < queueCapacity(); }
     // A dropped connection shows as EPIPE or ECONNRESET from the sends
     // (MSG_NOSIGNAL); a SIGPIPE could only come from standard output.
     platform::ignoreSignal(SIGPIPE);
-    transport::transport().senderProcess = true;
-    transport::transport().backupAsleep = false;
-    transport::transport().queueNotFull = queueNotFull;
+    // The sender's own copy of the connection's state.
+    transport::TransportState link = ctx.link;
+    link.senderProcess = true;
+    link.backupAsleep = false;
+    link.queueNotFull = queueNotFull;
     disownIPC();
     transport::PacketSource source;
     source.waitForPacket = waitForPacket;
@@ -53,7 +55,7 @@ bool queueNotFull() { return queuedCount() < queueCapacity(); }
     transport::SenderOptions options;
     options.renewalPermitted = (ctx.optionFlags() & protocol::options_layout::kReconnect) != 0;
     options.ackInterval = ctx.ackInterval;
-    int r = transport::SendDaemon(jobSocket, source, options);
+    int r = transport::SendDaemon(link, jobSocket, source, options);
     std::_Exit(r != 0 ? 255 : 0);
 }
 
@@ -106,15 +108,15 @@ Outcome sendGroomingReport(JobContext& ctx, Outcome result) {
 }  // namespace
 
 void stopWatchdog() {
-    transport::armAlarm(0);
+    transport::armAlarm(0, 1);
     backupState().watchdog = false;
     platform::clearPendingSignal(SIGALRM);
 }
 
-void waitQueueEmpty() {
+void waitQueueEmpty(const JobContext& ctx) {
     // Polls once a second; the sender's release of the last slot ends the
     // wait at once.
-    while (queuedCount() != 0) transport::scaledSleep(1);
+    while (queuedCount() != 0) transport::scaledSleep(1, ctx.jobSettings.divisor());
 }
 
 Outcome startbackup(JobContext& ctx, int jobSocket, const std::string& sourcePath) {
@@ -122,6 +124,7 @@ Outcome startbackup(JobContext& ctx, int jobSocket, const std::string& sourcePat
     b.sourceLength = sourcePath.size();
     b.restartFound = false;
     b.watchdog = (ctx.optionFlags() & protocol::options_layout::kWatchDog) != 0;
+    b.timeDivisor = ctx.jobSettings.divisor();
     b.grooming = !ctx.groomRecord.empty();
     b.oldSelection = decodeOldSelection(ctx.request);
 

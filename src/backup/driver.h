@@ -24,6 +24,6 @@ Outcome startbackup(JobContext& ctx, int jobSocket, const std::string& sourcePat
 void stopWatchdog();
 
 // Waits until the sender has taken every queued packet (the job's end).
-void waitQueueEmpty();
+void waitQueueEmpty(const JobContext& ctx);
 
 }  // namespace tavik::backup

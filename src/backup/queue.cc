@@ -51,6 +51,7 @@ struct Ipc {
     int sleepScale = 0;
     int timeDivisor = 1;
     RegistryAccess registry;
+    int lastReportedSleep = 0;  // the last wait written to the log
 };
 
 // Deliberately never destroyed: the objects are removed by ReleaseIPC on
@@ -101,10 +102,10 @@ int retryStep(int count, int limit, uint16_t bit, Ready ready) {
     long long micros = 10000;
     if (n > 1000) {
         int wait = (n - 1000) / 100 + 1;
-        transport::TransportState& t = transport::transport();
-        if (logVerbose() && wait != t.lastReportedSleep) {
+        Ipc& q = ipc();
+        if (logVerbose() && wait != q.lastReportedSleep) {
             ulog("%sTimeCount=%d, sleep(%d)...", "(timeOut) ", n, wait);
-            t.lastReportedSleep = wait;
+            q.lastReportedSleep = wait;
         }
         micros = wait * 1000000LL;
     }

@@ -172,11 +172,11 @@ bool restartPending(const JobContext& ctx) { return !ctx.restartPath.empty() || 
 void installWatchdog() { platform::deferSignal(SIGALRM, watchdogAction); }
 
 void watchdogOff() {
-    if (backupState().watchdog) transport::armAlarm(0);
+    if (backupState().watchdog) transport::armAlarm(0, 1);
 }
 
 void watchdogOn() {
-    if (backupState().watchdog) transport::armAlarm(kWatchdogSeconds);
+    if (backupState().watchdog) transport::armAlarm(kWatchdogSeconds, backupState().timeDivisor);
 }
 
 void atPacketBoundary() {
@@ -198,7 +198,7 @@ void watchdogAction(int) {
     // A queue that broke ends the job at the backup's next step, which
     // finds it broken too.
     if (queuePacket(code::kWatchDog, nullptr, 0, 0).isJobOver()) return;
-    transport::armAlarm(kWatchdogSeconds);
+    transport::armAlarm(kWatchdogSeconds, b.timeDivisor);
 }
 
 Outcome queuePacket(int8_t packetCode, const uint8_t* data, uint16_t length, uint8_t version) {

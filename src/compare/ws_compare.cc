@@ -50,9 +50,10 @@ constexpr uint8_t kSizeDiffers = 2;
 
 class CompareSession {
 public:
-    CompareSession(int socket, const std::string& root, const JobContext& ctx)
+    CompareSession(int socket, const std::string& root, JobContext& ctx)
         : socket_(socket),
           ctx_(ctx),
+          link_(ctx.link),
           verbose_(logVerbose()),
           followLinks_(ctx.jobSettings.followLinks),
           checkLocks_(ctx.jobSettings.checkLocks),
@@ -80,12 +81,13 @@ private:
     void compareLinkTarget();
     void resetTimes();
     Outcome answer(uint8_t code) {
-        return Outcome::jobOverUnless(transport::syncSendCode(socket_, static_cast<int8_t>(code)));
+        return Outcome::jobOverUnless(transport::syncSendCode(link_, socket_, static_cast<int8_t>(code)));
     }
 
     int socket_;
     transport::ReadAhead ahead_;  // nothing but the command stream follows on the socket
     const JobContext& ctx_;
+    transport::TransportState& link_;  // the job's connection state, in ctx_
     bool verbose_;
     bool followLinks_;
     bool checkLocks_;
@@ -123,7 +125,7 @@ Outcome CompareSession::run() {
         size_t room = count_ + protocol::kMaxDataPayload;
         if (room > data_.size()) room = data_.size();
         transport::FileDataBuffer incoming{std::span<uint8_t>(data_.data(), room), count_};
-        if (transport::GetReply(socket_, code, record_, &incoming, ahead_) != 0) {
+        if (transport::GetReply(link_, socket_, code, record_, &incoming, ahead_) != 0) {
             return answer(protocol::verdict::kStop).isJobOver() ? Outcome::jobOver() : Outcome::done();
         }
         count_ = incoming.fill;
@@ -344,7 +346,7 @@ void CompareSession::compareHeld(const char* prefix) {
 }
 
 Outcome CompareSession::mof() {
-    if (ctx_.ackInterval != 0 && transport::ackIfDue(socket_, ctx_.ackInterval) != 0) return Outcome::jobOver();
+    if (ctx_.ackInterval != 0 && transport::ackIfDue(link_, socket_, ctx_.ackInterval) != 0) return Outcome::jobOver();
     if (content_ != 0) {
         count_ = 0;
         return Outcome::done();
@@ -442,8 +444,8 @@ Outcome CompareSession::end() {
             } else {
                 std::array<uint8_t, protocol::kGroomCountSize> countText{};
                 std::snprintf(reinterpret_cast<char*>(countText.data()), countText.size(), "%d", groomed);
-                if (transport::sendRoutine(socket_, countText.data(), countText.size()) == 0 &&
-                    sync_send_file(socket_, workFile.c_str()) == transport::kFailed) {
+                if (transport::sendRoutine(link_, socket_, countText.data(), countText.size()) == 0 &&
+                    sync_send_file(link_, socket_, workFile.c_str()) == transport::kFailed) {
                     failed = true;
                 }
             }
@@ -471,12 +473,12 @@ Outcome CompareSession::end() {
 
 }  // namespace
 
-Outcome ws_compare(int socket, const std::string& root, const JobContext& ctx) {
+Outcome ws_compare(int socket, const std::string& root, JobContext& ctx) {
     CompareSession session(socket, root, ctx);
     return session.run();
 }
 
-int sync_send_file(int socket, const char* name) {
+int sync_send_file(transport::TransportState& link, int socket, const char* name) {
     platform::UniqueFd in(::open(name, O_RDONLY | O_CLOEXEC));
     if (!in) {
         ulog(MSG_FAIED_OPEN, kSendFilePrefix, name, errText());
@@ -494,11 +496,11 @@ int sync_send_file(int socket, const char* name) {
         h.code = static_cast<size_t>(n) == data.size() ? protocol::code::kMof : protocol::code::kEndf;
         h.length = static_cast<uint16_t>(n);
         protocol::HeaderBytes header = protocol::encodeHeader(h);
-        if (transport::sendRoutine(socket, header.data(), header.size()) != 0) {
+        if (transport::sendRoutine(link, socket, header.data(), header.size()) != 0) {
             ulog(MSG_SEND_COMMAND_0X_FAILED, kSendFilePrefix, static_cast<unsigned>(static_cast<uint8_t>(h.code)));
             return transport::kFailed;
         }
-        if (n > 0 && transport::sendRoutine(socket, data.data(), static_cast<size_t>(n)) != 0) {
+        if (n > 0 && transport::sendRoutine(link, socket, data.data(), static_cast<size_t>(n)) != 0) {
             return transport::kFailed;
         }
         if (static_cast<size_t>(n) < data.size()) break;
@@ -508,7 +510,7 @@ int sync_send_file(int socket, const char* name) {
     if (readFailed) {
         errno = readErrno;
         ulog(MSG_FAILED_READING, kSendFilePrefix, name, errText());
-        return transport::syncSendCode(socket, static_cast<int8_t>(protocol::verdict::kReadErr)) == 0 ? 0
+        return transport::syncSendCode(link, socket, static_cast<int8_t>(protocol::verdict::kReadErr)) == 0 ? 0
                                                                                               : transport::kFailed;
     }
     return 0;

@@ -39,8 +39,8 @@ static_assert(kDataAreaSize == 6344);
 // sync_send_file's packet payload.
 inline constexpr size_t kFilePacketSize = 2048;
 
-Outcome ws_compare(int socket, const std::string& root, const JobContext& ctx);
+Outcome ws_compare(int socket, const std::string& root, JobContext& ctx);
 
-int sync_send_file(int socket, const char* name);
+int sync_send_file(transport::TransportState& link, int socket, const char* name);
 
 }  // namespace tavik::compare

@@ -62,7 +62,7 @@ Outcome backupPhase(Channel& channel, JobContext& ctx) {
     backup::stopWatchdog();
     if (backup::queueStatus(ctx, protocol::code::kEnd).isJobOver()) return Outcome::jobOver();
     if (backup::restartPending(ctx)) return Outcome::done();  // the restart point was never found
-    backup::waitQueueEmpty();
+    backup::waitQueueEmpty(ctx);
 
     if (!s.blockingIo) {
         // The status value 16 (synchronous writes) of the original system
@@ -73,14 +73,14 @@ Outcome backupPhase(Channel& channel, JobContext& ctx) {
             return Outcome::jobOver();
         }
     }
-    transport::setReceiveTimeout(fd, kClosingWait);
+    transport::setReceiveTimeout(fd, kClosingWait, ctx.jobSettings.divisor());
     uint8_t closing[protocol::kHeaderSize];
     ssize_t n;
     do {
         n = ::recv(fd, closing, sizeof closing, 0);
         if (n < 0 && errno == EINTR) platform::dispatchPendingSignals();
     } while (n < 0 && errno == EINTR);
-    if (n < 0 && errno == ECONNRESET) transport::connrelease(0);
+    if (n < 0 && errno == ECONNRESET) transport::connrelease(ctx.link, 0);
     return Outcome::done();
 }
 

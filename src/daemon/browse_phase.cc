@@ -7,12 +7,12 @@
 
 namespace tavik {
 
-Outcome browsePhase(int connection, JobContext&) {
+Outcome browsePhase(int connection, JobContext& ctx) {
     MountTable table;
     MountPoints mounts(table, paths().homeDir);
     // The browser ends at the caller's LOGOUT or when the connection does:
     // either ends the job.
-    return Outcome::jobOverUnless(transport::Browser(connection, mounts));
+    return Outcome::jobOverUnless(transport::Browser({.fd = connection, .timeDivisor = ctx.jobSettings.divisor()}, mounts));
 }
 
 }  // namespace tavik

@@ -16,17 +16,13 @@
 
 namespace tavik {
 
-Outcome handleJobConnection(int admittedPipe) {
+Outcome handleJobConnection(JobContext& ctx, int admittedPipe) {
     Listener& l = listener();
-    // The job's context: made here, in the connection process, and passed
-    // down to every phase of the job.
-    JobContext ctx;
-    prepareJob(ctx);
     installBackupHooks(ctx);
 
-    Channel channel(l.jobSocket);
+    Channel channel(ctx.link, l.jobSocket);
     int r = GetRequest(channel, ctx);
-    transport::setReceiveDeadline(0);
+    transport::setReceiveDeadline(ctx.link, 0);
     if (r != 0) {
         ulog(MSG_FAILED_GET_REQUEST_PACKET, "");
         ::close(l.jobSocket);

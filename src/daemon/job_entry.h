@@ -1,7 +1,8 @@
 // What the connection process does with its connection once the caller's
 // address and name are known (listener().jobSocket, peerAddress, peerName).
 //
-// handleJobConnection() prepares the per-connection job state, reads the job
+// handleJobConnection() takes the job's context (made by prepareJob, its
+// receive deadline set at the acceptance), reads the job
 // request (the whole of it within the request deadline, counted from the
 // acceptance), admits the caller, tells the daemon through `admittedPipe`
 // that this process is now a job (its process id, once), and serves the job.
@@ -11,6 +12,7 @@
 #pragma once
 
 #include "platform/outcome.h"
+#include "request/job_context.h"
 
 namespace tavik {
 
@@ -18,6 +20,6 @@ namespace tavik {
 // (divided by the time divisor).
 inline constexpr unsigned kRequestTimeout = 120;
 
-Outcome handleJobConnection(int admittedPipe);
+Outcome handleJobConnection(JobContext& ctx, int admittedPipe);
 
 }  // namespace tavik

@@ -135,7 +135,7 @@ bool identitySwitchExempt(const JobContext& ctx, bool browse) {
 
 Outcome serveJob(JobContext& ctx) {
     Listener& l = listener();
-    Channel channel(l.jobSocket);
+    Channel channel(ctx.link, l.jobSocket);
     decideTrust(ctx);
 
     if (ctx.request.opMode() == protocol::kOpBrowse) {
@@ -162,7 +162,7 @@ Outcome serveJob(JobContext& ctx) {
 
     if (prepare(channel, ctx) != 0) return Outcome::jobOver();
     transport::keepAlive(l.jobSocket);
-    transport::setReceiveTimeout(l.jobSocket, kCommandWait);
+    transport::setReceiveTimeout(l.jobSocket, kCommandWait, ctx.jobSettings.divisor());
     if (channel.sendCode(protocol::code::kReady, ctx) != 0) return Outcome::jobOver();
 
     if (ctx.request.opMode() == protocol::kOpBackup && GetPattern(channel, ctx) != 0) {
@@ -176,7 +176,7 @@ Outcome serveJob(JobContext& ctx) {
     }
     if (r != 0) return Outcome::jobOver();
 
-    transport::setReceiveTimeout(l.jobSocket, kDataWait);
+    transport::setReceiveTimeout(l.jobSocket, kDataWait, ctx.jobSettings.divisor());
     switch (ctx.request.opMode()) {
         case protocol::kOpBackup: return backupPhase(channel, ctx);
         case protocol::kOpRestore: return restorePhase(channel, ctx);

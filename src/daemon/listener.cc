@@ -136,7 +136,6 @@ void identifyHost(Listener& l) {
                               NI_NAMEREQD) == 0 &&
                   resolvesTo(host, peer.sin_addr);
     l.peerName = l.peerKnown ? host : "";
-    transport::transport().settings.caller = l.caller();
 }
 
 // The connection process: it owns the connection alone, and everything
@@ -151,15 +150,20 @@ void identifyHost(Listener& l) {
     // always did.
     platform::ignoreSignal(SIGCHLD);
     platform::clearPendingSignal(SIGCHLD);
-    transport::setReceiveDeadline(kRequestTimeout);  // from the acceptance on
+    // The job's context: made here, in the connection process, and passed
+    // down to every phase of the job.
+    JobContext ctx;
+    prepareJob(ctx);
+    transport::setReceiveDeadline(ctx.link, kRequestTimeout);  // from the acceptance on
     identifyHost(l);
+    ctx.link.settings.caller = l.caller();
     if (settings().verbose) ulog("received call from %s(%s)", l.peerName.c_str(), l.peerAddress);
     // Done or over, the connection process ends through cleanup all the same.
-    static_cast<void>(handleJobConnection(admittedPipe));
+    static_cast<void>(handleJobConnection(ctx, admittedPipe));
     cleanup(0);
 }
 
-void backOff() { transport::scaledSleep(kBackOffSeconds); }
+void backOff() { transport::scaledSleep(kBackOffSeconds, settings().timeDivisor); }
 
 void acceptConnection(Listener& l, Connections& connections, int admittedRead, int admittedWrite) {
     const Settings& s = settings();

@@ -136,7 +136,7 @@ int checkLogin(JobContext& ctx) {
     if (r == 0) return 0;
     int8_t refusal = (ctx.serverVersion >= protocol::kNewServerVersion && r == -2) ? protocol::code::kUnknownUser
                                                                                     : protocol::code::kLoginFailed;
-    if (transport::syncSendCode(l.jobSocket, refusal) != 0) {
+    if (transport::syncSendCode(ctx.link, l.jobSocket, refusal) != 0) {
         // Logged by the sender; the caller is refused either way.
     }
     ::close(l.jobSocket);

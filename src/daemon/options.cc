@@ -156,10 +156,7 @@ void logSettings(Settings& s) {
     if (s.ioBufferSizeGiven) ulog(MSG_I_O_BUFFER_SIZE_BYTES, s.ioBufferSize);
     if (s.ioBufferCountGiven) ulog(MSG_NUMBER_I_O_BUFFER_ALLOCATED, int(s.ioBufferCount));
     if (s.socketBufferSizeGiven) ulog(MSG_SOCKET_BUFFER_SIZE_BYTES, s.socketBufferSize);
-    if (!s.blockingIo) {
-        transport::useNonblockingIo();
-        ulog(MSG_SOCKET_I_O_SET_NON);
-    }
+    if (!s.blockingIo) ulog(MSG_SOCKET_I_O_SET_NON);
     if (s.tcpPortGiven) ulog(MSG_TCP_PORT_NUMBER, int(s.tcpPort));
     if (s.followLinks) ulog(MSG_SYMBOLIC_LINKS_FOLLOWED);
     if (!s.skipNfs) ulog(MSG_NFS_DIRECTORIES_TRAVERSED);

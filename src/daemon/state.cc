@@ -34,12 +34,6 @@ void publishSettings() {
     const Settings& s = gDaemon.settings;
     const Paths& p = gDaemon.paths;
     configureLog({.logPath = p.logPath, .oldLogPath = p.oldLogPath, .verbose = s.verbose});
-    transport::transport().settings = {.reconnectKB = s.reconnectKB,
-                                       .reconnectFiles = s.reconnectFiles,
-                                       .socketBufferSize = s.socketBufferSize,
-                                       .blockingIo = s.blockingIo,
-                                       .timeDivisor = s.timeDivisor,
-                                       .caller = gDaemon.listener.caller()};
 }
 
 void prepareJob(JobContext& ctx) {
@@ -60,6 +54,12 @@ void prepareJob(JobContext& ctx) {
                       .timeDivisor = s.timeDivisor};
     prepareForConnection(ctx, agent, {.logDir = p.logDir, .ipcPath = p.ipcPath, .followMarkerPath = p.followMarkerPath},
                          s.ackInterval);
+    ctx.link.settings = {.reconnectKB = s.reconnectKB,
+                         .reconnectFiles = s.reconnectFiles,
+                         .socketBufferSize = s.socketBufferSize,
+                         .blockingIo = s.blockingIo,
+                         .timeDivisor = s.timeDivisor,
+                         .caller = gDaemon.listener.caller()};
 }
 
 const Settings& settings() { return gDaemon.settings; }

@@ -9,7 +9,7 @@
 namespace tavik {
 
 int Channel::recv(uint8_t* buffer, size_t length) {
-    if (!fromBuffer_) return transport::recvRoutine(fd_, buffer, length);
+    if (!fromBuffer_) return transport::recvRoutine(*link_, fd_, buffer, length);
     if (length > 0) std::memset(buffer, 0, length);
     size_t left = replay_.size() - pos_;
     if (left < length) {
@@ -24,14 +24,14 @@ int Channel::recv(uint8_t* buffer, size_t length) {
 }
 
 int Channel::send(const uint8_t* buffer, size_t length) {
-    if (!fromBuffer_) return transport::sendRoutine(fd_, buffer, length);
+    if (!fromBuffer_) return transport::sendRoutine(*link_, fd_, buffer, length);
     sent_.insert(sent_.end(), buffer, buffer + length);
     return 0;
 }
 
 int Channel::sendCode(int8_t code, const JobContext& ctx) {
     transport::ReadyInfo ready{ctx.ackInterval, ctx.serverVersion};
-    if (!fromBuffer_) return transport::syncSendCode(fd_, code, ready);
+    if (!fromBuffer_) return transport::syncSendCode(*link_, fd_, code, ready);
     protocol::PacketHeader h;
     h.code = code;
     if (code == protocol::code::kReady) {

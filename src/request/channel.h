@@ -16,10 +16,13 @@
 namespace tavik {
 
 struct JobContext;
+namespace transport {
+struct TransportState;
+}
 
 class Channel {
 public:
-    explicit Channel(int fd) : fd_(fd) {}
+    Channel(transport::TransportState& link, int fd) : link_(&link), fd_(fd) {}
     explicit Channel(std::span<const uint8_t> replay) : replay_(replay), fromBuffer_(true) {}
 
     int fd() const { return fd_; }
@@ -32,6 +35,7 @@ public:
     const std::vector<uint8_t>& sent() const { return sent_; }
 
 private:
+    transport::TransportState* link_ = nullptr;
     int fd_ = -1;
     std::span<const uint8_t> replay_;
     size_t pos_ = 0;

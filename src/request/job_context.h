@@ -20,6 +20,7 @@
 #include "platform/fs_type.h"
 #include "protocol/commands.h"
 #include "protocol/request.h"
+#include "transport/packet.h"
 
 namespace tavik {
 
@@ -111,6 +112,9 @@ struct JobContext {
     DirList protectedDirs;
     JobSettings jobSettings;
     JobPaths paths;
+    // The connection's transport: the daemon's transport settings and the
+    // caller's name, the receive deadline, the acknowledgement count.
+    transport::TransportState link;
 
     protocol::ReceivedFilter filterItems;
     uint16_t maxDirDepth = kOldMaxDirDepth;

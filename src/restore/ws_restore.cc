@@ -48,8 +48,8 @@ constexpr int kShownNameBytes = 100;
 
 class RestoreSession {
 public:
-    RestoreSession(int socket, const JobContext& ctx, HardLinkTable& links, const Owner& owner)
-        : socket_(socket), ctx_(ctx), links_(links), owner_(owner), verbose_(logVerbose()) {}
+    RestoreSession(int socket, JobContext& ctx, HardLinkTable& links, const Owner& owner)
+        : socket_(socket), ctx_(ctx), link_(ctx.link), links_(links), owner_(owner), verbose_(logVerbose()) {}
     ~RestoreSession() { discardMade(); }
     RestoreSession(const RestoreSession&) = delete;
     RestoreSession& operator=(const RestoreSession&) = delete;
@@ -83,12 +83,13 @@ private:
     void setModeAndOwner(const char* prefix, const char* path, int fd, const protocol::RestoreAttributes& a, bool& modeFailed,
                          bool& ownerFailed);
     Outcome answer(uint8_t status) {
-        return Outcome::jobOverUnless(transport::syncSendCode(socket_, static_cast<int8_t>(status)));
+        return Outcome::jobOverUnless(transport::syncSendCode(link_, socket_, static_cast<int8_t>(status)));
     }
     void logRefusedName(const char* prefix, const char* format);
 
     int socket_;
     const JobContext& ctx_;
+    transport::TransportState& link_;  // the job's connection state, in ctx_
     HardLinkTable& links_;
     Owner owner_;
     bool verbose_;
@@ -129,7 +130,7 @@ Outcome RestoreSession::run() {
         // The last byte stays free for the NUL of a symbolic link's target.
         size_t room = count_ + protocol::kMaxDataPayload < data_.size() ? count_ + protocol::kMaxDataPayload : data_.size() - 1;
         transport::FileDataBuffer incoming{std::span<uint8_t>(data_.data(), room), count_};
-        if (transport::GetReply(socket_, code, record_, &incoming, ahead_) != 0) return Outcome::jobOver();
+        if (transport::GetReply(link_, socket_, code, record_, &incoming, ahead_) != 0) return Outcome::jobOver();
         count_ = incoming.fill;
         switch (code) {
             case protocol::code::kAbort:
@@ -528,7 +529,7 @@ void RestoreSession::writeHeld(const char* prefix) {
 }
 
 Outcome RestoreSession::mof() {
-    if (ctx_.ackInterval != 0 && transport::ackIfDue(socket_, ctx_.ackInterval) != 0) return Outcome::jobOver();
+    if (ctx_.ackInterval != 0 && transport::ackIfDue(link_, socket_, ctx_.ackInterval) != 0) return Outcome::jobOver();
     if (status_ != 0 || !haveFile_) {
         count_ = 0;  // data of a skipped or failed file (or of none) is dropped
         return Outcome::done();
@@ -646,7 +647,7 @@ Outcome RestoreSession::endf() {
 
 }  // namespace
 
-Outcome ws_restore(int socket, const std::string& root, const JobContext& ctx, HardLinkTable& links,
+Outcome ws_restore(int socket, const std::string& root, JobContext& ctx, HardLinkTable& links,
                    const Owner& owner) {
     (void)root;  // names in the records are complete: they are used as they are
     RestoreSession session(socket, ctx, links, owner);

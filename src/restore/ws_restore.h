@@ -35,7 +35,7 @@ inline constexpr size_t kWriteBatch = 4296;
 inline constexpr size_t kDataAreaSize = kWriteBatch + protocol::kMaxDataPayload;
 static_assert(kDataAreaSize == 6344);
 
-Outcome ws_restore(int socket, const std::string& root, const JobContext& ctx, HardLinkTable& links,
+Outcome ws_restore(int socket, const std::string& root, JobContext& ctx, HardLinkTable& links,
                    const Owner& owner);
 
 }  // namespace tavik::restore

@@ -42,13 +42,13 @@ constexpr size_t kBrowseHeaderSize = protocol::browse::kHeaderSize;
 
 // A header-only packet from the agent. LOGIN and the answer to an unknown
 // request carry level 50.
-int sendHeaderOnly(int socket, uint8_t code, uint16_t level = 0) {
+int sendHeaderOnly(const BrowseSocket& socket, uint8_t code, uint16_t level = 0) {
     protocol::BrowseHeaderBytes bytes = protocol::encodeBrowseHeader(protocol::BrowseHeader{0, code, kAgentVersion, level, 0});
-    return usbSend(socket, bytes.data(), bytes.size());
+    return usbSend(socket.fd, bytes.data(), bytes.size(), socket.timeDivisor);
 }
 
 // One entry packet: header and entry in one buffer, one send.
-int sendEntry(int socket, uint8_t code, const protocol::BrowseEntry& entry, int version) {
+int sendEntry(const BrowseSocket& socket, uint8_t code, const protocol::BrowseEntry& entry, int version) {
     std::vector<uint8_t> payload = protocol::encodeBrowseEntry(entry, version);
     if (payload.empty()) return -1;  // names are bounded before they get here
     std::array<uint8_t, kBrowseHeaderSize + kMaxEntrySize> packet{};
@@ -56,7 +56,7 @@ int sendEntry(int socket, uint8_t code, const protocol::BrowseEntry& entry, int 
         protocol::encodeBrowseHeader(protocol::BrowseHeader{0, code, kAgentVersion, 0, static_cast<uint16_t>(payload.size())});
     std::memcpy(packet.data(), header.data(), header.size());
     std::memcpy(packet.data() + kBrowseHeaderSize, payload.data(), payload.size());
-    return usbSend(socket, packet.data(), kBrowseHeaderSize + payload.size());
+    return usbSend(socket.fd, packet.data(), kBrowseHeaderSize + payload.size(), socket.timeDivisor);
 }
 
 // Reads a link's text into the 256-byte buffer. A text that fills the
@@ -95,7 +95,7 @@ bool selected(uint16_t select, mode_t type) {
 }
 
 // One directory entry: 0 when it was sent or left out, -1 when a send failed.
-int listEntry(int socket, const char* prefix, const char* name, uint16_t select, int version) {
+int listEntry(const BrowseSocket& socket, const char* prefix, const char* name, uint16_t select, int version) {
     std::string path = std::string("./") + name;
     struct stat st {};
     if (::lstat(path.c_str(), &st) != 0) {
@@ -122,7 +122,7 @@ int listEntry(int socket, const char* prefix, const char* name, uint16_t select,
     return 0;
 }
 
-int sendEnd(int socket, const char* prefix) {
+int sendEnd(const BrowseSocket& socket, const char* prefix) {
     if (sendHeaderOnly(socket, kEndOfList) != 0) {
         ulog(MSG_FAILED_USBSEND, prefix);
         return -1;
@@ -148,9 +148,9 @@ protocol::BrowseEntry entryFromStat(const struct stat& st, std::string name) {
     return e;
 }
 
-ReceiveStatus receiveRequest(int socket, BrowseRequest& out) {
+ReceiveStatus receiveRequest(const BrowseSocket& socket, BrowseRequest& out) {
     protocol::BrowseHeaderBytes header{};
-    if (usbReceive(socket, header.data(), header.size()) != 0) return ReceiveStatus::kHeaderFailed;
+    if (usbReceive(socket.fd, header.data(), header.size(), socket.timeDivisor) != 0) return ReceiveStatus::kHeaderFailed;
     out.header = protocol::decodeBrowseHeader(header);
     out.text.clear();
     if (out.header.code == kLogout) return ReceiveStatus::kOk;  // its payload is never read
@@ -158,14 +158,14 @@ ReceiveStatus receiveRequest(int socket, BrowseRequest& out) {
     if (length > kMaxRequest) return ReceiveStatus::kPayloadFailed;
     if (length == 0) return ReceiveStatus::kOk;
     std::array<uint8_t, kMaxRequest> payload{};
-    if (usbReceive(socket, payload.data(), length) != 0) return ReceiveStatus::kPayloadFailed;
+    if (usbReceive(socket.fd, payload.data(), length, socket.timeDivisor) != 0) return ReceiveStatus::kPayloadFailed;
     const void* nul = std::memchr(payload.data(), 0, length);
     size_t textLength = nul ? static_cast<size_t>(static_cast<const uint8_t*>(nul) - payload.data()) : length;
     out.text.assign(reinterpret_cast<const char*>(payload.data()), textLength);
     return ReceiveStatus::kOk;
 }
 
-int Browser(int socket, MountList& mounts) {
+int Browser(const BrowseSocket& socket, MountList& mounts) {
     constexpr const char* kPrefix = "(Browser) ";
     if (sendHeaderOnly(socket, kLogin, kLoginLevel) != 0) ulog(MSG_FAILED_USBSEND_LOGIN, kPrefix);
     for (;;) {
@@ -206,7 +206,7 @@ int Browser(int socket, MountList& mounts) {
     }
 }
 
-int SendDirData(int socket, const std::string& directory, uint16_t select, int version) {
+int SendDirData(const BrowseSocket& socket, const std::string& directory, uint16_t select, int version) {
     constexpr const char* kPrefix = "(SendDirData) ";
     if (select != kSelectNone) {
         if (::chdir(directory.c_str()) != 0) {
@@ -233,7 +233,7 @@ int SendDirData(int socket, const std::string& directory, uint16_t select, int v
     return sendEnd(socket, kPrefix);
 }
 
-int SendFSData(int socket, MountList& mounts) {
+int SendFSData(const BrowseSocket& socket, MountList& mounts) {
     constexpr const char* kPrefix = "(SendFSData) ";
     if (mounts.open() != 0) {
         ulog("Failed to open mnttab");
@@ -262,7 +262,7 @@ int SendFSData(int socket, MountList& mounts) {
     return sendEnd(socket, kPrefix);
 }
 
-int SendLinkData(int socket, const std::string& path, int version) {
+int SendLinkData(const BrowseSocket& socket, const std::string& path, int version) {
     constexpr const char* kPrefix = "(SendLinkData) ";
     std::string text;
     if (!readLinkText(path.c_str(), text)) {

@@ -48,12 +48,19 @@ struct BrowseRequest {
     std::string text;
 };
 
+// The browse connection, and the time divisor of its send and receive
+// alarms (1 in production).
+struct BrowseSocket {
+    int fd = -1;
+    int timeDivisor = 1;
+};
+
 enum class ReceiveStatus {
     kOk,
     kHeaderFailed,   // logged by usbReceive
     kPayloadFailed,  // a short or failed payload, or one longer than kMaxRequest
 };
-[[nodiscard]] ReceiveStatus receiveRequest(int socket, BrowseRequest& out);
+[[nodiscard]] ReceiveStatus receiveRequest(const BrowseSocket& socket, BrowseRequest& out);
 
 // The mounted file systems, as the browser walks them.
 class MountList {
@@ -66,9 +73,9 @@ public:
     virtual void close() = 0;
 };
 
-int Browser(int socket, MountList& mounts);
-int SendDirData(int socket, const std::string& directory, uint16_t select, int version);
-int SendFSData(int socket, MountList& mounts);
-int SendLinkData(int socket, const std::string& path, int version);
+int Browser(const BrowseSocket& socket, MountList& mounts);
+int SendDirData(const BrowseSocket& socket, const std::string& directory, uint16_t select, int version);
+int SendFSData(const BrowseSocket& socket, MountList& mounts);
+int SendLinkData(const BrowseSocket& socket, const std::string& path, int version);
 
 }  // namespace tavik::transport

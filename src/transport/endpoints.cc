@@ -116,9 +116,8 @@ int getBufSize(int sock, int kind) {
     return reported < 0 ? -1 : requestedFromReport(reported);
 }
 
-int setReceiveTimeout(int sock, unsigned seconds) {
-    int d = transport().settings.divisor();
-    long long micros = static_cast<long long>(seconds) * 1000000 / d;
+int setReceiveTimeout(int sock, unsigned seconds, int divisor) {
+    long long micros = static_cast<long long>(seconds) * 1000000 / (divisor > 0 ? divisor : 1);
     if (seconds != 0 && micros < 1000) micros = 1000;
     timeval tv{};
     tv.tv_sec = static_cast<time_t>(micros / 1000000);

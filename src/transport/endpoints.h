@@ -41,7 +41,7 @@ int sendAtOnce(int sock);
 // Bounds each receive on `sock` to `seconds` (divided by the time
 // divisor; 0: no bound): a blocking receive that waits longer fails as a
 // timed-out receive. 0, or -1 with errno.
-int setReceiveTimeout(int sock, unsigned seconds);
+int setReceiveTimeout(int sock, unsigned seconds, int divisor);
 // Has the kernel probe an idle connection, so that a front-end that
 // vanished (its host down, its network gone) ends the job within minutes
 // even while a long wait is allowed. Failure is harmless.

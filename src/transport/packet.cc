@@ -35,45 +35,24 @@ void sleepMicros(long long micros) {
 
 }  // namespace
 
-TransportState& transport() {
-    static TransportState state = [] {
-        TransportState fresh;
-        fresh.sendRoutine = blockSend;
-        fresh.recvRoutine = blockRecv;
-        return fresh;
-    }();
-    return state;
-}
-
-void useNonblockingIo() {
-    transport().sendRoutine = nonblockSend;
-    transport().recvRoutine = nonblockRecv;
-}
-
-void useBlockingIo() {
-    transport().sendRoutine = blockSend;
-    transport().recvRoutine = blockRecv;
-}
-
-void setReceiveDeadline(unsigned seconds) {
-    TransportState& t = transport();
+void setReceiveDeadline(TransportState& t, unsigned seconds) {
     t.deadlineSet = seconds != 0;
     t.recvDeadline = std::chrono::steady_clock::now() +
-                     std::chrono::microseconds(static_cast<long long>(seconds) * 1000000 / transport().settings.divisor());
+                     std::chrono::microseconds(static_cast<long long>(seconds) * 1000000 / t.settings.divisor());
 }
 
-int sendRoutine(int fd, const uint8_t* buffer, size_t length) {
-    return transport().sendRoutine(fd, buffer, length);
+int sendRoutine(TransportState& t, int fd, const uint8_t* buffer, size_t length) {
+    return t.settings.blockingIo ? blockSend(t, fd, buffer, length) : nonblockSend(t, fd, buffer, length);
 }
 
-int recvRoutine(int fd, uint8_t* buffer, size_t length) {
-    return transport().recvRoutine(fd, buffer, length);
+int recvRoutine(TransportState& t, int fd, uint8_t* buffer, size_t length) {
+    return t.settings.blockingIo ? blockRecv(t, fd, buffer, length) : nonblockRecv(t, fd, buffer, length);
 }
 
-void armAlarm(unsigned seconds) {
+void armAlarm(unsigned seconds, int divisor) {
     itimerval it{};
     if (seconds != 0) {
-        long long micros = static_cast<long long>(seconds) * 1000000 / transport().settings.divisor();
+        long long micros = static_cast<long long>(seconds) * 1000000 / (divisor > 0 ? divisor : 1);
         if (micros < 1000) micros = 1000;
         it.it_value.tv_sec = static_cast<time_t>(micros / 1000000);
         it.it_value.tv_usec = static_cast<suseconds_t>(micros % 1000000);
@@ -81,8 +60,8 @@ void armAlarm(unsigned seconds) {
     setitimer(ITIMER_REAL, &it, nullptr);
 }
 
-void scaledSleep(unsigned seconds) {
-    sleepMicros(static_cast<long long>(seconds) * 1000000 / transport().settings.divisor());
+void scaledSleep(unsigned seconds, int divisor) {
+    sleepMicros(static_cast<long long>(seconds) * 1000000 / (divisor > 0 ? divisor : 1));
 }
 
 int nmseleep(int milliseconds) {
@@ -90,26 +69,25 @@ int nmseleep(int milliseconds) {
     return 0;
 }
 
-int timeOut(int count, int limit) {
+int timeOut(TransportState& t, int count, int limit) {
     constexpr const char* kPrefix = "(timeOut) ";
     int n = count + 1;
     if (n > limit) return -1;
     if (n > 1000) {
         int wait = (n - 1000) / 100 + 1;
-        TransportState& t = transport();
         if (logVerbose() && wait != t.lastReportedSleep) {
             ulog("%sTimeCount=%d, sleep(%d)...", kPrefix, n, wait);
             t.lastReportedSleep = wait;
         }
-        scaledSleep(static_cast<unsigned>(wait));
+        scaledSleep(static_cast<unsigned>(wait), t.settings.divisor());
     } else {
         // nmseleep(10), shortened by the time divisor.
-        sleepMicros(10000 / transport().settings.divisor());
+        sleepMicros(10000 / t.settings.divisor());
     }
     return n;
 }
 
-int signalBackupProcess(bool wake) {
+int signalBackupProcess(TransportState& t, bool wake) {
     pid_t parent = getppid();
     if (::kill(parent, SIGUSR1) != 0) {
         ulog(MSG_FAILED_SEND_SIGNAL_PROCESS, "", static_cast<int>(parent), errText());
@@ -117,16 +95,16 @@ int signalBackupProcess(bool wake) {
     }
     if (wake) {
         ulog(MSG_WAKE_BACKUP_PROCESS_UP, "", static_cast<int>(parent));
-        transport().backupAsleep = false;
+        t.backupAsleep = false;
     } else {
         ulog(MSG_PUT_BACKUP_PROCESS_INTO_SLEEP, "", static_cast<int>(parent));
-        transport().backupAsleep = true;
+        t.backupAsleep = true;
     }
     return 0;
 }
 
 
-int blockSend(int fd, const uint8_t* buffer, size_t length) {
+int blockSend(TransportState& t, int fd, const uint8_t* buffer, size_t length) {
     constexpr const char* kPrefix = "(blockSend) ";
     // What the socket takes at once needs no stall alarm: the alarm (and its
     // handler) is set up only when a send would block, so a send that never
@@ -140,7 +118,7 @@ int blockSend(int fd, const uint8_t* buffer, size_t length) {
             continue;
         }
         if (n <= 0) break;  // would block, or failed: the blocking send below reports it
-        if (transport().backupAsleep && signalBackupProcess(true) != 0) return kFailed;
+        if (t.backupAsleep && signalBackupProcess(t, true) != 0) return kFailed;
         taken += static_cast<size_t>(n);
     }
     if (taken == length) return 0;
@@ -152,7 +130,7 @@ int blockSend(int fd, const uint8_t* buffer, size_t length) {
     // the 72 hours allowed for the change ran out.
     platform::resetSignalCount(SIGALRM);
     platform::countSignal(SIGALRM);
-    armAlarm(kSendStallSeconds);
+    armAlarm(kSendStallSeconds, t.settings.divisor());
     long alarms = 0;
     bool changingTapes = false;
     int result = 0;
@@ -172,8 +150,8 @@ int blockSend(int fd, const uint8_t* buffer, size_t length) {
             // process to sleep, then allow 72 hours for progress. Only the
             // backup's sender has a backup process as its parent.
             changingTapes = true;
-            if (transport().senderProcess && !transport().backupAsleep) signalBackupProcess(false);
-            armAlarm(kSpanTapeSeconds);
+            if (t.senderProcess && !t.backupAsleep) signalBackupProcess(t, false);
+            armAlarm(kSpanTapeSeconds, t.settings.divisor());
             continue;
         }
         if (n < 0) {
@@ -181,20 +159,20 @@ int blockSend(int fd, const uint8_t* buffer, size_t length) {
             result = kFailed;
             break;
         }
-        if (transport().backupAsleep && signalBackupProcess(true) != 0) {
+        if (t.backupAsleep && signalBackupProcess(t, true) != 0) {
             result = kFailed;
             break;
         }
         changingTapes = false;
-        armAlarm(kSendStallSeconds);
+        armAlarm(kSendStallSeconds, t.settings.divisor());
         alarms = platform::signalCount(SIGALRM);  // an alarm of the old period is spent
         sent += static_cast<size_t>(n);
     }
-    armAlarm(0);
+    armAlarm(0, 1);
     return result;  // `saved` puts the previous SIGALRM disposition back
 }
 
-int nonblockSend(int fd, const uint8_t* buffer, size_t length) {
+int nonblockSend(TransportState& t, int fd, const uint8_t* buffer, size_t length) {
     constexpr const char* kPrefix = "(nonblockSend) ";
     if (length == 0) return 0;
     size_t sent = 0;
@@ -203,15 +181,14 @@ int nonblockSend(int fd, const uint8_t* buffer, size_t length) {
     while (sent < length) {
         ssize_t n = ::send(fd, buffer + sent, length - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOMEM)) {
-            busyCount = timeOut(busyCount, kBusySendRetryLimit);
+            busyCount = timeOut(t, busyCount, kBusySendRetryLimit);
             if (busyCount == -1) {
                 ulog(MSG_SPAN_TAPE_FAILED, kPrefix);
                 return kFailed;
             }
-            const TransportState& t = transport();
             if (busyCount == 1001 && t.senderProcess) {
-                if (t.queueNotFull && t.queueNotFull()) scaledSleep(2);
-                if (signalBackupProcess(false) != 0) return kFailed;
+                if (t.queueNotFull && t.queueNotFull()) scaledSleep(2, t.settings.divisor());
+                if (signalBackupProcess(t, false) != 0) return kFailed;
             }
             continue;
         }
@@ -225,14 +202,14 @@ int nonblockSend(int fd, const uint8_t* buffer, size_t length) {
         }
         if (n == 0) {
             if (zeroCount == 0) ulog("%ssend() return 0!", kPrefix);
-            zeroCount = timeOut(zeroCount, kZeroSendRetryLimit);
+            zeroCount = timeOut(t, zeroCount, kZeroSendRetryLimit);
             if (zeroCount == -1) {
                 ulog("%ssend() return 0 time out!", kPrefix);
                 return kFailed;
             }
             continue;
         }
-        if (transport().backupAsleep && signalBackupProcess(true) != 0) return kFailed;
+        if (t.backupAsleep && signalBackupProcess(t, true) != 0) return kFailed;
         zeroCount = 0;
         busyCount = 0;
         sent += static_cast<size_t>(n);
@@ -244,8 +221,7 @@ namespace {
 
 // Microseconds left before the receive deadline (at least 1 while some are
 // left, 0 once it has passed); -1 without a deadline.
-long long deadlineLeft() {
-    const TransportState& t = transport();
+long long deadlineLeft(const TransportState& t) {
     if (!t.deadlineSet) return -1;
     auto left = std::chrono::duration_cast<std::chrono::microseconds>(t.recvDeadline - std::chrono::steady_clock::now());
     return left.count() > 0 ? left.count() : 0;
@@ -270,16 +246,16 @@ int recvEnded(const char* prefix, ssize_t n) {
 
 }  // namespace
 
-int blockRecv(int fd, uint8_t* buffer, size_t length) {
+int blockRecv(TransportState& t, int fd, uint8_t* buffer, size_t length) {
     constexpr const char* kPrefix = "(blockRecv) ";
     // With a deadline each receive first waits for data at most as long as
     // is left of it: bytes that trickle in do not put it off.
-    const bool deadline = transport().deadlineSet;
+    const bool deadline = t.deadlineSet;
     if (length > 0) std::memset(buffer, 0, length);
     size_t got = 0;
     while (got < length) {
         if (deadline) {
-            long long left = deadlineLeft();
+            long long left = deadlineLeft(t);
             pollfd p{fd, POLLIN, 0};
             int ready = left == 0 ? 0 : ::poll(&p, 1, static_cast<int>((left + 999) / 1000));
             if (ready < 0 && errno == EINTR) {
@@ -300,7 +276,7 @@ int blockRecv(int fd, uint8_t* buffer, size_t length) {
     return 0;
 }
 
-int nonblockRecv(int fd, uint8_t* buffer, size_t length) {
+int nonblockRecv(TransportState& t, int fd, uint8_t* buffer, size_t length) {
     constexpr const char* kPrefix = "(nonblockRecv) ";
     std::printf("%s connfd=%d, torecv=%d\n", kPrefix, fd, static_cast<int>(length));
     std::fflush(stdout);
@@ -311,8 +287,8 @@ int nonblockRecv(int fd, uint8_t* buffer, size_t length) {
     while (got < length) {
         ssize_t n = ::recv(fd, buffer + got, length - got, MSG_DONTWAIT);
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            count = timeOut(count, kRecvRetryLimit);
-            if (count == -1 || deadlineLeft() == 0) {
+            count = timeOut(t, count, kRecvRetryLimit);
+            if (count == -1 || deadlineLeft(t) == 0) {
                 ulog(MSG_TIMED_OUT_RECEIVE_EXPECTED_RCVED, kPrefix, static_cast<int>(length),
                      static_cast<int>(got));
                 return kFailed;
@@ -330,7 +306,7 @@ int nonblockRecv(int fd, uint8_t* buffer, size_t length) {
     return 0;
 }
 
-int syncSendCode(int fd, int8_t packetCode, const ReadyInfo& ready) {
+int syncSendCode(TransportState& t, int fd, int8_t packetCode, const ReadyInfo& ready) {
     protocol::PacketHeader h;
     h.code = packetCode;
     if (packetCode == protocol::code::kReady) {
@@ -339,7 +315,7 @@ int syncSendCode(int fd, int8_t packetCode, const ReadyInfo& ready) {
                                                              : protocol::kOldReadyVersion;
     }
     protocol::HeaderBytes bytes = protocol::encodeHeader(h);
-    if (sendRoutine(fd, bytes.data(), bytes.size()) != 0) {
+    if (sendRoutine(t, fd, bytes.data(), bytes.size()) != 0) {
         ulog(MSG_SEND_COMMAND_0X_FAILED, "(sync_send_code) ", static_cast<unsigned>(static_cast<uint8_t>(packetCode)));
         return kFailed;
     }
@@ -378,7 +354,7 @@ int getReplyWith(int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fil
 }
 
 // blockRecv served from `ahead` first; one recv refills it.
-int aheadRecv(int fd, uint8_t* buffer, size_t length, ReadAhead& ahead) {
+int aheadRecv(TransportState& t, int fd, uint8_t* buffer, size_t length, ReadAhead& ahead) {
     constexpr const char* kPrefix = "(blockRecv) ";
     size_t got = 0;
     while (got < length) {
@@ -390,8 +366,8 @@ int aheadRecv(int fd, uint8_t* buffer, size_t length, ReadAhead& ahead) {
             got += take;
             continue;
         }
-        bool plain = transport().recvRoutine == blockRecv && !transport().deadlineSet;
-        if (!plain) return recvRoutine(fd, buffer + got, length - got);
+        bool plain = t.settings.blockingIo && !t.deadlineSet;
+        if (!plain) return recvRoutine(t, fd, buffer + got, length - got);
         ssize_t n = ::recv(fd, ahead.bytes.data(), ahead.bytes.size(), 0);
         if (n < 0 && errno == EINTR) {
             platform::dispatchPendingSignals();
@@ -407,24 +383,25 @@ int aheadRecv(int fd, uint8_t* buffer, size_t length, ReadAhead& ahead) {
 
 }  // namespace
 
-int GetReply(int fd, int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fileData) {
+int GetReply(TransportState& t, int fd, int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fileData) {
     return getReplyWith(codeOut, record, fileData,
-                        [fd](uint8_t* buffer, size_t length) { return recvRoutine(fd, buffer, length); });
+                        [&t, fd](uint8_t* buffer, size_t length) { return recvRoutine(t, fd, buffer, length); });
 }
 
-int GetReply(int fd, int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fileData, ReadAhead& ahead) {
-    return getReplyWith(codeOut, record, fileData,
-                        [fd, &ahead](uint8_t* buffer, size_t length) { return aheadRecv(fd, buffer, length, ahead); });
+int GetReply(TransportState& t, int fd, int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fileData,
+             ReadAhead& ahead) {
+    return getReplyWith(codeOut, record, fileData, [&t, fd, &ahead](uint8_t* buffer, size_t length) {
+        return aheadRecv(t, fd, buffer, length, ahead);
+    });
 }
 
-int ackIfDue(int fd, uint16_t ackInterval) {
+int ackIfDue(TransportState& t, int fd, uint16_t ackInterval) {
     if (ackInterval == 0) return 0;
-    TransportState& t = transport();
     if (ackInterval != 1) {
         t.ackCounter = static_cast<uint16_t>((t.ackCounter + 1) % ackInterval);
         if (t.ackCounter != 0) return 0;
     }
-    return syncSendCode(fd, protocol::code::kOk) == 0 ? 0 : kFailed;
+    return syncSendCode(t, fd, protocol::code::kOk) == 0 ? 0 : kFailed;
 }
 
 namespace {
@@ -432,11 +409,11 @@ namespace {
 // One whole send or receive of the browse protocol under its own alarm
 // (for the whole message, however the network cuts it into segments); the
 // two directions differ only in the call, the alarm and the texts.
-int usbTransfer(bool sending, int fd, uint8_t* buffer, size_t length) {
+int usbTransfer(bool sending, int fd, uint8_t* buffer, size_t length, int divisor) {
     const char* prefix = sending ? "(usbSend) " : "(usbReceive) ";
     platform::SavedDisposition saved(SIGALRM);
     platform::installHandler(SIGALRM, platform::interruptOnly);
-    armAlarm(sending ? kUsbSendAlarm : kUsbRecvAlarm);
+    armAlarm(sending ? kUsbSendAlarm : kUsbRecvAlarm, divisor);
     size_t done = 0;
     ssize_t n = 0;
     while (done < length) {
@@ -445,7 +422,7 @@ int usbTransfer(bool sending, int fd, uint8_t* buffer, size_t length) {
         done += static_cast<size_t>(n);
     }
     int savedErrno = errno;
-    armAlarm(0);
+    armAlarm(0, divisor);
     if (done == length) return 0;
     if (n >= 0) {
         ulog(sending ? MSG_FAILED_SEND_BYTES_LENGTH : MSG_FAILED_RECV_BYTES_LENGTH, prefix, static_cast<int>(length),
@@ -461,11 +438,13 @@ int usbTransfer(bool sending, int fd, uint8_t* buffer, size_t length) {
 
 }  // namespace
 
-int usbSend(int fd, const uint8_t* buffer, size_t length) {
+int usbSend(int fd, const uint8_t* buffer, size_t length, int divisor) {
     // send() does not write to the buffer; the shared helper takes it mutable for recv().
-    return usbTransfer(true, fd, const_cast<uint8_t*>(buffer), length);
+    return usbTransfer(true, fd, const_cast<uint8_t*>(buffer), length, divisor);
 }
 
-int usbReceive(int fd, uint8_t* buffer, size_t length) { return usbTransfer(false, fd, buffer, length); }
+int usbReceive(int fd, uint8_t* buffer, size_t length, int divisor) {
+    return usbTransfer(false, fd, buffer, length, divisor);
+}
 
 }  // namespace tavik::transport

@@ -3,19 +3,20 @@
 // the acknowledgement rule and the sender's sleep/wake signal to the backup
 // process.
 //
-// Requires: the process-wide transport state (transport()) is chosen once at
-// start-up (useNonblockingIo) and inherited by job processes.
+// Requires: the job's TransportState, made by the job process from the
+// daemon's settings and passed to every routine that sends or receives.
 // Fails: the whole-buffer operations, syncSendCode, GetReply and ackIfDue
 // return kFailed (100) after logging with their prefix; timeOut returns -1 at
 // its limit; signalBackupProcess and the usb pair return -1. Every long wait
 // (the 180 s and 72 h send alarms, the receive time-out, timeOut's sleeps, the
-// usb alarms) is divided by the time divisor of transport().settings.
+// usb alarms) is divided by the time divisor of the settings.
 #pragma once
 
 #include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 #include <vector>
@@ -26,12 +27,9 @@ namespace tavik::transport {
 
 inline constexpr int kFailed = 100;
 
-using IoRoutine = int (*)(int fd, uint8_t* buffer, size_t length);
-using SendIoRoutine = int (*)(int fd, const uint8_t* buffer, size_t length);
-
 // The agent's settings that the packet exchange and the sender use: the
-// daemon copies them in at start-up, and names the caller at each
-// connection; a job process only reads them.
+// daemon hands them to each connection's job, with the caller's name; the
+// job only reads them.
 struct TransportSettings {
     int reconnectKB = 0;
     int reconnectFiles = 0;
@@ -43,11 +41,10 @@ struct TransportSettings {
     std::string caller;  // the connection's caller as messages show it
 };
 
-// Process-wide transport state; a forked child inherits a copy.
+// One job connection's transport state: the job process owns it and passes
+// it down; the backup's sender, a forked child, works on its own copy.
 struct TransportState {
-    TransportSettings settings;
-    SendIoRoutine sendRoutine = nullptr;  // blockSend unless non-blocking mode
-    IoRoutine recvRoutine = nullptr;      // blockRecv unless non-blocking mode
+    TransportSettings settings;  // settings.blockingIo chooses the send and receive pair
     // When set, every receive fails once this moment has passed, in both
     // I/O modes, however the bytes trickle in (setReceiveDeadline).
     std::chrono::steady_clock::time_point recvDeadline{};
@@ -63,27 +60,25 @@ struct TransportState {
     // The sender's look at the backup's packet queue, for the fill test of
     // nonblockSend: true when the queue holds fewer packets than its
     // capacity. Unset outside a backup's sender.
-    bool (*queueNotFull)() = nullptr;
+    std::function<bool()> queueNotFull;
 };
-TransportState& transport();
 
-void useNonblockingIo();
-void useBlockingIo();
+using IoRoutine = int (*)(TransportState& t, int fd, uint8_t* buffer, size_t length);
 
 // Receives must be over within `seconds` (divided by the time divisor) from
 // now, all of them together; 0 lifts the deadline. A receive that reaches it
 // fails as a timed-out receive ("Timed out in Receive, expected = %d rcved =
 // %d").
-void setReceiveDeadline(unsigned seconds);
+void setReceiveDeadline(TransportState& t, unsigned seconds);
 
-int blockSend(int fd, const uint8_t* buffer, size_t length);
-int nonblockSend(int fd, const uint8_t* buffer, size_t length);
-int blockRecv(int fd, uint8_t* buffer, size_t length);
-int nonblockRecv(int fd, uint8_t* buffer, size_t length);
+int blockSend(TransportState& t, int fd, const uint8_t* buffer, size_t length);
+int nonblockSend(TransportState& t, int fd, const uint8_t* buffer, size_t length);
+int blockRecv(TransportState& t, int fd, uint8_t* buffer, size_t length);
+int nonblockRecv(TransportState& t, int fd, uint8_t* buffer, size_t length);
 
-// The chosen pair.
-int sendRoutine(int fd, const uint8_t* buffer, size_t length);
-int recvRoutine(int fd, uint8_t* buffer, size_t length);
+// The pair the settings choose.
+int sendRoutine(TransportState& t, int fd, const uint8_t* buffer, size_t length);
+int recvRoutine(TransportState& t, int fd, uint8_t* buffer, size_t length);
 
 // The timeOut limits.
 inline constexpr int kRecvRetryLimit = 1300;
@@ -91,13 +86,13 @@ inline constexpr int kZeroSendRetryLimit = 2200;
 inline constexpr int kBusySendRetryLimit = 8200;
 inline constexpr int kFullQueueRetryLimit = 8201;
 
-int timeOut(int count, int limit);
+int timeOut(TransportState& t, int count, int limit);
 int nmseleep(int milliseconds);
-// Sleeps `seconds` divided by the time divisor.
-void scaledSleep(unsigned seconds);
-// Arms the real-time alarm for `seconds` divided by the time divisor (at
-// least one millisecond); 0 cancels it.
-void armAlarm(unsigned seconds);
+// Sleeps `seconds` divided by `divisor`.
+void scaledSleep(unsigned seconds, int divisor);
+// Arms the real-time alarm for `seconds` divided by `divisor` (at least one
+// millisecond); 0 cancels it.
+void armAlarm(unsigned seconds, int divisor);
 
 // Data of a code-4 reply: the offered acknowledgement interval and the
 // server's version byte.
@@ -105,7 +100,7 @@ struct ReadyInfo {
     uint16_t ackInterval = 0;
     int serverVersion = 0;
 };
-int syncSendCode(int fd, int8_t code, const ReadyInfo& ready = {});
+int syncSendCode(TransportState& t, int fd, int8_t code, const ReadyInfo& ready = {});
 
 // Where GetReply puts the payload of data packets (codes 7 and 8).
 struct FileDataBuffer {
@@ -114,7 +109,7 @@ struct FileDataBuffer {
 };
 // Receives one packet; other codes' payloads go to `record`. A payload larger
 // than the space it goes to is a failed receive.
-int GetReply(int fd, int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fileData = nullptr);
+int GetReply(TransportState& t, int fd, int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fileData = nullptr);
 
 // Bytes read ahead from a connection on which only packets for this reader
 // follow (the restore and compare command streams): one recv takes as much as the peer
@@ -129,17 +124,17 @@ struct ReadAhead {
 // GetReply reading through `ahead`, with blockRecv's failure lines. Only in
 // blocking mode without a receive time-out; otherwise (and for bytes not
 // yet read ahead) the chosen recvRoutine, as GetReply.
-int GetReply(int fd, int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fileData, ReadAhead& ahead);
+int GetReply(TransportState& t, int fd, int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fileData,
+             ReadAhead& ahead);
 
-int ackIfDue(int fd, uint16_t ackInterval);
+int ackIfDue(TransportState& t, int fd, uint16_t ackInterval);
 
-int signalBackupProcess(bool wake);
-
+int signalBackupProcess(TransportState& t, bool wake);
 
 inline constexpr unsigned kUsbSendAlarm = 601;
 inline constexpr unsigned kUsbRecvAlarm = 1801;
-int usbSend(int fd, const uint8_t* buffer, size_t length);
-int usbReceive(int fd, uint8_t* buffer, size_t length);
+int usbSend(int fd, const uint8_t* buffer, size_t length, int divisor);
+int usbReceive(int fd, uint8_t* buffer, size_t length, int divisor);
 
 // The span-tape alarm periods of blockSend.
 inline constexpr unsigned kSendStallSeconds = 180;

@@ -33,8 +33,8 @@ protocol::PacketHeader headerOf(const uint8_t* slot) {
 // counters after it. An ENDF that reaches the file limit renews and clears
 // both counters; its length then counts towards the kilobyte limit like a
 // MOF's, so an ENDF of reconnectKB kilobytes or more renews a second time.
-int renewalsBefore(const protocol::PacketHeader& h, bool permitted, uint32_t& sz, uint32_t& nf) {
-    const TransportSettings& s = transport().settings;
+int renewalsBefore(const TransportSettings& s, const protocol::PacketHeader& h, bool permitted, uint32_t& sz,
+                   uint32_t& nf) {
     if (!permitted) return 0;
     int renewals = 0;
     if (h.code == protocol::code::kEndf && s.reconnectFiles != 0) {
@@ -59,7 +59,7 @@ int renewalsBefore(const protocol::PacketHeader& h, bool permitted, uint32_t& sz
 // takes nothing, the chosen send routine sends the rest of the current
 // packet (it owns every wait, stall and time-out, which count from there),
 // and the vector goes on after it.
-int sendBatch(int fd, iovec* iov, int n) {
+int sendBatch(TransportState& t, int fd, iovec* iov, int n) {
     int first = 0;
     while (first < n) {
         msghdr msg{};
@@ -71,7 +71,7 @@ int sendBatch(int fd, iovec* iov, int n) {
             continue;
         }
         if (sent > 0) {
-            if (transport().backupAsleep && transport().senderProcess && signalBackupProcess(true) != 0)
+            if (t.backupAsleep && t.senderProcess && signalBackupProcess(t, true) != 0)
                 return kFailed;
             size_t done = size_t(sent);
             while (first < n && done >= iov[first].iov_len) {
@@ -85,7 +85,7 @@ int sendBatch(int fd, iovec* iov, int n) {
             continue;
         }
         // Busy or failed: the send routine waits or reports it.
-        if (sendRoutine(fd, static_cast<const uint8_t*>(iov[first].iov_base), iov[first].iov_len) != 0)
+        if (sendRoutine(t, fd, static_cast<const uint8_t*>(iov[first].iov_base), iov[first].iov_len) != 0)
             return kFailed;
         ++first;
     }
@@ -104,10 +104,9 @@ uint32_t peerAddressOf(int sock) {
 // the job's connection comes from is taken (anyone who reached the port
 // first would otherwise receive the rest of the backup), within
 // kRenewalWait seconds (divided by the time divisor). -1 after logging.
-int acceptFrontEnd(int listening, int connection, uint16_t port) {
+int acceptFrontEnd(int divisor, int listening, int connection, uint16_t port) {
     constexpr const char* kRenewPrefix = "(reestablishTCP) ";
     const uint32_t frontEnd = peerAddressOf(connection);
-    const int divisor = transport().settings.divisor();
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::microseconds(kRenewalWait * 1000000LL / divisor);
     for (;;) {
@@ -135,9 +134,9 @@ int acceptFrontEnd(int listening, int connection, uint16_t port) {
 
 }  // namespace
 
-int reestablishTCP(int connection) {
+int reestablishTCP(TransportState& t, int connection) {
     constexpr const char* kRenewPrefix = "(reestablishTCP) ";
-    const TransportSettings& s = transport().settings;
+    const TransportSettings& s = t.settings;
     uint16_t port = 0;
     int listening = tcpOpen(port);
     if (listening < 0) return -1;
@@ -145,11 +144,11 @@ int reestablishTCP(int connection) {
     h.code = protocol::code::kNewPort;
     h.value = port;
     protocol::HeaderBytes bytes = protocol::encodeHeader(h);
-    if (sendRoutine(connection, bytes.data(), bytes.size()) != 0) {
+    if (sendRoutine(t, connection, bytes.data(), bytes.size()) != 0) {
         ::close(listening);
         return -1;
     }
-    int fresh = acceptFrontEnd(listening, connection, port);
+    int fresh = acceptFrontEnd(s.divisor(), listening, connection, port);
     ::close(listening);
     if (fresh < 0) return -1;
     // The new connection keeps the old one's receive bound and probes.
@@ -170,22 +169,22 @@ int reestablishTCP(int connection) {
     return fresh;
 }
 
-void connrelease(int sig) {
+void connrelease(const TransportState& t, int sig) {
     constexpr const char* kReleasePrefix = "(connrelease) ";
     platform::ignoreSignal(SIGPIPE);
-    const TransportSettings& s = transport().settings;
+    const TransportSettings& s = t.settings;
     if (sig == SIGPIPE) {
         if (logVerbose()) {
-            if (s.reconnectKB != 0) ulog("%saccSZ=%d", kReleasePrefix, int(transport().accSZ));
-            if (s.reconnectFiles != 0) ulog("%saccNF=%d", kReleasePrefix, int(transport().accNF));
+            if (s.reconnectKB != 0) ulog("%saccSZ=%d", kReleasePrefix, int(t.accSZ));
+            if (s.reconnectFiles != 0) ulog("%saccNF=%d", kReleasePrefix, int(t.accNF));
         }
         ulog(MSG_JOB_ABORTED_FRONT_END, kReleasePrefix);
         std::_Exit(1);
     }
-    ulog(MSG_RECEIVED_DISCONNECT_FROM, kReleasePrefix, transport().settings.caller.c_str());
+    ulog(MSG_RECEIVED_DISCONNECT_FROM, kReleasePrefix, s.caller.c_str());
 }
 
-int SendDaemon(int connection, const PacketSource& source, const SenderOptions& options) {
+int SendDaemon(TransportState& t, int connection, const PacketSource& source, const SenderOptions& options) {
     int wait = 0;
     // Small sends are coalesced while the stream flows; but where the sender
     // waits for the front-end (every acknowledgement, and the end of the
@@ -194,7 +193,6 @@ int SendDaemon(int connection, const PacketSource& source, const SenderOptions& 
     uint16_t ackCounter = 0;
     bool sendDone = false;
     iovec iov[kMaxBatch];
-    TransportState& t = transport();
     for (;;) {
         while (source.count() == 0) {
             wait = source.waitForPacket(wait, kZeroSendRetryLimit);
@@ -212,11 +210,11 @@ int SendDaemon(int connection, const PacketSource& source, const SenderOptions& 
             // Counted on copies: a packet that must wait for the next batch
             // (it renews, and packets precede it) is counted then.
             uint32_t sz = t.accSZ, nf = t.accNF;
-            if (int renewals = renewalsBefore(h, options.renewalPermitted, sz, nf); renewals > 0) {
+            if (int renewals = renewalsBefore(t.settings, h, options.renewalPermitted, sz, nf); renewals > 0) {
                 if (n > 0) break;  // the packets before it leave on the old connection
                 // A failed renewal leaves -1, on which the send below fails.
                 for (int r = 0; r < renewals && connection >= 0; ++r) {
-                    connection = reestablishTCP(connection);
+                    connection = reestablishTCP(t, connection);
                     if (options.ackInterval != 0) sendAtOnce(connection);
                 }
             }
@@ -238,13 +236,13 @@ int SendDaemon(int connection, const PacketSource& source, const SenderOptions& 
             ++n;
         }
         if (sendDone) sendAtOnce(connection);
-        if (sendBatch(connection, iov, n) != 0) {
-            if (connectionDropped(errno)) connrelease(SIGPIPE);
+        if (sendBatch(t, connection, iov, n) != 0) {
+            if (connectionDropped(errno)) connrelease(t, SIGPIPE);
             return -1;
         }
         if (ackDue) {
             protocol::HeaderBytes answer{};
-            if (recvRoutine(connection, answer.data(), answer.size()) != 0) {
+            if (recvRoutine(t, connection, answer.data(), answer.size()) != 0) {
                 ulog(MSG_FAILED_RECEIVE_HEADER_PACKET, kPrefix);
                 return -1;
             }

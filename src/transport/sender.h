@@ -18,17 +18,20 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+
+#include "transport/packet.h"
 
 namespace tavik::transport {
 
 struct PacketSource {
     // The wait while the queue is empty: count + 1, or -1 at `limit`.
-    int (*waitForPacket)(int count, int limit) = nullptr;
-    uint16_t (*count)() = nullptr;
+    std::function<int(int count, int limit)> waitForPacket;
+    std::function<uint16_t()> count;
     // The filled slot `ahead` places after the next one to send.
-    const uint8_t* (*slotAhead)(uint16_t ahead) = nullptr;
+    std::function<const uint8_t*(uint16_t ahead)> slotAhead;
     // Releases the next `n` slots; non-zero on failure.
-    int (*release)(uint16_t n) = nullptr;
+    std::function<int(uint16_t n)> release;
 };
 
 struct SenderOptions {
@@ -43,15 +46,15 @@ inline constexpr int kMaxBatch = 64;
 // divided by the time divisor).
 inline constexpr unsigned kRenewalWait = 600;
 
-int SendDaemon(int connection, const PacketSource& source, const SenderOptions& options);
+int SendDaemon(TransportState& t, int connection, const PacketSource& source, const SenderOptions& options);
 // Renews the connection: a listening socket on a port the system picks, the
 // new-port packet (code 16) on the old connection, and the front-end's call
 // (from the old connection's address, within kRenewalWait). The new
 // connection, or -1 after logging.
-int reestablishTCP(int connection);
+int reestablishTCP(TransportState& t, int connection);
 // With SIGPIPE, called by the sender when a send found the connection
 // dropped (EPIPE, ECONNRESET): the front-end went away; logs and ends the
 // sender. With 0: the job process's closing read saw the connection reset.
-void connrelease(int sig);
+void connrelease(const TransportState& t, int sig);
 
 }  // namespace tavik::transport

@@ -33,7 +33,7 @@ protected:
         testing::SocketPair pair;
         int big = 1 << 20;
         ::setsockopt(pair.agent, SOL_SOCKET, SO_SNDBUF, &big, sizeof big);
-        int result = sync_send_file(pair.agent, path.c_str());
+        int result = sync_send_file(link_, pair.agent, path.c_str());
         pair.closeAgent();
         std::string all;
         char buf[4096];
@@ -51,6 +51,7 @@ protected:
     std::string at(const std::string& name) const { return home_.dir() + "/" + name; }
 
     testing::ScratchHome home_;
+    tavik::transport::TransportState link_;
 };
 
 // Each packet as its code and length: 7:2048 for a full MOF, 8:n for the
@@ -90,7 +91,7 @@ TEST_F(SendFile, SendFileMissingUnreadableAndBrokenConnection) {
     ::signal(SIGPIPE, SIG_IGN);
     testing::SocketPair pair;
     pair.closeServer();
-    EXPECT_EQ(sync_send_file(pair.agent, at("work").c_str()), 100);
+    EXPECT_EQ(sync_send_file(link_, pair.agent, at("work").c_str()), 100);
     ::signal(SIGPIPE, SIG_DFL);
     EXPECT_TRUE(home_.logHas("(sync_send_file) Send command [0x8] failed"));
 }

@@ -90,7 +90,7 @@ protected:
             sp_.closeServer();
             MountTable mountTable(table);
             MountPoints mounts(mountTable, home_.dir());
-            _exit(Browser(sp_.agent, mounts));
+            _exit(Browser({.fd = sp_.agent}, mounts));
         }
         sp_.closeAgent();
         ASSERT_EQ(nextHeader(), (protocol::BrowseHeaderBytes{0, 0, 14, 22, 0, 50, 0, 0}));

@@ -35,16 +35,17 @@ class PacketTest : public ::testing::Test {
 protected:
     void SetUp() override {
         startupSettings() = Settings{};
-        tavik::transport::transport() = TransportState{};
-        useBlockingIo();
         publishSettings();
     }
+    // Every long wait of the routines under test divided by `d`.
+    void divideTimes(int d) { t_.settings.timeDivisor = d; }
     void TearDown() override {
         startupSettings().timeDivisor = 1;
         publishSettings();
     }
     tavik::testing::ScratchHome home_;
     SocketPair sp_;
+    TransportState t_;
 };
 
 void writeAll(int fd, const Bytes& bytes) {
@@ -70,7 +71,7 @@ TEST_F(PacketTest, EndOfFileClearsBufferAndIsLoggedByBothReceivers) {
         sp.closeServer();
         std::array<uint8_t, 8> b;
         b.fill(0xEE);
-        EXPECT_EQ(routine(sp.agent, b.data(), b.size()), kFailed);
+        EXPECT_EQ(routine(t_, sp.agent, b.data(), b.size()), kFailed);
         EXPECT_EQ(b, (std::array<uint8_t, 8>{1, 2, 3, 0, 0, 0, 0, 0}));
     }
     EXPECT_TRUE(home_.logHas("(blockRecv) EOF received"));
@@ -78,10 +79,9 @@ TEST_F(PacketTest, EndOfFileClearsBufferAndIsLoggedByBothReceivers) {
 }
 
 TEST_F(PacketTest, TheReceiveDeadlineHoldsHoweverTheBytesTrickleIn) {
-    startupSettings().timeDivisor = 1000;  // 120 s becomes 120 ms
-    publishSettings();
+    divideTimes(1000);  // 120 s becomes 120 ms
     for (IoRoutine routine : {blockRecv, nonblockRecv}) {
-        setReceiveDeadline(120);
+        setReceiveDeadline(t_, 120);
         SocketPair sp;
         // A byte every 50 ms: each arrives well within 120 ms of the one
         // before, but the whole never arrives within 120 ms of the start.
@@ -92,31 +92,30 @@ TEST_F(PacketTest, TheReceiveDeadlineHoldsHoweverTheBytesTrickleIn) {
         }
         std::array<uint8_t, 8> b{};
         auto start = std::chrono::steady_clock::now();
-        EXPECT_EQ(routine(sp.agent, b.data(), b.size()), kFailed);
+        EXPECT_EQ(routine(t_, sp.agent, b.data(), b.size()), kFailed);
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(350));
         ::kill(dripper, SIGKILL);
         ::waitpid(dripper, nullptr, 0);
-        setReceiveDeadline(0);
+        setReceiveDeadline(t_, 0);
     }
     EXPECT_TRUE(home_.logHas("(blockRecv) Timed out in Receive, expected = 8 rcved = "));
     EXPECT_TRUE(home_.logHas("(nonblockRecv) Timed out in Receive, expected = 8 rcved = "));
 
     // The non-blocking receiver also gives up at its own limit.
     std::array<uint8_t, 4> b{};
-    startupSettings().timeDivisor = 100000;
-    publishSettings();
-    EXPECT_EQ(nonblockRecv(sp_.agent, b.data(), b.size()), kFailed);
+    divideTimes(100000);
+    EXPECT_EQ(nonblockRecv(t_, sp_.agent, b.data(), b.size()), kFailed);
     EXPECT_TRUE(home_.logHas("(nonblockRecv) Timed out in Receive, expected = 4 rcved = 0"));
 }
 
 TEST_F(PacketTest, TimeOutCountsAndStopsAtItsLimit) {
-    startupSettings().timeDivisor = 1000;
+    divideTimes(1000);
     startupSettings().verbose = true;
     publishSettings();
-    EXPECT_EQ(timeOut(0, 1300), 1);
-    EXPECT_EQ(timeOut(1000, 2200), 1001);
-    EXPECT_EQ(timeOut(2200, 2200), -1);
-    EXPECT_EQ(timeOut(1099, 2200), 1100);
+    EXPECT_EQ(timeOut(t_, 0, 1300), 1);
+    EXPECT_EQ(timeOut(t_, 1000, 2200), 1001);
+    EXPECT_EQ(timeOut(t_, 2200, 2200), -1);
+    EXPECT_EQ(timeOut(t_, 1099, 2200), 1100);
     EXPECT_TRUE(home_.logHas("(timeOut) TimeCount=1001, sleep(1)..."));
     EXPECT_TRUE(home_.logHas("(timeOut) TimeCount=1100, sleep(2)..."));
 }
@@ -125,10 +124,10 @@ TEST_F(PacketTest, TimeOutCountsAndStopsAtItsLimit) {
 // (JobSessionTest.EveryAdmissionAndRefusalCode); an older server gets
 // version 5 with the acknowledgement interval.
 TEST_F(PacketTest, ReadyCarriesAckIntervalAndVersionByServer) {
-    ASSERT_EQ(syncSendCode(sp_.agent, protocol::code::kReady, ReadyInfo{7, 49}), 0);
+    ASSERT_EQ(syncSendCode(t_, sp_.agent, protocol::code::kReady, ReadyInfo{7, 49}), 0);
     EXPECT_EQ(readHeader(sp_.server), (std::array<uint8_t, 8>{0, 0, 4, 5, 7, 0, 0, 0}));
     sp_.closeServer();
-    EXPECT_EQ(syncSendCode(sp_.agent, protocol::code::kLoginFailed), kFailed);
+    EXPECT_EQ(syncSendCode(t_, sp_.agent, protocol::code::kLoginFailed), kFailed);
     EXPECT_TRUE(home_.logHas("(sync_send_code) Send command [0x71] failed"));
     EXPECT_TRUE(home_.logHas("(blockSend) Failed in send(), "));
 }
@@ -136,38 +135,36 @@ TEST_F(PacketTest, ReadyCarriesAckIntervalAndVersionByServer) {
 // Under a receive deadline (the request phase) a read-ahead takes one
 // packet and leaves the next in the socket for whoever reads after it.
 TEST_F(PacketTest, ReadAheadReadsNoFurtherThanOnePacketUnderAReceiveDeadline) {
-    setReceiveDeadline(120);
+    setReceiveDeadline(t_, 120);
     Bytes both = packetBytes(protocol::code::kMkdir, {4, 5}), end = packetBytes(protocol::code::kEnd, {});
     both.insert(both.end(), end.begin(), end.end());
     writeAll(sp_.server, both);
     ReadAhead ahead;
     std::array<uint8_t, 16> record{};
     int8_t c = 0;
-    ASSERT_EQ(GetReply(sp_.agent, c, record, nullptr, ahead), 0);
+    ASSERT_EQ(GetReply(t_, sp_.agent, c, record, nullptr, ahead), 0);
     EXPECT_EQ(c, protocol::code::kMkdir);
     EXPECT_EQ(ahead.end, 0u);
     EXPECT_EQ(readHeader(sp_.agent)[2], protocol::code::kEnd);
-    setReceiveDeadline(0);
+    setReceiveDeadline(t_, 0);
 }
 
 // Short transfers of the browse pair are made on the real daemon
 // (BrowseTest.BrokenRequestsEndTheBrowseCleanly,
 // BrowseTest.PeerGoneWhileListingEndsTheJob); a silent peer is not.
 TEST_F(PacketTest, UsbPairReportsShortTransfersAndTimesOut) {
-    startupSettings().timeDivisor = 100000;  // 1801 s becomes 18 ms
-    publishSettings();
+    divideTimes(100000);  // 1801 s becomes 18 ms
     std::array<uint8_t, 4> b{};
-    EXPECT_EQ(usbReceive(sp_.agent, b.data(), b.size()), -1);
+    EXPECT_EQ(usbReceive(sp_.agent, b.data(), b.size(), t_.settings.divisor()), -1);
     EXPECT_TRUE(home_.logHas("(usbReceive) recv(): timeout"));
 }
 
 TEST_F(PacketTest, StalledSendOutsideTheSenderFailsAfterTheSpanTapeAlarm) {
-    startupSettings().timeDivisor = 1000000;  // 180 s -> 0.18 ms, 72 h -> 0.26 s
-    publishSettings();
+    divideTimes(1000000);  // 180 s -> 0.18 ms, 72 h -> 0.26 s
     Bytes chunk(65536, 'z');
     while (::send(sp_.agent, chunk.data(), chunk.size(), MSG_DONTWAIT) > 0) {
     }
-    EXPECT_EQ(blockSend(sp_.agent, chunk.data(), 4096), kFailed);
+    EXPECT_EQ(blockSend(t_, sp_.agent, chunk.data(), 4096), kFailed);
     EXPECT_TRUE(home_.logHas("(blockSend) Span Tape Failed"));
     EXPECT_FALSE(home_.logHas("into sleep")) << "not the sender: the parent is never signalled";
 }
@@ -204,7 +201,7 @@ TEST_F(SenderTest, PartialVectoredSendsKeepTheStreamAndStopBeforeEachAcknowledge
     if (sender == 0) {
         sp_.closeServer();
         PacketSource source{neverWaits, readyCount, slotAhead, release};
-        _exit(SendDaemon(sp_.agent, source, SenderOptions{.ackInterval = kAckInterval}) == 0 ? 0 : 1);
+        _exit(SendDaemon(t_, sp_.agent, source, SenderOptions{.ackInterval = kAckInterval}) == 0 ? 0 : 1);
     }
     sp_.closeAgent();
     pollfd quiet{sp_.server, POLLIN, 0};
