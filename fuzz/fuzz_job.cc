@@ -53,7 +53,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return true;
     }();
     if (size < protocol::kHeaderSize) return 0;
-    JobContext ctx;
+    JobProcess job;
+    JobContext& ctx = job.ctx;
     prepareJob(ctx);
     size_t taken = requestBytes(wire::loadLe16(data + protocol::kHeaderLengthAt));
     if (taken > size) return 0;
@@ -68,10 +69,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (opMode == protocol::kOpRestore || opMode == protocol::kOpCompare) {
         stream = fuzz::reframe(rest, [](protocol::RestoreAttributes& a) { fuzz::reroot(root(), a); });
     }
-    fuzz::serveStream(stream, [&ctx](int socket) {
+    fuzz::serveStream(stream, [&job](int socket) {
         fuzz::keepingWorkingDirectory([&] {
             listener().jobSocket = socket;
-            (void)serveJob(ctx);
+            (void)serveJob(job);
             listener().jobSocket = -1;
         });
     });

@@ -20,8 +20,6 @@ named=(
   # The log's files and verbosity, handed down by the daemon once at start-up.
   "tavik::(anonymous namespace)::gLog: the log's files and verbosity, fixed at start-up"
   # One job per process: each job's state object, made per connection.
-  "tavik::backup::backupState()::state: the backup job's state"
-  "tavik::backup::(anonymous namespace)::ipc()::state: the backup job's ring and IPC objects"
   "tavik::groom::detail::state()::s: the grooming job's state"
   "tavik::groom::groomingEnvironment()::e: the grooming job's files"
   # The message catalogue, opened once, and the tokenizer's position between calls (its interface keeps it, like strtok).

@@ -29,11 +29,6 @@ bool AncestorStack::pop() {
     return true;
 }
 
-BackupState& backupState() {
-    static BackupState* state = new BackupState;
-    return *state;
-}
-
 filter::OldSelection decodeOldSelection(const protocol::JobRequest& request) {
     namespace L = protocol::request_layout;
     const uint8_t* raw = request.raw.data();

@@ -3,8 +3,9 @@
 // numbering, and the hooks the daemon gives the backup (protected
 // directories, the sender's death).
 //
-// One record per process, reached through backupState(); the job process
-// fills it before startbackup and the estimate resets what it uses.
+// One object per job, made by the job process for its connection and passed
+// to the walk, the stream, the estimate and the sender (BackupJob); the
+// estimate resets what it uses.
 #pragma once
 
 #include <sys/types.h>
@@ -20,6 +21,8 @@
 #include "filter/match.h"
 #include "platform/file_identity.h"
 #include "platform/wire_stat.h"
+#include "backup/queue.h"
+#include "request/job_context.h"
 
 namespace tavik::protocol {
 struct JobRequest;
@@ -69,7 +72,12 @@ struct BackupHooks {
     void (*setChild)(int) = nullptr;
 };
 
-struct BackupState {
+struct BackupJob {
+    explicit BackupJob(JobContext& job) : ctx(job) {}
+    BackupJob(const BackupJob&) = delete;
+    BackupJob& operator=(const BackupJob&) = delete;
+
+    JobContext& ctx;
     filter::Filter filter;
     filter::OldSelection oldSelection;
     platform::InodeNumbering inodes;
@@ -88,12 +96,9 @@ struct BackupState {
     // meanwhile: its WATCH_DOG is queued when the packet is done.
     bool building = false;
     bool watchdogPending = false;
-    // Tape-change signals from the sender already written to the log.
-    long spanTapeReported = 0;
     BackupHooks hooks;
+    PacketQueue queue;
 };
-
-BackupState& backupState();
 
 // The request's older selection (file and directory lists, date test).
 filter::OldSelection decodeOldSelection(const protocol::JobRequest& request);

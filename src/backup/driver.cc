@@ -27,9 +27,7 @@ namespace {
 
 constexpr const char* kPrefix = "(startbackup) ";
 
-bool queueNotFull() { return queuedCount() < queueCapacity(); }
-
-[[noreturn]] void runSender(const JobContext& ctx, int jobSocket, pid_t jobProcess) {
+[[noreturn]] void runSender(BackupJob& job, int jobSocket, pid_t jobProcess) {
     // The sender dies with its job process, however that ends: the
     // connection then closes, and nothing sends on for a job that is gone.
     if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != jobProcess) std::_Exit(1);
@@ -42,19 +40,20 @@ bool queueNotFull() { return queuedCount() < queueCapacity(); }
     // (MSG_NOSIGNAL); a SIGPIPE could only come from standard output.
     platform::ignoreSignal(SIGPIPE);
     // The sender's own copy of the connection's state.
-    transport::TransportState link = ctx.link;
+    transport::TransportState link = job.ctx.link;
     link.senderProcess = true;
     link.backupAsleep = false;
-    link.queueNotFull = queueNotFull;
-    disownIPC();
+    PacketQueue& queue = job.queue;
+    link.queueNotFull = [&queue] { return queue.queuedCount() < queue.capacity(); };
+    queue.disown();
     transport::PacketSource source;
-    source.waitForPacket = waitForPacket;
-    source.count = queuedCount;
-    source.slotAhead = slotAfterOut;
-    source.release = [](uint16_t n) { return countdown(n); };
+    source.waitForPacket = [&queue](int count, int limit) { return queue.waitForPacket(count, limit); };
+    source.count = [&queue] { return queue.queuedCount(); };
+    source.slotAhead = [&queue](uint16_t ahead) { return queue.slotAfterOut(ahead); };
+    source.release = [&queue](uint16_t n) { return queue.countdown(n); };
     transport::SenderOptions options;
-    options.renewalPermitted = (ctx.optionFlags() & protocol::options_layout::kReconnect) != 0;
-    options.ackInterval = ctx.ackInterval;
+    options.renewalPermitted = (job.ctx.optionFlags() & protocol::options_layout::kReconnect) != 0;
+    options.ackInterval = job.ctx.ackInterval;
     int r = transport::SendDaemon(link, jobSocket, source, options);
     std::_Exit(r != 0 ? 255 : 0);
 }
@@ -70,7 +69,7 @@ void endGrooming() {
     }
 }
 
-Outcome sendGroomingReport(JobContext& ctx, Outcome result) {
+Outcome sendGroomingReport(BackupJob& job, Outcome result) {
     std::string work = groom::GroomingWorkFile();
     int count = groom::GroomedCount();
     if (count != 0) {
@@ -83,55 +82,53 @@ Outcome sendGroomingReport(JobContext& ctx, Outcome result) {
         } else {
             char text[16];
             std::snprintf(text, sizeof text, "%d", count);
-            result = queueStatus(ctx, protocol::code::kGroomCount, text);
-            if (!result.isJobOver()) result = send_file(ctx, std::move(file), st, {}, work);
-            uint32_t options = wire::loadLe32(ctx.groomRecord.data() + protocol::kGroomOptionsOffset);
+            result = queueStatus(job, protocol::code::kGroomCount, text);
+            if (!result.isJobOver()) result = send_file(job, std::move(file), st, {}, work);
+            uint32_t options = wire::loadLe32(job.ctx.groomRecord.data() + protocol::kGroomOptionsOffset);
             if (options & protocol::kGroomRotationSet) {
                 std::string copy = groom::GroomingCopyFile();
                 // A link in the log directory, which every job may write,
                 // is not followed.
                 if (copyFile(work.c_str(), copy.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW, 0666) == -1)
                     ulog(MSG_CANNOT_COPY, kPrefix, work.c_str(), copy.c_str());
-                ulog(MSG_TOTAL_GROOMED_FOR_SET, count, ctx.groomSet.c_str());
+                ulog(MSG_TOTAL_GROOMED_FOR_SET, count, job.ctx.groomSet.c_str());
             } else if (options & protocol::kGroomDelete) {
                 groom::MigrateLog(work.c_str());
                 ulog(MSG_TOTAL_DELETED, count);
             }
         }
     }
-    ctx.groomRecord.clear();
-    backupState().grooming = false;
+    job.ctx.groomRecord.clear();
+    job.grooming = false;
     if (!work.empty()) ::unlink(work.c_str());
     return result;
 }
 
 }  // namespace
 
-void stopWatchdog() {
+void stopWatchdog(BackupJob& job) {
     transport::armAlarm(0, 1);
-    backupState().watchdog = false;
+    job.watchdog = false;
     platform::clearPendingSignal(SIGALRM);
 }
 
-void waitQueueEmpty(const JobContext& ctx) {
+void waitQueueEmpty(BackupJob& job) {
     // Polls once a second; the sender's release of the last slot ends the
     // wait at once.
-    while (queuedCount() != 0) transport::scaledSleep(1, ctx.jobSettings.divisor());
+    while (job.queue.queuedCount() != 0) transport::scaledSleep(1, job.ctx.jobSettings.divisor());
 }
 
-Outcome startbackup(JobContext& ctx, int jobSocket, const std::string& sourcePath) {
-    BackupState& b = backupState();
-    b.sourceLength = sourcePath.size();
-    b.restartFound = false;
-    b.watchdog = (ctx.optionFlags() & protocol::options_layout::kWatchDog) != 0;
-    b.timeDivisor = ctx.jobSettings.divisor();
-    b.grooming = !ctx.groomRecord.empty();
-    b.oldSelection = decodeOldSelection(ctx.request);
+Outcome startbackup(BackupJob& job, int jobSocket, const std::string& sourcePath) {
+    job.sourceLength = sourcePath.size();
+    job.restartFound = false;
+    job.watchdog = (job.ctx.optionFlags() & protocol::options_layout::kWatchDog) != 0;
+    job.timeDivisor = job.ctx.jobSettings.divisor();
+    job.grooming = !job.ctx.groomRecord.empty();
+    job.oldSelection = decodeOldSelection(job.ctx.request);
 
     // In place before the fork: the sender may signal at once.
-    b.spanTapeReported = 0;
     listenForSpanTape();
-    if (b.hooks.onChildSignal) platform::deferSignal(SIGCHLD, b.hooks.onChildSignal);
+    if (job.hooks.onChildSignal) platform::deferSignal(SIGCHLD, job.hooks.onChildSignal);
 
     pid_t self = ::getpid();
     pid_t pid = ::fork();
@@ -139,52 +136,52 @@ Outcome startbackup(JobContext& ctx, int jobSocket, const std::string& sourcePat
         ulog(MSG_FAILED_FORK_JOB_ABORT, kPrefix, errText());
         return Outcome::jobOver();
     }
-    if (pid == 0) runSender(ctx, jobSocket, self);
-    setSenderPid(pid);
-    markSegmentForRemoval();  // both processes are attached
-    if (b.hooks.setChild) b.hooks.setChild(pid);
-    if (b.watchdog) installWatchdog();
-    b.dirDepth = 0;
+    if (pid == 0) runSender(job, jobSocket, self);
+    job.queue.setSenderPid(pid);
+    job.queue.markSegmentForRemoval();  // both processes are attached
+    if (job.hooks.setChild) job.hooks.setChild(pid);
+    if (job.watchdog) installWatchdog(job);
+    job.dirDepth = 0;
 
     struct stat st;
     if (::stat(sourcePath.c_str(), &st) != 0) {
         ulog(MSG_FAILED_GET_ATTRIBUTES_STAT, kPrefix, sourcePath.c_str(), errText());
-        return reportEntry(ctx, protocol::code::kNoDir, "");
+        return reportEntry(job, protocol::code::kNoDir, "");
     }
     struct stat sourceStat = st;
-    b.rootDev = st.st_dev;
-    bool newServer = ctx.serverVersion >= protocol::kNewServerVersion;
+    job.rootDev = st.st_dev;
+    bool newServer = job.ctx.serverVersion >= protocol::kNewServerVersion;
     if (newServer) {
-        Outcome r = sendAttributes(ctx, st, "", 17, sourcePath);
+        Outcome r = sendAttributes(job, st, "", 17, sourcePath);
         if (r.isJobOver()) {
             ulog(MSG_FAILED_SEND_ATTRIBUTES, kPrefix, sourcePath.c_str());
             return r;
         }
-        if (b.grooming) {
-            wire::ByteReader in(std::span<const uint8_t>(ctx.groomRecord.data(), ctx.groomRecord.size()));
+        if (job.grooming) {
+            wire::ByteReader in(std::span<const uint8_t>(job.ctx.groomRecord.data(), job.ctx.groomRecord.size()));
             protocol::GroomingRecord record = protocol::decodeGroomingRecord(in);
-            wire::ByteReader tapeIn(std::span<const uint8_t>(ctx.tapeRecord.data(), ctx.tapeRecord.size()));
+            wire::ByteReader tapeIn(std::span<const uint8_t>(job.ctx.tapeRecord.data(), job.ctx.tapeRecord.size()));
             protocol::TapeRecord tape;
             (void)protocol::decodeTapeRecord(tapeIn, tape);  // always whole: 63 bytes kept
-            if (groom::BeginGrooming(ctx.paths.logDir.c_str(), ctx.groomSet.c_str(), record, tape) != 0)
+            if (groom::BeginGrooming(job.ctx.paths.logDir.c_str(), job.ctx.groomSet.c_str(), record, tape) != 0)
                 ulog(MSG_FAILED_BEGINGROOMING, kPrefix);
-            if (!restartPending(ctx)) {
+            if (!restartPending(job.ctx)) {
                 int g = groom::RecordGrooming(sourcePath.c_str(), st);
                 if (g != 0) ulog(MSG_FAILED_RECORD_GROOMING_RET, kPrefix, sourcePath.c_str(), g);
             }
         }
     }
-    b.ancestors.clear();
-    b.ancestors.push(st.st_dev, st.st_ino);
-    int mode = newServer ? int(filter::DirVerdictOf(b.filter, sourcePath)) : 2;
+    job.ancestors.clear();
+    job.ancestors.push(st.st_dev, st.st_ino);
+    int mode = newServer ? int(filter::DirVerdictOf(job.filter, sourcePath)) : 2;
     bool timesKept = false;
-    Outcome result = ws_backup(ctx, sourcePath, mode, sourceStat, &timesKept);
-    if (ctx.jobSettings.resetAccessTime && !timesKept && setFileTimes(sourcePath, sourceStat) != 0)
+    Outcome result = ws_backup(job, sourcePath, mode, sourceStat, &timesKept);
+    if (job.ctx.jobSettings.resetAccessTime && !timesKept && setFileTimes(sourcePath, sourceStat) != 0)
         ulog(MSG_FAILED_SET_TIME, kPrefix, sourcePath.c_str(), errText());
-    b.ancestors.pop();
-    if (!b.grooming) return result;
+    job.ancestors.pop();
+    if (!job.grooming) return result;
     endGrooming();
-    return sendGroomingReport(ctx, result);
+    return sendGroomingReport(job, result);
 }
 
 }  // namespace tavik::backup

@@ -5,7 +5,7 @@
 // SIGUSR1 toggles the tape-change sleep, SIGALRM asks for a WATCH_DOG
 // packet, SIGCHLD (the sender died) ends the job through the daemon's hook.
 //
-// Requires: the filter built, GetIPC done, the hooks in backupState() set.
+// Requires: the filter built, the job's queue open, its hooks set.
 // Fails: Outcome::jobOver() for a failed fork or source record, or the
 // queue's failure during the walk; otherwise the walk reached its end (a
 // source that cannot be examined is reported as a failed entry).
@@ -14,16 +14,16 @@
 #include <string>
 
 #include "platform/outcome.h"
-#include "request/job_context.h"
+#include "backup/backup_state.h"
 
 namespace tavik::backup {
 
-Outcome startbackup(JobContext& ctx, int jobSocket, const std::string& sourcePath);
+Outcome startbackup(BackupJob& job, int jobSocket, const std::string& sourcePath);
 
 // Before END: no WATCH_DOG may follow the last packet.
-void stopWatchdog();
+void stopWatchdog(BackupJob& job);
 
 // Waits until the sender has taken every queued packet (the job's end).
-void waitQueueEmpty(const JobContext& ctx);
+void waitQueueEmpty(BackupJob& job);
 
 }  // namespace tavik::backup

@@ -15,9 +15,10 @@
 #include <span>
 #include <string>
 
+#include "backup/backup_state.h"
+
 namespace tavik {
 class Channel;
-struct JobContext;
 }
 
 namespace tavik::backup {
@@ -33,9 +34,9 @@ struct EstimateCount {
     uint32_t kilobytes() const { return overflows * kKilobytesPerOverflow + bytes / 1024; }
 };
 
-int estimate(const JobContext& ctx, const std::string& sourcePath, uint32_t& filesOut, uint32_t& kilobytesOut);
+int estimate(BackupJob& job, const std::string& sourcePath, uint32_t& filesOut, uint32_t& kilobytesOut);
 
 // The ESTIMATE command, after code 4 was sent.
-int estimateCommand(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload);
+int estimateCommand(Channel& channel, BackupJob& job, std::span<const uint8_t> payload);
 
 }  // namespace tavik::backup

@@ -9,7 +9,7 @@
 // While a restart is pending (restartPath set or restartOffset not 0) no
 // file header and no status packet is queued.
 //
-// Requires: GetIPC done; runs only in the backup process. Fails: a queue
+// Requires: the job's queue open; runs only in the backup process. Fails: a queue
 // failure is Outcome::jobOver() and ends the job; a problem of one entry is
 // logged, reported to the front-end (Outcome::entryFailed()) and the stream
 // goes on.
@@ -23,7 +23,7 @@
 
 #include "platform/fd.h"
 #include "platform/outcome.h"
-#include "request/job_context.h"
+#include "backup/backup_state.h"
 
 namespace tavik::backup {
 
@@ -33,23 +33,23 @@ inline constexpr uint8_t kKindSpecial = 1;
 
 bool restartPending(const JobContext& ctx);
 
-Outcome queueStatus(const JobContext& ctx, int8_t code, const char* text = nullptr);
+Outcome queueStatus(BackupJob& job, int8_t code, const char* text = nullptr);
 // A problem of one entry, already logged, told to the front-end by the
 // status packet `code`: the entry failed, or the job is over when the queue
 // broke.
-Outcome reportEntry(const JobContext& ctx, int8_t code, const char* text = nullptr);
-Outcome queuePacket(int8_t code, const uint8_t* payload, uint16_t length, uint8_t version);
+Outcome reportEntry(BackupJob& job, int8_t code, const char* text = nullptr);
+Outcome queuePacket(BackupJob& job, int8_t code, const uint8_t* payload, uint16_t length, uint8_t version);
 // With `dataFollows` the header is held back to be published with the data
 // that send_file queues next.
-Outcome sendAttributes(const JobContext& ctx, struct stat& st, std::string_view name, uint8_t kind,
+Outcome sendAttributes(BackupJob& job, struct stat& st, std::string_view name, uint8_t kind,
                        const std::string& path, bool dataFollows = false);
 // `file` is the open regular file (closed once sent); `linkTarget` a link's
 // target. A special file needs neither.
-Outcome send_file(JobContext& ctx, platform::UniqueFd file, const struct stat& st, std::string_view linkTarget,
+Outcome send_file(BackupJob& job, platform::UniqueFd file, const struct stat& st, std::string_view linkTarget,
                   const std::string& path);
 // `name` is the entry's name in the open directory `dirFd`, `path` its full
 // path (for the messages, the filters and the database file list).
-Outcome backup_file(JobContext& ctx, int dirFd, const std::string& path, std::string_view name, struct stat& st,
+Outcome backup_file(BackupJob& job, int dirFd, const std::string& path, std::string_view name, struct stat& st,
                     int spare);
 
 int setFileTimes(const std::string& path, const struct stat& st);
@@ -61,11 +61,11 @@ void dumpRawList(const JobContext& ctx);
 // re-arms the alarm, or, while a packet is being built, does so right after
 // it; the alarm is cancelled while a file header or file data are built and
 // re-armed to 30 s after.
-void installWatchdog();
-void watchdogOff();
-void watchdogOn();
+void installWatchdog(BackupJob& job);
+void watchdogOff(BackupJob& job);
+void watchdogOn(BackupJob& job);
 // Runs deferred signals between entries of the walk (a due WATCH_DOG, the
 // sender's death, SIGTERM).
-void atPacketBoundary();
+void atPacketBoundary(BackupJob& job);
 
 }  // namespace tavik::backup

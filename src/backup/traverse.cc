@@ -31,9 +31,9 @@ constexpr const char* kPrefix = "(ws_backup) ";
 
 bool dot(const char* name) { return name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0)); }
 
-bool outsideTopList(const JobContext& ctx, const char* name) {
-    const TopList& top = ctx.topList;
-    if (backupState().dirDepth != 1 || top.names.empty()) return false;
+bool outsideTopList(BackupJob& job, const char* name) {
+    const TopList& top = job.ctx.topList;
+    if (job.dirDepth != 1 || top.names.empty()) return false;
     for (size_t offset : top.names)
         if (std::strcmp(top.text.data() + offset, name) == 0) return false;
     return true;
@@ -43,8 +43,8 @@ bool outsideTopList(const JobContext& ctx, const char* name) {
 // too long for the buffers included.
 // The entry is examined by its name in the open directory, which spares the
 // kernel a walk of the whole path per entry.
-bool entryStat(const JobContext& ctx, int dirFd, const char* name, const std::string& path, struct stat& st) {
-    bool follow = ctx.jobSettings.followLinks;
+bool entryStat(BackupJob& job, int dirFd, const char* name, const std::string& path, struct stat& st) {
+    bool follow = job.ctx.jobSettings.followLinks;
     int r = -1;
     if (path.size() < kPathBuffer) {
         r = ::fstatat(dirFd, name, &st, follow ? 0 : AT_SYMLINK_NOFOLLOW);
@@ -59,45 +59,44 @@ bool entryStat(const JobContext& ctx, int dirFd, const char* name, const std::st
     return true;
 }
 
-bool isDirectory(const JobContext& ctx, const std::string& path) {
+bool isDirectory(BackupJob& job, const std::string& path) {
     struct stat st;
-    int r = ctx.jobSettings.followLinks ? ::stat(path.c_str(), &st) : ::lstat(path.c_str(), &st);
+    int r = job.ctx.jobSettings.followLinks ? ::stat(path.c_str(), &st) : ::lstat(path.c_str(), &st);
     return r == 0 && S_ISDIR(st.st_mode);
 }
 
 // A path longer than the buffers: logged like an entry without attributes
 // and reported to the front-end as an entry that cannot be opened.
-Outcome reportTooLong(const JobContext& ctx, const std::string& path, const char* name) {
+Outcome reportTooLong(BackupJob& job, const std::string& path, const char* name) {
     errno = ENAMETOOLONG;
-    ulog(ctx.jobSettings.followLinks ? MSG_FAILED_GET_ATTRIBUTES_STAT : MSG_FAILED_GET_ATTRIBUTES_LSTAT, kPrefix,
+    ulog(job.ctx.jobSettings.followLinks ? MSG_FAILED_GET_ATTRIBUTES_STAT : MSG_FAILED_GET_ATTRIBUTES_LSTAT, kPrefix,
          path.c_str(), errText());
-    return reportEntry(ctx, code::kNoFile, name);
+    return reportEntry(job, code::kNoFile, name);
 }
 
-Outcome leave(Outcome result) {
-    backupState().dirDepth--;
+Outcome leave(BackupJob& job, Outcome result) {
+    job.dirDepth--;
     return result;
 }
 
-int skipCode(const JobContext& ctx, int8_t newCode) {
-    return ctx.serverVersion >= kSkipCodesVersion ? newCode : code::kEndDir;
+int skipCode(BackupJob& job, int8_t newCode) {
+    return job.ctx.serverVersion >= kSkipCodesVersion ? newCode : code::kEndDir;
 }
 
 }  // namespace
 
-void checkRestartPoint(JobContext& ctx, const std::string& path) {
-    BackupState& b = backupState();
-    if (b.restartFound) {
-        ctx.restartPath.clear();
+void checkRestartPoint(BackupJob& job, const std::string& path) {
+    if (job.restartFound) {
+        job.ctx.restartPath.clear();
         return;
     }
     std::string_view mine(path);
-    std::string_view theirs(ctx.restartPath);
-    mine = mine.substr(b.sourceLength < mine.size() ? b.sourceLength : mine.size());
-    theirs = theirs.substr(b.sourceLength < theirs.size() ? b.sourceLength : theirs.size());
+    std::string_view theirs(job.ctx.restartPath);
+    mine = mine.substr(job.sourceLength < mine.size() ? job.sourceLength : mine.size());
+    theirs = theirs.substr(job.sourceLength < theirs.size() ? job.sourceLength : theirs.size());
     if (mine == theirs) {
-        if (ctx.restartOffset != 0) ctx.restartPath.clear();
-        b.restartFound = true;
+        if (job.ctx.restartOffset != 0) job.ctx.restartPath.clear();
+        job.restartFound = true;
     }
 }
 
@@ -106,34 +105,33 @@ namespace {
 // The first pass (mode 2): the files of the directory that the filter
 // selects. Entries it could not examine go to `unexamined`, for the second
 // pass to examine (and log) again.
-Outcome sendFiles(JobContext& ctx, platform::DirStream& dir, const std::string& dirPath, const struct stat& dirStat,
+Outcome sendFiles(BackupJob& job, platform::DirStream& dir, const std::string& dirPath, const struct stat& dirStat,
                   std::vector<std::string>& unexamined) {
-    BackupState& b = backupState();
-    const bool newServer = ctx.serverVersion >= protocol::kNewServerVersion;
+    const bool newServer = job.ctx.serverVersion >= protocol::kNewServerVersion;
     const int dirFd = dir.fd();
-    b.groomDirectory = platform::identityOf(dirStat);
+    job.groomDirectory = platform::identityOf(dirStat);
     while (const platform::DirStream::Entry* e = dir.next()) {
-        if (dot(e->name) || outsideTopList(ctx, e->name)) continue;
-        atPacketBoundary();
+        if (dot(e->name) || outsideTopList(job, e->name)) continue;
+        atPacketBoundary(job);
         std::string path = dirPath + e->name;
         struct stat st;
         if (path.size() >= kPathBuffer) {
-            if (!isDirectory(ctx, path)) {  // a directory is reported by the second pass
-                if (Outcome r = reportTooLong(ctx, path, e->name); r.isJobOver()) return r;
+            if (!isDirectory(job, path)) {  // a directory is reported by the second pass
+                if (Outcome r = reportTooLong(job, path, e->name); r.isJobOver()) return r;
             }
             continue;
         }
         if (e->type == DT_DIR) continue;  // the second pass examines it
-        if (!entryStat(ctx, dirFd, e->name, path, st)) {
+        if (!entryStat(job, dirFd, e->name, path, st)) {
             unexamined.emplace_back(e->name);
             continue;
         }
         if (S_ISDIR(st.st_mode)) continue;
-        bool take = filter::FileSelected(b.filter, path, st) == 1;
-        if (!newServer && !take) take = filter::OldFileSelected(b.oldSelection, e->name, st) != 0;
+        bool take = filter::FileSelected(job.filter, path, st) == 1;
+        if (!newServer && !take) take = filter::OldFileSelected(job.oldSelection, e->name, st) != 0;
         if (!take) continue;
-        if (restartPending(ctx)) checkRestartPoint(ctx, path);
-        if (Outcome r = backup_file(ctx, dirFd, path, e->name, st, 0); r.isJobOver()) return r;
+        if (restartPending(job.ctx)) checkRestartPoint(job, path);
+        if (Outcome r = backup_file(job, dirFd, path, e->name, st, 0); r.isJobOver()) return r;
     }
     return Outcome::done();
 }
@@ -141,48 +139,47 @@ Outcome sendFiles(JobContext& ctx, platform::DirStream& dir, const std::string& 
 // One subdirectory that the second pass found: unless it is protected or
 // left out by the selection, its attributes, its own walk and its access
 // time put back.
-Outcome descendInto(JobContext& ctx, int dirFd, const std::string& path, const char* name, struct stat& st,
+Outcome descendInto(BackupJob& job, int dirFd, const std::string& path, const char* name, struct stat& st,
                     const struct stat& dirStat, bool dirPatterns) {
-    BackupState& b = backupState();
-    const bool newServer = ctx.serverVersion >= protocol::kNewServerVersion;
-    if (b.hooks.isProtectedDir && b.hooks.isProtectedDir(platform::identityOf(st))) {
-        ulog(MSG_PROTECTED_DIRECTORY, kPrefix, path.c_str(), b.hooks.controlFile.c_str());
+    const bool newServer = job.ctx.serverVersion >= protocol::kNewServerVersion;
+    if (job.hooks.isProtectedDir && job.hooks.isProtectedDir(platform::identityOf(st))) {
+        ulog(MSG_PROTECTED_DIRECTORY, kPrefix, path.c_str(), job.hooks.controlFile.c_str());
         return Outcome::done();
     }
     int submode = 2;
     if (newServer) {
         if (dirPatterns) {
-            submode = int(filter::DirVerdictOf(b.filter, path + "/"));
+            submode = int(filter::DirVerdictOf(job.filter, path + "/"));
             if (submode == 0) return Outcome::done();
         }
-    } else if (b.dirDepth == 1 && b.oldSelection.dirCount != 0 && filter::OldDirListed(b.oldSelection, name) == 0) {
+    } else if (job.dirDepth == 1 && job.oldSelection.dirCount != 0 && filter::OldDirListed(job.oldSelection, name) == 0) {
         return Outcome::done();
     }
     if (std::strlen(name) > protocol::kMaxRecordName) {
         errno = ENAMETOOLONG;
         ulog(MSG_FAILED_OPEN_SOURCE_DIR, kPrefix, path.c_str(), errText());
-        return reportEntry(ctx, code::kNoFile, name);
+        return reportEntry(job, code::kNoFile, name);
     }
-    if (newServer && restartPending(ctx)) checkRestartPoint(ctx, path);
-    Outcome r = sendAttributes(ctx, st, name, 16, path);
+    if (newServer && restartPending(job.ctx)) checkRestartPoint(job, path);
+    Outcome r = sendAttributes(job, st, name, 16, path);
     if (r.isJobOver()) {
         ulog(MSG_FAILED_SEND_ATTRIBUTES, kPrefix, path.c_str());
         return r;
     }
-    if (newServer && b.grooming && !restartPending(ctx)) {
+    if (newServer && job.grooming && !restartPending(job.ctx)) {
         int g = groom::RecordGrooming(path.c_str(), st, platform::identityOf(dirStat));
         if (g != 0) ulog(MSG_FAILED_RECORD_GROOMING_RET, kPrefix, path.c_str(), g);
     }
     bool timesKept = false;  // the subdirectory was read without touching its access time
-    if (b.ancestors.push(st.st_dev, st.st_ino) == -2) {
+    if (job.ancestors.push(st.st_dev, st.st_ino) == -2) {
         ulog(MSG_DETECTED_LINK_ITS_ANCESTOR, kPrefix, path.c_str());
-        if (r = reportEntry(ctx, code::kEndDir); r.isJobOver()) return r;
+        if (r = reportEntry(job, code::kEndDir); r.isJobOver()) return r;
     } else {
-        r = ws_backup(ctx, path + "/", submode, st, &timesKept);
-        b.ancestors.pop();
+        r = ws_backup(job, path + "/", submode, st, &timesKept);
+        job.ancestors.pop();
         if (r.isJobOver()) return r;
     }
-    if (ctx.jobSettings.resetAccessTime && !timesKept && setFileTimesAt(dirFd, name, st) != 0)
+    if (job.ctx.jobSettings.resetAccessTime && !timesKept && setFileTimesAt(dirFd, name, st) != 0)
         ulog(MSG_FAILED_SET_TIME, kPrefix, path.c_str(), errText());
     return r;
 }
@@ -190,11 +187,10 @@ Outcome descendInto(JobContext& ctx, int dirFd, const std::string& path, const c
 // The second pass: every subdirectory, and the entries the first pass could
 // not examine. In mode 2 an entry that cannot be a directory was dealt with
 // by the first pass and is passed over without another stat.
-Outcome walkSubdirectories(JobContext& ctx, platform::DirStream& dir, const std::string& dirPath, int mode, const struct stat& dirStat,
+Outcome walkSubdirectories(BackupJob& job, platform::DirStream& dir, const std::string& dirPath, int mode, const struct stat& dirStat,
                            const std::vector<std::string>& unexamined) {
-    const BackupState& b = backupState();
-    const bool followLinks = ctx.jobSettings.followLinks;
-    const bool dirPatterns = !b.filter.DirIncPattern.empty() || !b.filter.DirExcPattern.empty();
+    const bool followLinks = job.ctx.jobSettings.followLinks;
+    const bool dirPatterns = !job.filter.DirIncPattern.empty() || !job.filter.DirExcPattern.empty();
     const int dirFd = dir.fd();
     const bool rewound = dir.rewind();
     for (;;) {
@@ -206,66 +202,65 @@ Outcome walkSubdirectories(JobContext& ctx, platform::DirStream& dir, const std:
             }
             return Outcome::done();
         }
-        if (dot(e->name) || outsideTopList(ctx, e->name)) continue;
+        if (dot(e->name) || outsideTopList(job, e->name)) continue;
         if (mode == 2 && !e->mayBeDirectory(followLinks) &&
             std::find(unexamined.begin(), unexamined.end(), e->name) == unexamined.end())
             continue;
-        atPacketBoundary();
+        atPacketBoundary(job);
         std::string path = dirPath + e->name;
         struct stat st;
         if (path.size() + 1 >= kPathBuffer) {
             // No room for the directory's "/": refused and reported.
-            if (isDirectory(ctx, path)) {
-                if (Outcome r = reportTooLong(ctx, path, e->name); r.isJobOver()) return r;
+            if (isDirectory(job, path)) {
+                if (Outcome r = reportTooLong(job, path, e->name); r.isJobOver()) return r;
             }
             continue;
         }
-        if (!entryStat(ctx, dirFd, e->name, path, st)) continue;
+        if (!entryStat(job, dirFd, e->name, path, st)) continue;
         if (!S_ISDIR(st.st_mode)) continue;
-        if (Outcome r = descendInto(ctx, dirFd, path, e->name, st, dirStat, dirPatterns); r.isJobOver()) return r;
+        if (Outcome r = descendInto(job, dirFd, path, e->name, st, dirStat, dirPatterns); r.isJobOver()) return r;
     }
 }
 
 }  // namespace
 
-Outcome ws_backup(JobContext& ctx, const std::string& dirPath, int mode, const struct stat& dirStat,
+Outcome ws_backup(BackupJob& job, const std::string& dirPath, int mode, const struct stat& dirStat,
                   bool* accessTimeKept) {
-    BackupState& b = backupState();
-    const JobSettings& js = ctx.jobSettings;
-    b.dirDepth++;
+    const JobSettings& js = job.ctx.jobSettings;
+    job.dirDepth++;
     if (logVerbose()) {
-        std::printf("start traverse dir %s (%d)\n", dirPath.c_str(), int(b.dirDepth));
+        std::printf("start traverse dir %s (%d)\n", dirPath.c_str(), int(job.dirDepth));
         std::fflush(stdout);
     }
-    if (js.noCrossFs && dirStat.st_dev != b.rootDev) {
+    if (js.noCrossFs && dirStat.st_dev != job.rootDev) {
         ulog("Skip file system %s", dirPath.c_str());
-        return leave(reportEntry(ctx, skipCode(ctx, code::kFsSkip)));
+        return leave(job, reportEntry(job, skipCode(job, code::kFsSkip)));
     }
-    if (js.skipNfs && skip_nfs(ctx, dirPath.c_str(), dirStat.st_dev) != 0) {
+    if (js.skipNfs && skip_nfs(job.ctx, dirPath.c_str(), dirStat.st_dev) != 0) {
         ulog(MSG_NFS_MOUNTED_DIRECTORY_SKIPPED, kPrefix, dirPath.c_str());
-        return leave(reportEntry(ctx, skipCode(ctx, code::kNfsSkip)));
+        return leave(job, reportEntry(job, skipCode(job, code::kNfsSkip)));
     }
     if (::access(dirPath.c_str(), R_OK | X_OK) != 0) {
         ulog(MSG_FAILED_ACCESS_DIRECTORY, kPrefix, dirPath.c_str(), errText());
-        return leave(reportEntry(ctx, code::kNoDir));
+        return leave(job, reportEntry(job, code::kNoDir));
     }
     platform::DirStream dir;
     if (!dir.open(dirPath.c_str(), js.resetAccessTime)) {
         ulog(MSG_FAILED_OPEN_SOURCE_DIR, kPrefix, dirPath.c_str(), errText());
-        return leave(reportEntry(ctx, code::kNoDir));
+        return leave(job, reportEntry(job, code::kNoDir));
     }
     if (accessTimeKept) *accessTimeKept = dir.accessTimeKept();
     std::vector<std::string> unexamined;
     if (mode == 2) {
-        if (Outcome r = sendFiles(ctx, dir, dirPath, dirStat, unexamined); r.isJobOver()) return leave(r);
+        if (Outcome r = sendFiles(job, dir, dirPath, dirStat, unexamined); r.isJobOver()) return leave(job, r);
     }
-    if (b.dirDepth >= ctx.maxDirDepth) {
-        ulog(MSG_EXCEEDS_MAXIMUM_LEVEL, kPrefix, int(ctx.maxDirDepth));
+    if (job.dirDepth >= job.ctx.maxDirDepth) {
+        ulog(MSG_EXCEEDS_MAXIMUM_LEVEL, kPrefix, int(job.ctx.maxDirDepth));
     } else {
-        if (Outcome r = walkSubdirectories(ctx, dir, dirPath, mode, dirStat, unexamined); r.isJobOver()) return leave(r);
+        if (Outcome r = walkSubdirectories(job, dir, dirPath, mode, dirStat, unexamined); r.isJobOver()) return leave(job, r);
     }
     dir.close();
-    return leave(queueStatus(ctx, code::kEndDir));
+    return leave(job, queueStatus(job, code::kEndDir));
 }
 
 }  // namespace tavik::backup

@@ -16,14 +16,14 @@
 #include <string>
 
 #include "platform/outcome.h"
-#include "request/job_context.h"
+#include "backup/backup_state.h"
 
 namespace tavik::backup {
 
 // `accessTimeKept`, when given, tells whether the directory was read without
 // touching its access time (so that the caller need not reset it).
-Outcome ws_backup(JobContext& ctx, const std::string& dirPath, int mode, const struct stat& dirStat,
+Outcome ws_backup(BackupJob& job, const std::string& dirPath, int mode, const struct stat& dirStat,
                   bool* accessTimeKept = nullptr);
-void checkRestartPoint(JobContext& ctx, const std::string& path);
+void checkRestartPoint(BackupJob& job, const std::string& path);
 
 }  // namespace tavik::backup

@@ -4,10 +4,10 @@
 // phase (whose estimate walks too).
 #pragma once
 
-#include "request/job_context.h"
+#include "backup/backup_state.h"
 
 namespace tavik {
 
-void installBackupHooks(const JobContext& ctx);
+void installBackupHooks(backup::BackupJob& job);
 
 }  // namespace tavik

@@ -28,8 +28,9 @@
 
 namespace tavik {
 
-void installBackupHooks(const JobContext& ctx) {
-    backup::BackupHooks& hooks = backup::backupState().hooks;
+void installBackupHooks(backup::BackupJob& job) {
+    const JobContext& ctx = job.ctx;
+    backup::BackupHooks& hooks = job.hooks;
     hooks.isProtectedDir = [&ctx](platform::FileIdentity id) { return listsDirectory(ctx.protectedDirs, id); };
     hooks.liesInProtectedDir = [&ctx](const std::string& path) { return isProtected(path, ctx.protectedDirs) != 0; };
     hooks.controlFile = paths().cntlPath;
@@ -37,11 +38,11 @@ void installBackupHooks(const JobContext& ctx) {
     hooks.setChild = setCleanupChild;
 }
 
-Outcome backupPhase(Channel& channel, JobContext& ctx) {
+Outcome backupPhase(Channel& channel, backup::BackupJob& job) {
+    JobContext& ctx = job.ctx;
     const Settings& s = settings();
     int fd = channel.fd();
-    backup::BackupState& b = backup::backupState();
-    filter::InitializeFilter(b.filter, ctx.filterItems, ctx.jobRoot, true);
+    filter::InitializeFilter(job.filter, ctx.filterItems, ctx.jobRoot, true);
 
     if (!s.blockingIo) {
         int flags = ::fcntl(fd, F_GETFL);
@@ -50,19 +51,19 @@ Outcome backupPhase(Channel& channel, JobContext& ctx) {
             return Outcome::jobOver();
         }
     }
-    if (backup::GetIPC(ctx) != 0) {
+    if (job.queue.open(ctx) != 0) {
         if (s.verbose) ulogText("Failed in GetIPC");
         return Outcome::jobOver();
     }
     transport::setBufSize(fd, SO_SNDBUF, s.socketBufferSize);
     ulog("SO_SNDBUF = %d", transport::getBufSize(fd, SO_SNDBUF));
 
-    if (backup::startbackup(ctx, fd, ctx.jobRoot).isJobOver()) return Outcome::jobOver();
+    if (backup::startbackup(job, fd, ctx.jobRoot).isJobOver()) return Outcome::jobOver();
     ulog(MSG_WORKSTATION_BACKUP_ENDED, "");
-    backup::stopWatchdog();
-    if (backup::queueStatus(ctx, protocol::code::kEnd).isJobOver()) return Outcome::jobOver();
+    backup::stopWatchdog(job);
+    if (backup::queueStatus(job, protocol::code::kEnd).isJobOver()) return Outcome::jobOver();
     if (backup::restartPending(ctx)) return Outcome::done();  // the restart point was never found
-    backup::waitQueueEmpty(ctx);
+    backup::waitQueueEmpty(job);
 
     if (!s.blockingIo) {
         // The status value 16 (synchronous writes) of the original system

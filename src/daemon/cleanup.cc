@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "backup/queue.h"
+#include "daemon/job_session.h"
 #include "daemon/state.h"
 #include "groom/groom.h"
 #include "log/ulog.h"
@@ -31,7 +32,7 @@ void closeIfOpen(int& fd) {
     closeIfOpen(l.jobSocket);
     closeIfOpen(l.listenSocket);
     closeIfOpen(l.udpSocket);
-    backup::ReleaseIPC();
+    if (l.job) static_cast<void>(l.job->backup.queue.release());  // logged
 
     if (daemon) {
         ulog(MSG_TAVIK_STOPPED);

@@ -16,9 +16,10 @@
 
 namespace tavik {
 
-Outcome handleJobConnection(JobContext& ctx, int admittedPipe) {
+Outcome handleJobConnection(JobProcess& job, int admittedPipe) {
+    JobContext& ctx = job.ctx;
     Listener& l = listener();
-    installBackupHooks(ctx);
+    installBackupHooks(job.backup);
 
     Channel channel(ctx.link, l.jobSocket);
     int r = GetRequest(channel, ctx);
@@ -38,7 +39,7 @@ Outcome handleJobConnection(JobContext& ctx, int admittedPipe) {
         // that errs on the safe side.
     }
     ::close(admittedPipe);
-    return serveJob(ctx);
+    return serveJob(job);
 }
 
 }  // namespace tavik

@@ -1,7 +1,7 @@
 // What the connection process does with its connection once the caller's
 // address and name are known (listener().jobSocket, peerAddress, peerName).
 //
-// handleJobConnection() takes the job's context (made by prepareJob, its
+// handleJobConnection() takes the job (its context made by prepareJob, its
 // receive deadline set at the acceptance), reads the job
 // request (the whole of it within the request deadline, counted from the
 // acceptance), admits the caller, tells the daemon through `admittedPipe`
@@ -11,8 +11,8 @@
 // job's outcome.
 #pragma once
 
+#include "daemon/job_session.h"
 #include "platform/outcome.h"
-#include "request/job_context.h"
 
 namespace tavik {
 
@@ -20,6 +20,6 @@ namespace tavik {
 // (divided by the time divisor).
 inline constexpr unsigned kRequestTimeout = 120;
 
-Outcome handleJobConnection(JobContext& ctx, int admittedPipe);
+Outcome handleJobConnection(JobProcess& job, int admittedPipe);
 
 }  // namespace tavik

@@ -9,6 +9,7 @@
 #include "platform/outcome.h"
 #include "request/channel.h"
 #include "request/job_context.h"
+#include "backup/backup_state.h"
 
 namespace tavik {
 
@@ -23,7 +24,7 @@ inline constexpr unsigned kCommandWait = 600;
 inline constexpr unsigned kDataWait = 259200;
 inline constexpr unsigned kClosingWait = 600;
 
-Outcome backupPhase(Channel& channel, JobContext& ctx);
+Outcome backupPhase(Channel& channel, backup::BackupJob& job);
 Outcome restorePhase(Channel& channel, JobContext& ctx);
 Outcome comparePhase(Channel& channel, JobContext& ctx);
 Outcome browsePhase(int connection, JobContext& ctx);

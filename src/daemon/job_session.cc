@@ -133,7 +133,8 @@ bool identitySwitchExempt(const JobContext& ctx, bool browse) {
     return !browse && ctx.keepIdentity;
 }
 
-Outcome serveJob(JobContext& ctx) {
+Outcome serveJob(JobProcess& job) {
+    JobContext& ctx = job.ctx;
     Listener& l = listener();
     Channel channel(ctx.link, l.jobSocket);
     decideTrust(ctx);
@@ -169,7 +170,11 @@ Outcome serveJob(JobContext& ctx) {
         ulog(MSG_FAILED_RECEIVE_PATTERNS_FILTER, "");
         return Outcome::jobOver();
     }
-    int r = GetCommands(channel, ctx, {.estimate = backup::estimateCommand, .dbFileReceived = backup::dumpRawList});
+    CommandHandlers handlers{.estimate = [&job](Channel& c, JobContext&, std::span<const uint8_t> payload) {
+                                 return backup::estimateCommand(c, job.backup, payload);
+                             },
+                             .dbFileReceived = backup::dumpRawList};
+    int r = GetCommands(channel, ctx, handlers);
     if (r == transport::kFailed) {
         ulog(MSG_FAILED_RECEIVE_STARTING_SIGNAL, "", "");
         return Outcome::jobOver();
@@ -178,7 +183,7 @@ Outcome serveJob(JobContext& ctx) {
 
     transport::setReceiveTimeout(l.jobSocket, kDataWait, ctx.jobSettings.divisor());
     switch (ctx.request.opMode()) {
-        case protocol::kOpBackup: return backupPhase(channel, ctx);
+        case protocol::kOpBackup: return backupPhase(channel, job.backup);
         case protocol::kOpRestore: return restorePhase(channel, ctx);
         case protocol::kOpCompare: return comparePhase(channel, ctx);
         default: return Outcome::done();  // the command exchange was the whole job

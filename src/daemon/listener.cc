@@ -152,14 +152,15 @@ void identifyHost(Listener& l) {
     platform::clearPendingSignal(SIGCHLD);
     // The job's context: made here, in the connection process, and passed
     // down to every phase of the job.
-    JobContext ctx;
-    prepareJob(ctx);
-    transport::setReceiveDeadline(ctx.link, kRequestTimeout);  // from the acceptance on
+    JobProcess job;
+    l.job = &job;
+    prepareJob(job.ctx);
+    transport::setReceiveDeadline(job.ctx.link, kRequestTimeout);  // from the acceptance on
     identifyHost(l);
-    ctx.link.settings.caller = l.caller();
+    job.ctx.link.settings.caller = l.caller();
     if (settings().verbose) ulog("received call from %s(%s)", l.peerName.c_str(), l.peerAddress);
     // Done or over, the connection process ends through cleanup all the same.
-    static_cast<void>(handleJobConnection(ctx, admittedPipe));
+    static_cast<void>(handleJobConnection(job, admittedPipe));
     cleanup(0);
 }
 

@@ -16,6 +16,8 @@
 
 namespace tavik {
 
+struct JobProcess;
+
 inline constexpr uint16_t kDefaultTcpPort = 6050;
 inline constexpr int kMinSocketBufferSize = 4096;
 inline constexpr int kMaxSocketBufferSize = 65535;
@@ -85,6 +87,7 @@ struct Listener {
     int listenSocket = -1;  // -1 in a job process: how cleanup tells them apart
     int jobSocket = -1;
     int jobChild = -1;  // in a job process: the child its SIGCHLD action waits for
+    JobProcess* job = nullptr;  // in a job process: its job, whose queue cleanup releases
     char peerAddress[16] = {};
     bool peerKnown = false;
     std::string peerName;

@@ -6,7 +6,8 @@ namespace tavik::platform {
 namespace {
 
 volatile sig_atomic_t gPending[NSIG];
-SignalHandler gActions[NSIG];
+// Run in normal context only (dispatchPendingSignals), never by a handler.
+SignalAction gActions[NSIG];
 volatile sig_atomic_t gCounts[NSIG];
 
 void recordSignal(int sig) {
@@ -47,9 +48,9 @@ void resetSignalCount(int sig) {
     if (sig > 0 && sig < NSIG) gCounts[sig] = 0;
 }
 
-bool deferSignal(int sig, SignalHandler action) {
+bool deferSignal(int sig, SignalAction action) {
     if (sig <= 0 || sig >= NSIG) return false;
-    gActions[sig] = action;
+    gActions[sig] = std::move(action);
     return install(sig, recordSignal, 0);
 }
 

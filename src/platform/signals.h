@@ -15,6 +15,7 @@
 #pragma once
 
 #include <csignal>
+#include <functional>
 
 namespace tavik::platform {
 
@@ -38,8 +39,10 @@ bool countSignal(int sig, HandlerMode mode = HandlerMode::Persistent);
 long signalCount(int sig);
 void resetSignalCount(int sig);
 
-// Records `sig` when it arrives; `action` runs from dispatchPendingSignals().
-bool deferSignal(int sig, SignalHandler action);
+// Records `sig` when it arrives; `action` runs from dispatchPendingSignals(),
+// in normal context, so it may hold the job's objects it acts on.
+using SignalAction = std::function<void(int)>;
+bool deferSignal(int sig, SignalAction action);
 bool signalPending(int sig);
 // Runs the action of every recorded deferred signal once, clearing it.
 void dispatchPendingSignals();

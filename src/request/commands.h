@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <span>
 
 #include "protocol/commands.h"
@@ -27,10 +28,10 @@ struct CommandHandlers {
     // ESTIMATE, called after code 4 was sent, with the command's payload;
     // returns 0, 100 or -1 like GetCommands. Without one, ESTIMATE is
     // rejected as an unsupported command.
-    int (*estimate)(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload) = nullptr;
+    std::function<int(Channel& channel, JobContext& ctx, std::span<const uint8_t> payload)> estimate;
     // Called after a database file list was received (the backup's verbose
     // listing of it).
-    void (*dbFileReceived)(const JobContext& ctx) = nullptr;
+    std::function<void(const JobContext& ctx)> dbFileReceived;
 };
 
 [[nodiscard]] int GetCommands(Channel& channel, JobContext& ctx, const CommandHandlers& handlers = {});

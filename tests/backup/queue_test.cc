@@ -43,6 +43,7 @@ protected:
     }
     tavik::testing::ScratchHome home_;
     JobContext ctx_;
+    PacketQueue q_;
     const RegistryAccess registry_{.path = paths().ipcPath};
 };
 
@@ -79,48 +80,48 @@ TEST_F(QueueTest, RegistryLinesAreWrittenClearedAndReused) {
 // wait the producer's sleep becomes 1 x 9 / 10 freed slots, kept within
 // 1..1000.
 TEST_F(QueueTest, HeldSlotsLeaveWithTheNextPublicationOrBeforeAWait) {
-    ASSERT_EQ(GetIPC(ctx_), 0);
-    ASSERT_EQ(waitFreeSlot(), 0);
-    inSlot()[2] = 1;
-    ASSERT_EQ(countup(1, true), 0);
-    EXPECT_EQ(queuedCount(), 0);
-    EXPECT_EQ(freeSlots(), 9);
-    ASSERT_EQ(waitFreeSlot(), 0);
-    inSlot()[2] = 2;
-    ASSERT_EQ(countup(), 0);
-    ASSERT_EQ(queuedCount(), 2);
-    EXPECT_EQ(outSlot()[2], 1);
-    EXPECT_EQ(slotAfterOut(1)[2], 2);
-    ASSERT_EQ(countdown(2), 0);
+    ASSERT_EQ(q_.open(ctx_), 0);
+    ASSERT_EQ(q_.waitFreeSlot(), 0);
+    q_.inSlot()[2] = 1;
+    ASSERT_EQ(q_.countup(1, true), 0);
+    EXPECT_EQ(q_.queuedCount(), 0);
+    EXPECT_EQ(q_.freeSlots(), 9);
+    ASSERT_EQ(q_.waitFreeSlot(), 0);
+    q_.inSlot()[2] = 2;
+    ASSERT_EQ(q_.countup(), 0);
+    ASSERT_EQ(q_.queuedCount(), 2);
+    EXPECT_EQ(q_.outSlot()[2], 1);
+    EXPECT_EQ(q_.slotAfterOut(1)[2], 2);
+    ASSERT_EQ(q_.countdown(2), 0);
 
     for (int i = 0; i < 9; ++i) {
-        ASSERT_EQ(waitFreeSlot(), 0);
-        inSlot()[2] = 7;  // the slot the producer comes back to once the ring wraps
-        ASSERT_EQ(countup(), 0);
+        ASSERT_EQ(q_.waitFreeSlot(), 0);
+        q_.inSlot()[2] = 7;  // the slot the producer comes back to once the ring wraps
+        ASSERT_EQ(q_.countup(), 0);
     }
-    ASSERT_EQ(waitFreeSlot(), 0);
-    ASSERT_EQ(countup(1, true), 0);
-    EXPECT_EQ(queuedCount(), 9);
-    EXPECT_EQ(freeSlots(), 0);
+    ASSERT_EQ(q_.waitFreeSlot(), 0);
+    ASSERT_EQ(q_.countup(1, true), 0);
+    EXPECT_EQ(q_.queuedCount(), 9);
+    EXPECT_EQ(q_.freeSlots(), 0);
     pid_t consumer = fork();
     if (consumer == 0) {
-        disownIPC();
+        q_.disown();
         // Up to 3 s: reached only if the held slot is never published.
-        for (int i = 0; queuedCount() != 10; ++i) {
+        for (int i = 0; q_.queuedCount() != 10; ++i) {
             if (i == 3000) _exit(2);
             usleep(1000);
         }
-        _exit(countdown(10) == 0 ? 0 : 3);
+        _exit(q_.countdown(10) == 0 ? 0 : 3);
     }
-    ASSERT_EQ(waitFreeSlot(), 0);  // woken by the release
+    ASSERT_EQ(q_.waitFreeSlot(), 0);  // woken by the release
     EXPECT_EQ(tavik::testing::exitStatusOf(consumer), 0);
-    EXPECT_EQ(queuedCount(), 0);
-    EXPECT_EQ(freeSlots(), 10);
-    EXPECT_GE(producerSleepMs(), 1);
-    EXPECT_LE(producerSleepMs(), 9);
+    EXPECT_EQ(q_.queuedCount(), 0);
+    EXPECT_EQ(q_.freeSlots(), 10);
+    EXPECT_GE(q_.producerSleepMs(), 1);
+    EXPECT_LE(q_.producerSleepMs(), 9);
     // The slot's header is cleared for the next packet.
-    EXPECT_EQ(std::count(inSlot(), inSlot() + protocol::kHeaderSize, 0), long(protocol::kHeaderSize));
-    ReleaseIPC();
+    EXPECT_EQ(std::count(q_.inSlot(), q_.inSlot() + protocol::kHeaderSize, 0), long(protocol::kHeaderSize));
+    q_.release();
 }
 
 TEST(QueueSize, StepsDownByTenUntilTheSystemGrantsOrFails) {

@@ -44,10 +44,10 @@ protected:
         startupSettings().resetAccessTime = false;
         publishSettings();
         prepareJob(ctx_);
-        ASSERT_EQ(GetIPC(ctx_), 0);
+        ASSERT_EQ(job_.queue.open(ctx_), 0);
         dir_.reset(::open(home_.dir().c_str(), O_RDONLY | O_DIRECTORY));
     }
-    void TearDown() override { ReleaseIPC(); }
+    void TearDown() override { static_cast<void>(job_.queue.release()); }
     // Sends the entry at `name` in the scratch directory as lstat shows it
     // now (or as `st` showed it before); returns the codes of the packets
     // queued, MOF and ENDF as 700000 and 800000 plus their length.
@@ -57,14 +57,14 @@ protected:
         return sendAs(name, st, wireName);
     }
     std::vector<int> sendAs(const std::string& name, struct stat st, const std::string& wireName = "") {
-        EXPECT_FALSE(backup_file(ctx_, dir_.get(), path(name), wireName.empty() ? name : wireName, st, 0).isJobOver());
+        EXPECT_FALSE(backup_file(job_, dir_.get(), path(name), wireName.empty() ? name : wireName, st, 0).isJobOver());
         packets_.clear();
         std::vector<int> codes;
-        for (; queuedCount() != 0; countdown()) {
+        for (; job_.queue.queuedCount() != 0; job_.queue.countdown()) {
             protocol::HeaderBytes h;
-            std::copy(outSlot(), outSlot() + 8, h.begin());
+            std::copy(job_.queue.outSlot(), job_.queue.outSlot() + 8, h.begin());
             protocol::PacketHeader header = protocol::decodeHeader(h);
-            packets_.push_back({header.code, header.version, {outSlot() + 8, outSlot() + 8 + header.length}});
+            packets_.push_back({header.code, header.version, {job_.queue.outSlot() + 8, job_.queue.outSlot() + 8 + header.length}});
             bool data = header.code == 7 || header.code == 8;
             codes.push_back(data ? header.code * 100000 + header.length : header.code);
         }
@@ -78,6 +78,7 @@ protected:
     uint32_t sizeInHeader() const { return protocol::decodeBackupAttributes(packets_[0].payload)->size; }
     tavik::testing::ScratchHome home_;
     JobContext ctx_;
+    BackupJob job_{ctx_};
     platform::UniqueFd dir_;
     std::vector<Packet> packets_;
 };

@@ -53,7 +53,7 @@ protected:
         if (child == 0) {
             sp.closeServer();
             listener().jobSocket = sp.agent;
-            static_cast<void>(serveJob(ctx_));
+            static_cast<void>(serveJob(job_));
             _exit(0);
         }
         sp.closeAgent();
@@ -64,7 +64,8 @@ protected:
         return n == 8 ? h[2] : -1;
     }
     tavik::testing::ScratchHome home_;
-    JobContext ctx_;
+    JobProcess job_;
+    JobContext& ctx_ = job_.ctx;
 };
 
 TEST_F(JobProcessTest, ChuidSwitchesGroupsGidUidAndRootCannotComeBack) {
