@@ -15,7 +15,7 @@ rules=(
   "nls:log platform wire"
   "transport:log platform protocol wire"
   "filter:log nls platform protocol wire"
-  "request:transport filter log platform protocol wire"
+  "request:transport filter groom log platform protocol wire"
   "groom:log nls platform protocol wire"
   "backup:request filter groom transport log nls platform protocol wire"
   "restore:request transport log nls platform protocol wire"

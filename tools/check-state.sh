@@ -20,8 +20,6 @@ named=(
   # The log's files and verbosity, handed down by the daemon once at start-up.
   "tavik::(anonymous namespace)::gLog: the log's files and verbosity, fixed at start-up"
   # One job per process: each job's state object, made per connection.
-  "tavik::groom::detail::state()::s: the grooming job's state"
-  "tavik::groom::groomingEnvironment()::e: the grooming job's files"
   # The message catalogue, opened once, and the tokenizer's position between calls (its interface keeps it, like strtok).
   "tavik::nls::(anonymous namespace)::catalogue()::c: the open message catalogue"
   "tavik::nls::(anonymous namespace)::tokenizer()::t: the multibyte tokenizer's position"

@@ -58,8 +58,8 @@ constexpr const char* kPrefix = "(startbackup) ";
     std::_Exit(r != 0 ? 255 : 0);
 }
 
-void endGrooming() {
-    int s = groom::EndGrooming();
+void endGrooming(BackupJob& job) {
+    int s = groom::EndGrooming(job.ctx.grooming);
     if (s == 1) {
         ulog(MSG_GROOMING_INCOMPLETE, kPrefix);
     } else if (s == 2) {
@@ -70,8 +70,8 @@ void endGrooming() {
 }
 
 Outcome sendGroomingReport(BackupJob& job, Outcome result) {
-    std::string work = groom::GroomingWorkFile();
-    int count = groom::GroomedCount();
+    std::string work = groom::GroomingWorkFile(job.ctx.grooming);
+    int count = groom::GroomedCount(job.ctx.grooming);
     if (count != 0) {
         struct stat st;
         platform::UniqueFd file;
@@ -86,7 +86,7 @@ Outcome sendGroomingReport(BackupJob& job, Outcome result) {
             if (!result.isJobOver()) result = send_file(job, std::move(file), st, {}, work);
             uint32_t options = wire::loadLe32(job.ctx.groomRecord.data() + protocol::kGroomOptionsOffset);
             if (options & protocol::kGroomRotationSet) {
-                std::string copy = groom::GroomingCopyFile();
+                std::string copy = groom::GroomingCopyFile(job.ctx.grooming);
                 // A link in the log directory, which every job may write,
                 // is not followed.
                 if (copyFile(work.c_str(), copy.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW, 0666) == -1)
@@ -163,10 +163,10 @@ Outcome startbackup(BackupJob& job, int jobSocket, const std::string& sourcePath
             wire::ByteReader tapeIn(std::span<const uint8_t>(job.ctx.tapeRecord.data(), job.ctx.tapeRecord.size()));
             protocol::TapeRecord tape;
             (void)protocol::decodeTapeRecord(tapeIn, tape);  // always whole: 63 bytes kept
-            if (groom::BeginGrooming(job.ctx.paths.logDir.c_str(), job.ctx.groomSet.c_str(), record, tape) != 0)
+            if (groom::BeginGrooming(job.ctx.grooming, job.ctx.paths.logDir.c_str(), job.ctx.groomSet.c_str(), record, tape) != 0)
                 ulog(MSG_FAILED_BEGINGROOMING, kPrefix);
             if (!restartPending(job.ctx)) {
-                int g = groom::RecordGrooming(sourcePath.c_str(), st);
+                int g = groom::RecordGrooming(job.ctx.grooming, sourcePath.c_str(), st);
                 if (g != 0) ulog(MSG_FAILED_RECORD_GROOMING_RET, kPrefix, sourcePath.c_str(), g);
             }
         }
@@ -180,7 +180,7 @@ Outcome startbackup(BackupJob& job, int jobSocket, const std::string& sourcePath
         ulog(MSG_FAILED_SET_TIME, kPrefix, sourcePath.c_str(), errText());
     job.ancestors.pop();
     if (!job.grooming) return result;
-    endGrooming();
+    endGrooming(job);
     return sendGroomingReport(job, result);
 }
 

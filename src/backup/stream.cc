@@ -84,7 +84,7 @@ std::string_view lastComponent(const std::string& path) {
 
 void recordGrooming(BackupJob& job, const std::string& path, const struct stat& st, const char* prefix) {
     if (!job.grooming) return;
-    int r = groom::RecordGrooming(path.c_str(), st, job.groomDirectory);
+    int r = groom::RecordGrooming(job.ctx.grooming, path.c_str(), st, job.groomDirectory);
     if (r != 0) ulog(MSG_FAILED_RECORD_GROOMING_RET, prefix, path.c_str(), r);
 }
 

@@ -167,7 +167,7 @@ Outcome descendInto(BackupJob& job, int dirFd, const std::string& path, const ch
         return r;
     }
     if (newServer && job.grooming && !restartPending(job.ctx)) {
-        int g = groom::RecordGrooming(path.c_str(), st, platform::identityOf(dirStat));
+        int g = groom::RecordGrooming(job.ctx.grooming, path.c_str(), st, platform::identityOf(dirStat));
         if (g != 0) ulog(MSG_FAILED_RECORD_GROOMING_RET, kPrefix, path.c_str(), g);
     }
     bool timesKept = false;  // the subdirectory was read without touching its access time

@@ -54,6 +54,7 @@ public:
         : socket_(socket),
           ctx_(ctx),
           link_(ctx.link),
+          groom_(ctx.grooming),
           verbose_(logVerbose()),
           followLinks_(ctx.jobSettings.followLinks),
           checkLocks_(ctx.jobSettings.checkLocks),
@@ -88,6 +89,7 @@ private:
     transport::ReadAhead ahead_;  // nothing but the command stream follows on the socket
     const JobContext& ctx_;
     transport::TransportState& link_;  // the job's connection state, in ctx_
+    groom::Grooming& groom_;  // the job's grooming, in ctx_
     bool verbose_;
     bool followLinks_;
     bool checkLocks_;
@@ -156,7 +158,7 @@ void CompareSession::beginGrooming() {
     (void)protocol::decodeTapeRecord(tapeIn, tape);  // the job context holds all 63 bytes
     groomOptions_ = groomRecord.fOptions;
     grooming_ = true;
-    if (groom::BeginGrooming(ctx_.paths.logDir.c_str(), ctx_.groomSet.c_str(), groomRecord, tape) != 0) {
+    if (groom::BeginGrooming(groom_, ctx_.paths.logDir.c_str(), ctx_.groomSet.c_str(), groomRecord, tape) != 0) {
         ulog(MSG_FAILED_BEGINGROOMING, "");
     }
     struct stat st {};
@@ -168,7 +170,7 @@ void CompareSession::beginGrooming() {
 }
 
 void CompareSession::record(const char* path, const struct stat& st) {
-    int r = groom::RecordGrooming(path, st);
+    int r = groom::RecordGrooming(groom_, path, st);
     if (r != 0) ulog(MSG_FAILED_RECORD_GROOMING_RET, kPrefix, path, r);
 }
 
@@ -428,7 +430,7 @@ Outcome CompareSession::end() {
     if (::chdir("/") != 0) ulog("%sFailed to change directory to / (%s)", kPrefix, errText());
     bool failed = false;
     if (grooming_) {
-        int r = groom::EndGrooming();
+        int r = groom::EndGrooming(groom_);
         if (r == 1) {
             ulog(MSG_GROOMING_INCOMPLETE, "");
         } else if (r == 2) {
@@ -436,8 +438,8 @@ Outcome CompareSession::end() {
         } else if (r != 0) {
             ulog(MSG_ENDGROOMING_UNKNOW_STATUS, "", r);
         }
-        int groomed = groom::GroomedCount();
-        std::string workFile = groom::GroomingWorkFile();
+        int groomed = groom::GroomedCount(groom_);
+        std::string workFile = groom::GroomingWorkFile(groom_);
         if (groomed > 0) {
             if (answer(protocol::verdict::kGroomCount).isJobOver()) {
                 failed = true;
@@ -453,7 +455,7 @@ Outcome CompareSession::end() {
         if (groomOptions_ & protocol::kGroomRotationSet) {
             // No copy file when grooming was refused. A link in the log
             // directory, which every job may write, is not followed.
-            const char* copy = groom::GroomingCopyFile();
+            const char* copy = groom::GroomingCopyFile(groom_);
             constexpr int kAppend = O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW;
             if (*copy != '\0' && copyFile(workFile.c_str(), copy, kAppend, 0666) != 0) {
                 ulog(MSG_CANNOT_COPY, "", workFile.c_str(), copy);
@@ -464,7 +466,7 @@ Outcome CompareSession::end() {
             ulog(MSG_TOTAL_DELETED, groomed);
         }
         grooming_ = false;
-        groom::RemoveGroomingTempFiles();
+        groom::RemoveGroomingTempFiles(groom_);
         if (failed) return Outcome::jobOver();
     }
     ulog(MSG_WORKSTATION_COMPARE_ENDED, "");

@@ -38,7 +38,7 @@ void closeIfOpen(int& fd) {
         ulog(MSG_TAVIK_STOPPED);
         ::unlink(paths().pidPath.c_str());
     }
-    groom::RemoveGroomingTempFiles();
+    if (l.job) groom::RemoveGroomingTempFiles(l.job->ctx.grooming);
     std::exit(1);
 }
 

@@ -9,7 +9,6 @@
 #include <new>
 
 #include "groom/groom.h"
-#include "groom/internal.h"
 #include "log/ulog.h"
 #include "nls/mbstring.h"
 #include "nls/messages.h"
@@ -48,31 +47,31 @@ std::string withoutNewline(const std::string& line) {
 
 }  // namespace
 
-GroomList new_element(const char* text) {
+GroomList new_element(Grooming& g, const char* text) {
     GroomList element(new (std::nothrow) GroomElement);
     if (!element) {
-        grlog(GroomText(kMsgNoMemory), kElementPrefix, kElementSize, errText());
+        grlog(g, GroomText(kMsgNoMemory), kElementPrefix, kElementSize, errText());
         return nullptr;
     }
     size_t len = strlen(text);
     try {
         element->name.assign(text, len > 0 ? len - 1 : 0);
     } catch (const std::bad_alloc&) {
-        grlog(GroomText(kMsgNoMemory), kElementPrefix, int(len), errText());
+        grlog(g, GroomText(kMsgNoMemory), kElementPrefix, int(len), errText());
         return nullptr;
     }
     return element;
 }
 
-int dir_cntl(const char* controlFile, GroomList& list) {
+int dir_cntl(Grooming& g, const char* controlFile, GroomList& list) {
     list.reset();
-    detail::GroomState& s = detail::state();
+    detail::GroomState& s = g.state;
     struct stat st;
     if (stat(controlFile, &st) != 0) return 0;
     if (st.st_mtime <= s.controlFileTime) return 0;
     FILE* in = fopen(controlFile, "r");
     if (!in) {
-        grlog(GroomText(kMsgCannotOpen), kCntlPrefix, controlFile, errText());
+        grlog(g, GroomText(kMsgCannotOpen), kCntlPrefix, controlFile, errText());
         return -1;
     }
     std::string line;
@@ -81,7 +80,7 @@ int dir_cntl(const char* controlFile, GroomList& list) {
         // A name is stored less its last character, which here is the
         // newline; a last line without one keeps its final character.
         if (line.back() != '\n') line.push_back('\n');
-        GroomList element = new_element(line.c_str());
+        GroomList element = new_element(g, line.c_str());
         if (!element) {
             fclose(in);
             return -1;

@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "groom/groom.h"
-#include "groom/internal.h"
 #include "log/ulog.h"
 #include "nls/dates.h"
 #include "nls/mbstring.h"
@@ -29,17 +28,9 @@
 
 namespace tavik::groom {
 
-namespace detail {
-GroomState& state() {
-    static GroomState s;
-    return s;
-}
-}  // namespace detail
-
 namespace {
 
 using detail::GroomState;
-using detail::state;
 
 constexpr const char* kBeginPrefix = "(BeginGrooming) ";
 constexpr const char* kEndPrefix = "(EndGrooming) ";
@@ -72,8 +63,8 @@ constexpr const char* kAgentPkgInfo = "/var/sadm/pkg/TAVIK/pkginfo";
 // name, or "" (errno set) when none could be made. mkstemp replaces the
 // name-only tmpnam of older systems: no other process can take the name
 // between choosing and opening it.
-std::string makeTemp(const char* stem, int* fdOut = nullptr) {
-    std::string pattern = groomingEnvironment().tempDir + "/" + stem + "XXXXXX";
+std::string makeTemp(const GroomingEnvironment& environment, const char* stem, int* fdOut = nullptr) {
+    std::string pattern = environment.tempDir + "/" + stem + "XXXXXX";
     std::vector<char> name(pattern.begin(), pattern.end());
     name.push_back('\0');
     int fd = mkstemp(name.data());
@@ -116,7 +107,7 @@ bool writeAll(int fd, const char* data, size_t len) { return platform::writeAll(
 // names never pass through one), with SIGCHLD blocked so that its end is not
 // taken for the death of another child of the job; a SIGCHLD that another
 // child raised meanwhile is raised again.
-void runSort(const std::string& sorted, const std::string& candidates) {
+void runSort(GroomState& s, const std::string& sorted, const std::string& candidates) {
     platform::SignalBlock block(SIGCHLD);
     pid_t pid = fork();
     if (pid < 0) return;
@@ -125,13 +116,13 @@ void runSort(const std::string& sorted, const std::string& candidates) {
         execlp("sort", "sort", "-n", "-r", "-o", sorted.c_str(), candidates.c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
-    state().sortPid = pid;
+    s.sortPid = pid;
     int status;
     while (waitpid(pid, &status, 0) < 0) {
         if (errno != EINTR) break;
         platform::dispatchPendingSignals();
     }
-    state().sortPid = -1;
+    s.sortPid = -1;
     sigset_t only;
     sigemptyset(&only);
     sigaddset(&only, SIGCHLD);
@@ -283,11 +274,6 @@ bool readBoundedLine(FILE* in, char* buf, size_t size, bool& whole) {
 
 }  // namespace
 
-GroomingEnvironment& groomingEnvironment() {
-    static GroomingEnvironment e;
-    return e;
-}
-
 time_t GroomAgeLimit(time_t start, int nMonths) {
     struct tm when;
     localtime_r(&start, &when);
@@ -309,7 +295,7 @@ time_t GroomAgeLimit(time_t start, int nMonths) {
     return mktime(&when);
 }
 
-void grlog(const char* format, ...) {
+void grlog(Grooming& g, const char* format, ...) {
     char text[kGrlogMax];
     va_list args;
     va_start(args, format);
@@ -317,7 +303,7 @@ void grlog(const char* format, ...) {
     va_end(args);
     if (n < 0) return;
     size_t len = size_t(n) < sizeof text ? size_t(n) : sizeof text - 1;
-    GroomState& s = state();
+    GroomState& s = g.state;
     if (s.workFd == -1 && !s.workFile.empty()) {
         s.workFd = open(s.workFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
         if (s.workFd < 0) {
@@ -351,7 +337,8 @@ void resetGrooming(GroomState& s) {
 // name that is not a plain file name ("/" in it, "." or "..", or none) would
 // put it elsewhere, or follow a directory link that someone planted there.
 // Such a grooming is refused before anything is written.
-int chooseFiles(GroomState& s, const char* logDir, std::string_view set, const protocol::GroomingRecord& record) {
+int chooseFiles(Grooming& g, const char* logDir, std::string_view set, const protocol::GroomingRecord& record) {
+    GroomState& s = g.state;
     s.owner = getpid();
     s.copyFile.clear();
     s.kind = (record.fOptions & protocol::kGroomDelete) ? kKindDelete : kKindRotation;
@@ -359,7 +346,7 @@ int chooseFiles(GroomState& s, const char* logDir, std::string_view set, const p
         ulog("%sThe rotation set name [%.*s] is not a plain file name", kBeginPrefix, int(set.size()), set.data());
         return -1;
     }
-    s.workFile = makeTemp("tvkgr");
+    s.workFile = makeTemp(g.environment, "tvkgr");
     if (s.workFile.empty()) return -1;
     char copy[kCopyFileSize];
     if (s.kind == kKindDelete) {
@@ -375,21 +362,22 @@ int chooseFiles(GroomState& s, const char* logDir, std::string_view set, const p
 // front. The control file is read afresh for every grooming: its list is
 // rebuilt each time, so a second grooming in one process must not find the
 // file "unchanged" and lose its protected paths.
-int loadProtectedList(GroomState& s, const std::string& control) {
+int loadProtectedList(Grooming& g, const std::string& control) {
+    GroomState& s = g.state;
     s.controlFileTime = 0;
-    if (dir_cntl(control.c_str(), s.protectedList) != 0) {
-        grlog("%s", GroomText(kMsgControlFile));
+    if (dir_cntl(g, control.c_str(), s.protectedList) != 0) {
+        grlog(g, "%s", GroomText(kMsgControlFile));
         return -1;
     }
     std::vector<std::string> names(std::begin(kBuiltinProtected), std::end(kBuiltinProtected));
-    const std::string& root = groomingEnvironment().packageRoot;
+    const std::string& root = g.environment.packageRoot;
     std::string value;
     if (PackageValue((root + kServerPkgInfo).c_str(), "KRV_HOME", value)) names.push_back(value + "\n");
     if (PackageValue((root + kAgentPkgInfo).c_str(), "TVKBIN", value)) names.push_back(value + "/tavik\n");
     for (const std::string& name : names) {
-        GroomList element = new_element(name.c_str());
+        GroomList element = new_element(g, name.c_str());
         if (!element) {
-            grlog("%s", GroomText(kMsgProtectedList));
+            grlog(g, "%s", GroomText(kMsgProtectedList));
             return -1;
         }
         element->next = std::move(s.protectedList);
@@ -399,14 +387,15 @@ int loadProtectedList(GroomState& s, const std::string& control) {
 }
 
 // The identities file (unlinked at once) and the candidates file.
-int openCandidates(GroomState& s) {
+int openCandidates(Grooming& g) {
+    GroomState& s = g.state;
     int fd = -1;
-    std::string identities = makeTemp("tvkgi", &fd);
+    std::string identities = makeTemp(g.environment, "tvkgi", &fd);
     if (identities.empty()) return -1;
     unlink(identities.c_str());
     fcntl(fd, F_SETFD, FD_CLOEXEC);
     s.identitiesFd = fd;
-    s.candidatesFile = makeTemp("tvkgc", &fd);
+    s.candidatesFile = makeTemp(g.environment, "tvkgc", &fd);
     if (s.candidatesFile.empty()) {
         closeIdentities(s);
         return -1;
@@ -423,19 +412,20 @@ int openCandidates(GroomState& s) {
 
 }  // namespace
 
-int BeginGrooming(const char* logDir, const char* groomSet, const protocol::GroomingRecord& record, const protocol::TapeRecord& tape) {
-    GroomState& s = state();
+int BeginGrooming(Grooming& g, const char* logDir, const char* groomSet, const protocol::GroomingRecord& record,
+                  const protocol::TapeRecord& tape) {
+    GroomState& s = g.state;
     resetGrooming(s);
     std::string_view set(groomSet, strnlen(groomSet, protocol::kGroomSetTextSize));
-    if (chooseFiles(s, logDir, set, record) != 0) return -1;
+    if (chooseFiles(g, logDir, set, record) != 0) return -1;
     // The work file's head.
-    grlog("\n");
-    grlog(GroomText(kMsgTapeName), tape.tapeName.c_str());
-    grlog(GroomText(kMsgSessionNumber), tape.sessionNumber.c_str());
-    grlog("\n");
-    if (loadProtectedList(s, ControlFileOf(logDir)) != 0) return -1;
+    grlog(g, "\n");
+    grlog(g, GroomText(kMsgTapeName), tape.tapeName.c_str());
+    grlog(g, GroomText(kMsgSessionNumber), tape.sessionNumber.c_str());
+    grlog(g, "\n");
+    if (loadProtectedList(g, ControlFileOf(logDir)) != 0) return -1;
     s.record = record;
-    if (openCandidates(s) != 0) return -1;
+    if (openCandidates(g) != 0) return -1;
     s.startTime = time(nullptr);
     return 0;
 }
@@ -470,14 +460,14 @@ void record(GroomState& s, const char* path, const struct stat& status, platform
 
 }  // namespace
 
-int RecordGrooming(const char* path, const struct stat& status, platform::FileIdentity directory) {
-    GroomState& s = state();
+int RecordGrooming(Grooming& g, const char* path, const struct stat& status, platform::FileIdentity directory) {
+    GroomState& s = g.state;
     if (eligible(s, path, status)) record(s, path, status, directory);
     return 0;
 }
 
-int RecordGrooming(const char* path, const struct stat& status) {
-    GroomState& s = state();
+int RecordGrooming(Grooming& g, const char* path, const struct stat& status) {
+    GroomState& s = g.state;
     if (!eligible(s, path, status)) return 0;
     // A directory is never deleted: its own directory does not matter.
     if (!S_ISDIR(status.st_mode)) {
@@ -496,24 +486,24 @@ int RecordGrooming(const char* path, const struct stat& status) {
     return 0;
 }
 
-int EndGrooming() {
-    GroomState& s = state();
+int EndGrooming(Grooming& g) {
+    GroomState& s = g.state;
     if (!s.candidates) return -1;
     closeCandidates(s);
     flushIdentities(s);  // a record that could not be written reads short below
 
-    s.sortedFile = makeTemp("tvkgs");
+    s.sortedFile = makeTemp(g.environment, "tvkgs");
     if (s.sortedFile.empty()) {
-        grlog(GroomText(kMsgNoSortedName), kEndPrefix, errText());
+        grlog(g, GroomText(kMsgNoSortedName), kEndPrefix, errText());
         removeFile(s.candidatesFile);
         return 2;
     }
-    runSort(s.sortedFile, s.candidatesFile);
+    runSort(s, s.sortedFile, s.candidatesFile);
     removeFile(s.candidatesFile);
 
     FILE* sorted = fopen(s.sortedFile.c_str(), "r");
     if (!sorted) {
-        grlog(GroomText(kMsgCannotOpen), kEndPrefix, s.sortedFile.c_str(), errText());
+        grlog(g, GroomText(kMsgCannotOpen), kEndPrefix, s.sortedFile.c_str(), errText());
         removeFile(s.sortedFile);
         return 2;
     }
@@ -536,18 +526,18 @@ int EndGrooming() {
                            : Removal::Failed;
         if (done == Removal::Skipped) continue;
         if (done == Removal::Failed) {
-            grlog(GroomText(kMsgCannotRemove), kEndPrefix, path, errText());
+            grlog(g, GroomText(kMsgCannotRemove), kEndPrefix, path, errText());
             continue;
         }
-        grlog("%s %s %12lld %s\n", nls::DateTextOf(st.st_mtime, 1).c_str(), nls::TimeTextOf(st.st_mtime, 1).c_str(),
+        grlog(g, "%s %s %12lld %s\n", nls::DateTextOf(st.st_mtime, 1).c_str(), nls::TimeTextOf(st.st_mtime, 1).c_str(),
               static_cast<long long>(st.st_size), path);
         ++s.groomedCount;
     }
     fclose(sorted);
     removeFile(s.sortedFile);
     closeIdentities(s);
-    grlog("\n");
-    grlog(GroomText(kMsgDeletedCount), s.groomedCount);
+    grlog(g, "\n");
+    grlog(g, GroomText(kMsgDeletedCount), s.groomedCount);
     closeWorkFile(s);
     return 0;
 }
@@ -570,8 +560,8 @@ int MigrateLog(const char* workFile) {
     return 0;
 }
 
-void RemoveGroomingTempFiles() {
-    GroomState& s = state();
+void RemoveGroomingTempFiles(Grooming& g) {
+    GroomState& s = g.state;
     if (s.owner != getpid()) {
         // A child forked during grooming: the files are its parent's. It
         // only forgets them.
@@ -601,9 +591,9 @@ void RemoveGroomingTempFiles() {
     s.startTime = 0;
 }
 
-void ResetGrooming() {
-    RemoveGroomingTempFiles();
-    GroomState& s = state();
+void ResetGrooming(Grooming& g) {
+    RemoveGroomingTempFiles(g);
+    GroomState& s = g.state;
     s.kind = 0;
     s.copyFile.clear();
     s.sequence = 1;
@@ -614,10 +604,10 @@ void ResetGrooming() {
     s.record = protocol::GroomingRecord{};
 }
 
-const char* GroomingWorkFile() { return state().workFile.c_str(); }
-const char* GroomingCopyFile() { return state().copyFile.c_str(); }
-int GroomedCount() { return state().groomedCount; }
-int GroomingKind() { return state().kind; }
-const char* GroomingCandidatesFile() { return state().candidatesFile.c_str(); }
+const char* GroomingWorkFile(const Grooming& g) { return g.state.workFile.c_str(); }
+const char* GroomingCopyFile(const Grooming& g) { return g.state.copyFile.c_str(); }
+int GroomedCount(const Grooming& g) { return g.state.groomedCount; }
+int GroomingKind(const Grooming& g) { return g.state.kind; }
+const char* GroomingCandidatesFile(const Grooming& g) { return g.state.candidatesFile.c_str(); }
 
 }  // namespace tavik::groom

@@ -19,6 +19,7 @@
 #include "platform/file_identity.h"
 #include "platform/fs_type.h"
 #include "protocol/commands.h"
+#include "groom/groom.h"
 #include "protocol/request.h"
 #include "transport/packet.h"
 
@@ -120,6 +121,7 @@ struct JobContext {
     uint16_t maxDirDepth = kOldMaxDirDepth;
     TopList topList;
     std::vector<uint8_t> groomRecord;  // empty: no grooming in this job
+    groom::Grooming grooming;          // what the job's grooming has recorded
     std::array<uint8_t, protocol::kTapeRecordSize> tapeRecord{};
     std::string groomSet;
     std::vector<uint8_t> dbFileList;

@@ -59,19 +59,21 @@ protected:
         chmod(root_.c_str(), 0755);  // a child that drops to nobody must reach the tree
         tavik::paths().deriveFrom(home_ + "/");
         tavik::publishSettings();
-        groomingEnvironment().tempDir = tmp_;
-        groomingEnvironment().packageRoot = root_ + "/pkg";
-        ResetGrooming();
+        g_.environment.tempDir = tmp_;
+        g_.environment.packageRoot = root_ + "/pkg";
+        ResetGrooming(g_);
     }
 
     void TearDown() override {
-        ResetGrooming();
-        groomingEnvironment() = GroomingEnvironment{};
+        ResetGrooming(g_);
+        g_.environment = GroomingEnvironment{};
         std::error_code ec;
         fs::remove_all(root_, ec);
         unsetenv("TZ");
         tzset();
     }
+
+    Grooming g_;
 
     bool inScratch(const std::string& path) const { return path.rfind(root_ + "/", 0) == 0; }
 
@@ -79,28 +81,28 @@ protected:
     void record(const std::string& path) {
         if (!inScratch(path)) {
             ADD_FAILURE() << "refusing to record " << path << " outside the scratch root " << root_;
-            RemoveGroomingTempFiles();
+            RemoveGroomingTempFiles(g_);
             return;
         }
         struct stat st;
         ASSERT_EQ(lstat(path.c_str(), &st), 0) << path;
-        ASSERT_EQ(RecordGrooming(path.c_str(), st), 0);
+        ASSERT_EQ(RecordGrooming(g_, path.c_str(), st), 0);
     }
 
     // EndGrooming, once every candidate is known to lie in the scratch root.
     int endGrooming() {
-        for (const std::string& line : lines(readFile(GroomingCandidatesFile()))) {
+        for (const std::string& line : lines(readFile(GroomingCandidatesFile(g_)))) {
             if (!inScratch(line.substr(line.find(' ') + 1))) {
                 ADD_FAILURE() << "candidate outside the scratch root: " << line;
-                RemoveGroomingTempFiles();
+                RemoveGroomingTempFiles(g_);
                 return -99;
             }
         }
-        return EndGrooming();
+        return EndGrooming(g_);
     }
 
     // Begins a deleting grooming (which does not use the set name).
-    int begin(const char* set = "") { return BeginGrooming(logDir().c_str(), set, deleting(), tape()); }
+    int begin(const char* set = "") { return BeginGrooming(g_, logDir().c_str(), set, deleting(), tape()); }
 
     std::string makeFile(const std::string& rel, size_t size) {
         std::string path = tree_ + "/" + rel;
@@ -152,7 +154,7 @@ TEST_F(GroomingLibrary, DeletesFiftyRecordedFilesLatestFirst) {
         if (i % 10 == 4) record(kept[size_t(i / 10)]);
     }
     ASSERT_EQ(endGrooming(), 0);
-    EXPECT_EQ(GroomedCount(), 50);
+    EXPECT_EQ(GroomedCount(g_), 50);
     for (const std::string& path : recorded) EXPECT_FALSE(fs::exists(path)) << path;
     for (const std::string& path : kept) EXPECT_TRUE(fs::exists(path)) << path;
 
@@ -167,10 +169,10 @@ TEST_F(GroomingLibrary, DeletesFiftyRecordedFilesLatestFirst) {
         expected += line;
         deleteLines.push_back("Delete " + recorded[size_t(i)]);
     }
-    EXPECT_EQ(readFile(GroomingWorkFile()), expected + "\ncatgetsErr");
-    EXPECT_EQ(tempFiles(), std::vector<std::string>{GroomingWorkFile()}) << "only the work file is left";
+    EXPECT_EQ(readFile(GroomingWorkFile(g_)), expected + "\ncatgetsErr");
+    EXPECT_EQ(tempFiles(), std::vector<std::string>{GroomingWorkFile(g_)}) << "only the work file is left";
     // MigrateLog puts one "Delete" line per deleted file into the agent log.
-    ASSERT_EQ(MigrateLog(GroomingWorkFile()), 0);
+    ASSERT_EQ(MigrateLog(GroomingWorkFile(g_)), 0);
     EXPECT_EQ(logMessages(), deleteLines);
 }
 
@@ -191,9 +193,9 @@ TEST_F(GroomingLibrary, UnremovableFileIsLoggedAndSkipped) {
         if (begin() != 0) _exit(3);
         for (const std::string& p : {ro1, ok, ro2}) {
             struct stat st;
-            if (lstat(p.c_str(), &st) != 0 || RecordGrooming(p.c_str(), st) != 0) _exit(4);
+            if (lstat(p.c_str(), &st) != 0 || RecordGrooming(g_, p.c_str(), st) != 0) _exit(4);
         }
-        _exit(EndGrooming() == 0 && GroomedCount() == 1 ? 0 : 5);
+        _exit(EndGrooming(g_) == 0 && GroomedCount(g_) == 1 ? 0 : 5);
     }
     ASSERT_EQ(tavik::testing::exitStatusOf(pid), 0);
     chmod((tree_ + "/ro").c_str(), 0755);
@@ -255,24 +257,24 @@ TEST_F(GroomingLibrary, RecordingPassesOverWhatIsNotEligible) {
         {"/opt/tavikd/x", file}, {"/home/u/Korvane", file}, {"/etc", dir}, {"/var/sadm/pkg/x", file},
         {"/a/b\n9 /c/d", file}, {"", file}, {"core", file}, {longPath.c_str(), file},
     };
-    for (const auto& c : cases) EXPECT_EQ(RecordGrooming(c.path, c.st), 0) << c.path;
-    EXPECT_EQ(readFile(GroomingCandidatesFile()), "1 /tmp\n2 /usr/library/x\n3 /opt/tavikd/x\n");
+    for (const auto& c : cases) EXPECT_EQ(RecordGrooming(g_, c.path, c.st), 0) << c.path;
+    EXPECT_EQ(readFile(GroomingCandidatesFile(g_)), "1 /tmp\n2 /usr/library/x\n3 /opt/tavikd/x\n");
 
-    const std::string candidates = GroomingCandidatesFile(), work = GroomingWorkFile();
+    const std::string candidates = GroomingCandidatesFile(g_), work = GroomingWorkFile(g_);
     // A forked child's cleanup leaves the parent's files alone.
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
-        RemoveGroomingTempFiles();  // what cleanup does in any process
+        RemoveGroomingTempFiles(g_);  // what cleanup does in any process
         _exit(0);
     }
     ASSERT_EQ(tavik::testing::exitStatusOf(pid), 0);
     EXPECT_TRUE(fs::exists(candidates) && fs::exists(work));
-    RemoveGroomingTempFiles();
-    RemoveGroomingTempFiles();  // twice is harmless
+    RemoveGroomingTempFiles(g_);
+    RemoveGroomingTempFiles(g_);  // twice is harmless
     EXPECT_FALSE(fs::exists(candidates) || fs::exists(work));
-    EXPECT_EQ(EndGrooming(), -1) << "grooming was abandoned";
-    EXPECT_EQ(RecordGrooming("/usr/library/y", file), 0);
+    EXPECT_EQ(EndGrooming(g_), -1) << "grooming was abandoned";
+    EXPECT_EQ(RecordGrooming(g_, "/usr/library/y", file), 0);
     EXPECT_TRUE(tempFiles().empty());
 }
 
@@ -288,7 +290,7 @@ TEST_F(GroomingLibrary, LinksNeverLeadIntoProtectedDirectories) {
     fs::rename(tree_ + "/plain", tree_ + "/plain-moved");
     fs::create_directory_symlink(tree_ + "/keep", tree_ + "/plain");
     ASSERT_EQ(endGrooming(), 0);
-    EXPECT_EQ(GroomedCount(), 0);
+    EXPECT_EQ(GroomedCount(g_), 0);
     EXPECT_TRUE(fs::exists(precious) && fs::exists(swapped) && fs::exists(tree_ + "/plain-moved/f"));
 
     // groom.cntl is read for every grooming, unchanged or not; a missing one stops nothing.
@@ -339,25 +341,25 @@ TEST_F(GroomingLibrary, DeletesOnlyWhatIsStillWhatWasRecorded) {
         if (i % 2) {
             record(plain.back());
         } else {
-            RecordGrooming(plain.back().c_str(), st, tavik::platform::identityOf(dir));
+            RecordGrooming(g_, plain.back().c_str(), st, tavik::platform::identityOf(dir));
         }
         if (i % 40) continue;
         const auto& row = rows[size_t(i / 40)];
         const fs::path parent = fs::path(row.path).parent_path();
         ASSERT_EQ(stat(row.path.c_str(), &st), 0) << row.path;  // following links
-        RecordGrooming(row.path.c_str(), st);
+        RecordGrooming(g_, row.path.c_str(), st);
         ASSERT_EQ(stat((tree_ + "/" + parent.filename().string()).c_str(), &dir), 0);
-        RecordGrooming(parent.c_str(), dir, {});  // a directory: never deleted
+        RecordGrooming(g_, parent.c_str(), dir, {});  // a directory: never deleted
     }
     struct stat st;
     ASSERT_EQ(lstat(rows[3].path.c_str(), &st), 0);
-    RecordGrooming(rows[3].path.c_str(), st);
+    RecordGrooming(g_, rows[3].path.c_str(), st);
     for (const auto& row : rows) row.change();
 
     ASSERT_EQ(endGrooming(), 0);
-    EXPECT_EQ(GroomedCount(), 151);
+    EXPECT_EQ(GroomedCount(g_), 151);
     for (const std::string& p : plain) EXPECT_FALSE(fs::exists(p)) << p;
-    const std::string work = readFile(GroomingWorkFile());
+    const std::string work = readFile(GroomingWorkFile(g_));
     for (const auto& row : rows) {
         SCOPED_TRACE(row.path);
         EXPECT_EQ(has(work, "(EndGrooming) Could not remove " + row.path + " (" + row.line + ")\n"), !row.line.empty());
@@ -371,17 +373,17 @@ TEST_F(GroomingLibrary, DeletesOnlyWhatIsStillWhatWasRecorded) {
 
 TEST_F(GroomingLibrary, RotationSetNameMustBeAPlainFileName) {
     for (const char* set : {"../../x", "a/b", "/x", "..", ".", ""}) {
-        EXPECT_EQ(BeginGrooming(logDir().c_str(), set, rotation(), tape()), -1) << set;
-        EXPECT_STREQ(GroomingCopyFile(), "");
+        EXPECT_EQ(BeginGrooming(g_, logDir().c_str(), set, rotation(), tape()), -1) << set;
+        EXPECT_STREQ(GroomingCopyFile(g_), "");
         EXPECT_TRUE(tempFiles().empty()) << "nothing is written";
         EXPECT_EQ(logMessages().back(),
                   "(BeginGrooming) The rotation set name [" + std::string(set) + "] is not a plain file name");
     }
-    ASSERT_EQ(BeginGrooming(logDir().c_str(), "..x", rotation(), tape()), 0);
-    EXPECT_EQ(GroomingKind(), kKindRotation);
-    EXPECT_EQ(std::string(GroomingCopyFile()), logDir() + "/..x.grm");
+    ASSERT_EQ(BeginGrooming(g_, logDir().c_str(), "..x", rotation(), tape()), 0);
+    EXPECT_EQ(GroomingKind(g_), kKindRotation);
+    EXPECT_EQ(std::string(GroomingCopyFile(g_)), logDir() + "/..x.grm");
     ASSERT_EQ(begin("a/b"), 0);  // no set: its name is not used
-    EXPECT_EQ(std::string(GroomingCopyFile()), logDir() + "/migrate.log");
+    EXPECT_EQ(std::string(GroomingCopyFile(g_)), logDir() + "/migrate.log");
 }
 
 TEST_F(GroomingLibrary, WithoutTemporaryDirectoryNothingIsDeleted) {
@@ -395,11 +397,11 @@ TEST_F(GroomingLibrary, WithoutTemporaryDirectoryNothingIsDeleted) {
     EXPECT_EQ(begin(), -1);
     struct stat file = {};
     file.st_mode = S_IFREG;
-    EXPECT_EQ(RecordGrooming(a.c_str(), file), 0);
-    EXPECT_EQ(EndGrooming(), -1);
+    EXPECT_EQ(RecordGrooming(g_, a.c_str(), file), 0);
+    EXPECT_EQ(EndGrooming(g_), -1);
     EXPECT_TRUE(fs::exists(a));
     testing::internal::CaptureStderr();
-    grlog("to standard error %d\n", 7);
+    grlog(g_, "to standard error %d\n", 7);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "to standard error 7\n");
 }
 
@@ -422,9 +424,10 @@ std::vector<std::string> names(const GroomList& list) {
 }
 
 GroomList listOf(std::initializer_list<const char*> names) {
+    Grooming g_;
     GroomList list;
     for (const char* name : names) {
-        GroomList e = new_element((std::string(name) + "\n").c_str());
+        GroomList e = new_element(g_, (std::string(name) + "\n").c_str());
         e->next = std::move(list);
         list = std::move(e);
     }
@@ -446,8 +449,9 @@ TEST(GroomProtected, PrefixesEndAtAComponentAndNamesMatchComponents) {
     EXPECT_EQ(IsProtected("/anything/at/all", listOf({"/"}).get()), -1);
     EXPECT_EQ(IsProtected("/anything", nullptr), 0);
     // An element drops the line's last character, whatever it is.
-    EXPECT_EQ(new_element("x")->name, "");
-    EXPECT_EQ(new_element("")->name, "");
+    Grooming g_;
+    EXPECT_EQ(new_element(g_, "x")->name, "");
+    EXPECT_EQ(new_element(g_, "")->name, "");
 }
 
 class GroomControlFile : public GroomScratch {};
@@ -459,13 +463,13 @@ TEST_F(GroomControlFile, ReadsLinesThatBeginWithASlash) {
     const std::string cntl = home_ + "/groom.cntl";
     writeFile(cntl, "# comment\n/one\nrelative\n\n  /indented\n/two/\n/" + std::string(5000, 'x') + "\n/last");
     GroomList list;
-    ASSERT_EQ(dir_cntl(cntl.c_str(), list), 0);
+    ASSERT_EQ(dir_cntl(g_, cntl.c_str(), list), 0);
     EXPECT_EQ(names(list), (std::vector<std::string>{"/last", "/two/", "/one"}));
     // Unchanged since the last read: the list is emptied and not read again.
-    ASSERT_EQ(dir_cntl(cntl.c_str(), list), 0);
+    ASSERT_EQ(dir_cntl(g_, cntl.c_str(), list), 0);
     EXPECT_EQ(list, nullptr);
     // A missing file protects nothing and is no failure.
-    ASSERT_EQ(dir_cntl((home_ + "/none").c_str(), list), 0);
+    ASSERT_EQ(dir_cntl(g_, (home_ + "/none").c_str(), list), 0);
     EXPECT_EQ(list, nullptr);
 
     // The package information files: NAME=value lines.
