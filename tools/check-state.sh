@@ -15,14 +15,17 @@ named=(
   "tavik::platform::(anonymous namespace)::gActions: deferred signal actions (platform/signals)"
   "tavik::platform::(anonymous namespace)::gPending: signals recorded by the handler (platform/signals)"
   "tavik::platform::(anonymous namespace)::gCounts: signals counted by the handler (platform/signals)"
-  # The daemon's one state object: settings (read-only after start-up), paths, listener.
-  "tavik::(anonymous namespace)::gDaemon: the daemon's state: settings, home files, listener"
-  # The log's files and verbosity, handed down by the daemon once at start-up.
+  # The daemon's one state object: settings (read-only after start-up), paths,
+  # the listener, and in a connection process the job it serves (whose
+  # context, backup state, queue and grooming live on that process's stack
+  # and are passed down).
+  "tavik::(anonymous namespace)::gDaemon: the daemon's state: settings, home files, listener, the process's job"
+  # Start-up configuration of the log, handed down once by the daemon and
+  # only read afterwards: every layer logs, and none is passed a logger.
   "tavik::(anonymous namespace)::gLog: the log's files and verbosity, fixed at start-up"
-  # One job per process: each job's state object, made per connection.
-  # The message catalogue, opened once, and the tokenizer's position between calls (its interface keeps it, like strtok).
-  "tavik::nls::(anonymous namespace)::catalogue()::c: the open message catalogue"
-  "tavik::nls::(anonymous namespace)::tokenizer()::t: the multibyte tokenizer's position"
+  # The message catalogue and the locale it chose: the C library keeps the
+  # locale (setlocale, LANG) per process, and the catalogue follows it.
+  "tavik::nls::(anonymous namespace)::catalogue()::c: the open message catalogue and the process's locale"
 )
 
 libs=("$build"/src/*/libtavik_*.a)

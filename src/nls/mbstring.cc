@@ -115,20 +115,6 @@ const char* MbStrStr(const char* text, const char* needle) {
 
 namespace {
 
-// MbStrTok's memory between calls: the caller's text, its wide copy and the
-// positions reached in both.
-struct Tokenizer {
-    bool wideMode = false;
-    char* bytes = nullptr;       // next byte of the caller's text
-    wchar_t wide[kWideMax] = {};
-    size_t widePos = 0;
-};
-
-Tokenizer& tokenizer() {
-    static Tokenizer t;
-    return t;
-}
-
 // Byte length of one wide character in the current locale.
 size_t mbLength(wchar_t wc) {
     char buf[MB_LEN_MAX];
@@ -138,27 +124,26 @@ size_t mbLength(wchar_t wc) {
 
 }  // namespace
 
-char* MbStrTok(char* text, const char* delimiters) {
-    Tokenizer& t = tokenizer();
+char* MbStrTok(char* text, const char* delimiters, MbTokenizer& t) {
     if (!japanese()) {
         t.wideMode = false;
-        return strtok(text, delimiters);
+        return strtok_r(text, delimiters, &t.saved);
     }
     wchar_t wideDelims[kWideMax];
     if (!toWide(delimiters, wideDelims)) {
         t.wideMode = false;
-        return strtok(text, delimiters);
+        return strtok_r(text, delimiters, &t.saved);
     }
     if (text) {
         if (!toWide(text, t.wide)) {
             t.wideMode = false;
-            return strtok(text, delimiters);
+            return strtok_r(text, delimiters, &t.saved);
         }
         t.wideMode = true;
         t.bytes = text;
         t.widePos = 0;
     }
-    if (!t.wideMode) return strtok(nullptr, delimiters);
+    if (!t.wideMode) return strtok_r(nullptr, delimiters, &t.saved);
     if (!t.bytes) return nullptr;
     const wchar_t* w = t.wide + t.widePos;
     size_t skip = wcsspn(w, wideDelims);

@@ -9,8 +9,11 @@
 //
 // Texts of kWideMax characters or more, and texts that do not convert, are
 // scanned byte-wise (MbFindLastChar returns null instead). Nothing here
-// reports an error. MbStrTok keeps state between calls, like strtok.
+// reports an error. MbStrTok keeps its position between calls in the caller's
+// MbTokenizer, like strtok_r.
 #pragma once
+
+#include <cstddef>
 
 namespace tavik::nls {
 
@@ -23,7 +26,16 @@ const char* MbStrRChr(const char* text, int c);
 const char* MbFindChar(const char* text, const char* mbchar);
 const char* MbFindLastChar(const char* text, const char* mbchar);
 const char* MbStrStr(const char* text, const char* needle);
-char* MbStrTok(char* text, const char* delimiters);
+// MbStrTok's memory between the calls of one scan: the caller's text, its
+// wide copy and the positions reached in both.
+struct MbTokenizer {
+    bool wideMode = false;
+    char* bytes = nullptr;  // next byte of the caller's text (wide mode)
+    char* saved = nullptr;  // strtok_r's position (byte-wise mode)
+    wchar_t wide[kWideMax] = {};
+    size_t widePos = 0;
+};
+char* MbStrTok(char* text, const char* delimiters, MbTokenizer& t);
 char* MbToLower(char* text);
 // Removes white-space characters from the first *length bytes of text;
 // *length becomes the new byte length and the text is NUL-terminated when it

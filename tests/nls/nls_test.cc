@@ -317,7 +317,8 @@ std::vector<long> offsets(const char* text, std::initializer_list<const char*> f
 // The tokens of `text` between `delimiters`, each in brackets.
 std::string tokens(std::string text, const char* delimiters) {
     std::string got;
-    for (char* tok = MbStrTok(text.data(), delimiters); tok; tok = MbStrTok(nullptr, delimiters))
+    MbTokenizer t;
+    for (char* tok = MbStrTok(text.data(), delimiters, t); tok; tok = MbStrTok(nullptr, delimiters, t))
         got += std::string("[") + tok + "]";
     return got;
 }
