@@ -36,8 +36,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     tavik::nls::MbStripSpace(strip.data(), &n);
     if (n < 0 || size_t(n) > len) abort();
     std::vector<char> tok(text);
-    tavik::nls::MbTokenizer t;
-    for (char* p = tavik::nls::MbStrTok(tok.data(), "/ =", t); p; p = tavik::nls::MbStrTok(nullptr, "/ =", t)) {
+    tavik::nls::MbTokenizer tokenizer;
+    for (char* p = tavik::nls::MbStrTok(tok.data(), "/ =", tokenizer); p;
+         p = tavik::nls::MbStrTok(nullptr, "/ =", tokenizer)) {
         if (p < tok.data() || p >= tok.data() + tok.size()) abort();
     }
     return 0;
