@@ -65,7 +65,8 @@ void dispatchPendingSignals() {
     for (int sig = 1; sig < NSIG; ++sig) {
         if (!gPending[sig]) continue;
         gPending[sig] = 0;
-        if (gActions[sig]) gActions[sig](sig);
+        // A copy: an action may defer the signal anew while it runs.
+        if (SignalAction action = gActions[sig]) action(sig);
     }
     errno = savedErrno;
 }
