@@ -57,8 +57,9 @@ int renewalsBefore(const TransportSettings& s, const protocol::PacketHeader& h, 
 // Sends the packets with sendmsg as far as the kernel takes them without
 // waiting, continuing the same vector after a partial send. When the socket
 // takes nothing, the chosen send routine sends the rest of the current
-// packet (it owns every wait, stall and time-out, which count from there),
-// and the vector goes on after it.
+// entry (a packet, or a run of packets in adjacent slots; it owns every wait,
+// stall and time-out, which count from there), and the vector goes on after
+// it.
 int sendBatch(TransportState& t, int fd, iovec* iov, int n) {
     int first = 0;
     while (first < n) {
@@ -202,7 +203,8 @@ int SendDaemon(TransportState& t, int connection, const PacketSource& source, co
             }
         }
         uint16_t ready = source.count();
-        int n = 0;
+        int n = 0;        // packets in this batch
+        int vectors = 0;  // their vector entries
         bool ackDue = false;
         while (n < kMaxBatch && n < ready && !sendDone && !ackDue) {
             const uint8_t* slot = source.slotAhead(uint16_t(n));
@@ -231,12 +233,20 @@ int SendDaemon(TransportState& t, int connection, const PacketSource& source, co
                     ackDue = ackCounter == 0;
                 }
             }
-            iov[n].iov_base = const_cast<uint8_t*>(slot);
-            iov[n].iov_len = protocol::kHeaderSize + h.length;
+            // Slots lie back to back: a packet that begins where the one
+            // before it ends (after a full slot) extends its vector entry.
+            const size_t length = protocol::kHeaderSize + h.length;
+            if (vectors > 0 && static_cast<uint8_t*>(iov[vectors - 1].iov_base) + iov[vectors - 1].iov_len == slot) {
+                iov[vectors - 1].iov_len += length;
+            } else {
+                iov[vectors].iov_base = const_cast<uint8_t*>(slot);
+                iov[vectors].iov_len = length;
+                ++vectors;
+            }
             ++n;
         }
         if (sendDone) sendAtOnce(connection);
-        if (sendBatch(t, connection, iov, n) != 0) {
+        if (sendBatch(t, connection, iov, vectors) != 0) {
             if (connectionDropped(errno)) connrelease(t, SIGPIPE);
             return -1;
         }
