@@ -7,13 +7,26 @@
 //       PID (a daemon's job processes and theirs) and then prints
 //       "cpu_s peak_kb processes": their CPU time (last sample of each)
 //       summed, and the largest VmHWM among them.
+//   tavik_bench_probe floor DIR
+//       the read floor of a tree: one process walks it, lstats every
+//       entry, opens every regular file, reads it in 64 KiB blocks and
+//       closes it; prints "wall_s bytes files".
+//   tavik_bench_probe loopback BLOCK BYTES
+//       the loopback bandwidth: a child writes BYTES in blocks of BLOCK
+//       bytes into a TCP connection on 127.0.0.1 that the parent drains
+//       128 KiB at a time; prints "wall_s bytes".
 #include <dirent.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +35,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -122,11 +136,83 @@ int watch(pid_t root) {
     return 0;
 }
 
+struct FloorCount {
+    long long bytes = 0;
+    long files = 0;
+};
+
+void readTree(const std::string& dir, FloorCount& count, std::vector<char>& block) {
+    DIR* d = opendir(dir.c_str());
+    if (!d) return;
+    while (dirent* e = readdir(d)) {
+        if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
+        std::string path = dir + "/" + e->d_name;
+        struct stat st {};
+        if (lstat(path.c_str(), &st) != 0) continue;
+        if (S_ISDIR(st.st_mode)) {
+            readTree(path, count, block);
+        } else if (S_ISREG(st.st_mode)) {
+            int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW);
+            if (fd < 0) continue;
+            for (ssize_t n; (n = read(fd, block.data(), block.size())) > 0;) count.bytes += n;
+            close(fd);
+            count.files++;
+        }
+    }
+    closedir(d);
+}
+
+int floorOf(const char* dir) {
+    std::vector<char> block(64 * 1024);
+    FloorCount count;
+    double start = now();
+    readTree(dir, count, block);
+    std::printf("%.3f %lld %ld\n", now() - start, count.bytes, count.files);
+    return 0;
+}
+
+int loopback(size_t blockSize, long long total) {
+    int listener = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof addr;
+    if (listener < 0 || bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        listen(listener, 1) != 0 || getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &length) != 0) {
+        std::perror("loopback");
+        return 1;
+    }
+    double start = now();
+    pid_t writer = fork();
+    if (writer == 0) {
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) _exit(1);
+        std::vector<char> block(blockSize, 'x');
+        for (long long sent = 0; sent < total;) {
+            ssize_t n = write(fd, block.data(), size_t(std::min<long long>(total - sent, (long long)blockSize)));
+            if (n <= 0) _exit(1);
+            sent += n;
+        }
+        _exit(0);
+    }
+    int fd = accept(listener, nullptr, nullptr);
+    std::vector<char> sink(128 * 1024);
+    long long got = 0;
+    for (ssize_t n; fd >= 0 && (n = read(fd, sink.data(), sink.size())) > 0;) got += n;
+    int status = 0;
+    waitpid(writer, &status, 0);
+    std::printf("%.3f %lld\n", now() - start, got);
+    return got == total && WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
     if (argc >= 3 && std::strcmp(argv[1], "run") == 0) return run(argv + 2);
     if (argc == 3 && std::strcmp(argv[1], "watch") == 0) return watch(pid_t(std::atol(argv[2])));
-    std::fprintf(stderr, "usage: tavik_bench_probe run CMD [ARGS...] | watch PID\n");
+    if (argc == 3 && std::strcmp(argv[1], "floor") == 0) return floorOf(argv[2]);
+    if (argc == 4 && std::strcmp(argv[1], "loopback") == 0)
+        return loopback(size_t(std::atol(argv[2])), std::atoll(argv[3]));
+    std::fprintf(stderr, "usage: tavik_bench_probe run CMD [ARGS...] | watch PID | floor DIR | loopback BLOCK BYTES\n");
     return 2;
 }

@@ -14,6 +14,7 @@ packages=(
   locales                            # localedef for the locale tests
   passwd                             # useradd/chpasswd for the login tests
   iproute2 procps netcat-openbsd     # ss/ipcs/pgrep and nc for tests and benchmarks
+  socat e2fsprogs                    # the benchmarks: tar's draining reader, the ext4 restore target
   mandoc man-db                      # the manual pages' checks (tools/check-docs.sh)
   dpkg-dev file lintian systemd      # the Debian package: cpack's dpkg-shlibdeps, lintian,
   bash-completion                    #   systemd-analyze, the completion (tools/package-check.sh)
