@@ -191,7 +191,7 @@ awk '
     printf "buffer %-5s %-6s %-6s round %d: %8.1f MB/s %9.0f files/s  cpu %6.2f s  peak %6.1f MB%s\n",
            $1, $2, $3, $4, rate, fps, $8, $9 / 1024, ($3 == "agent" ? sprintf("  (tavikctl cpu %.2f s)", $10) : "")
     if ($3 == "agent") {
-      agent[key, $4] = rate; set[key] = $2
+      agent[key, $4] = rate; set[key] = $2; entries[key] = $7
       gb[key, $4] = $8 / ($6 / 1e9); tenk[key, $4] = $8 / ($7 / 1e4); peak[key, $4] = $9 / 1024
     } else tarr[key, $4] = rate
     keys[key] = 1; n[key] = ($4 > n[key] ? $4 : n[key]) }
@@ -204,8 +204,10 @@ awk '
       m = n[k]
       for (r = 1; r <= m; r++) { rt[r] = agent[k, r] / tarr[k, r]; rf[r] = agent[k, r]; cg[r] = gb[k, r]; ck[r] = tenk[k, r]; pk[r] = peak[k, r] }
       rfloor = fn[set[k]] ? fl[set[k]] / fn[set[k]] : 0
-      printf "buffer %s: agent/tar MB/s median %.2f over %d pairs; agent/read floor %.2f; agent cpu %.2f s per GB, %.2f s per 10,000 files; peak %.1f MB\n",
-             k, median(rt, m), m, rfloor ? median(rf, m) / rfloor : 0, median(cg, m), median(ck, m), median(pk, m)
+      # Per 10,000 files only where the set has thousands of them.
+      perfiles = entries[k] >= 1000 ? sprintf("%.2f s per 10,000 files", median(ck, m)) : "no per-file figure"
+      printf "buffer %s: agent/tar MB/s median %.2f over %d pairs; agent/read floor %.2f; agent cpu %.2f s per GB, %s; peak %.1f MB\n",
+             k, median(rt, m), m, rfloor ? median(rf, m) / rfloor : 0, median(cg, m), perfiles, median(pk, m)
     }
   }' "$limits" "$results"
 fi
