@@ -54,9 +54,15 @@ public:
     RestoreSession(const RestoreSession&) = delete;
     RestoreSession& operator=(const RestoreSession&) = delete;
 
-    Outcome run();
+    // The commands until the job ends; what is still held is answered then.
+    Outcome run() {
+        Outcome r = commands();
+        if (r.isJobOver()) return r;
+        return Outcome::jobOverUnless(transport::sendHeld(link_, socket_, ahead_));
+    }
 
 private:
+    Outcome commands();
     void mkdirCommand();
     void unlinkCommand();
     void openFile();
@@ -82,8 +88,9 @@ private:
     void writeHeld(const char* prefix);
     void setModeAndOwner(const char* prefix, const char* path, int fd, const protocol::RestoreAttributes& a, bool& modeFailed,
                          bool& ownerFailed);
+    // Answers go out together, before the next wait for the front-end.
     Outcome answer(uint8_t status) {
-        return Outcome::jobOverUnless(transport::syncSendCode(link_, socket_, static_cast<int8_t>(status)));
+        return Outcome::jobOverUnless(transport::holdCode(link_, socket_, static_cast<int8_t>(status), ahead_));
     }
     void logRefusedName(const char* prefix, const char* format);
 
@@ -108,6 +115,7 @@ private:
     // else (and regular files where the file system has no unnamed files)
     // under a temporary name when it replaces something.
     bool unnamed_ = false;   // out_ is an unnamed file
+    bool linkByDescriptor_ = true;  // unnamed files are named through their descriptor
     bool replacing_ = false;  // something of the name is there and is to be replaced
     std::string temporary_;  // the temporary name of what is made, when it has one
     unsigned temporaryCount_ = 0;
@@ -121,7 +129,7 @@ private:
     PathBuffer unlinkPath_;  // what UNLINK removes: a name this job made or may replace
 };
 
-Outcome RestoreSession::run() {
+Outcome RestoreSession::commands() {
     for (;;) {
         int8_t code = 0;
         record_.fill(0);  // a short record reads as zeros, never as the previous one
@@ -463,12 +471,19 @@ void RestoreSession::createRegular() {
 bool RestoreSession::publish(const char* prefix) {
     bool done = false;
     if (unnamed_) {
-        // An unnamed file is given its name through its /proc entry, which
-        // names that very file.
-        char self[32];
-        std::snprintf(self, sizeof self, "/proc/self/fd/%d", out_.get());
+        // An unnamed file is given its name through its descriptor, which
+        // takes the privilege to read any directory (root has it); without
+        // that, through its /proc entry, which names that very file.
         auto linked = [&](const char* name) {
-            return ::linkat(AT_FDCWD, self, here_.dir(), name, AT_SYMLINK_FOLLOW) == 0;
+            if (linkByDescriptor_) {
+                if (::linkat(out_.get(), "", here_.dir(), name, AT_EMPTY_PATH) == 0) return true;
+                if (errno != ENOENT) return false;
+            }
+            char self[32];
+            std::snprintf(self, sizeof self, "/proc/self/fd/%d", out_.get());
+            if (::linkat(AT_FDCWD, self, here_.dir(), name, AT_SYMLINK_FOLLOW) != 0) return false;
+            linkByDescriptor_ = false;  // the privilege is missing: /proc from now on
+            return true;
         };
         if (!replacing_) {
             done = linked(here_.base());

@@ -322,6 +322,25 @@ int syncSendCode(TransportState& t, int fd, int8_t packetCode, const ReadyInfo& 
     return 0;
 }
 
+int holdCode(TransportState& t, int fd, int8_t code, ReadAhead& ahead) {
+    protocol::PacketHeader h;
+    h.code = code;
+    protocol::HeaderBytes bytes = protocol::encodeHeader(h);
+    ahead.held.insert(ahead.held.end(), bytes.begin(), bytes.end());
+    return ahead.held.size() + bytes.size() > ReadAhead::kHeldSize ? sendHeld(t, fd, ahead) : 0;
+}
+
+int sendHeld(TransportState& t, int fd, ReadAhead& ahead) {
+    if (ahead.held.empty()) return 0;
+    int r = sendRoutine(t, fd, ahead.held.data(), ahead.held.size());
+    if (r != 0) {
+        uint8_t first = ahead.held[protocol::kHeaderCodeAt];
+        ulog(MSG_SEND_COMMAND_0X_FAILED, "(sync_send_code) ", static_cast<unsigned>(first));
+    }
+    ahead.held.clear();
+    return r == 0 ? 0 : kFailed;
+}
+
 namespace {
 
 template <typename Receive>
@@ -353,7 +372,8 @@ int getReplyWith(int8_t& codeOut, std::span<uint8_t> record, FileDataBuffer* fil
     return 0;
 }
 
-// blockRecv served from `ahead` first; one recv refills it.
+// blockRecv served from `ahead` first; one recv refills it, once the held
+// answers are sent.
 int aheadRecv(TransportState& t, int fd, uint8_t* buffer, size_t length, ReadAhead& ahead) {
     constexpr const char* kPrefix = "(blockRecv) ";
     size_t got = 0;
@@ -366,6 +386,7 @@ int aheadRecv(TransportState& t, int fd, uint8_t* buffer, size_t length, ReadAhe
             got += take;
             continue;
         }
+        if (sendHeld(t, fd, ahead) != 0) return kFailed;
         bool plain = t.settings.blockingIo && !t.deadlineSet;
         if (!plain) return recvRoutine(t, fd, buffer + got, length - got);
         ssize_t n = ::recv(fd, ahead.bytes.data(), ahead.bytes.size(), 0);

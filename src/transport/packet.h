@@ -115,12 +115,22 @@ int GetReply(TransportState& t, int fd, int8_t& codeOut, std::span<uint8_t> reco
 // follow (the restore and compare command streams): one recv takes as much as the peer
 // has sent, so that a packet of a few kilobytes costs no system call of its
 // own.
+// The same reader's answers are held in `held` until it would wait for the
+// peer: a peer that streams gets many answers in one send, and one that
+// waits for each answer has it before the reader waits in turn.
 struct ReadAhead {
     static constexpr size_t kSize = 64 * 1024;
+    static constexpr size_t kHeldSize = 4 * 1024;  // held answers are sent once this is full
     std::vector<uint8_t> bytes = std::vector<uint8_t>(kSize);
     size_t start = 0;
     size_t end = 0;
+    std::vector<uint8_t> held;
 };
+// syncSendCode held in `ahead` (a code without data); sent at the latest
+// before the next receive through `ahead` or by sendHeld.
+int holdCode(TransportState& t, int fd, int8_t code, ReadAhead& ahead);
+// Sends what `ahead` holds; a failure is logged as syncSendCode's.
+int sendHeld(TransportState& t, int fd, ReadAhead& ahead);
 // GetReply reading through `ahead`, with blockRecv's failure lines. Only in
 // blocking mode without a receive time-out; otherwise (and for bytes not
 // yet read ahead) the chosen recvRoutine, as GetReply.
