@@ -18,7 +18,6 @@ jobs=${3:-$(nproc)}
 bash tools/deps.sh
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DTAVIK_FUZZ=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build-fuzz -j"$(nproc)" >/dev/null
-[ -d fuzz/corpus ] || build-fuzz/fuzz/make_seeds fuzz/corpus
 
 targets=()
 for t in build-fuzz/fuzz/fuzz_*; do
