@@ -113,9 +113,6 @@ protected:
 
 
     static protocol::GroomingRecord deleting() { return {.fOptions = protocol::kGroomDelete, .rotationSet = ""}; }
-    static protocol::GroomingRecord rotation() {
-        return {.nMonths = 1, .fOptions = protocol::kGroomRotationSet, .rotationSet = "WEEKSET"};
-    }
     static protocol::TapeRecord tape() { return {.tapeID = "T0001", .sessionNumber = "0042", .tapeName = "WEEKLY-07"}; }
     std::string logDir() const { return tavik::paths().logDir; }
     std::vector<std::string> tempFiles() const {
@@ -371,21 +368,6 @@ TEST_F(GroomingLibrary, DeletesOnlyWhatIsStillWhatWasRecorded) {
     tavik::nls::CloseMessages();
 }
 
-TEST_F(GroomingLibrary, RotationSetNameMustBeAPlainFileName) {
-    for (const char* set : {"../../x", "a/b", "/x", "..", ".", ""}) {
-        EXPECT_EQ(BeginGrooming(g_, logDir().c_str(), set, rotation(), tape()), -1) << set;
-        EXPECT_STREQ(GroomingCopyFile(g_), "");
-        EXPECT_TRUE(tempFiles().empty()) << "nothing is written";
-        EXPECT_EQ(logMessages().back(),
-                  "(BeginGrooming) The rotation set name [" + std::string(set) + "] is not a plain file name");
-    }
-    ASSERT_EQ(BeginGrooming(g_, logDir().c_str(), "..x", rotation(), tape()), 0);
-    EXPECT_EQ(GroomingKind(g_), kKindRotation);
-    EXPECT_EQ(std::string(GroomingCopyFile(g_)), logDir() + "/..x.grm");
-    ASSERT_EQ(begin("a/b"), 0);  // no set: its name is not used
-    EXPECT_EQ(std::string(GroomingCopyFile(g_)), logDir() + "/migrate.log");
-}
-
 TEST_F(GroomingLibrary, WithoutTemporaryDirectoryNothingIsDeleted) {
     const std::string a = makeFile("a/a", 1);
     ASSERT_EQ(begin(), 0);
@@ -403,17 +385,6 @@ TEST_F(GroomingLibrary, WithoutTemporaryDirectoryNothingIsDeleted) {
     testing::internal::CaptureStderr();
     grlog(g_, "to standard error %d\n", 7);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "to standard error 7\n");
-}
-
-TEST_F(GroomingLibrary, MigrateLogReadsTheFourthWord) {
-    const std::string work = root_ + "/work";
-    writeFile(work, "\nTape name: /not/a/deletion\n01/02/20 03:00            5 /a/b\n"
-                    "(EndGrooming) Could not remove /c (Permission denied)\n"
-                    "w x y /p q\n1 2 3 relative\n01/02/20 03:00 7 /last");
-    ASSERT_EQ(MigrateLog(work.c_str()), 0);
-    EXPECT_EQ(logMessages(), (std::vector<std::string>{"Delete /a/b", "Delete /p", "Delete /last"}));
-    EXPECT_EQ(MigrateLog((root_ + "/none").c_str()), -1);
-    EXPECT_EQ(logMessages().back(), "(MigrateLog) Faied to open " + root_ + "/none (No such file or directory)");
 }
 
 // The protected list.
